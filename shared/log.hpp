@@ -1,0 +1,46 @@
+// Process-wide logger: one line per call, to standard error (coloured) and to an
+// optional log file (plain) that is rotated by size.
+#pragma once
+
+#include <cstddef>
+
+enum log_level_t {
+  QMLOG_OFF = 0,
+  QMLOG_FATAL = 1,
+  QMLOG_ERROR = 2,
+  QMLOG_WARN = 3,
+  QMLOG_INFO = 4,
+  QMLOG_DEBUG = 5,
+  QMLOG_TRACE = 6,
+};
+
+// Lock callback: called with lock=1 to take and lock=0 to release; returns 0 or -1.
+using log_LockFn = int (*)(void* udata, int lock);
+
+// Program name printed in every line; main replaces it with argv[0] before anything else.
+extern const char* qm__progname;
+
+// Emits one line when `level` is at or below the threshold. The threshold starts at
+// QMLOG_OFF, so nothing is written until log_set_level is called.
+void log_log(int level, const char* func, const char* file, int line, const char* fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+
+void log_set_level(int level);
+int log_get_level();
+void log_set_quiet(int enable);
+void log_set_screentrace(int enable);
+// The name is borrowed, not copied: it must stay alive for as long as the logger is used.
+void log_set_filename(const char* name);
+const char* log_get_filename();
+void log_set_maxsize(size_t mb);
+size_t log_get_maxsize();
+void log_set_udata(void* udata);
+void* log_get_udata();
+void log_set_lock(log_LockFn fn);
+
+#define log_fatal(...) log_log(QMLOG_FATAL, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
+#define log_error(...) log_log(QMLOG_ERROR, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
+#define log_warn(...) log_log(QMLOG_WARN, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
+#define log_info(...) log_log(QMLOG_INFO, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
+#define log_debug(...) log_log(QMLOG_DEBUG, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
+#define log_trace(...) log_log(QMLOG_TRACE, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)

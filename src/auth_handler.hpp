@@ -1,0 +1,52 @@
+// The auth-callout service and its configuration.
+#pragma once
+
+#include <cstddef>
+
+#include "qm_cpp.hpp"
+
+enum auth_backend_type_t {
+  AUTH_BACKEND_FILE = 0,
+  AUTH_BACKEND_LDAP = 1,
+  AUTH_BACKEND_FILE_THEN_LDAP = 2,
+};
+
+struct auth_config {
+  qm::opt_string nats_url;  // copied by broker_config_finalize
+  qm::opt_string nats_user;
+  qm::opt_string nats_password;
+  qm::opt_string nats_cert_path;  // copied by broker_config_finalize
+  auth_backend_type_t backend_type = AUTH_BACKEND_FILE;
+
+  qm::opt_string ldap_url;
+  qm::opt_string ldap_base_dn;
+  qm::opt_string ldap_bind_dn;
+  qm::opt_string ldap_bind_password;
+  qm::opt_string ldap_user_filter;
+  qm::opt_string ldap_fallback_url;
+  qm::opt_string ldap_fallback_base_dn;        // unset: the primary's
+  qm::opt_string ldap_fallback_bind_dn;        // unset: the primary's
+  qm::opt_string ldap_fallback_bind_password;  // unset: the primary's
+  qm::opt_string ldap_fallback_user_filter;    // unset: the primary's
+  qm::opt_string ldap_group_attribute;         // empty: no group fetch
+  qm::opt_string ldap_cacert_path;
+  int ldap_pool_size = 4;
+  int ldap_idle_timeout_seconds = 300;
+
+  qm::opt_string signing_key_path;
+  qm::opt_string permissions_file_path;  // unset: built-in profiles
+
+  int log_level = 4;
+  qm::opt_string log_file;
+  bool log_screen_trace = true;
+  size_t log_maxsize_mb = 0;
+};
+using auth_config_t = auth_config;
+
+// A record with every default; NULL when memory runs out. auth_config_free accepts NULL.
+auth_config_t* auth_config_new();
+void auth_config_free(auth_config_t* cfg);
+
+// "ldap" -> LDAP; "file+ldap", "file,ldap", "filethenldap" -> FILE_THEN_LDAP (any case);
+// NULL and anything else -> FILE.
+auth_backend_type_t auth_config_parse_backend(const char* text);

@@ -1,0 +1,52 @@
+// Configuration of the gateway: listeners, limits, the NATS relay and the auth cache.
+#pragma once
+
+#include <cstddef>
+
+#include "qm_cpp.hpp"
+
+struct gw_config {
+  qm::opt_string nats_url;        // copied by broker_config_finalize
+  qm::opt_string nats_user;
+  qm::opt_string nats_password;
+  qm::opt_string nats_cert_path;  // copied by broker_config_finalize
+  qm::opt_string js_services;     // copied from js_work_services by broker_config_finalize
+
+  int listen_backlog = 65535;
+
+  bool amqp_enabled = true;
+  qm::opt_string amqp_listen_host{"0.0.0.0"};
+  int amqp_listen_port = 5672;
+  qm::opt_string amqp_tls_cert;  // unset: plaintext
+  qm::opt_string amqp_tls_key;
+  qm::opt_string amqp_tls_ca;
+
+  bool http_enabled = false;
+  qm::opt_string http_listen_host{"0.0.0.0"};
+  int http_listen_port = 8443;
+  qm::opt_string http_tls_cert;
+  qm::opt_string http_tls_key;
+  qm::opt_string http_servlet_path{"/vsi"};
+
+  qm::opt_string credential_file;
+  int auth_cache_ttl_seconds = 120;
+  int auth_cache_max_entries = 1024;
+  int auth_negative_cache_ttl_seconds = 10;
+  int auth_cache_refresh_threshold_pct = 50;
+
+  size_t max_msg_size_bytes = 268435456;  // 256 MiB; 0 disables the cap
+  int amqp_relay_workers = 4;
+  int relay_timeout_ms = 30000;
+  int relay_max_timeout_ms = 300000;
+  int js_ackwait_ms = 0;  // copied by broker_config_finalize
+
+  int log_level = 4;
+  qm::opt_string log_file;
+  bool log_screen_trace = true;
+  size_t log_maxsize_mb = 0;
+};
+using gw_config_t = gw_config;
+
+// A record with every default; NULL when memory runs out. gw_config_free accepts NULL.
+gw_config_t* gw_config_new();
+void gw_config_free(gw_config_t* cfg);

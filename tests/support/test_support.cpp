@@ -1,0 +1,150 @@
+#include "test_support.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace qmtest {
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/qmtest-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+int free_port() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("socket failed");
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  socklen_t len = sizeof addr;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    close(fd);
+    throw std::runtime_error("bind failed");
+  }
+  close(fd);
+  return ntohs(addr.sin_port);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void write_file(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (condition()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+Child::Child(std::vector<std::string> argv, std::vector<std::string> extra_env,
+             std::vector<std::string> unset_env) {
+  const std::string out_path = dir_.file("stdout");
+  const std::string err_path = dir_.file("stderr");
+
+  std::vector<std::string> env;
+  for (char** e = environ; *e; ++e) {
+    std::string entry(*e);
+    const std::string name = entry.substr(0, entry.find('='));
+    bool drop = false;
+    for (const auto& u : unset_env) drop = drop || u == name;
+    for (const auto& x : extra_env) drop = drop || x.substr(0, x.find('=')) == name;
+    if (!drop) env.push_back(entry);
+  }
+  env.insert(env.end(), extra_env.begin(), extra_env.end());
+
+  std::vector<char*> argv_c;
+  for (auto& a : argv) argv_c.push_back(a.data());
+  argv_c.push_back(nullptr);
+  std::vector<char*> env_c;
+  for (auto& e : env) env_c.push_back(e.data());
+  env_c.push_back(nullptr);
+
+  pid_ = fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    const int out_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err_fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int null_fd = open("/dev/null", O_RDONLY);
+    dup2(null_fd, 0);
+    dup2(out_fd, 1);
+    dup2(err_fd, 2);
+    // A clean signal state: the test runner may have blocked or ignored some.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGUSR1}) ::signal(sig, SIG_DFL);
+    execve(argv_c[0], argv_c.data(), env_c.data());
+    _exit(127);
+  }
+}
+
+Child::~Child() {
+  if (running()) {
+    kill(pid_, SIGKILL);
+    wait(std::chrono::seconds(10));
+  }
+}
+
+bool Child::running() {
+  if (pid_ <= 0 || status_) return false;
+  int status = 0;
+  const pid_t r = waitpid(pid_, &status, WNOHANG);
+  if (r == pid_) {
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return false;
+  }
+  return r == 0;
+}
+
+void Child::signal(int sig) const {
+  if (pid_ > 0 && !status_) kill(pid_, sig);
+}
+
+std::optional<int> Child::wait(std::chrono::milliseconds timeout) {
+  wait_until([this] { return !running(); }, timeout);
+  return status_;
+}
+
+std::string Child::out() const { return read_file(dir_.file("stdout")); }
+std::string Child::err() const { return read_file(dir_.file("stderr")); }
+
+bool Child::wait_for_err(const std::string& text, std::chrono::milliseconds timeout) const {
+  return wait_until([&] { return err().find(text) != std::string::npos; }, timeout);
+}
+
+std::string broker_binary() { return QM_BROKER_BINARY; }
+
+}  // namespace qmtest

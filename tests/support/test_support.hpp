@@ -1,0 +1,72 @@
+// Fixtures shared by the tests: temporary directories, free loopback ports, child
+// processes with captured output, and waiting on a condition with a deadline.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qmtest {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A TCP port on 127.0.0.1 that was free a moment ago.
+int free_port();
+
+// Whole-file helpers; read_file returns "" for a missing file.
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& content);
+
+// Polls `condition` every few milliseconds until it holds or `timeout` passes.
+bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+
+// A child process whose standard output and error go to files in its own temporary
+// directory. The destructor kills (SIGKILL) and reaps a child that is still running.
+class Child {
+ public:
+  // argv[0] is the program path. extra_env entries ("NAME=value") are added to the
+  // environment; unset_env names are removed from it.
+  Child(std::vector<std::string> argv, std::vector<std::string> extra_env = {},
+        std::vector<std::string> unset_env = {});
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool running();
+  void signal(int sig) const;
+  // The exit status (0..255), 128+N for death by signal N, or nullopt on time-out.
+  std::optional<int> wait(std::chrono::milliseconds timeout);
+  std::string out() const;
+  std::string err() const;
+  // Waits until standard error contains `text`.
+  bool wait_for_err(const std::string& text, std::chrono::milliseconds timeout) const;
+
+ private:
+  TempDir dir_;
+  pid_t pid_ = -1;
+  std::optional<int> status_;
+};
+
+// The broker binary built with the tests.
+std::string broker_binary();
+
+}  // namespace qmtest
