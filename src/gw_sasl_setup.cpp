@@ -20,7 +20,7 @@ constexpr char kRuntimeDirPrefix[] = "/tmp/qm-av-broker-";
 // The pid a runtime directory belongs to, or 0 when its suffix is not a whole positive number.
 long s_runtime_dir_pid(const char* path) {
   const char* suffix = path + strlen(kRuntimeDirPrefix);
-  if (*suffix == '\0') return 0;
+  if (*suffix < '0' || *suffix > '9') return 0;  // also rules out blanks and signs strtol would take
   char* end = nullptr;
   errno = 0;
   const long pid = strtol(suffix, &end, 10);
