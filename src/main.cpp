@@ -10,12 +10,14 @@
 #include <cstring>
 #include <string>
 
+#include "broker_auth_watcher.hpp"
 #include "broker_config.hpp"
 #include "broker_sd_notify.hpp"
 #include "log.hpp"
 
 volatile sig_atomic_t g_shutdown_requested = 0;
 volatile sig_atomic_t g_reload_requested = 0;
+broker_auth_watcher_t* g_auth_watcher = nullptr;
 
 namespace {
 
@@ -108,6 +110,23 @@ void s_write_pid_file(const std::string& path) {
   log_info("pid file: %s", path.c_str());
 }
 
+// A credentials file changed by another program is reloaded through the SIGHUP path.
+// Without the watcher the broker runs on; only an operator's SIGHUP reloads then.
+void s_start_auth_watcher(const std::string& credential_file) {
+  g_auth_watcher = broker_auth_watcher_create(credential_file.c_str(), 0, g_main_thread);
+  if (g_auth_watcher == nullptr) {
+    log_warn("auth-watcher: create failed \u2014 continuing without file-change detection on %s",
+             credential_file.c_str());
+    return;
+  }
+  if (broker_auth_watcher_start(g_auth_watcher) != 0) {
+    log_warn("auth-watcher: start failed \u2014 continuing without file-change detection on %s",
+             credential_file.c_str());
+    broker_auth_watcher_destroy(g_auth_watcher);
+    g_auth_watcher = nullptr;
+  }
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -117,6 +136,8 @@ bool s_start(broker_app& app) {
            s_yes_no(cfg.nats_server_managed), s_yes_no(cfg.auth_callout_enabled), s_yes_no(cfg.gw->amqp_enabled),
            s_yes_no(cfg.gw->http_enabled));
   if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
+
+  s_start_auth_watcher(*cfg.gw->credential_file);
 
   // The subsystems join here in this order, each with its own fatal or non-fatal rule:
   // nats-server child, JetStream provisioning, credentials and their watcher, NATS relay,
@@ -164,6 +185,11 @@ void s_shutdown(broker_app& app) {
   // acceptor, relay, auth thread and service, auth cache, SASL, credentials, nats-server
   // child; each step only for what was started.
   const broker_config_t& cfg = *app.cfg;
+  if (g_auth_watcher != nullptr) {
+    log_debug("Stopping auth-file watcher");
+    broker_auth_watcher_destroy(g_auth_watcher);
+    g_auth_watcher = nullptr;
+  }
   if (qm::has_text(cfg.pid_file)) unlink(cfg.pid_file->c_str());
   broker_config_free(app.cfg);
   app.cfg = nullptr;

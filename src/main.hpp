@@ -3,7 +3,12 @@
 
 #include <csignal>
 
+#include "broker_auth_watcher.hpp"
+
 // Set by SIGINT/SIGTERM; main leaves its wait loop and shuts down.
 extern volatile sig_atomic_t g_shutdown_requested;
 // Set by SIGHUP; main reloads the credentials and forwards SIGHUP to the nats-server child.
 extern volatile sig_atomic_t g_reload_requested;
+
+// Long-lived subsystems the signal handler and the teardown reach; NULL when not running.
+extern broker_auth_watcher_t* g_auth_watcher;

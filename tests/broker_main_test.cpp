@@ -104,6 +104,20 @@ TEST_F(BrokerMainTest, SighupReloadsAndKeepsRunning) {
   EXPECT_EQ(broker.wait(30s), 0);
 }
 
+TEST_F(BrokerMainTest, ChangedCredentialsFileIsReloadedWithoutOperatorAction) {
+  qmtest::Child broker(base_args());
+  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
+  EXPECT_NE(broker.err().find("auth-watcher: watching " + dir_.file("auth.conf") +
+                              " for external changes (poll interval 5s)"),
+            std::string::npos);
+  qmtest::write_file(dir_.file("auth.new"), "users = [\n  {user: \"bob\", password: \"builder\"}\n]\n");
+  ASSERT_EQ(rename(dir_.file("auth.new").c_str(), dir_.file("auth.conf").c_str()), 0);
+  ASSERT_TRUE(broker.wait_for_err("triggering reload via SIGHUP", 15s)) << broker.err();
+  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store", 5s));
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0);
+}
+
 TEST_F(BrokerMainTest, PidFileProblemsAreWarningsOnly) {
   const std::string unwritable = dir_.file("no-such-dir/broker.pid");
   qmtest::Child broker(args_with({"--pid-file", unwritable}));
