@@ -1,0 +1,75 @@
+// A real OpenLDAP slapd as a child process: its own configuration and mdb database in a
+// temporary directory, loaded from an LDIF before the first start, listening on
+// ldap://127.0.0.1:<free port>/. Always stopped by the destructor.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "test_support.hpp"
+
+namespace qmtest {
+
+struct SlapdOptions {
+  std::string suffix = "dc=qm,dc=test";
+  std::string root_dn = "cn=admin,dc=qm,dc=test";
+  std::string root_password = "admin-secret";
+  // Loaded with slapadd before the first start; must contain the suffix entry.
+  std::string ldif;
+  // Extra schema text (attributetype/objectclass lines), included after core, cosine, nis
+  // and inetorgperson.
+  std::string extra_schema;
+  // Default: passwords are usable for binds only, every bound identity reads the rest.
+  std::string access_rules =
+      "access to attrs=userPassword\n  by anonymous auth\n  by * none\n"
+      "access to *\n  by users read\n  by * none\n";
+};
+
+class Slapd {
+ public:
+  // Writes the configuration, loads the LDIF and starts the server; throws std::runtime_error
+  // with slapd's own output when any step fails.
+  explicit Slapd(SlapdOptions options);
+  ~Slapd();
+  Slapd(const Slapd&) = delete;
+  Slapd& operator=(const Slapd&) = delete;
+
+  // "ldap://127.0.0.1:<port>/"; stays the same across stop() and start().
+  const std::string& url() const { return url_; }
+  int port() const { return port_; }
+  // The running server's pid, -1 when stopped.
+  pid_t pid() const;
+
+  // Starts the stopped server again on the same port with the same data; returns once
+  // it answers LDAP requests.
+  void start();
+  // Terminates the server (SIGKILL if it does not go within a few seconds); the port is
+  // then closed.
+  void stop();
+  // SIGSTOP / SIGCONT: a paused server still completes TCP handshakes but answers nothing.
+  void pause();
+  void resume();
+
+  // Server-side TCP connections on the port that are established.
+  int established_connections() const;
+  // Bytes received on those connections that slapd has not read yet.
+  long unread_request_bytes() const;
+  // Everything slapd has written to standard error since the last start.
+  std::string output() const;
+
+ private:
+  void write_config() const;
+  void load_ldif() const;
+  bool answers() const;
+
+  SlapdOptions options_;
+  TempDir dir_;
+  int port_ = 0;
+  std::string url_;
+  std::unique_ptr<Child> child_;
+  bool paused_ = false;
+};
+
+}  // namespace qmtest
