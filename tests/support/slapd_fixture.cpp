@@ -135,10 +135,26 @@ void Slapd::stop() {
   // The listener is gone with the process; closing it is all a failover test needs.
 }
 
+// kill() returns before the stop takes effect; a thread of slapd may still answer a
+// request in between, so wait until every thread shows the stopped state.
+bool Slapd::all_threads_stopped() const {
+  std::error_code ec;
+  const std::filesystem::path tasks = "/proc/" + std::to_string(pid()) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, ec)) {
+    const std::string stat = read_file((task.path() / "stat").string());
+    const size_t after_name = stat.rfind(')');
+    if (after_name == std::string::npos || after_name + 2 >= stat.size()) return false;
+    if (stat[after_name + 2] != 'T') return false;
+  }
+  return !ec;
+}
+
 void Slapd::pause() {
   if (!child_) return;
   child_->signal(SIGSTOP);
   paused_ = true;
+  if (!wait_until([this] { return all_threads_stopped(); }, kStopTimeout))
+    throw std::runtime_error("slapd did not stop on SIGSTOP");
 }
 
 void Slapd::resume() {

@@ -49,6 +49,7 @@ class Slapd {
   // then closed.
   void stop();
   // SIGSTOP / SIGCONT: a paused server still completes TCP handshakes but answers nothing.
+  // pause() returns once every thread of slapd has stopped.
   void pause();
   void resume();
 
@@ -63,6 +64,7 @@ class Slapd {
   void write_config() const;
   void load_ldif() const;
   bool answers() const;
+  bool all_threads_stopped() const;
 
   SlapdOptions options_;
   TempDir dir_;
