@@ -6,9 +6,11 @@
 
 #include <array>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -396,7 +398,8 @@ int s_copy_groups(const std::vector<std::string>& groups, ldap_user_info_t* out)
 }
 
 bool s_validate_inner(const auth_ldap_ctx_t& ctx, const char* user, const char* password, ldap_user_info_t* out_info) {
-  if (user == nullptr || password == nullptr) return false;
+  // An empty simple bind is an unauthenticated bind, which servers accept: never a login.
+  if (user == nullptr || password == nullptr || *password == '\0') return false;
   const bool want_groups = out_info != nullptr;
 
   int endpoint_idx = -1;
@@ -447,9 +450,11 @@ void s_create_pool(auth_ldap_ctx_t& ctx, int pool_size, int idle_timeout_seconds
     auto pool = std::make_unique<auth_ldap_pool>();
     pool->slots.resize(static_cast<size_t>(pool_size));
     pool->size = static_cast<size_t>(pool_size);
-    pool->idle_timeout_ms = idle_timeout_seconds < 1 ? 0 : idle_timeout_seconds * 1000;
+    pool->idle_timeout_ms = idle_timeout_seconds < 1                     ? 0
+                            : idle_timeout_seconds > INT_MAX / 1000 ? INT_MAX
+                                                                    : idle_timeout_seconds * 1000;
     ctx.pool = std::move(pool);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     log_warn("auth_ldap: pool allocation failed; falling back to fresh-connection-per-request");
     return;
   }

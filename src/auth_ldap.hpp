@@ -32,8 +32,8 @@ auth_ldap_ctx_t* auth_ldap_init(const char* url, const char* base_dn, const char
                                 const char* cacert_path);
 
 // True when the directory knows `user` and a bind as its entry with `password` succeeds.
-// Callers refuse empty passwords before they get here: an empty simple bind is an
-// unauthenticated bind, which many servers accept. Safe to call from any number of threads.
+// An empty password is always refused (an empty simple bind is an unauthenticated bind,
+// which servers accept). Safe to call from any number of threads.
 bool auth_ldap_validate(auth_ldap_ctx_t* ctx, const char* user, const char* password);
 
 // As auth_ldap_validate; `out_info` (may be NULL) is reset first and, on success, receives

@@ -2,8 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <atomic>
+#include <climits>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -137,6 +141,16 @@ std::vector<std::string> s_groups(const ldap_user_info_t& info) {
   return std::vector<std::string>(info.groups, info.groups + info.n_groups);
 }
 
+std::vector<int> s_socket_fds() {
+  std::vector<int> fds;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code ec;
+    const auto target = std::filesystem::read_symlink(entry.path(), ec);
+    if (!ec && target.string().rfind("socket:", 0) == 0) fds.push_back(std::stoi(entry.path().filename().string()));
+  }
+  return fds;
+}
+
 class AuthLdapTest : public ::testing::Test {
  protected:
   void SetUp() override { directory_ = s_start_directory(); }
@@ -169,6 +183,9 @@ TEST_F(AuthLdapVerdicts, RightPasswordGrantsWrongPasswordAndUnknownUserRefuse) {
   EXPECT_THAT(log_.text(), Not(HasSubstr("user bind as uid=mallory")));
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", "alice-pw "));  // one byte more is another password
 
+  // The server would accept an empty password as an anonymous bind.
+  EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", ""));
+  EXPECT_FALSE(auth_ldap_validate(ctx.get(), "", kAlicePassword));
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), nullptr, kAlicePassword));
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", nullptr));
   EXPECT_FALSE(auth_ldap_validate(nullptr, "alice", kAlicePassword));
@@ -392,6 +409,10 @@ TEST_F(AuthLdapPool, PooledConnectionIsReusedAndStaysOpen) {
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
   EXPECT_EQ(log_.count(kAnyOpened), 1);
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 1; }, 5s));
+  // A pooled socket must not leak into the nats-server child the daemon forks.
+  const std::vector<int> sockets = s_socket_fds();
+  EXPECT_FALSE(sockets.empty());
+  for (const int fd : sockets) EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << fd;
   ctx.reset();
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 0; }, 5s));
 }
@@ -437,17 +458,20 @@ TEST_F(AuthLdapPool, IdleConnectionPastTheTimeoutIsReplaced) {
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 1; }, 5s));
 }
 
-TEST_F(AuthLdapPool, IdleTimeoutZeroKeepsConnectionsForEver) {
+TEST_F(AuthLdapPool, IdleTimeoutBelowOneKeepsConnectionsForEver) {
   std::atomic<int64_t> now_ms{0};
-  ldap_setup setup;
-  setup.url = directory_->url();
-  setup.idle_timeout_seconds = 0;
-  auto ctx = s_init(setup);
-  auth_ldap_set_clock(ctx.get(), [&] { return now_ms.load(); });
-  ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  now_ms += int64_t{86400} * 365 * 1000;
-  ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 1);
+  for (const int idle_timeout_seconds : {0, -5, INT_MAX}) {
+    ldap_setup setup;
+    setup.url = directory_->url();
+    setup.idle_timeout_seconds = idle_timeout_seconds;
+    auto ctx = s_init(setup);
+    auth_ldap_set_clock(ctx.get(), [&] { return now_ms.load(); });
+    const int opened_before = log_.count(kAnyOpened);
+    ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
+    now_ms += int64_t{86400} * 24 * 1000;  // 24 days: just under INT_MAX ms
+    ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
+    EXPECT_EQ(log_.count(kAnyOpened) - opened_before, 1) << idle_timeout_seconds;
+  }
 }
 
 TEST_F(AuthLdapPool, FailedSearchDiscardsThePooledConnection) {
