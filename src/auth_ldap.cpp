@@ -205,7 +205,9 @@ ldap_handle s_open_by_failover(const auth_ldap_ctx_t& ctx, int* endpoint_idx) {
     if (ctx.endpoints[static_cast<size_t>(i)].url.empty()) break;
     ldap_handle ld = s_open_service_connection(ctx, i);
     if (!ld) continue;
-    if (i != 0) log_warn("auth_ldap: primary endpoint unreachable; using fallback (url=%s)", ctx.endpoints[1].url.c_str());
+    if (i != 0)
+      log_warn("auth_ldap: primary endpoint unreachable; using fallback (url=%s)",
+               ctx.endpoints[static_cast<size_t>(i)].url.c_str());
     *endpoint_idx = i;
     return ld;
   }
@@ -355,18 +357,43 @@ search_result s_find_user_dn_and_groups(const auth_ldap_ctx_t& ctx, LDAP* ld, co
   return result;
 }
 
+// Releases its connection when it goes out of scope, discarding it unless keep() was
+// called, so that a throwing search neither leaks the handle nor blocks the slot.
+class scoped_lease {
+ public:
+  explicit scoped_lease(const auth_ldap_ctx_t& ctx) : ctx_(ctx), lease_(s_acquire(ctx)) {}
+  ~scoped_lease() {
+    try {
+      s_release(ctx_, lease_, discard_);
+    } catch (...) {
+      // Only the log line can throw; the slot bookkeeping is done by then.
+    }
+  }
+  scoped_lease(const scoped_lease&) = delete;
+  scoped_lease& operator=(const scoped_lease&) = delete;
+
+  LDAP* handle() const { return lease_.handle; }
+  int endpoint_idx() const { return lease_.endpoint_idx; }
+  void keep() { discard_ = false; }
+
+ private:
+  const auth_ldap_ctx_t& ctx_;
+  service_lease lease_;
+  bool discard_ = true;
+};
+
 search_result s_search_once(const auth_ldap_ctx_t& ctx, const char* user, bool want_groups, int* endpoint_idx) {
-  service_lease lease = s_acquire(ctx);
-  *endpoint_idx = lease.endpoint_idx;
-  if (lease.handle == nullptr) {
+  scoped_lease lease(ctx);
+  *endpoint_idx = lease.endpoint_idx();
+  if (lease.handle() == nullptr) {
     search_result failed;
     failed.connected = false;
     failed.rc = LDAP_SERVER_DOWN;
     return failed;
   }
   search_result found = s_find_user_dn_and_groups(
-      ctx, lease.handle, ctx.endpoints[static_cast<size_t>(lease.endpoint_idx)], user, want_groups);
-  s_release(ctx, lease, found.rc != LDAP_SUCCESS);
+      ctx, lease.handle(), ctx.endpoints[static_cast<size_t>(lease.endpoint_idx())], user, want_groups);
+  if (found.rc == LDAP_SUCCESS) lease.keep();
   return found;
 }
 

@@ -177,7 +177,8 @@ TEST_F(AuthLdapVerdicts, RightPasswordGrantsWrongPasswordAndUnknownUserRefuse) {
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "bob", "bob-pw"));
 
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", "wrong-pw"));
-  EXPECT_THAT(log_.text(), HasSubstr(std::string("auth_ldap: user bind as ") + kAliceDn + " failed: Invalid credentials"));
+  EXPECT_THAT(log_.text(),
+              HasSubstr(std::string("auth_ldap: user bind as ") + kAliceDn + " failed: Invalid credentials"));
 
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "mallory", "whatever-pw"));
   EXPECT_THAT(log_.text(), Not(HasSubstr("user bind as uid=mallory")));
@@ -317,6 +318,51 @@ TEST_F(AuthLdapFallbackConfig, UnsetFieldsInheritThePrimarysSettings) {
   EXPECT_TRUE(auth_ldap_validate(own.get(), "alice", kAlicePassword));
   // ou=people only: the twin in ou=staff is out of reach, so the filter matches once.
   EXPECT_TRUE(auth_ldap_validate(own.get(), "twin", "twin-pw"));
+}
+
+// ---------------------------------------------------------------------------------------
+// TLS: ldaps:// with the CA file given to the context.
+
+class AuthLdapTls : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SlapdOptions options;
+    options.ldif = s_directory_ldif();
+    options.extra_schema = kGroupSchema;
+    options.tls = true;
+    directory_ = std::make_unique<Slapd>(options);
+  }
+  // Without a pool, so that every check makes its own TLS handshake.
+  static ctx_ptr init(const std::string& url, const std::string& cacert) {
+    return ctx_ptr(auth_ldap_init(url.c_str(), kBase, kReaderDn, kReaderPassword, nullptr, nullptr, nullptr, nullptr,
+                                  nullptr, nullptr, 0, 300, nullptr, cacert.c_str()));
+  }
+
+  LogCapture log_;
+  std::unique_ptr<Slapd> directory_;
+};
+
+TEST_F(AuthLdapTls, EachContextTrustsOnlyItsOwnCaFile) {
+  auto trusting = init(directory_->ldaps_url(), directory_->ca_file());
+  auto other_cas = init(directory_->ldaps_url(), "/etc/ssl/certs/ca-certificates.crt");
+  EXPECT_TRUE(auth_ldap_validate(trusting.get(), "alice", kAlicePassword));
+  EXPECT_FALSE(auth_ldap_validate(other_cas.get(), "alice", kAlicePassword));
+  EXPECT_THAT(log_.text(), HasSubstr("auth_ldap: service bind as " + std::string(kReaderDn) + " on " +
+                                     directory_->ldaps_url() + " failed: "));
+  // The refusal left nothing behind that changes the first context's handshakes.
+  EXPECT_TRUE(auth_ldap_validate(trusting.get(), "alice", kAlicePassword));
+}
+
+TEST_F(AuthLdapTls, UnusableCaFileWarnsAndRefuses) {
+  auto ctx = init(directory_->ldaps_url(), "/nonexistent/ca.pem");
+  EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
+  EXPECT_THAT(log_.text(), HasSubstr("auth_ldap: LDAP_OPT_X_TLS_NEWCTX failed: "));
+  EXPECT_THAT(log_.text(), HasSubstr("TLS options above may not have taken effect"));
+
+  // A plain ldap:// endpoint ignores the CA file altogether.
+  auto plain = init(directory_->url(), "/nonexistent/ca.pem");
+  EXPECT_TRUE(auth_ldap_validate(plain.get(), "alice", kAlicePassword));
+  EXPECT_EQ(log_.count("LDAP_OPT_X_TLS_NEWCTX failed"), 1);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -485,32 +531,54 @@ TEST_F(AuthLdapPool, FailedSearchDiscardsThePooledConnection) {
   EXPECT_THAT(log_.text(), Not(HasSubstr("retrying via failover walk")));
 }
 
-TEST_F(AuthLdapPool, EightThreadsShareAPoolOfFour) {
-  auto ctx = init(4);
-  constexpr int kThreads = 8;
-  constexpr int kChecksPerThread = 25;
-  std::atomic<int> granted{0};
-  std::atomic<int> refused{0};
+// Eight threads of checks, right and wrong passwords mixed; returns how many got the
+// verdict they deserved, with alice's two groups on every grant.
+int s_run_eight_threads(auth_ldap_ctx_t* ctx, int checks_per_thread) {
+  std::atomic<int> correct{0};
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kChecksPerThread; ++i) {
+      for (int i = 0; i < checks_per_thread; ++i) {
         const bool wrong = (t + i) % 5 == 0;
         ldap_user_info_t info;
-        const bool ok = auth_ldap_validate_ext(ctx.get(), "alice", wrong ? "wrong-pw" : kAlicePassword, &info);
-        if (ok == !wrong && (!ok || info.n_groups == 2)) ++(ok ? granted : refused);
+        const bool ok = auth_ldap_validate_ext(ctx, "alice", wrong ? "wrong-pw" : kAlicePassword, &info);
+        if (ok == !wrong && (!ok || info.n_groups == 2)) ++correct;
         ldap_user_info_free(&info);
       }
     });
   }
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(granted + refused, kThreads * kChecksPerThread);
-  EXPECT_GT(refused, 0);
+  return correct;
+}
+
+TEST_F(AuthLdapPool, EightThreadsShareAPoolOfFour) {
+  auto ctx = init(4);
+  EXPECT_EQ(s_run_eight_threads(ctx.get(), 25), 8 * 25);
   // At most four connections outlive their check.
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() <= 4; }, 5s));
   const int pooled_opens = log_.count(kAnyOpened) - log_.count("using one-shot connection");
   EXPECT_GE(pooled_opens, 1);
   EXPECT_LE(pooled_opens, 4);
+}
+
+TEST_F(AuthLdapPool, EightThreadsOnAPoolOfOneKeepOnePooledConnection) {
+  auto ctx = init(1);
+  EXPECT_EQ(s_run_eight_threads(ctx.get(), 25), 8 * 25);
+  EXPECT_EQ(log_.count(kAnyOpened) - log_.count("using one-shot connection"), 1);
+  EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() <= 1; }, 5s));
+}
+
+// A clock that jumps past the idle time-out on every reading: slots go stale and are
+// replaced while other threads take and return theirs.
+TEST_F(AuthLdapPool, EightThreadsReplacingStaleConnections) {
+  std::atomic<int64_t> now_ms{0};
+  ldap_setup setup;
+  setup.url = directory_->url();
+  setup.idle_timeout_seconds = 1;
+  auto ctx = s_init(setup);
+  auth_ldap_set_clock(ctx.get(), [&] { return now_ms.fetch_add(1000); });
+  EXPECT_EQ(s_run_eight_threads(ctx.get(), 15), 8 * 15);
+  EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() <= 4; }, 5s));
 }
 
 // ---------------------------------------------------------------------------------------

@@ -53,6 +53,10 @@ Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
   port_ = free_port();
   url_ = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
   std::filesystem::create_directory(dir_.path() / "db");
+  if (options_.tls) {
+    ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
+    make_certificates();
+  }
   write_config();
   load_ldif();
   start();
@@ -68,6 +72,27 @@ Slapd::~Slapd() {
 
 pid_t Slapd::pid() const { return child_ ? child_->pid() : -1; }
 
+std::string Slapd::ca_file() const { return options_.tls ? dir_.file("ca.pem") : std::string(); }
+
+void Slapd::make_certificates() const {
+  const std::string openssl = "/usr/bin/openssl";
+  const std::string ec = "ec_paramgen_curve:P-256";
+  write_file(dir_.file("server.ext"), "subjectAltName=IP:127.0.0.1\n");
+  const std::vector<std::vector<std::string>> steps = {
+      {openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir_.file("ca.key"), "-out",
+       dir_.file("ca.pem"), "-days", "2", "-subj", "/CN=qmtest slapd CA"},
+      {openssl, "req", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir_.file("server.key"), "-out",
+       dir_.file("server.csr"), "-subj", "/CN=127.0.0.1"},
+      {openssl, "x509", "-req", "-in", dir_.file("server.csr"), "-CA", dir_.file("ca.pem"), "-CAkey",
+       dir_.file("ca.key"), "-CAcreateserial", "-out", dir_.file("server.pem"), "-days", "2", "-extfile",
+       dir_.file("server.ext")},
+  };
+  for (const auto& step : steps) {
+    Child run(step);
+    if (run.wait(std::chrono::seconds(30)) != 0) throw std::runtime_error("openssl failed: " + run.err());
+  }
+}
+
 void Slapd::write_config() const {
   std::ostringstream conf;
   for (const char* schema : {"core", "cosine", "nis", "inetorgperson"})
@@ -76,6 +101,9 @@ void Slapd::write_config() const {
     write_file(dir_.file("extra.schema"), options_.extra_schema);
     conf << "include " << dir_.file("extra.schema") << "\n";
   }
+  if (options_.tls)
+    conf << "TLSCertificateFile " << dir_.file("server.pem") << "\n"
+         << "TLSCertificateKeyFile " << dir_.file("server.key") << "\n";
   conf << "pidfile " << dir_.file("slapd.pid") << "\n"
        << "argsfile " << dir_.file("slapd.args") << "\n"
        << "modulepath /usr/lib/ldap\n"
@@ -115,8 +143,9 @@ bool Slapd::answers() const {
 void Slapd::start() {
   if (child_ && child_->running()) return;
   // "-d 0" keeps slapd in the foreground as our child, logging (almost nothing) to stderr.
+  const std::string listeners = ldaps_url_.empty() ? url_ : url_ + " " + ldaps_url_;
   child_ = std::make_unique<Child>(std::vector<std::string>{kSlapd, "-d", "0", "-f", dir_.file("slapd.conf"), "-h",
-                                                            url_});
+                                                            listeners});
   paused_ = false;
   const bool up = wait_until([this] { return !child_->running() || answers(); }, kStartTimeout);
   if (!up || !child_->running()) {

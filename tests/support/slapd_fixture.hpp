@@ -22,6 +22,9 @@ struct SlapdOptions {
   // and inetorgperson.
   std::string extra_schema;
   // Default: passwords are usable for binds only, every bound identity reads the rest.
+  // Also listen on ldaps:// with a server certificate for 127.0.0.1 issued by a CA made
+  // for this server alone (needs the openssl command).
+  bool tls = false;
   std::string access_rules =
       "access to attrs=userPassword\n  by anonymous auth\n  by * none\n"
       "access to *\n  by users read\n  by * none\n";
@@ -39,6 +42,10 @@ class Slapd {
   // "ldap://127.0.0.1:<port>/"; stays the same across stop() and start().
   const std::string& url() const { return url_; }
   int port() const { return port_; }
+  // "ldaps://127.0.0.1:<port>/" and the PEM file of the CA that issued the server's
+  // certificate; empty without `tls`.
+  const std::string& ldaps_url() const { return ldaps_url_; }
+  std::string ca_file() const;
   // The running server's pid, -1 when stopped.
   pid_t pid() const;
 
@@ -61,6 +68,7 @@ class Slapd {
   std::string output() const;
 
  private:
+  void make_certificates() const;
   void write_config() const;
   void load_ldif() const;
   bool answers() const;
@@ -70,6 +78,7 @@ class Slapd {
   TempDir dir_;
   int port_ = 0;
   std::string url_;
+  std::string ldaps_url_;
   std::unique_ptr<Child> child_;
   bool paused_ = false;
 };
