@@ -2,13 +2,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -608,6 +613,53 @@ TEST_F(AuthLdapTimeouts, PausedPrimaryFallsOverAfterTheTimeout) {
   directory_->pause();
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
   EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback (url=" + fallback->url() + ")"), 1);
+}
+
+// A listener whose accept queue is full: the kernel drops further SYNs, so a connect
+// to it hangs until the client gives up.
+class FullListener {
+ public:
+  FullListener() {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listener_, 0) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+      throw std::runtime_error("listener set-up failed");
+    port_ = ntohs(addr.sin_port);
+    filler_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(filler_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+      throw std::runtime_error("filler connect failed");
+  }
+  ~FullListener() {
+    close(filler_);
+    close(listener_);
+  }
+  FullListener(const FullListener&) = delete;
+  FullListener& operator=(const FullListener&) = delete;
+  std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_) + "/"; }
+
+ private:
+  int listener_ = -1;
+  int filler_ = -1;
+  int port_ = 0;
+};
+
+TEST_F(AuthLdapTimeouts, UnansweredConnectEndsAfterTheNetworkTimeout) {
+  FullListener black_hole;
+  ldap_setup setup;
+  setup.url = black_hole.url();
+  setup.fallback_url = directory_->url();
+  auto ctx = s_init(setup);
+  auth_ldap_set_timeouts(ctx.get(), auth_ldap_timeouts{500, 5000});
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
+  // Bounded by the network time-out, not by the longer operation time-out.
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 4s);
+  EXPECT_THAT(log_.text(), HasSubstr("on " + black_hole.url() + " failed: Can't contact LDAP server"));
+  EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback"), 1);
 }
 
 TEST_F(AuthLdapTimeouts, SearchOnPooledConnectionToPausedServerTimesOut) {
