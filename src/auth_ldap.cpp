@@ -294,7 +294,7 @@ service_lease s_acquire(const auth_ldap_ctx_t& ctx) {
 
 // Hands a connection back: a one-shot or discarded one is unbound, a pooled one becomes
 // idle. A handle the pool does not know is closed rather than kept.
-void s_release(const auth_ldap_ctx_t& ctx, service_lease& lease, bool discard) {
+void ldap_pool_release(const auth_ldap_ctx_t& ctx, service_lease& lease, bool discard) {
   if (lease.handle == nullptr) return;
   if (!lease.pooled || !ctx.pool) {
     lease.one_shot.reset();
@@ -330,8 +330,8 @@ struct search_result {
   std::vector<std::string> groups;
 };
 
-search_result s_find_user_dn_and_groups(const auth_ldap_ctx_t& ctx, LDAP* ld, const auth_ldap_endpoint_t& ep,
-                                        const char* user, bool want_groups) {
+search_result ldap_find_user_dn_and_groups(const auth_ldap_ctx_t& ctx, LDAP* ld, const auth_ldap_endpoint_t& ep,
+                                           const char* user, bool want_groups) {
   search_result result;
   const std::string filter = s_build_filter(ep.user_filter, user);
   const bool fetch_groups = want_groups && ctx.group_attribute;
@@ -364,7 +364,7 @@ class scoped_lease {
   explicit scoped_lease(const auth_ldap_ctx_t& ctx) : ctx_(ctx), lease_(s_acquire(ctx)) {}
   ~scoped_lease() {
     try {
-      s_release(ctx_, lease_, discard_);
+      ldap_pool_release(ctx_, lease_, discard_);
     } catch (...) {
       // Only the log line can throw; the slot bookkeeping is done by then.
     }
@@ -391,7 +391,7 @@ search_result s_search_once(const auth_ldap_ctx_t& ctx, const char* user, bool w
     failed.rc = LDAP_SERVER_DOWN;
     return failed;
   }
-  search_result found = s_find_user_dn_and_groups(
+  search_result found = ldap_find_user_dn_and_groups(
       ctx, lease.handle(), ctx.endpoints[static_cast<size_t>(lease.endpoint_idx())], user, want_groups);
   if (found.rc == LDAP_SUCCESS) lease.keep();
   return found;
@@ -424,7 +424,8 @@ int s_copy_groups(const std::vector<std::string>& groups, ldap_user_info_t* out)
   return 0;
 }
 
-bool s_validate_inner(const auth_ldap_ctx_t& ctx, const char* user, const char* password, ldap_user_info_t* out_info) {
+bool ldap_validate_inner(const auth_ldap_ctx_t& ctx, const char* user, const char* password,
+                         ldap_user_info_t* out_info) {
   // An empty simple bind is an unauthenticated bind, which servers accept: never a login.
   if (user == nullptr || password == nullptr || *password == '\0') return false;
   const bool want_groups = out_info != nullptr;
@@ -463,7 +464,9 @@ auth_ldap_endpoint_t s_fallback_endpoint(const auth_ldap_endpoint_t& primary, co
   ep.url = url;
   ep.base_dn = s_inherit(base_dn, primary.base_dn);
   ep.bind_dn = bind_dn != nullptr && *bind_dn != '\0' ? qm::opt_string(bind_dn) : primary.bind_dn;
-  ep.bind_password = qm::secret_string(s_inherit(bind_password, primary.bind_password.str()));
+  // Straight from C strings, so that no unwiped temporary copy of the password is left.
+  const bool own_password = bind_password != nullptr && *bind_password != '\0';
+  ep.bind_password = qm::secret_string(own_password ? bind_password : primary.bind_password.c_str());
   ep.user_filter = s_inherit(user_filter, primary.user_filter);
   return ep;
 }
@@ -537,7 +540,7 @@ bool auth_ldap_validate_ext(auth_ldap_ctx_t* ctx, const char* user, const char* 
   if (out_info != nullptr) *out_info = ldap_user_info_t{};
   if (ctx == nullptr) return false;
   try {
-    return s_validate_inner(*ctx, user, password, out_info);
+    return ldap_validate_inner(*ctx, user, password, out_info);
   } catch (...) {
     return false;
   }
