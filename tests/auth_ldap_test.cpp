@@ -293,19 +293,6 @@ TEST(AuthLdapConfig, UrlAndBaseAreRequired) {
   auth_ldap_destroy(nullptr);
 }
 
-TEST(AuthLdapConfig, StartupLinesNameEndpointsAndPool) {
-  LogCapture log;
-  ctx_ptr(auth_ldap_init("ldap://a.invalid/", kBase, nullptr, nullptr, nullptr, "", nullptr, nullptr, nullptr,
-                         nullptr, 0, 300, "", ""));
-  ctx_ptr(auth_ldap_init("ldap://a.invalid/", kBase, nullptr, nullptr, nullptr, "ldap://b.invalid/", nullptr,
-                         nullptr, nullptr, nullptr, 3, 0, nullptr, nullptr));
-  const std::string text = log.text();
-  EXPECT_THAT(text, HasSubstr("auth_ldap: primary=ldap://a.invalid/ (no fallback configured)"));
-  EXPECT_THAT(text, HasSubstr("auth_ldap: pooling disabled (fresh connection per request)"));
-  EXPECT_THAT(text, HasSubstr("auth_ldap: primary=ldap://a.invalid/ fallback=ldap://b.invalid/"));
-  EXPECT_THAT(text, HasSubstr("auth_ldap: connection pool enabled (size=3, idle_timeout=0s)"));
-}
-
 using AuthLdapFallbackConfig = AuthLdapTest;
 
 // A fallback given only as a URL searches with the primary's base, account and filter.
