@@ -1,0 +1,211 @@
+#include "slapd_fixture.hpp"
+
+#include <ldap.h>
+#include <signal.h>
+#include <sys/time.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+namespace qmtest {
+
+namespace {
+
+constexpr const char* kSlapd = "/usr/sbin/slapd";
+constexpr auto kStartTimeout = std::chrono::seconds(15);
+constexpr auto kStopTimeout = std::chrono::seconds(5);
+
+struct tcp_socket_row {
+  int local_port = 0;
+  int state = 0;
+  long rx_queue = 0;
+};
+
+// Rows of /proc/net/tcp and /proc/net/tcp6 (this network namespace).
+std::vector<tcp_socket_row> s_tcp_rows() {
+  std::vector<tcp_socket_row> rows;
+  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line);  // header
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      std::string slot, local, remote, state, queues;
+      if (!(fields >> slot >> local >> remote >> state >> queues)) continue;
+      tcp_socket_row row;
+      row.local_port = std::stoi(local.substr(local.rfind(':') + 1), nullptr, 16);
+      row.state = std::stoi(state, nullptr, 16);
+      row.rx_queue = std::stol(queues.substr(queues.find(':') + 1), nullptr, 16);
+      rows.push_back(row);
+    }
+  }
+  return rows;
+}
+
+constexpr int kTcpEstablished = 1;
+
+}  // namespace
+
+Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
+  port_ = free_port();
+  url_ = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
+  std::filesystem::create_directory(dir_.path() / "db");
+  if (options_.tls) {
+    ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
+    make_certificates();
+  }
+  write_config();
+  load_ldif();
+  start();
+}
+
+Slapd::~Slapd() {
+  try {
+    stop();
+  } catch (...) {
+    // The Child destructor still kills and reaps it.
+  }
+}
+
+pid_t Slapd::pid() const { return child_ ? child_->pid() : -1; }
+
+std::string Slapd::ca_file() const { return options_.tls ? dir_.file("ca.pem") : std::string(); }
+
+void Slapd::make_certificates() const {
+  const std::string openssl = "/usr/bin/openssl";
+  const std::string ec = "ec_paramgen_curve:P-256";
+  write_file(dir_.file("server.ext"), "subjectAltName=IP:127.0.0.1\n");
+  const std::vector<std::vector<std::string>> steps = {
+      {openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir_.file("ca.key"), "-out",
+       dir_.file("ca.pem"), "-days", "2", "-subj", "/CN=qmtest slapd CA"},
+      {openssl, "req", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir_.file("server.key"), "-out",
+       dir_.file("server.csr"), "-subj", "/CN=127.0.0.1"},
+      {openssl, "x509", "-req", "-in", dir_.file("server.csr"), "-CA", dir_.file("ca.pem"), "-CAkey",
+       dir_.file("ca.key"), "-CAcreateserial", "-out", dir_.file("server.pem"), "-days", "2", "-extfile",
+       dir_.file("server.ext")},
+  };
+  for (const auto& step : steps) {
+    Child run(step);
+    if (run.wait(std::chrono::seconds(30)) != 0) throw std::runtime_error("openssl failed: " + run.err());
+  }
+}
+
+void Slapd::write_config() const {
+  std::ostringstream conf;
+  for (const char* schema : {"core", "cosine", "nis", "inetorgperson"})
+    conf << "include /etc/ldap/schema/" << schema << ".schema\n";
+  if (!options_.extra_schema.empty()) {
+    write_file(dir_.file("extra.schema"), options_.extra_schema);
+    conf << "include " << dir_.file("extra.schema") << "\n";
+  }
+  if (options_.tls)
+    conf << "TLSCertificateFile " << dir_.file("server.pem") << "\n"
+         << "TLSCertificateKeyFile " << dir_.file("server.key") << "\n";
+  conf << "pidfile " << dir_.file("slapd.pid") << "\n"
+       << "argsfile " << dir_.file("slapd.args") << "\n"
+       << "modulepath /usr/lib/ldap\n"
+       << "moduleload back_mdb\n"
+       << "database mdb\n"
+       << "suffix \"" << options_.suffix << "\"\n"
+       << "rootdn \"" << options_.root_dn << "\"\n"
+       << "rootpw " << options_.root_password << "\n"
+       << "directory " << (dir_.path() / "db").string() << "\n"
+       << "maxsize 16777216\n"
+       << options_.access_rules;
+  write_file(dir_.file("slapd.conf"), conf.str());
+}
+
+void Slapd::load_ldif() const {
+  write_file(dir_.file("data.ldif"), options_.ldif);
+  Child slapadd({"/usr/sbin/slapadd", "-q", "-f", dir_.file("slapd.conf"), "-l", dir_.file("data.ldif")});
+  const auto status = slapadd.wait(std::chrono::seconds(30));
+  if (status != 0) throw std::runtime_error("slapadd failed: " + slapadd.err() + slapadd.out());
+}
+
+// An anonymous bind that gets an answer: the listener is up and the daemon loop runs.
+bool Slapd::answers() const {
+  LDAP* ld = nullptr;
+  if (ldap_initialize(&ld, url_.c_str()) != LDAP_SUCCESS) return false;
+  const int version = LDAP_VERSION3;
+  ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+  const timeval limit{1, 0};
+  ldap_set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &limit);
+  ldap_set_option(ld, LDAP_OPT_TIMEOUT, &limit);
+  berval empty{};
+  const int rc = ldap_sasl_bind_s(ld, "", LDAP_SASL_SIMPLE, &empty, nullptr, nullptr, nullptr);
+  ldap_unbind_ext_s(ld, nullptr, nullptr);
+  return rc == LDAP_SUCCESS;
+}
+
+void Slapd::start() {
+  if (child_ && child_->running()) return;
+  // "-d 0" keeps slapd in the foreground as our child, logging (almost nothing) to stderr.
+  const std::string listeners = ldaps_url_.empty() ? url_ : url_ + " " + ldaps_url_;
+  child_ = std::make_unique<Child>(std::vector<std::string>{kSlapd, "-d", "0", "-f", dir_.file("slapd.conf"), "-h",
+                                                            listeners});
+  paused_ = false;
+  const bool up = wait_until([this] { return !child_->running() || answers(); }, kStartTimeout);
+  if (!up || !child_->running()) {
+    const std::string output = child_->err();
+    child_.reset();
+    throw std::runtime_error("slapd did not start on " + url_ + ": " + output);
+  }
+}
+
+void Slapd::stop() {
+  if (!child_) return;
+  if (paused_) resume();
+  child_->signal(SIGTERM);
+  if (!child_->wait(kStopTimeout)) child_->signal(SIGKILL);
+  child_.reset();  // kills and reaps whatever is left
+  // The listener is gone with the process; closing it is all a failover test needs.
+}
+
+// kill() returns before the stop takes effect; a thread of slapd may still answer a
+// request in between, so wait until every thread shows the stopped state.
+bool Slapd::all_threads_stopped() const {
+  std::error_code ec;
+  const std::filesystem::path tasks = "/proc/" + std::to_string(pid()) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, ec)) {
+    const std::string stat = read_file((task.path() / "stat").string());
+    const size_t after_name = stat.rfind(')');
+    if (after_name == std::string::npos || after_name + 2 >= stat.size()) return false;
+    if (stat[after_name + 2] != 'T') return false;
+  }
+  return !ec;
+}
+
+void Slapd::pause() {
+  if (!child_) return;
+  child_->signal(SIGSTOP);
+  paused_ = true;
+  if (!wait_until([this] { return all_threads_stopped(); }, kStopTimeout))
+    throw std::runtime_error("slapd did not stop on SIGSTOP");
+}
+
+void Slapd::resume() {
+  if (!child_) return;
+  child_->signal(SIGCONT);
+  paused_ = false;
+}
+
+int Slapd::established_connections() const {
+  int count = 0;
+  for (const auto& row : s_tcp_rows())
+    if (row.local_port == port_ && row.state == kTcpEstablished) ++count;
+  return count;
+}
+
+long Slapd::unread_request_bytes() const {
+  long bytes = 0;
+  for (const auto& row : s_tcp_rows())
+    if (row.local_port == port_ && row.state == kTcpEstablished) bytes += row.rx_queue;
+  return bytes;
+}
+
+std::string Slapd::output() const { return child_ ? child_->err() : std::string(); }
+
+}  // namespace qmtest
