@@ -112,6 +112,11 @@ bool bool_field(const json_ptr& obj, const char* name) {
   json_object* v = nullptr;
   return obj && json_object_object_get_ex(obj.get(), name, &v) && json_object_get_boolean(v);
 }
+// Warnings other than the one a server without per-message TTL earns on every run.
+size_t unexpected_warnings(const qmtest::LogCapture& log) {
+  return log.count("WARN ") - log.count("— scan payloads will use the bucket TTL");
+}
+
 bool has_field(const json_ptr& obj, const char* name) {
   json_object* v = nullptr;
   return obj && json_object_object_get_ex(obj.get(), name, &v);
@@ -255,7 +260,7 @@ TEST_F(KvBootstrap, SecondRunBindsEverythingAndChangesNothing) {
   EXPECT_FALSE(log.contains("set AllowDirect"));
   EXPECT_FALSE(log.contains("set MaxAge"));
   EXPECT_FALSE(log.contains("enabled AllowMsgTTL"));
-  EXPECT_FALSE(log.contains("WARN"));
+  EXPECT_EQ(unexpected_warnings(log), 0u) << log.text();
   for (size_t i = 0; i < std::size(kBuckets); ++i) {
     EXPECT_EQ(json_object_to_json_string(client.stream_config(std::string("KV_") + kBuckets[i]).get()), before[i]);
   }
@@ -391,7 +396,7 @@ TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
                       "dead-entry backstop)"),
             1u);
   EXPECT_EQ(int_field(client.stream_config("KV_qm-av-event-subscriptions"), "max_age"), 120 * kSec);
-  EXPECT_FALSE(log.contains("WARN"));
+  EXPECT_EQ(unexpected_warnings(log), 0u) << log.text();
 }
 
 TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
