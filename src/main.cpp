@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +13,8 @@
 
 #include "broker_auth_watcher.hpp"
 #include "broker_config.hpp"
+#include "broker_kv_bootstrap.hpp"
+#include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
 #include "log.hpp"
 
@@ -24,6 +27,9 @@ namespace {
 constexpr const char* kProgramName = "qm-av-broker";
 
 pthread_t g_main_thread;
+
+// The supervised nats-server child; the signal handler forwards SIGTERM to it.
+std::atomic<broker_natsd_t*> g_natsd{nullptr};
 
 // The logger borrows the file name; this copy outlives the configuration, which is
 // freed before the last log line.
@@ -41,6 +47,10 @@ void signal_handler(int sig) {
     g_reload_requested = 1;
   } else {
     g_shutdown_requested = 1;
+    // SIGINT from a terminal reaches the child through the process group anyway.
+    if (sig == SIGTERM) {
+      if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGTERM);
+    }
   }
   // The main thread waits in sigsuspend; a signal taken by another thread must wake it.
   if (!pthread_equal(pthread_self(), g_main_thread)) pthread_kill(g_main_thread, SIGUSR1);
@@ -127,6 +137,63 @@ void s_start_auth_watcher(const std::string& credential_file) {
   }
 }
 
+// The managed child, started and probed until ready, or an external server, probed.
+bool s_start_nats_server(const broker_config_t& cfg) {
+  if (!cfg.nats_server_managed) {
+    log_info("nats-server: external (--nats-server-managed=false); probing readiness");
+    if (broker_natsd_wait_ready(qm::cstr(cfg.nats_url), qm::cstr(cfg.auth->nats_user),
+                                qm::cstr(cfg.auth->nats_password), qm::cstr(cfg.nats_cert_path),
+                                cfg.nats_server_ready_timeout_sec) != 0) {
+      log_fatal("nats-server: external server not reachable at %s", qm::cstr(cfg.nats_url));
+      return false;
+    }
+    return true;
+  }
+  broker_natsd_options_t opts;
+  opts.binary_path = qm::cstr(cfg.nats_server_binary);
+  opts.config_path = qm::cstr(cfg.nats_server_config);
+  opts.pid_file = qm::cstr(cfg.nats_server_pid_file);
+  opts.nats_url = qm::cstr(cfg.nats_url);
+  opts.probe_user = qm::cstr(cfg.auth->nats_user);
+  opts.probe_password = qm::cstr(cfg.auth->nats_password);
+  opts.cert_path = qm::cstr(cfg.nats_cert_path);
+  opts.ready_timeout_sec = cfg.nats_server_ready_timeout_sec;
+  opts.restart_max = 5;
+  opts.restart_backoff_ms_initial = 500;
+  opts.restart_backoff_ms_max = 30000;
+  broker_natsd_t* natsd = broker_natsd_create(&opts);
+  if (natsd == nullptr) {
+    log_fatal("failed to allocate nats-server supervisor");
+    return false;
+  }
+  g_natsd.store(natsd);
+  if (broker_natsd_start(natsd) != 0) {
+    log_fatal("nats-server supervisor failed to start");
+    return false;
+  }
+  log_info("nats-server: running (pid=%d)", static_cast<int>(broker_natsd_pid(natsd)));
+  return true;
+}
+
+// Buckets and work queues exist before any front door opens; runs with or without work
+// services.
+bool s_provision_jetstream(const broker_config_t& cfg) {
+  broker_workqueue_opts opts;
+  opts.work_services = qm::cstr(cfg.js_work_services);
+  opts.ackwait_ns = static_cast<int64_t>(cfg.js_ackwait_ms) * 1000000;
+  opts.maxdeliver = cfg.js_maxdeliver;
+  opts.maxackpending = cfg.js_maxackpending;
+  opts.stream_maxage_ns = static_cast<int64_t>(cfg.js_stream_maxage_ms) * 1000000;
+  opts.maxwaiting = cfg.js_maxwaiting;
+  if (broker_kv_bootstrap(qm::cstr(cfg.nats_url), qm::cstr(cfg.gw->nats_user), qm::cstr(cfg.gw->nats_password),
+                          qm::cstr(cfg.nats_cert_path), cfg.kv_replicas, cfg.kv_scandata_allow_direct,
+                          cfg.js_transient_memory, &opts) != 0) {
+    log_fatal("KV bootstrap failed — refusing to open front doors");
+    return false;
+  }
+  return true;
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -137,11 +204,13 @@ bool s_start(broker_app& app) {
            s_yes_no(cfg.gw->http_enabled));
   if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
 
+  if (!s_start_nats_server(cfg)) return false;
+  if (!s_provision_jetstream(cfg)) return false;
   s_start_auth_watcher(*cfg.gw->credential_file);
 
   // The subsystems join here in this order, each with its own fatal or non-fatal rule:
-  // nats-server child, JetStream provisioning, credentials and their watcher, NATS relay,
-  // auth cache and callout thread, SASL, AMQP acceptor, HTTPS frontend, update thread.
+  // credentials and their watcher, NATS relay, auth cache and callout thread, SASL,
+  // AMQP acceptor, HTTPS frontend, update thread.
 
   log_info("%s ready", kProgramName);
   if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
@@ -150,6 +219,7 @@ bool s_start(broker_app& app) {
 
 void s_reload() {
   log_info("SIGHUP: reloading credential store + forwarding to nats-server");
+  if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
 }
 
 // Sleeps until SIGINT or SIGTERM; a SIGHUP on the way triggers a reload. The three
@@ -189,6 +259,10 @@ void s_shutdown(broker_app& app) {
     log_debug("Stopping auth-file watcher");
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
+  }
+  if (broker_natsd_t* natsd = g_natsd.exchange(nullptr)) {
+    log_debug("Stopping nats-server child");
+    broker_natsd_destroy(natsd);
   }
   if (qm::has_text(cfg.pid_file)) unlink(cfg.pid_file->c_str());
   broker_config_free(app.cfg);

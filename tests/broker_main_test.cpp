@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "nats_server_fixture.hpp"
 #include "test_support.hpp"
 
 using namespace std::chrono_literals;
@@ -21,12 +22,14 @@ namespace {
 class BrokerMainTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    qmtest::write_file(dir_.file("auth.conf"), "users = [\n  {user: \"alice\", password: \"wonder\"}\n]\n");
+    qmtest::write_file(dir_.file("auth.conf"),
+                       "users = [\n  {\n    user: \"alice\"\n    password: \"wonder\"\n  }\n]\n");
   }
 
-  // The least a broker needs to come up here: an external NATS URL and the auth files.
+  // The least a broker needs to come up here: an external nats-server with JetStream and
+  // the auth files.
   std::vector<std::string> base_args() const {
-    return {qmtest::broker_binary(), "--nats-url", "nats://127.0.0.1:1", "--nats-server-managed", "false",
+    return {qmtest::broker_binary(), "--nats-url", nats_.url(), "--nats-server-managed", "false",
             "--auth-signing-key", dir_.file("seed"), "--auth-file", dir_.file("auth.conf"),
             "--amqp-enabled", "false", "--update-binary", "false"};
   }
@@ -38,6 +41,7 @@ class BrokerMainTest : public ::testing::Test {
   }
 
   qmtest::TempDir dir_;
+  qmtest::NatsServer nats_;
 };
 
 TEST_F(BrokerMainTest, HelpPrintsUsageOnStandardErrorAndExitsZero) {
@@ -72,8 +76,8 @@ TEST_F(BrokerMainTest, SigtermGivesOrderlyShutdownAndRemovesThePidFile) {
   EXPECT_NE(broker.err().find("pid file: " + pid_file), std::string::npos);
   EXPECT_NE(broker.err().find("qm-av-broker starting (pid=" + std::to_string(broker.pid()) + ")"),
             std::string::npos);
-  EXPECT_NE(broker.err().find("config: nats_url=nats://127.0.0.1:1 nats_server_managed=no auth_callout=yes "
-                              "amqp=no http=no"),
+  EXPECT_NE(broker.err().find("config: nats_url=" + nats_.url() +
+                              " nats_server_managed=no auth_callout=yes amqp=no http=no"),
             std::string::npos);
 
   broker.signal(SIGTERM);
@@ -110,7 +114,7 @@ TEST_F(BrokerMainTest, ChangedCredentialsFileIsReloadedWithoutOperatorAction) {
   EXPECT_NE(broker.err().find("auth-watcher: watching " + dir_.file("auth.conf") +
                               " for external changes (poll interval 5s)"),
             std::string::npos);
-  qmtest::write_file(dir_.file("auth.new"), "users = [\n  {user: \"bob\", password: \"builder\"}\n]\n");
+  qmtest::write_file(dir_.file("auth.new"), "user: \"bob\"\npassword: \"builder\"\n");
   ASSERT_EQ(rename(dir_.file("auth.new").c_str(), dir_.file("auth.conf").c_str()), 0);
   ASSERT_TRUE(broker.wait_for_err("triggering reload via SIGHUP", 15s)) << broker.err();
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store", 5s));

@@ -1,0 +1,591 @@
+#include "broker_kv_bootstrap.hpp"
+
+#include <json-c/json.h>
+#include <nats/nats.h>
+#include <nats/version.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "log.hpp"
+#include "qm_cpp.hpp"
+
+namespace {
+
+constexpr const char* kScanDataBucket = "qm-av-scan-data";
+constexpr int kConnectTimeoutMs = 5000;
+constexpr int64_t kApiTimeoutMs = 5000;
+constexpr size_t kNameBufferSize = 256;
+constexpr size_t kSanitizedBufferSize = 200;
+constexpr int64_t kNanosPerMs = 1000000;
+constexpr int64_t kNanosPerSec = 1000000000;
+
+std::mutex s_timing_lock;
+broker_kv_bootstrap_timing s_timing;
+
+using s_options_ptr = qm::c_ptr<natsOptions, natsOptions_Destroy>;
+using s_connection_ptr = qm::c_ptr<natsConnection, natsConnection_Destroy>;
+using s_js_ptr = qm::c_ptr<jsCtx, jsCtx_Destroy>;
+using s_kv_ptr = qm::c_ptr<kvStore, kvStore_Destroy>;
+using s_stream_info_ptr = qm::c_ptr<jsStreamInfo, jsStreamInfo_Destroy>;
+using s_consumer_info_ptr = qm::c_ptr<jsConsumerInfo, jsConsumerInfo_Destroy>;
+using s_msg_ptr = qm::c_ptr<natsMsg, natsMsg_Destroy>;
+using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
+
+const char* s_storage_word(bool memory) { return memory ? "memory" : "file"; }
+int s_replicas_shown(int replicas) { return replicas > 1 ? replicas : 1; }
+
+bool s_is_tls_url(const std::string& url) { return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0; }
+
+std::string s_expected_host(const std::string& url) {
+  const size_t start = url.find("://");
+  if (start == std::string::npos) return {};
+  const size_t from = start + 3;
+  const size_t end = url.find_first_of(":/", from);
+  const std::string host = url.substr(from, end == std::string::npos ? std::string::npos : end - from);
+  return host.size() >= 1 && host.size() <= 255 ? host : std::string();
+}
+
+// The client library's last error text for this thread, or "" when there is none.
+std::string s_last_error_text() {
+  const char* text = nats_GetLastError(nullptr);
+  return text != nullptr ? text : "";
+}
+
+s_options_ptr s_build_options(const char* url, const char* user, const char* password, const char* cert_path) {
+  natsOptions* raw = nullptr;
+  const natsStatus created = natsOptions_Create(&raw);
+  if (created != NATS_OK) {
+    log_error("KV bootstrap: natsOptions_Create failed: %s", natsStatus_GetText(created));
+    return nullptr;
+  }
+  s_options_ptr opts(raw);
+  natsOptions_SetURL(opts.get(), url);
+  if (user != nullptr) natsOptions_SetUserInfo(opts.get(), user, password != nullptr ? password : "");
+  natsOptions_SetTimeout(opts.get(), kConnectTimeoutMs);
+  natsOptions_SetAllowReconnect(opts.get(), false);
+  natsOptions_SetMaxReconnect(opts.get(), 0);
+  natsOptions_SetRetryOnFailedConnect(opts.get(), false, nullptr, nullptr);
+  if (!s_is_tls_url(url)) return opts;
+
+  const natsStatus secure = natsOptions_SetSecure(opts.get(), true);
+  if (secure != NATS_OK) {
+    log_error("KV bootstrap: SetSecure failed: %s", natsStatus_GetText(secure));
+    return nullptr;
+  }
+#if NATS_VERSION_NUMBER >= 0x030900
+  natsOptions_TLSHandshakeFirst(opts.get());
+#else
+  static std::once_flag warned;
+  std::call_once(warned, [] {
+    log_warn("KV bootstrap: TLS handshake-first needs nats.c 3.9 or newer — using the standard TLS upgrade");
+  });
+#endif
+  const std::string host = s_expected_host(url);
+  if (!host.empty()) natsOptions_SetExpectedHostname(opts.get(), host.c_str());
+  if (cert_path != nullptr && cert_path[0] != '\0') {
+    const natsStatus loaded = natsOptions_LoadCATrustedCertificates(opts.get(), cert_path);
+    if (loaded != NATS_OK) {
+      log_error("KV bootstrap: LoadCATrustedCertificates(%s) failed: %s", cert_path, natsStatus_GetText(loaded));
+      return nullptr;
+    }
+  } else {
+    log_warn("KV bootstrap: tls:// URL but no CA cert supplied — server cert will be checked against the system "
+             "trust store");
+  }
+  return opts;
+}
+
+// ---- Raw stream configuration ------------------------------------------------------
+// Stream settings newer than the client library (allow_msg_ttl) are read and written as
+// JSON through the JetStream API. Once a stream carries such a setting, every later
+// update has to go this way too: the library would send the configuration without the
+// fields it does not know, and the server refuses to drop them.
+
+// Sends one JetStream API request; the reply's JSON, or nullopt with `error` set.
+std::optional<s_json_ptr> s_js_api_request(natsConnection* nc, const std::string& subject, const std::string& body,
+                                           std::string& error) {
+  natsMsg* raw = nullptr;
+  const natsStatus s =
+      natsConnection_Request(&raw, nc, subject.c_str(), body.data(), static_cast<int>(body.size()), kApiTimeoutMs);
+  s_msg_ptr reply(raw);
+  if (s != NATS_OK) {
+    error = natsStatus_GetText(s);
+    return std::nullopt;
+  }
+  const std::string text(natsMsg_GetData(reply.get()), static_cast<size_t>(natsMsg_GetDataLength(reply.get())));
+  s_json_ptr doc(json_tokener_parse(text.c_str()));
+  if (!doc || !json_object_is_type(doc.get(), json_type_object)) {
+    error = "unreadable JetStream API reply";
+    return std::nullopt;
+  }
+  json_object* err = nullptr;
+  if (json_object_object_get_ex(doc.get(), "error", &err)) {
+    json_object* description = nullptr;
+    json_object* err_code = nullptr;
+    json_object_object_get_ex(err, "description", &description);
+    json_object_object_get_ex(err, "err_code", &err_code);
+    error = description != nullptr ? json_object_get_string(description) : "JetStream API error";
+    if (err_code != nullptr) error += " (err_code " + std::to_string(json_object_get_int64(err_code)) + ")";
+    return std::nullopt;
+  }
+  return doc;
+}
+
+// The stream's configuration object, owned by the returned reply document.
+json_object* s_config_of(const s_json_ptr& reply) {
+  json_object* config = nullptr;
+  if (!json_object_object_get_ex(reply.get(), "config", &config) || !json_object_is_type(config, json_type_object)) {
+    return nullptr;
+  }
+  return config;
+}
+
+std::optional<s_json_ptr> s_read_stream(natsConnection* nc, const std::string& stream, std::string& error) {
+  auto reply = s_js_api_request(nc, "$JS.API.STREAM.INFO." + stream, "", error);
+  if (!reply) return std::nullopt;
+  if (s_config_of(*reply) == nullptr) {
+    error = "stream information without a configuration";
+    return std::nullopt;
+  }
+  return reply;
+}
+
+// Sends the whole configuration back; the echoed configuration, or nullopt.
+std::optional<s_json_ptr> s_update_stream(natsConnection* nc, const std::string& stream, json_object* config,
+                                          std::string& error) {
+  const std::string body = json_object_to_json_string_ext(config, JSON_C_TO_STRING_PLAIN);
+  auto reply = s_js_api_request(nc, "$JS.API.STREAM.UPDATE." + stream, body, error);
+  if (!reply) return std::nullopt;
+  if (s_config_of(*reply) == nullptr) {
+    error = "update reply without a configuration";
+    return std::nullopt;
+  }
+  return reply;
+}
+
+bool s_bool_field(json_object* config, const char* name) {
+  json_object* value = nullptr;
+  return json_object_object_get_ex(config, name, &value) && json_object_get_boolean(value);
+}
+
+int64_t s_int_field(json_object* config, const char* name) {
+  json_object* value = nullptr;
+  return json_object_object_get_ex(config, name, &value) ? json_object_get_int64(value) : 0;
+}
+
+std::string s_kv_stream_name(const char* bucket) {
+  char name[kNameBufferSize];
+  snprintf(name, sizeof name, "KV_%s", bucket);
+  return name;
+}
+
+void s_enable_msg_ttl_on_kv_stream(natsConnection* nc, const char* bucket) {
+  const std::string stream = s_kv_stream_name(bucket);
+  std::string error;
+  auto info = s_read_stream(nc, stream, error);
+  if (!info) {
+    log_warn("KV bootstrap: could not read stream '%s' to enable AllowMsgTTL: %s", stream.c_str(), error.c_str());
+    return;
+  }
+  json_object* config = s_config_of(*info);
+  if (s_bool_field(config, "allow_msg_ttl")) return;
+  json_object_object_add(config, "allow_msg_ttl", json_object_new_boolean(1));
+  auto echoed = s_update_stream(nc, stream, config, error);
+  // A server without per-message TTL accepts the update but drops the field: only the
+  // echoed configuration tells.
+  if (echoed && !s_bool_field(s_config_of(*echoed), "allow_msg_ttl")) {
+    echoed.reset();
+    error = "the server dropped allow_msg_ttl (per-message TTL needs nats-server 2.11 or newer)";
+  }
+  if (!echoed) {
+    log_warn("KV bootstrap: failed to enable AllowMsgTTL on stream '%s': %s — scan payloads will use the bucket TTL",
+             stream.c_str(), error.c_str());
+    return;
+  }
+  log_info("KV bootstrap: enabled AllowMsgTTL on stream '%s' (per-key scan-payload TTL)", stream.c_str());
+}
+
+void s_set_allow_direct_on_kv_stream(natsConnection* nc, const char* bucket, bool allow_direct) {
+  const std::string stream = s_kv_stream_name(bucket);
+  const char* flag = allow_direct ? "true" : "false";
+  std::string error;
+  auto info = s_read_stream(nc, stream, error);
+  if (!info) {
+    log_warn("KV bootstrap: could not read stream '%s' to set AllowDirect: %s", stream.c_str(), error.c_str());
+    return;
+  }
+  json_object* config = s_config_of(*info);
+  if (s_bool_field(config, "allow_direct") == allow_direct) return;
+  json_object_object_add(config, "allow_direct", json_object_new_boolean(allow_direct ? 1 : 0));
+  if (!s_update_stream(nc, stream, config, error)) {
+    log_warn("KV bootstrap: failed to set AllowDirect=%s on stream '%s': %s", flag, stream.c_str(), error.c_str());
+    return;
+  }
+  log_info("KV bootstrap: set AllowDirect=%s on stream '%s' (%s)", flag, stream.c_str(),
+           allow_direct ? "fast replica reads" : "leader-only reads for cross-node read-after-write consistency");
+}
+
+void s_set_bucket_maxage_on_kv_stream(natsConnection* nc, const char* bucket, int64_t max_age_ns) {
+  const std::string stream = s_kv_stream_name(bucket);
+  std::string error;
+  auto info = s_read_stream(nc, stream, error);
+  if (!info) {
+    log_warn("KV bootstrap: could not read stream '%s' to set MaxAge: %s", stream.c_str(), error.c_str());
+    return;
+  }
+  json_object* config = s_config_of(*info);
+  if (s_int_field(config, "max_age") == max_age_ns) return;
+  json_object_object_add(config, "max_age", json_object_new_int64(max_age_ns));
+  // The server refuses a duplicates window longer than the age limit.
+  if (s_int_field(config, "duplicate_window") > max_age_ns) {
+    json_object_object_add(config, "duplicate_window", json_object_new_int64(max_age_ns));
+  }
+  if (!s_update_stream(nc, stream, config, error)) {
+    log_warn("KV bootstrap: failed to set MaxAge on stream '%s': %s — dead entries may linger if the per-key TTL is "
+             "not honoured",
+             stream.c_str(), error.c_str());
+    return;
+  }
+  log_info("KV bootstrap: set MaxAge=%lldms on stream '%s' (lease-bucket dead-entry backstop)",
+           static_cast<long long>(max_age_ns / kNanosPerMs), stream.c_str());
+}
+
+// ---- Buckets -----------------------------------------------------------------------
+
+enum class s_adjustment { none, allow_direct, max_age };
+
+struct s_bucket_spec {
+  const char* name;
+  bool history_one;     // false: the client's default history
+  bool memory_storage;  // false: follows js_transient_memory
+  int64_t ttl_ns;       // 0: no TTL
+  s_adjustment adjustment;
+  int64_t max_age_ns;
+};
+
+const s_bucket_spec kBuckets[] = {
+    {kScanDataBucket, false, false, 120 * kNanosPerSec, s_adjustment::allow_direct, 0},
+    {"qm-av-worker-registry", true, true, 60 * kNanosPerSec, s_adjustment::max_age, 60 * kNanosPerSec},
+    {"qm-av-config", true, true, 0, s_adjustment::none, 0},
+    {"qm-av-event-subscriptions", true, true, 120 * kNanosPerSec, s_adjustment::max_age, 120 * kNanosPerSec},
+    {"qm-av-wq-dedup", true, true, 300 * kNanosPerSec, s_adjustment::none, 0},
+};
+
+struct s_bootstrap_params {
+  int replicas = 1;
+  bool allow_direct = true;
+  bool memory = true;
+  const broker_workqueue_opts* wq = nullptr;
+};
+
+int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_spec& spec, const s_bootstrap_params& params) {
+  kvStore* raw = nullptr;
+  if (js_KeyValue(&raw, js, spec.name) == NATS_OK) {
+    log_info("KV bootstrap: bucket '%s' already existed — bound to it", spec.name);
+  } else {
+    kvConfig cfg;
+    kvConfig_Init(&cfg);
+    cfg.Bucket = spec.name;
+    if (spec.history_one) cfg.History = 1;
+    cfg.StorageType = spec.memory_storage || params.memory ? js_MemoryStorage : js_FileStorage;
+    cfg.TTL = spec.ttl_ns;  // nanoseconds, like every JetStream duration
+    if (params.replicas > 1) cfg.Replicas = params.replicas;
+    const natsStatus s = js_CreateKeyValue(&raw, js, &cfg);
+    if (s != NATS_OK) {
+      const std::string detail = s_last_error_text();
+      log_warn("KV bootstrap: js_CreateKeyValue('%s') failed: %s", spec.name,
+               detail.empty() ? natsStatus_GetText(s) : detail.c_str());
+      return -1;
+    }
+    log_info("KV bootstrap: created bucket '%s' (replicas=%d)", spec.name, s_replicas_shown(params.replicas));
+  }
+  s_kv_ptr kv(raw);
+  s_enable_msg_ttl_on_kv_stream(nc, spec.name);
+  return 0;
+}
+
+void s_adjust_bucket(natsConnection* nc, const s_bucket_spec& spec, const s_bootstrap_params& params) {
+  switch (spec.adjustment) {
+    case s_adjustment::allow_direct:
+      s_set_allow_direct_on_kv_stream(nc, spec.name, params.allow_direct);
+      break;
+    case s_adjustment::max_age:
+      s_set_bucket_maxage_on_kv_stream(nc, spec.name, spec.max_age_ns);
+      break;
+    case s_adjustment::none:
+      break;
+  }
+}
+
+// ---- Work queues ---------------------------------------------------------------------
+
+long long s_ms(int64_t ns) { return static_cast<long long>(ns / kNanosPerMs); }
+
+int s_ensure_wq_stream(jsCtx* js, const std::string& stream, const std::string& subject, const s_bootstrap_params& params) {
+  jsStreamInfo* raw_info = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  if (js_GetStreamInfo(&raw_info, js, stream.c_str(), nullptr, &jerr) == NATS_OK) {
+    s_stream_info_ptr info(raw_info);
+    log_info("WQ bootstrap: stream '%s' already existed — bound to it", stream.c_str());
+    const bool existing_memory = info->Config->Storage == js_MemoryStorage;
+    if (existing_memory != params.memory) {
+      log_warn("WQ bootstrap: '%s' is %s-backed but this broker is configured for %s. Storage cannot be changed in "
+               "place — delete the stream ('nats stream rm %s') and let the next broker start recreate it. Do it "
+               "while the queue is drained: deleting it discards any job still enqueued.",
+               stream.c_str(), s_storage_word(existing_memory), s_storage_word(params.memory), stream.c_str());
+    }
+    return 0;
+  }
+  jsStreamConfig cfg;
+  jsStreamConfig_Init(&cfg);
+  cfg.Name = stream.c_str();
+  const char* subjects[] = {subject.c_str()};
+  cfg.Subjects = subjects;
+  cfg.SubjectsLen = 1;
+  cfg.Retention = js_WorkQueuePolicy;
+  cfg.Storage = params.memory ? js_MemoryStorage : js_FileStorage;
+  if (params.replicas > 1) cfg.Replicas = params.replicas;
+  if (params.wq->stream_maxage_ns > 0) cfg.MaxAge = params.wq->stream_maxage_ns;
+  jsStreamInfo* created = nullptr;
+  const natsStatus s = js_AddStream(&created, js, &cfg, nullptr, &jerr);
+  s_stream_info_ptr created_info(created);
+  if (s != NATS_OK) {
+    const std::string detail = s_last_error_text();
+    log_warn("WQ bootstrap: js_AddStream('%s') failed: %s%s%s", stream.c_str(), natsStatus_GetText(s),
+             detail.empty() ? "" : " — ", detail.c_str());
+    return -1;
+  }
+  log_info("WQ bootstrap: created stream '%s' (subject '%s', WorkQueue, %s, replicas=%d)", stream.c_str(),
+           subject.c_str(), s_storage_word(params.memory), s_replicas_shown(params.replicas));
+  return 0;
+}
+
+void s_warn_consumer_differences(const std::string& stream, const std::string& durable, const jsConsumerConfig& have,
+                                 const broker_workqueue_opts& want) {
+  if (want.ackwait_ns > 0 && want.ackwait_ns != have.AckWait) {
+    log_warn("WQ bootstrap: '%s' runs with AckWait=%lldms but this broker is configured for %lldms — the existing "
+             "consumer keeps its own value. Apply it with 'nats consumer edit %s %s --ack-wait=%llds', or delete the "
+             "consumer and let the next broker start recreate it.",
+             durable.c_str(), s_ms(have.AckWait), s_ms(want.ackwait_ns), stream.c_str(), durable.c_str(),
+             static_cast<long long>(want.ackwait_ns / kNanosPerSec));
+  }
+  if (want.maxwaiting > 0 && want.maxwaiting != have.MaxWaiting) {
+    log_warn("WQ bootstrap: '%s' runs with MaxWaiting=%lld but this broker is configured for %lld. This field cannot "
+             "be updated in place — delete the consumer ('nats consumer rm %s %s') and let the next broker start "
+             "recreate it, or the fleet's puller threads will keep being rejected once they exceed %lld.",
+             durable.c_str(), static_cast<long long>(have.MaxWaiting), static_cast<long long>(want.maxwaiting),
+             stream.c_str(), durable.c_str(), static_cast<long long>(have.MaxWaiting));
+  }
+}
+
+int s_ensure_wq_consumer(jsCtx* js, const std::string& stream, const std::string& subject, const std::string& durable,
+                         const broker_workqueue_opts& wq) {
+  jsConsumerInfo* raw_info = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  if (js_GetConsumerInfo(&raw_info, js, stream.c_str(), durable.c_str(), nullptr, &jerr) == NATS_OK) {
+    s_consumer_info_ptr info(raw_info);
+    const jsConsumerConfig& have = *info->Config;
+    log_info("WQ bootstrap: durable consumer '%s' on '%s' already existed (AckWait=%lldms, MaxDeliver=%lld, "
+             "MaxAckPending=%lld, MaxWaiting=%lld)",
+             durable.c_str(), stream.c_str(), s_ms(have.AckWait), static_cast<long long>(have.MaxDeliver),
+             static_cast<long long>(have.MaxAckPending), static_cast<long long>(have.MaxWaiting));
+    s_warn_consumer_differences(stream, durable, have, wq);
+    return 0;
+  }
+  jsConsumerConfig cfg;
+  jsConsumerConfig_Init(&cfg);
+  cfg.Durable = durable.c_str();
+  cfg.FilterSubject = subject.c_str();
+  cfg.AckPolicy = js_AckExplicit;
+  if (wq.ackwait_ns > 0) cfg.AckWait = wq.ackwait_ns;
+  if (wq.maxdeliver > 0) cfg.MaxDeliver = wq.maxdeliver;
+  if (wq.maxackpending > 0) cfg.MaxAckPending = wq.maxackpending;
+  if (wq.maxwaiting > 0) cfg.MaxWaiting = wq.maxwaiting;
+  jsConsumerInfo* created = nullptr;
+  const natsStatus s = js_AddConsumer(&created, js, stream.c_str(), &cfg, nullptr, &jerr);
+  s_consumer_info_ptr created_info(created);
+  if (s != NATS_OK) {
+    const std::string detail = s_last_error_text();
+    log_warn("WQ bootstrap: js_AddConsumer('%s' on '%s') failed: %s%s%s", durable.c_str(), stream.c_str(),
+             natsStatus_GetText(s), detail.empty() ? "" : " — ", detail.c_str());
+    return -1;
+  }
+  const jsConsumerConfig& made = *created_info->Config;
+  log_info("WQ bootstrap: created durable pull consumer '%s' on '%s' (AckWait=%lldms, MaxDeliver=%lld, MaxWaiting=%s)",
+           durable.c_str(), stream.c_str(), s_ms(made.AckWait), static_cast<long long>(made.MaxDeliver),
+           wq.maxwaiting > 0 ? "set" : "server default (512)");
+  return 0;
+}
+
+int s_ensure_work_queue(jsCtx* js, const std::string& service, const s_bootstrap_params& params) {
+  char subject[kNameBufferSize];
+  char stream[kNameBufferSize];
+  char durable[kNameBufferSize];
+  qm_nats_wq_subject(service.c_str(), subject, sizeof subject);
+  qm_nats_wq_stream(service.c_str(), stream, sizeof stream);
+  qm_nats_wq_durable(service.c_str(), durable, sizeof durable);
+  if (s_ensure_wq_stream(js, stream, subject, params) != 0) return -1;
+  return s_ensure_wq_consumer(js, stream, subject, durable, *params.wq);
+}
+
+std::string s_trim_blanks(const std::string& item) {
+  const size_t first = item.find_first_not_of(" \t");
+  if (first == std::string::npos) return {};
+  const size_t last = item.find_last_not_of(" \t");
+  return item.substr(first, last - first + 1);
+}
+
+int s_ensure_work_queues(jsCtx* js, const s_bootstrap_params& params) {
+  if (params.wq == nullptr || params.wq->work_services == nullptr || params.wq->work_services[0] == '\0') return 0;
+  const std::string list = params.wq->work_services;
+  size_t from = 0;
+  for (;;) {
+    const size_t comma = list.find(',', from);
+    const std::string service =
+        s_trim_blanks(list.substr(from, comma == std::string::npos ? std::string::npos : comma - from));
+    if (!service.empty() && s_ensure_work_queue(js, service, params) != 0) return -1;
+    if (comma == std::string::npos) return 0;
+    from = comma + 1;
+  }
+}
+
+// ---- One attempt and the retry loop ----------------------------------------------------
+
+int s_bootstrap_once(natsOptions* opts, const s_bootstrap_params& params) {
+  natsConnection* raw_nc = nullptr;
+  const natsStatus connected = natsConnection_Connect(&raw_nc, opts);
+  s_connection_ptr nc(raw_nc);
+  if (connected != NATS_OK) {
+    log_warn("KV bootstrap: connect failed: %s", natsStatus_GetText(connected));
+    return -1;
+  }
+  jsCtx* raw_js = nullptr;
+  const natsStatus context = natsConnection_JetStream(&raw_js, nc.get(), nullptr);
+  s_js_ptr js(raw_js);
+  if (context != NATS_OK) {
+    log_warn("KV bootstrap: JetStream context failed: %s", natsStatus_GetText(context));
+    natsConnection_Close(nc.get());
+    return -1;
+  }
+  int result = 0;
+  for (const s_bucket_spec& spec : kBuckets) {
+    if (s_ensure_kv_bucket(nc.get(), js.get(), spec, params) != 0) {
+      result = -1;
+      break;
+    }
+    s_adjust_bucket(nc.get(), spec, params);
+  }
+  if (result == 0) result = s_ensure_work_queues(js.get(), params);
+  js.reset();
+  natsConnection_Close(nc.get());
+  return result;
+}
+
+broker_kv_bootstrap_timing s_current_timing() {
+  std::lock_guard<std::mutex> guard(s_timing_lock);
+  return s_timing;
+}
+
+int64_t s_now_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+void s_sleep_ms(int ms) {
+  timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+int s_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
+                const s_bootstrap_params& params) {
+  s_options_ptr opts = s_build_options(nats_url, user, password, cert_path);
+  if (!opts) return -1;
+  const broker_kv_bootstrap_timing timing = s_current_timing();
+  const int budget_sec = timing.budget_ms / 1000;
+  const int64_t start_ms = s_now_ms();
+  std::optional<int64_t> last_note_ms;
+  int delay_ms = timing.initial_delay_ms;
+  int attempt = 0;
+  for (;;) {
+    ++attempt;
+    if (s_bootstrap_once(opts.get(), params) == 0) break;
+    const int64_t now_ms = s_now_ms();
+    if (now_ms - start_ms >= timing.budget_ms) {
+      log_fatal("KV bootstrap: '%s' still not ready after %d attempts over %ds — giving up", kScanDataBucket, attempt,
+                budget_sec);
+      return -1;
+    }
+    if (!last_note_ms || now_ms - *last_note_ms >= timing.note_interval_ms) {
+      log_info("KV bootstrap: JetStream not ready yet (attempt %d) — waiting for the cluster meta-group to elect a "
+               "leader; retrying for up to %ds",
+               attempt, budget_sec);
+      last_note_ms = now_ms;
+    }
+    s_sleep_ms(delay_ms);
+    delay_ms = std::min(delay_ms * 2, timing.max_delay_ms);
+  }
+  if (attempt >= 2) log_info("KV bootstrap: succeeded on attempt %d", attempt);
+  return 0;
+}
+
+}  // namespace
+
+int broker_kv_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
+                        int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
+                        const broker_workqueue_opts* opts) {
+  if (nats_url == nullptr) {
+    log_error("KV bootstrap: nats_url is NULL");
+    return -1;
+  }
+  try {
+    s_bootstrap_params params;
+    params.replicas = kv_replicas;
+    params.allow_direct = kv_scandata_allow_direct;
+    params.memory = js_transient_memory;
+    params.wq = opts;
+    return s_bootstrap(nats_url, user, password, cert_path, params);
+  } catch (const std::exception& e) {
+    log_error("KV bootstrap: %s", e.what());
+    return -1;
+  }
+}
+
+void qm_nats_wq_subject(const char* service, char* buf, size_t n) {
+  if (buf == nullptr || n == 0) return;
+  snprintf(buf, n, "jobs.%s", service != nullptr ? service : "");
+}
+
+void qm_nats_wq_sanitize(const char* in, char* out, size_t n) {
+  if (out == nullptr || n == 0) return;
+  size_t i = 0;
+  for (; in != nullptr && in[i] != '\0' && i + 1 < n; ++i) out[i] = in[i] == '.' ? '_' : in[i];
+  out[i] = '\0';
+}
+
+void qm_nats_wq_stream(const char* service, char* buf, size_t n) {
+  if (buf == nullptr || n == 0) return;
+  char sanitized[kSanitizedBufferSize];
+  qm_nats_wq_sanitize(service, sanitized, sizeof sanitized);
+  snprintf(buf, n, "JOBS_%s", sanitized);
+}
+
+void qm_nats_wq_durable(const char* service, char* buf, size_t n) {
+  if (buf == nullptr || n == 0) return;
+  char sanitized[kSanitizedBufferSize];
+  qm_nats_wq_sanitize(service, sanitized, sizeof sanitized);
+  snprintf(buf, n, "WORK_%s", sanitized);
+}
+
+void broker_kv_bootstrap_set_timing(const broker_kv_bootstrap_timing* timing) {
+  std::lock_guard<std::mutex> guard(s_timing_lock);
+  s_timing = timing != nullptr ? *timing : broker_kv_bootstrap_timing{};
+}

@@ -1,0 +1,45 @@
+// Provisions the JetStream objects the broker and the scan workers share: five
+// key/value buckets and, for every configured work service, a work-queue stream with
+// one durable pull consumer. Existing objects are bound and never changed beyond a few
+// stream settings that can be adjusted in place; for anything else the operator is told
+// what to do. Also owns the naming of work-queue subjects, streams and durables.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct broker_workqueue_opts {
+  const char* work_services = nullptr;  // comma-separated service names; NULL or empty = none
+  int64_t ackwait_ns = 0;               // consumer AckWait; 0 = server default
+  int64_t maxdeliver = 0;               // consumer MaxDeliver; 0 = server default
+  int64_t maxackpending = 0;            // consumer MaxAckPending; 0 = server default
+  int64_t stream_maxage_ns = 0;         // stream MaxAge; 0 = unlimited
+  int64_t maxwaiting = 0;               // consumer MaxWaiting; 0 = server default
+};
+
+// Connects as user/password (user NULL = anonymous) and makes sure every bucket, stream
+// and consumer exists, retrying for up to 300 s while JetStream is not ready (a cluster
+// electing its meta leader). 0 when everything exists, -1 otherwise. `opts` may be NULL.
+int broker_kv_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
+                        int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
+                        const broker_workqueue_opts* opts);
+
+// Names, written into buf (size n) and truncated silently to fit:
+// "jobs.<service>" with the name as given.
+void qm_nats_wq_subject(const char* service, char* buf, size_t n);
+// A copy with every '.' replaced by '_'; at most n-1 characters, terminated when n > 0.
+void qm_nats_wq_sanitize(const char* in, char* out, size_t n);
+// "JOBS_<sanitised service>".
+void qm_nats_wq_stream(const char* service, char* buf, size_t n);
+// "WORK_<sanitised service>".
+void qm_nats_wq_durable(const char* service, char* buf, size_t n);
+
+// Tests only: the retry schedule. Production values are the defaults below; a NULL
+// argument restores them.
+struct broker_kv_bootstrap_timing {
+  int budget_ms = 300000;        // give up once this much time has passed
+  int initial_delay_ms = 1000;   // first pause between attempts, doubled each time
+  int max_delay_ms = 5000;       // ceiling of the pause
+  int note_interval_ms = 15000;  // at most one "not ready yet" note per interval
+};
+void broker_kv_bootstrap_set_timing(const broker_kv_bootstrap_timing* timing);

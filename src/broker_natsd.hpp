@@ -1,0 +1,57 @@
+// Runs nats-server as a child of the broker: spawns it, waits until it accepts NATS
+// connections, and restarts it with doubling back-off after a crash until a budget is
+// spent. The readiness probe also serves an externally run server.
+#pragma once
+
+#include <sys/types.h>
+
+struct broker_natsd_options {
+  const char* binary_path = nullptr;     // nats-server executable (required)
+  const char* config_path = nullptr;     // its configuration file, passed with -c (required)
+  const char* pid_file = nullptr;        // optional; passed with -P, the child writes it
+  const char* nats_url = nullptr;        // URL to probe (required)
+  const char* probe_user = nullptr;      // optional NATS user for the probe
+  const char* probe_password = nullptr;  // optional; a missing one is sent as ""
+  const char* cert_path = nullptr;       // optional CA bundle for a TLS probe
+  int ready_timeout_sec = 30;            // below 1 becomes 30
+  int restart_max = 5;                   // crash budget; below 1 becomes 5
+  int restart_backoff_ms_initial = 500;  // below 1 becomes 500
+  int restart_backoff_ms_max = 30000;    // below 1 becomes 30000
+};
+using broker_natsd_options_t = broker_natsd_options;
+
+struct broker_natsd;
+using broker_natsd_t = broker_natsd;
+
+// Copies the options. NULL when opts, binary_path, config_path or nats_url is missing.
+broker_natsd_t* broker_natsd_create(const broker_natsd_options_t* opts);
+
+// Spawns the child, probes it until ready and starts the supervisor thread; 0 or -1
+// (a child that never became ready is terminated again). Call once.
+int broker_natsd_start(broker_natsd_t* natsd);
+
+// Connects to `url` every 250 ms (250 ms connect timeout) until it succeeds (0) or
+// timeout_sec has passed (-1). tls:// and wss:// URLs use TLS with the host as the
+// expected name; cert_path, when not empty, is the trusted CA set.
+int broker_natsd_wait_ready(const char* url, const char* user, const char* password, const char* cert_path,
+                            int timeout_sec);
+
+// Delivers `sig` to the child: 0 when delivered or when there is no child, -1 when the
+// delivery failed. Async-signal-safe, so that a signal handler may forward signals; the
+// warning about a failed delivery is logged later, outside the handler. Forwarding
+// SIGTERM marks the supervisor as shutting down: that child is not restarted.
+int broker_natsd_signal(broker_natsd_t* natsd, int sig);
+
+// SIGTERM to the child, SIGKILL when it is still there after 10 s, then joins the
+// supervisor thread. The child is not restarted afterwards.
+void broker_natsd_stop(broker_natsd_t* natsd);
+
+// Stops, then frees. Accepts NULL.
+void broker_natsd_destroy(broker_natsd_t* natsd);
+
+// The child's pid; -1 when there is no child or natsd is NULL.
+pid_t broker_natsd_pid(const broker_natsd_t* natsd);
+
+// Tests only: how long stop waits after SIGTERM before SIGKILL (default 10000 ms);
+// values below 1 restore the default. Affects objects created afterwards.
+void broker_natsd_set_stop_grace_ms(int grace_ms);

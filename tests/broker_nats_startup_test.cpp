@@ -1,0 +1,120 @@
+// The broker binary with its nats-server steps: a managed child that is provisioned,
+// restarted after a crash, reloaded on SIGHUP and stopped with the broker; an external
+// server; and the fatal start-up paths.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "nats_server_fixture.hpp"
+#include "test_support.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+bool process_alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
+
+class BrokerNats : public ::testing::Test {
+ protected:
+  std::vector<std::string> base_args(const std::string& url) {
+    qmtest::write_file(dir_.file("credentials.conf"), "");
+    return {qmtest::broker_binary(),
+            "--nats-url", url,
+            "--auth-file", dir_.file("credentials.conf"),
+            "--auth-signing-key", dir_.file("issuer.seed"),
+            "--amqp-enabled", "false",
+            "--update-binary", "false",
+            "--trace-to-screen", "1"};
+  }
+
+  qmtest::TempDir dir_;
+};
+
+TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
+  const int port = qmtest::free_port();
+  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
+  const std::string config = dir_.file("nats.conf");
+  const std::string server_log = dir_.file("nats.log");
+  qmtest::write_nats_server_config(config, port, dir_.file("js"), "", server_log);
+  std::vector<std::string> args = base_args(url);
+  for (const std::string& a : {std::string("--nats-server-binary"), qmtest::nats_server_binary(),
+                               std::string("--nats-server-config"), config, std::string("--nats-server-pid-file"),
+                               dir_.file("nats.pid"), std::string("--js-work-services"), std::string("scan.a")}) {
+    args.push_back(a);
+  }
+  qmtest::Child broker(args);
+  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+  const std::string started = broker.err();
+  EXPECT_NE(started.find("nats-server: running (pid="), std::string::npos);
+  EXPECT_NE(started.find("KV bootstrap: created bucket 'qm-av-wq-dedup' (replicas=1)"), std::string::npos);
+  EXPECT_NE(started.find("WQ bootstrap: created durable pull consumer 'WORK_scan_a' on 'JOBS_scan_a'"),
+            std::string::npos);
+  const pid_t first = std::stoi(qmtest::read_file(dir_.file("nats.pid")));
+
+  kill(first, SIGKILL);
+  ASSERT_TRUE(broker.wait_for_err("nats-server: restarting in 500ms", 20s)) << broker.err();
+  pid_t second = -1;
+  ASSERT_TRUE(qmtest::wait_until(
+      [&] {
+        const std::string text = qmtest::read_file(dir_.file("nats.pid"));
+        second = text.empty() ? -1 : std::stoi(text);
+        return second > 0 && second != first && qmtest::nats_accepts_connections(url);
+      },
+      20s));
+
+  broker.signal(SIGHUP);
+  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));
+  EXPECT_TRUE(qmtest::wait_until(
+      [&] { return qmtest::read_file(server_log).find("Reloaded server configuration") != std::string::npos; }, 10s));
+
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0) << broker.err();
+  EXPECT_FALSE(process_alive(second));
+  const std::string all = broker.err();
+  EXPECT_NE(all.find("during shutdown"), std::string::npos);
+  EXPECT_EQ(all.find("crash #2"), std::string::npos);
+}
+
+TEST_F(BrokerNats, ExternalServerIsProbedAndProvisioned) {
+  qmtest::NatsServer server;
+  std::vector<std::string> args = base_args(server.url());
+  args.insert(args.end(), {"--nats-server-managed", "false"});
+  qmtest::Child broker(args);
+  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+  EXPECT_NE(broker.err().find("nats-server: external (--nats-server-managed=false); probing readiness"),
+            std::string::npos);
+  EXPECT_NE(broker.err().find("KV bootstrap: created bucket 'qm-av-scan-data'"), std::string::npos);
+  broker.signal(SIGHUP);  // only the credentials would be reloaded: there is no child
+  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading", 10s));
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0);
+  EXPECT_TRUE(process_alive(server.pid()));
+}
+
+TEST_F(BrokerNats, UnreachableExternalServerIsFatal) {
+  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
+  std::vector<std::string> args = base_args(url);
+  args.insert(args.end(), {"--nats-server-managed", "false", "--nats-server-ready-timeout-seconds", "1"});
+  qmtest::Child broker(args);
+  EXPECT_EQ(broker.wait(30s), 1);
+  EXPECT_NE(broker.err().find("nats-server: external server not reachable at " + url), std::string::npos);
+  EXPECT_EQ(broker.err().find("qm-av-broker ready"), std::string::npos);
+}
+
+TEST_F(BrokerNats, ManagedChildThatNeverStartsIsFatal) {
+  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
+  std::vector<std::string> args = base_args(url);
+  args.insert(args.end(), {"--nats-server-binary", dir_.file("missing-nats-server"), "--nats-server-config",
+                           dir_.file("nats.conf"), "--nats-server-ready-timeout-seconds", "1"});
+  qmtest::Child broker(args);
+  EXPECT_EQ(broker.wait(30s), 1);
+  const std::string err = broker.err();
+  EXPECT_NE(err.find("nats-server: execv(" + dir_.file("missing-nats-server") + ") failed: "), std::string::npos);
+  EXPECT_NE(err.find("nats-server supervisor failed to start"), std::string::npos);
+  EXPECT_NE(err.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,35 @@
+#include "log_capture.hpp"
+
+#include "log.hpp"
+
+namespace qmtest {
+
+LogCapture::LogCapture(int level) : path_(dir_.file("captured.log")) {
+  write_file(path_, "");
+  log_set_filename(path_.c_str());
+  log_set_screentrace(0);
+  log_set_quiet(1);
+  log_set_level(level);
+}
+
+LogCapture::~LogCapture() {
+  log_set_level(QMLOG_OFF);
+  log_set_filename(nullptr);
+}
+
+std::string LogCapture::text() const { return read_file(path_); }
+
+size_t LogCapture::count(const std::string& needle) const {
+  const std::string all = text();
+  size_t n = 0;
+  for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + needle.size())) ++n;
+  return n;
+}
+
+bool LogCapture::wait_for(const std::string& needle, std::chrono::milliseconds timeout, size_t times) const {
+  return wait_until([&] { return count(needle) >= times; }, timeout);
+}
+
+void LogCapture::clear() { write_file(path_, ""); }
+
+}  // namespace qmtest

@@ -1,0 +1,32 @@
+// Sends the process logger to a temporary file for the lifetime of the object, so that
+// a test can read exactly what a module logged. One at a time per process.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "test_support.hpp"
+
+namespace qmtest {
+
+class LogCapture {
+ public:
+  // level: the logger threshold while capturing (QMLOG_DEBUG by default).
+  explicit LogCapture(int level = 5);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::string text() const;
+  size_t count(const std::string& needle) const;
+  bool contains(const std::string& needle) const { return count(needle) > 0; }
+  bool wait_for(const std::string& needle, std::chrono::milliseconds timeout, size_t times = 1) const;
+  // Forgets what was captured so far.
+  void clear();
+
+ private:
+  TempDir dir_;
+  std::string path_;
+};
+
+}  // namespace qmtest
