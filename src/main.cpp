@@ -10,12 +10,16 @@
 #include <cstring>
 #include <string>
 
+#include "auth_jwt.hpp"
 #include "broker_config.hpp"
 #include "broker_sd_notify.hpp"
+#include "gw_auth_cache.hpp"
+#include "gw_credential_store.hpp"
 #include "log.hpp"
 
 volatile sig_atomic_t g_shutdown_requested = 0;
 volatile sig_atomic_t g_reload_requested = 0;
+gw_auth_cache_t* g_auth_cache = nullptr;
 
 namespace {
 
@@ -29,6 +33,7 @@ std::string g_log_file_name;
 
 struct broker_app {
   broker_config_t* cfg = nullptr;
+  gw_credential_store_t* credentials = nullptr;
   int rc = 0;
   bool signalled_shutdown = false;
 };
@@ -108,6 +113,44 @@ void s_write_pid_file(const std::string& path) {
   log_info("pid file: %s", path.c_str());
 }
 
+bool s_load_credentials(broker_app& app) {
+  const char* path = qm::cstr(app.cfg->gw->credential_file);
+  log_info("Loading credentials from %s", path);
+  app.credentials = gw_credential_store_load(path);
+  if (app.credentials == nullptr) {
+    log_fatal("Failed to load credentials from %s", path);
+    return false;
+  }
+  return true;
+}
+
+// Not fatal: without a cache every check goes to the live backends.
+void s_create_auth_cache(const gw_config_t& gw) {
+  if (gw.auth_cache_ttl_seconds < 1 && gw.auth_negative_cache_ttl_seconds < 1) {
+    log_info("auth_cache: disabled by config (both TTLs == 0)");
+    return;
+  }
+  const size_t max_entries = gw.auth_cache_max_entries > 0 ? static_cast<size_t>(gw.auth_cache_max_entries) : 1024;
+  const int refresh_pct = gw.auth_cache_ttl_seconds > 0 ? gw.auth_cache_refresh_threshold_pct : 0;
+  g_auth_cache = gw_auth_cache_create(max_entries, gw.auth_cache_ttl_seconds, gw.auth_negative_cache_ttl_seconds,
+                                      refresh_pct);
+  if (g_auth_cache == nullptr) {
+    log_warn("auth_cache: allocation failed; every auth request will hit the live LDAP/file path");
+  }
+}
+
+// A refresh thread still inside the cache would touch freed memory: leak it instead.
+void s_destroy_auth_cache() {
+  if (g_auth_cache == nullptr) return;
+  log_debug("Draining auth_cache in-flight refreshes");
+  if (gw_auth_cache_wait_inflight_drain(g_auth_cache, 6000) == 0) {
+    gw_auth_cache_destroy(g_auth_cache);
+  } else {
+    log_warn("auth_cache: skipping destroy due to in-flight refresh drain timeout \u2014 leak accepted");
+  }
+  g_auth_cache = nullptr;
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -122,19 +165,25 @@ bool s_start(broker_app& app) {
   // nats-server child, JetStream provisioning, credentials and their watcher, NATS relay,
   // auth cache and callout thread, SASL, AMQP acceptor, HTTPS frontend, update thread.
 
+  if (!s_load_credentials(app)) return false;
+  s_create_auth_cache(*cfg.gw);
+
   log_info("%s ready", kProgramName);
   if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
   return true;
 }
 
-void s_reload() {
+void s_reload(broker_app& app) {
   log_info("SIGHUP: reloading credential store + forwarding to nats-server");
+  if (gw_credential_store_reload(app.credentials) != 0) {
+    log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
+  }
 }
 
 // Sleeps until SIGINT or SIGTERM; a SIGHUP on the way triggers a reload. The three
 // signals are blocked outside sigsuspend, so none can slip in between the flag test
 // and the wait.
-void s_wait_for_shutdown() {
+void s_wait_for_shutdown(broker_app& app) {
   sigset_t blocked;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGINT);
@@ -150,7 +199,7 @@ void s_wait_for_shutdown() {
   while (!g_shutdown_requested) {
     if (g_reload_requested) {
       g_reload_requested = 0;
-      s_reload();
+      s_reload(app);
       continue;
     }
     sigsuspend(&waiting);
@@ -164,6 +213,9 @@ void s_shutdown(broker_app& app) {
   // acceptor, relay, auth thread and service, auth cache, SASL, credentials, nats-server
   // child; each step only for what was started.
   const broker_config_t& cfg = *app.cfg;
+  s_destroy_auth_cache();
+  gw_credential_store_free(app.credentials);
+  app.credentials = nullptr;
   if (qm::has_text(cfg.pid_file)) unlink(cfg.pid_file->c_str());
   broker_config_free(app.cfg);
   app.cfg = nullptr;
@@ -190,11 +242,11 @@ int main(int argc, char** argv) {
     case BROKER_PARSE_EXIT_OK:
       broker_config_free(app.cfg);
       return 0;
-    case BROKER_PARSE_PRINT_ISSUER_NKEY:
-      // Needs the signing-key code, which this build does not have yet.
-      fprintf(stderr, "%s: --print-issuer-nkey is not available in this build\n", argv0);
+    case BROKER_PARSE_PRINT_ISSUER_NKEY: {
+      const int rc = auth_jwt_print_issuer_nkey(argv0, qm::cstr(app.cfg->auth->signing_key_path));
       broker_config_free(app.cfg);
-      return 1;
+      return rc;
+    }
     case BROKER_PARSE_EXIT_FAILURE:
       broker_config_free(app.cfg);
       return 1;
@@ -205,7 +257,7 @@ int main(int argc, char** argv) {
   s_configure_logger(*app.cfg);
 
   if (s_start(app)) {
-    s_wait_for_shutdown();
+    s_wait_for_shutdown(app);
     app.signalled_shutdown = true;
     log_info("%s shutting down", kProgramName);
     (void)broker_sd_notify("STOPPING=1");
