@@ -1,11 +1,14 @@
 #include "gw_credential_store.hpp"
 
+#include <pthread.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <shared_mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,10 +25,38 @@ using credential_table = std::vector<credential_entry>;
 
 }  // namespace
 
+namespace {
+
+// Reader-writer lock that lets a waiting writer in ahead of new readers: with the
+// default (reader-preferring) kind, steady validation traffic could hold a reload off
+// for ever.
+class s_rwlock {
+ public:
+  s_rwlock() {
+    pthread_rwlockattr_t attr;
+    pthread_rwlockattr_init(&attr);
+    pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&lock_, &attr);
+    pthread_rwlockattr_destroy(&attr);
+  }
+  ~s_rwlock() { pthread_rwlock_destroy(&lock_); }
+  s_rwlock(const s_rwlock&) = delete;
+  s_rwlock& operator=(const s_rwlock&) = delete;
+  void lock_shared() { pthread_rwlock_rdlock(&lock_); }
+  void unlock_shared() { pthread_rwlock_unlock(&lock_); }
+  void lock() { pthread_rwlock_wrlock(&lock_); }
+  void unlock() { pthread_rwlock_unlock(&lock_); }
+
+ private:
+  pthread_rwlock_t lock_;
+};
+
+}  // namespace
+
 struct gw_credential_store {
   std::string path;
   credential_table entries;  // capacity reserved up front: at most 128 entries
-  std::shared_mutex lock;
+  s_rwlock lock;
 };
 
 namespace {
