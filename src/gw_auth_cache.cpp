@@ -419,3 +419,12 @@ void gw_auth_cache_abort_verify(gw_auth_cache_t* c, const char* user, const char
 void gw_auth_cache_set_clock_for_testing(gw_auth_cache_clock_fn clock) {
   s_test_clock.store(clock, std::memory_order_release);
 }
+
+int gw_auth_cache_verify_waiters_for_testing(gw_auth_cache_t* c, const char* user, const char* password) {
+  if (c == nullptr || !s_usable_user(user) || password == nullptr) return -1;
+  s_hash hash;
+  s_hash_grant(*c, user, password, hash);
+  std::lock_guard guard(c->lock);
+  const verify_inflight_t* rec = s_find_inflight_locked(*c, hash.bytes);
+  return rec ? rec->waiters : -1;
+}

@@ -78,3 +78,6 @@ void gw_auth_cache_abort_verify(gw_auth_cache_t* c, const char* user, const char
 // it). Process-wide; set it before creating the caches that should use it.
 using gw_auth_cache_clock_fn = int64_t (*)();
 void gw_auth_cache_set_clock_for_testing(gw_auth_cache_clock_fn clock);
+// Test seam: callers currently waiting in gw_auth_cache_wait_for_result for this pair
+// (-1 when no record exists).
+int gw_auth_cache_verify_waiters_for_testing(gw_auth_cache_t* c, const char* user, const char* password);
