@@ -116,6 +116,11 @@ bool s_parse_file(const std::string& path, credential_table& out) {
     pending_user.reset();
   }
   OPENSSL_cleanse(line, sizeof line);
+  // A read error (a directory, an I/O fault) is no empty file: the caller keeps what it has.
+  if (ferror(file.get())) {
+    log_error("credential_store: cannot open %s: %m", path.c_str());
+    return false;
+  }
   return true;
 }
 

@@ -188,6 +188,14 @@ TEST_F(CredentialFile, ReloadSwapsTheTableOrKeepsItWhenTheFileIsGone) {
   EXPECT_EQ(gw_credential_store_reload(store.get()), -1);
   EXPECT_TRUE(gw_credential_store_validate(store.get(), "new2", "3"));
 
+  // A path that opens but cannot be read is no empty file either.
+  std::filesystem::create_directory(path_);
+  EXPECT_EQ(gw_credential_store_reload(store.get()), -1);
+  EXPECT_TRUE(log.contains("credential_store: cannot open " + path_ + ": Is a directory"));
+  EXPECT_TRUE(gw_credential_store_validate(store.get(), "new2", "3"));
+  EXPECT_EQ(gw_credential_store_load(path_.c_str()), nullptr);
+  std::filesystem::remove(path_);
+
   qmtest::write_file(path_, "# nobody left\n");
   ASSERT_EQ(gw_credential_store_reload(store.get()), 0);
   EXPECT_TRUE(entries_of(store.get()).empty());
