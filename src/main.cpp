@@ -12,15 +12,19 @@
 #include <string>
 
 #include "broker_auth_watcher.hpp"
+#include "auth_jwt.hpp"
 #include "broker_config.hpp"
 #include "broker_kv_bootstrap.hpp"
 #include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
+#include "gw_auth_cache.hpp"
+#include "gw_credential_store.hpp"
 #include "log.hpp"
 
 volatile sig_atomic_t g_shutdown_requested = 0;
 volatile sig_atomic_t g_reload_requested = 0;
 broker_auth_watcher_t* g_auth_watcher = nullptr;
+gw_auth_cache_t* g_auth_cache = nullptr;
 
 namespace {
 
@@ -37,6 +41,7 @@ std::string g_log_file_name;
 
 struct broker_app {
   broker_config_t* cfg = nullptr;
+  gw_credential_store_t* credentials = nullptr;
   int rc = 0;
   bool signalled_shutdown = false;
 };
@@ -194,6 +199,44 @@ bool s_provision_jetstream(const broker_config_t& cfg) {
   return true;
 }
 
+bool s_load_credentials(broker_app& app) {
+  const char* path = qm::cstr(app.cfg->gw->credential_file);
+  log_info("Loading credentials from %s", path);
+  app.credentials = gw_credential_store_load(path);
+  if (app.credentials == nullptr) {
+    log_fatal("Failed to load credentials from %s", path);
+    return false;
+  }
+  return true;
+}
+
+// Not fatal: without a cache every check goes to the live backends.
+void s_create_auth_cache(const gw_config_t& gw) {
+  if (gw.auth_cache_ttl_seconds < 1 && gw.auth_negative_cache_ttl_seconds < 1) {
+    log_info("auth_cache: disabled by config (both TTLs == 0)");
+    return;
+  }
+  const size_t max_entries = gw.auth_cache_max_entries > 0 ? static_cast<size_t>(gw.auth_cache_max_entries) : 1024;
+  const int refresh_pct = gw.auth_cache_ttl_seconds > 0 ? gw.auth_cache_refresh_threshold_pct : 0;
+  g_auth_cache = gw_auth_cache_create(max_entries, gw.auth_cache_ttl_seconds, gw.auth_negative_cache_ttl_seconds,
+                                      refresh_pct);
+  if (g_auth_cache == nullptr) {
+    log_warn("auth_cache: allocation failed; every auth request will hit the live LDAP/file path");
+  }
+}
+
+// A refresh thread still inside the cache would touch freed memory: leak it instead.
+void s_destroy_auth_cache() {
+  if (g_auth_cache == nullptr) return;
+  log_debug("Draining auth_cache in-flight refreshes");
+  if (gw_auth_cache_wait_inflight_drain(g_auth_cache, 6000) == 0) {
+    gw_auth_cache_destroy(g_auth_cache);
+  } else {
+    log_warn("auth_cache: skipping destroy due to in-flight refresh drain timeout \u2014 leak accepted");
+  }
+  g_auth_cache = nullptr;
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -206,26 +249,29 @@ bool s_start(broker_app& app) {
 
   if (!s_start_nats_server(cfg)) return false;
   if (!s_provision_jetstream(cfg)) return false;
+  if (!s_load_credentials(app)) return false;
   s_start_auth_watcher(*cfg.gw->credential_file);
-
-  // The subsystems join here in this order, each with its own fatal or non-fatal rule:
-  // credentials and their watcher, NATS relay, auth cache and callout thread, SASL,
-  // AMQP acceptor, HTTPS frontend, update thread.
+  // The NATS relay joins here, before the auth cache.
+  s_create_auth_cache(*cfg.gw);
+  // Then the callout thread, SASL, the AMQP acceptor, the HTTPS frontend and the update thread.
 
   log_info("%s ready", kProgramName);
   if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
   return true;
 }
 
-void s_reload() {
+void s_reload(broker_app& app) {
   log_info("SIGHUP: reloading credential store + forwarding to nats-server");
+  if (gw_credential_store_reload(app.credentials) != 0) {
+    log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
+  }
   if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
 }
 
 // Sleeps until SIGINT or SIGTERM; a SIGHUP on the way triggers a reload. The three
 // signals are blocked outside sigsuspend, so none can slip in between the flag test
 // and the wait.
-void s_wait_for_shutdown() {
+void s_wait_for_shutdown(broker_app& app) {
   sigset_t blocked;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGINT);
@@ -241,7 +287,7 @@ void s_wait_for_shutdown() {
   while (!g_shutdown_requested) {
     if (g_reload_requested) {
       g_reload_requested = 0;
-      s_reload();
+      s_reload(app);
       continue;
     }
     sigsuspend(&waiting);
@@ -260,6 +306,9 @@ void s_shutdown(broker_app& app) {
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
   }
+  s_destroy_auth_cache();
+  gw_credential_store_free(app.credentials);
+  app.credentials = nullptr;
   if (broker_natsd_t* natsd = g_natsd.exchange(nullptr)) {
     log_debug("Stopping nats-server child");
     broker_natsd_destroy(natsd);
@@ -290,11 +339,11 @@ int main(int argc, char** argv) {
     case BROKER_PARSE_EXIT_OK:
       broker_config_free(app.cfg);
       return 0;
-    case BROKER_PARSE_PRINT_ISSUER_NKEY:
-      // Needs the signing-key code, which this build does not have yet.
-      fprintf(stderr, "%s: --print-issuer-nkey is not available in this build\n", argv0);
+    case BROKER_PARSE_PRINT_ISSUER_NKEY: {
+      const int rc = auth_jwt_print_issuer_nkey(argv0, qm::cstr(app.cfg->auth->signing_key_path));
       broker_config_free(app.cfg);
-      return 1;
+      return rc;
+    }
     case BROKER_PARSE_EXIT_FAILURE:
       broker_config_free(app.cfg);
       return 1;
@@ -305,7 +354,7 @@ int main(int argc, char** argv) {
   s_configure_logger(*app.cfg);
 
   if (s_start(app)) {
-    s_wait_for_shutdown();
+    s_wait_for_shutdown(app);
     app.signalled_shutdown = true;
     log_info("%s shutting down", kProgramName);
     (void)broker_sd_notify("STOPPING=1");

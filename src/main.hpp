@@ -12,3 +12,6 @@ extern volatile sig_atomic_t g_reload_requested;
 
 // Long-lived subsystems the signal handler and the teardown reach; NULL when not running.
 extern broker_auth_watcher_t* g_auth_watcher;
+struct gw_auth_cache;
+// The auth result cache, shared by the callout service and the HTTP frontend; NULL when disabled.
+extern gw_auth_cache* g_auth_cache;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 
+#include "log.hpp"
 #include "test_support.hpp"
 
 namespace qmtest {
@@ -12,7 +13,7 @@ namespace qmtest {
 class LogCapture {
  public:
   // level: the logger threshold while capturing (QMLOG_DEBUG by default).
-  explicit LogCapture(int level = 5);
+  explicit LogCapture(int level = QMLOG_DEBUG);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;

@@ -1,0 +1,371 @@
+#include "auth_jwt.hpp"
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "qm_cpp.hpp"
+
+namespace {
+constexpr size_t s_key_size = 32;
+}
+
+struct auth_jwt_ctx {
+  unsigned char seed[s_key_size] = {};
+  unsigned char public_key[s_key_size] = {};
+  std::string public_key_str;
+  bool loaded = false;
+
+  auth_jwt_ctx() = default;
+  auth_jwt_ctx(const auth_jwt_ctx&) = delete;
+  auth_jwt_ctx& operator=(const auth_jwt_ctx&) = delete;
+  ~auth_jwt_ctx() { OPENSSL_cleanse(seed, sizeof seed); }
+};
+
+namespace {
+
+using s_pkey_ptr = qm::c_ptr<EVP_PKEY, EVP_PKEY_free>;
+using s_pkey_ctx_ptr = qm::c_ptr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using s_md_ctx_ptr = qm::c_ptr<EVP_MD_CTX, EVP_MD_CTX_free>;
+using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
+
+constexpr const char* s_jwt_header = R"({"typ":"JWT","alg":"ed25519-nkey"})";
+constexpr const char* s_base32_alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
+constexpr const char* s_base64url_alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+class s_fd {
+ public:
+  explicit s_fd(int fd) : fd_(fd) {}
+  ~s_fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  s_fd(const s_fd&) = delete;
+  s_fd& operator=(const s_fd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Reads up to `want` bytes; the count read (short at end of file), -1 on a read error.
+ssize_t s_read_up_to(int fd, unsigned char* buf, size_t want) {
+  size_t got = 0;
+  while (got < want) {
+    const ssize_t n = read(fd, buf + got, want - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -1;
+    if (n == 0) break;
+    got += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(got);
+}
+
+bool s_take_public_key(EVP_PKEY* pkey, auth_jwt_ctx& ctx) {
+  size_t len = s_key_size;
+  return EVP_PKEY_get_raw_public_key(pkey, ctx.public_key, &len) == 1 && len == s_key_size;
+}
+
+bool s_load_seed_file(const char* path, auth_jwt_ctx& ctx) {
+  s_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) return false;
+  qm::secret_bytes seed(s_key_size);
+  if (s_read_up_to(fd.get(), seed.data(), seed.size()) != static_cast<ssize_t>(s_key_size)) return false;
+  s_pkey_ptr pkey(EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, seed.data(), seed.size()));
+  if (!pkey || !s_take_public_key(pkey.get(), ctx)) return false;
+  memcpy(ctx.seed, seed.data(), s_key_size);
+  return true;
+}
+
+bool s_generate_key(auth_jwt_ctx& ctx) {
+  s_pkey_ctx_ptr gen(EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr));
+  if (!gen || EVP_PKEY_keygen_init(gen.get()) != 1) return false;
+  EVP_PKEY* raw = nullptr;
+  if (EVP_PKEY_keygen(gen.get(), &raw) != 1) return false;
+  s_pkey_ptr pkey(raw);
+  size_t len = s_key_size;
+  if (EVP_PKEY_get_raw_private_key(pkey.get(), ctx.seed, &len) != 1 || len != s_key_size) return false;
+  return s_take_public_key(pkey.get(), ctx);
+}
+
+// A private key: owner-only, also when an existing short file is overwritten. Not being
+// able to write is no error; the key then lives for this run only.
+void s_store_seed_file(const char* path, const auth_jwt_ctx& ctx) {
+  s_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (fd.get() < 0) return;
+  (void)fchmod(fd.get(), 0600);
+  size_t done = 0;
+  while (done < s_key_size) {
+    const ssize_t n = write(fd.get(), ctx.seed + done, s_key_size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
+}
+
+uint16_t s_crc16_xmodem(const unsigned char* data, size_t len) {
+  uint16_t crc = 0;
+  for (size_t i = 0; i < len; ++i) {
+    crc = static_cast<uint16_t>(crc ^ (static_cast<uint16_t>(data[i]) << 8));
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = (crc & 0x8000) != 0 ? static_cast<uint16_t>((crc << 1) ^ 0x1021) : static_cast<uint16_t>(crc << 1);
+    }
+  }
+  return crc;
+}
+
+std::string s_base32_encode(const unsigned char* data, size_t len) {
+  std::string out;
+  out.reserve((len * 8 + 4) / 5);
+  uint32_t buffer = 0;
+  int bits = 0;
+  for (size_t i = 0; i < len; ++i) {
+    buffer = (buffer << 8) | data[i];
+    bits += 8;
+    while (bits >= 5) {
+      out.push_back(s_base32_alphabet[(buffer >> (bits - 5)) & 0x1f]);
+      bits -= 5;
+    }
+  }
+  if (bits > 0) out.push_back(s_base32_alphabet[(buffer << (5 - bits)) & 0x1f]);
+  return out;
+}
+
+int s_base64_value(unsigned char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return 0;  // lenient: anything else reads as zero bits
+}
+
+// Standard base64 of a text padded to a multiple of 4; trailing '=' shorten the output.
+std::string s_base64_decode_lenient(const std::string& text) {
+  size_t padding = 0;
+  while (padding < text.size() && padding < 3 && text[text.size() - 1 - padding] == '=') ++padding;
+  std::string out;
+  out.reserve(text.size() / 4 * 3);
+  for (size_t i = 0; i + 4 <= text.size(); i += 4) {
+    uint32_t group = 0;
+    for (size_t k = 0; k < 4; ++k) group = (group << 6) | static_cast<uint32_t>(s_base64_value(text[i + k]));
+    out.push_back(static_cast<char>((group >> 16) & 0xff));
+    out.push_back(static_cast<char>((group >> 8) & 0xff));
+    out.push_back(static_cast<char>(group & 0xff));
+  }
+  out.resize(out.size() >= padding ? out.size() - padding : 0);
+  return out;
+}
+
+std::string s_sign(const auth_jwt_ctx& ctx, const std::string& input) {
+  s_pkey_ptr pkey(EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, ctx.seed, s_key_size));
+  s_md_ctx_ptr md(EVP_MD_CTX_new());
+  if (!pkey || !md || EVP_DigestSignInit(md.get(), nullptr, nullptr, nullptr, pkey.get()) != 1) return {};
+  unsigned char signature[64];
+  size_t signature_len = sizeof signature;
+  if (EVP_DigestSign(md.get(), signature, &signature_len, reinterpret_cast<const unsigned char*>(input.data()),
+                     input.size()) != 1) {
+    return {};
+  }
+  return base64url_encode(signature, signature_len);
+}
+
+void s_add(json_object* obj, const char* key, json_object* value) { json_object_object_add(obj, key, value); }
+void s_add_string(json_object* obj, const char* key, const char* value) {
+  s_add(obj, key, json_object_new_string(value));
+}
+
+json_object* s_str_list_to_json_array(const char* const* list) {
+  json_object* array = json_object_new_array();
+  for (const char* const* p = list; *p != nullptr; ++p) json_object_array_add(array, json_object_new_string(*p));
+  return array;
+}
+
+void s_add_perm_side(json_object* perms, const char* side, const char* const* allow, const char* const* deny) {
+  if (allow == nullptr && deny == nullptr) return;
+  json_object* obj = json_object_new_object();
+  if (allow != nullptr) s_add(obj, "allow", s_str_list_to_json_array(allow));
+  if (deny != nullptr) s_add(obj, "deny", s_str_list_to_json_array(deny));
+  s_add(perms, side, obj);
+}
+
+// iat, iss, sub: the head every token shares.
+s_json_ptr s_claims_head(const auth_jwt_ctx& ctx, int64_t now, const char* subject) {
+  s_json_ptr claims(json_object_new_object());
+  s_add(claims.get(), "iat", json_object_new_int64(now));
+  s_add_string(claims.get(), "iss", ctx.public_key_str.c_str());
+  s_add_string(claims.get(), "sub", subject);
+  return claims;
+}
+
+json_object* s_nats_head(const char* type) {
+  json_object* nats = json_object_new_object();
+  s_add_string(nats, "type", type);
+  s_add(nats, "version", json_object_new_int(2));
+  return nats;
+}
+
+bool s_usable(const auth_jwt_ctx_t* ctx, char** out_jwt) { return ctx != nullptr && ctx->loaded && out_jwt != nullptr; }
+
+int s_hand_out(const std::string& token, char** out_jwt) {
+  *out_jwt = strdup(token.c_str());
+  return *out_jwt != nullptr ? 0 : -1;
+}
+
+}  // namespace
+
+auth_jwt_ctx_t* auth_jwt_init(const char* seed_path) {
+  try {
+    auto ctx = std::make_unique<auth_jwt_ctx>();
+    if (seed_path != nullptr) ctx->loaded = s_load_seed_file(seed_path, *ctx);
+    if (!ctx->loaded) {
+      if (!s_generate_key(*ctx)) return nullptr;
+      ctx->loaded = true;
+      if (seed_path != nullptr) s_store_seed_file(seed_path, *ctx);
+    }
+    ctx->public_key_str = nkey_encode_public(0, ctx->public_key);
+    return ctx.release();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+const char* auth_jwt_public_key(const auth_jwt_ctx_t* ctx) { return ctx ? ctx->public_key_str.c_str() : nullptr; }
+
+void auth_jwt_destroy(auth_jwt_ctx_t* ctx) { std::unique_ptr<auth_jwt_ctx> owned(ctx); }
+
+std::string nkey_encode_public(uint8_t prefix_byte, const unsigned char raw_key[32]) {
+  unsigned char raw[35];
+  raw[0] = static_cast<unsigned char>(prefix_byte << 3);
+  memcpy(raw + 1, raw_key, 32);
+  const uint16_t crc = s_crc16_xmodem(raw, 33);
+  raw[33] = static_cast<unsigned char>(crc & 0xff);
+  raw[34] = static_cast<unsigned char>(crc >> 8);
+  return s_base32_encode(raw, sizeof raw);
+}
+
+std::string base64url_encode(const unsigned char* data, size_t len) {
+  std::string out;
+  out.reserve((len + 2) / 3 * 4);
+  size_t i = 0;
+  for (; i + 3 <= len; i += 3) {
+    const uint32_t group = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8) | data[i + 2];
+    for (int shift = 18; shift >= 0; shift -= 6) out.push_back(s_base64url_alphabet[(group >> shift) & 0x3f]);
+  }
+  const size_t rest = len - i;
+  if (rest == 1) {
+    const uint32_t group = uint32_t{data[i]} << 16;
+    out.push_back(s_base64url_alphabet[(group >> 18) & 0x3f]);
+    out.push_back(s_base64url_alphabet[(group >> 12) & 0x3f]);
+  } else if (rest == 2) {
+    const uint32_t group = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8);
+    out.push_back(s_base64url_alphabet[(group >> 18) & 0x3f]);
+    out.push_back(s_base64url_alphabet[(group >> 12) & 0x3f]);
+    out.push_back(s_base64url_alphabet[(group >> 6) & 0x3f]);
+  }
+  return out;
+}
+
+std::string build_jwt(const auth_jwt_ctx_t* ctx, json_object* payload) {
+  if (ctx == nullptr || !ctx->loaded || payload == nullptr) return {};
+  const char* payload_text = json_object_to_json_string_ext(payload, JSON_C_TO_STRING_PLAIN);
+  if (payload_text == nullptr) return {};
+  std::string token = base64url_encode(reinterpret_cast<const unsigned char*>(s_jwt_header), strlen(s_jwt_header));
+  token += '.';
+  token += base64url_encode(reinterpret_cast<const unsigned char*>(payload_text), strlen(payload_text));
+  const std::string signature = s_sign(*ctx, token);
+  token += '.';
+  token += signature;
+  return token;
+}
+
+int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* account,
+                        const char* const* pub_allow, const char* const* pub_deny, const char* const* sub_allow,
+                        const char* const* sub_deny, char** out_jwt) {
+  if (!s_usable(ctx, out_jwt)) return -1;
+  try {
+    const int64_t now = static_cast<int64_t>(time(nullptr));
+    const char* nkey = user_nkey ? user_nkey : "";
+
+    s_json_ptr user = s_claims_head(*ctx, now, nkey);
+    s_add_string(user.get(), "name", nkey);
+    s_add_string(user.get(), "aud", account ? account : "$G");
+    json_object* user_nats = s_nats_head("user");
+    s_add_perm_side(user_nats, "pub", pub_allow, pub_deny);
+    s_add_perm_side(user_nats, "sub", sub_allow, sub_deny);
+    s_add(user.get(), "nats", user_nats);
+    const std::string user_jwt = build_jwt(ctx, user.get());
+    if (user_jwt.empty()) return -1;
+
+    s_json_ptr response = s_claims_head(*ctx, now, nkey);
+    s_add_string(response.get(), "aud", server_id ? server_id : "");
+    json_object* nats = s_nats_head("authorization_response");
+    s_add_string(nats, "user_nkey", nkey);
+    s_add_string(nats, "jwt", user_jwt.c_str());
+    s_add(response.get(), "nats", nats);
+    return s_hand_out(build_jwt(ctx, response.get()), out_jwt);
+  } catch (...) {
+    return -1;
+  }
+}
+
+int auth_jwt_sign_deny(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* reason,
+                       char** out_jwt) {
+  if (!s_usable(ctx, out_jwt)) return -1;
+  try {
+    const int64_t now = static_cast<int64_t>(time(nullptr));
+    s_json_ptr response = s_claims_head(*ctx, now, user_nkey ? user_nkey : "");
+    s_add_string(response.get(), "aud", server_id ? server_id : "");
+    json_object* nats = s_nats_head("authorization_response");
+    s_add_string(nats, "error", reason ? reason : "access denied");
+    s_add(response.get(), "nats", nats);
+    return s_hand_out(build_jwt(ctx, response.get()), out_jwt);
+  } catch (...) {
+    return -1;
+  }
+}
+
+json_object* decode_jwt_payload(const char* token) {
+  if (token == nullptr) return nullptr;
+  try {
+    const char* first = strchr(token, '.');
+    if (first == nullptr) return nullptr;
+    const char* second = strchr(first + 1, '.');
+    if (second == nullptr) return nullptr;
+    std::string text(first + 1, static_cast<size_t>(second - first - 1));
+    for (char& c : text) {
+      if (c == '-') c = '+';
+      else if (c == '_') c = '/';
+    }
+    while (text.size() % 4 != 0) text.push_back('=');
+    const std::string decoded = s_base64_decode_lenient(text);
+    // Parsed as a C string: an embedded NUL ends the JSON text.
+    return json_tokener_parse(decoded.c_str());
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+int auth_jwt_print_issuer_nkey(const char* argv0, const char* seed_path) {
+  std::unique_ptr<auth_jwt_ctx> ctx(auth_jwt_init(seed_path));
+  if (!ctx) {
+    fprintf(stderr, "%s: failed to load or generate signing seed at %s\n", argv0, seed_path ? seed_path : "");
+    return 1;
+  }
+  const char* nkey = auth_jwt_public_key(ctx.get());
+  if (nkey == nullptr || *nkey == '\0') {
+    fprintf(stderr, "%s: signing key loaded but issuer NKey is empty\n", argv0);
+    return 1;
+  }
+  printf("%s\n", nkey);
+  fflush(stdout);
+  return 0;
+}

@@ -1,0 +1,60 @@
+// Issuer identity of the auth callout (an Ed25519 key kept as a 32-byte seed file)
+// and the signed JWTs it returns to nats-server.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+struct auth_jwt_ctx;
+using auth_jwt_ctx_t = auth_jwt_ctx;
+
+// Loads the 32-byte seed at seed_path (a longer file: its first 32 bytes). When the file
+// is missing, short, unreadable or refused, makes a new key and writes its seed there
+// (created with mode 0600; an unwritable path keeps the key in memory only). seed_path
+// may be NULL: in-memory key. NULL only when no key could be made.
+auth_jwt_ctx_t* auth_jwt_init(const char* seed_path);
+
+// The issuer's public account NKey (56 characters, "A..."), owned by ctx; NULL for NULL.
+const char* auth_jwt_public_key(const auth_jwt_ctx_t* ctx);
+
+// Wipes the seed and frees; accepts NULL.
+void auth_jwt_destroy(auth_jwt_ctx_t* ctx);
+
+// Authorization response granting the connection, with a nested user JWT carrying the
+// four permission lists (NULL-terminated arrays; NULL list = side member left out).
+// NULL user_nkey and server_id count as "", NULL account as "$G". 0 and an owned token
+// in *out_jwt (free with free()), or -1.
+int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* account,
+                        const char* const* pub_allow, const char* const* pub_deny, const char* const* sub_allow,
+                        const char* const* sub_deny, char** out_jwt);
+
+// Authorization response refusing the connection with `reason` ("access denied" when
+// NULL). 0 and an owned token in *out_jwt (free with free()), or -1.
+int auth_jwt_sign_deny(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* reason,
+                       char** out_jwt);
+
+// header.payload.signature of `payload`, signed with the context's key. A failed
+// signature leaves the last part empty (the token then ends in '.'). "" for a NULL
+// or unloaded context.
+std::string build_jwt(const auth_jwt_ctx_t* ctx, json_object* payload);
+
+// Public NKey text of a raw 32-byte Ed25519 key; prefix_byte is the base32 index of
+// the prefix letter (0 = 'A', an account key).
+std::string nkey_encode_public(uint8_t prefix_byte, const unsigned char raw_key[32]);
+
+// RFC 4648 URL-safe base64 without padding.
+std::string base64url_encode(const unsigned char* data, size_t len);
+
+// The claims of a JWT: the part between the first and second '.', base64url-decoded
+// (lenient: characters outside the alphabet are not rejected) and parsed as JSON.
+// NULL when a '.' is missing or the text is not JSON. The caller owns the result
+// (json_object_put).
+json_object* decode_jwt_payload(const char* token);
+
+// --print-issuer-nkey: prints the issuer NKey of the seed at seed_path on standard
+// output (creating the seed when missing). Returns the exit code: 0, or 1 after a
+// message on standard error.
+int auth_jwt_print_issuer_nkey(const char* argv0, const char* seed_path);

@@ -1,0 +1,83 @@
+// Recent credential decisions, keyed only by salted hashes: grant entries per
+// (user, password), deny entries per user, stale-while-revalidate refresh of grants,
+// and coalescing of concurrent identical checks. Fixed size; nothing allocates after
+// creation.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct gw_auth_cache;
+using gw_auth_cache_t = gw_auth_cache;
+
+enum gw_auth_cache_result_t {
+  GW_AUTH_CACHE_MISS = 0,
+  GW_AUTH_CACHE_GRANT = 1,
+  GW_AUTH_CACHE_GRANT_STALE = 2,  // still valid; the caller should claim a refresh
+  GW_AUTH_CACHE_DENY = 3,
+};
+
+struct gw_auth_cache_lookup_t {
+  gw_auth_cache_result_t result;
+  void* user_data;  // the grant's pointer, else NULL
+};
+
+enum gw_refresh_outcome_t {
+  GW_REFRESH_GRANTED = 1,
+  GW_REFRESH_DENIED = 2,
+  GW_REFRESH_ABORTED = 3,
+};
+
+enum gw_verify_role_t {
+  GW_VERIFY_LEAD = 1,    // verify live, then publish or abort
+  GW_VERIFY_JOINED = 2,  // wait for the leader's result
+  GW_VERIFY_NOROOM = 3,  // verify alone and publish nothing
+};
+
+inline constexpr int GW_AUTH_CACHE_VERIFY_INFLIGHT_CAPACITY = 32;
+inline constexpr size_t GW_AUTH_CACHE_HASH_BYTES = 32;
+
+// NULL when both TTLs are below 1, max_entries is 0, or set-up fails. Negative TTLs
+// count as 0 (that kind disabled); a threshold outside 0..100 as 0 (no refresh).
+gw_auth_cache_t* gw_auth_cache_create(size_t max_entries, int ttl_grant_s, int ttl_deny_s,
+                                      int refresh_threshold_pct);
+// Accepts NULL. Only when no refresh is in flight (see gw_auth_cache_wait_inflight_drain).
+void gw_auth_cache_destroy(gw_auth_cache_t* c);
+
+gw_auth_cache_lookup_t gw_auth_cache_lookup_ex(gw_auth_cache_t* c, const char* user, const char* password);
+gw_auth_cache_result_t gw_auth_cache_lookup(gw_auth_cache_t* c, const char* user, const char* password);
+
+// Records a grant; the _ex form sets user_data, the plain form keeps the user data of
+// an existing identical entry (NULL for a new one).
+void gw_auth_cache_insert_grant_ex(gw_auth_cache_t* c, const char* user, const char* password, void* user_data);
+void gw_auth_cache_insert_grant(gw_auth_cache_t* c, const char* user, const char* password);
+// Records a denial of `user` whatever the password.
+void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user);
+
+// Claims the background refresh of a live grant. On true, out_hash (32 bytes) and
+// out_gen identify the entry for gw_auth_cache_complete_refresh, which must follow.
+bool gw_auth_cache_try_claim_refresh(gw_auth_cache_t* c, const char* user, const char* password,
+                                     unsigned char* out_hash, uint32_t* out_gen);
+// Ends a claimed refresh. Touches the entry only if it is still the claimed one.
+void gw_auth_cache_complete_refresh_ex(gw_auth_cache_t* c, const unsigned char* hash, uint32_t gen,
+                                       gw_refresh_outcome_t outcome, void* new_user_data);
+void gw_auth_cache_complete_refresh(gw_auth_cache_t* c, const unsigned char* hash, uint32_t gen,
+                                    gw_refresh_outcome_t outcome);
+// 0 when no refresh is (or remains) in flight, -1 after timeout_ms (logged).
+int gw_auth_cache_wait_inflight_drain(gw_auth_cache_t* c, int timeout_ms);
+
+// Coalescing: the first caller for a pair leads, later ones join and wait.
+gw_verify_role_t gw_auth_cache_begin_verify(gw_auth_cache_t* c, const char* user, const char* password);
+// GRANT, DENY, or MISS (no record, aborted, or timed out).
+gw_auth_cache_result_t gw_auth_cache_wait_for_result(gw_auth_cache_t* c, const char* user, const char* password,
+                                                     int timeout_ms);
+void gw_auth_cache_publish_result(gw_auth_cache_t* c, const char* user, const char* password, bool granted);
+void gw_auth_cache_abort_verify(gw_auth_cache_t* c, const char* user, const char* password);
+
+// Test seam: replaces the monotonic millisecond clock of entry times (NULL restores
+// it). Process-wide; set it before creating the caches that should use it.
+using gw_auth_cache_clock_fn = int64_t (*)();
+void gw_auth_cache_set_clock_for_testing(gw_auth_cache_clock_fn clock);
+// Test seam: callers currently waiting in gw_auth_cache_wait_for_result for this pair
+// (-1 when no record exists).
+int gw_auth_cache_verify_waiters_for_testing(gw_auth_cache_t* c, const char* user, const char* password);

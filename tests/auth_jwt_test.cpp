@@ -1,0 +1,371 @@
+#include "auth_jwt.hpp"
+
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "test_support.hpp"
+
+namespace {
+
+struct CtxDeleter {
+  void operator()(auth_jwt_ctx_t* c) const { auth_jwt_destroy(c); }
+};
+using CtxPtr = std::unique_ptr<auth_jwt_ctx_t, CtxDeleter>;
+struct JsonDeleter {
+  void operator()(json_object* j) const { json_object_put(j); }
+};
+using JsonPtr = std::unique_ptr<json_object, JsonDeleter>;
+
+// Independent decoders, so that the tests do not trust the code under test.
+std::vector<unsigned char> base32_decode(const std::string& text) {
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
+  std::vector<unsigned char> out;
+  unsigned buffer = 0;
+  int bits = 0;
+  for (char c : text) {
+    const size_t v = alphabet.find(c);
+    if (v == std::string::npos) throw std::runtime_error("bad base32");
+    buffer = (buffer << 5) | static_cast<unsigned>(v);
+    bits += 5;
+    if (bits >= 8) {
+      out.push_back(static_cast<unsigned char>((buffer >> (bits - 8)) & 0xff));
+      bits -= 8;
+    }
+  }
+  return out;
+}
+
+std::string base64url_decode(const std::string& text) {
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string out;
+  unsigned buffer = 0;
+  int bits = 0;
+  for (char c : text) {
+    const size_t v = alphabet.find(c);
+    if (v == std::string::npos) throw std::runtime_error("bad base64url character");
+    buffer = (buffer << 6) | static_cast<unsigned>(v);
+    bits += 6;
+    if (bits >= 8) {
+      out.push_back(static_cast<char>((buffer >> (bits - 8)) & 0xff));
+      bits -= 8;
+    }
+  }
+  return out;
+}
+
+uint16_t crc16_xmodem(const unsigned char* data, size_t len) {
+  uint16_t crc = 0;
+  for (size_t i = 0; i < len; ++i) {
+    crc ^= static_cast<uint16_t>(data[i] << 8);
+    for (int b = 0; b < 8; ++b) crc = (crc & 0x8000) ? static_cast<uint16_t>((crc << 1) ^ 0x1021) : crc << 1;
+  }
+  return crc;
+}
+
+// The raw Ed25519 key inside an account NKey, after checking prefix, length and CRC.
+std::vector<unsigned char> public_key_of(const std::string& nkey) {
+  EXPECT_EQ(nkey.size(), 56u);
+  EXPECT_EQ(nkey[0], 'A');
+  const std::vector<unsigned char> raw = base32_decode(nkey);
+  EXPECT_EQ(raw.size(), 35u);
+  if (raw.size() != 35) return {};
+  EXPECT_EQ(raw[0], 0);
+  const uint16_t crc = crc16_xmodem(raw.data(), 33);
+  EXPECT_EQ(raw[33], crc & 0xff);
+  EXPECT_EQ(raw[34], crc >> 8);
+  return std::vector<unsigned char>(raw.begin() + 1, raw.begin() + 33);
+}
+
+struct DecodedToken {
+  std::string header;
+  JsonPtr claims;
+  std::string claims_text;
+};
+
+// Splits the token, checks its Ed25519 signature against `issuer`, parses the claims.
+DecodedToken decode_and_verify(const std::string& token, const std::string& issuer) {
+  const size_t dot1 = token.find('.');
+  const size_t dot2 = token.find('.', dot1 + 1);
+  EXPECT_NE(dot1, std::string::npos);
+  EXPECT_NE(dot2, std::string::npos);
+  EXPECT_EQ(token.find('='), std::string::npos);
+  DecodedToken out;
+  out.header = base64url_decode(token.substr(0, dot1));
+  out.claims_text = base64url_decode(token.substr(dot1 + 1, dot2 - dot1 - 1));
+  out.claims.reset(json_tokener_parse(out.claims_text.c_str()));
+  const std::string signature = base64url_decode(token.substr(dot2 + 1));
+  EXPECT_EQ(signature.size(), 64u);
+
+  const std::vector<unsigned char> pub = public_key_of(issuer);
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> pkey(
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, pub.data(), pub.size()), EVP_PKEY_free);
+  std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  EXPECT_TRUE(pkey && md);
+  EXPECT_EQ(EVP_DigestVerifyInit(md.get(), nullptr, nullptr, nullptr, pkey.get()), 1);
+  const std::string signed_part = token.substr(0, dot2);
+  EXPECT_EQ(EVP_DigestVerify(md.get(), reinterpret_cast<const unsigned char*>(signature.data()), signature.size(),
+                             reinterpret_cast<const unsigned char*>(signed_part.data()), signed_part.size()),
+            1)
+      << "signature does not verify";
+  return out;
+}
+
+std::vector<std::string> keys_of(json_object* obj) {
+  std::vector<std::string> keys;
+  json_object_object_foreach(obj, key, value) {
+    (void)value;
+    keys.emplace_back(key);
+  }
+  return keys;
+}
+
+json_object* member(json_object* obj, const char* key) {
+  json_object* value = nullptr;
+  json_object_object_get_ex(obj, key, &value);
+  return value;
+}
+std::string text(json_object* obj, const char* key) {
+  json_object* v = member(obj, key);
+  return v ? json_object_get_string(v) : "<missing>";
+}
+std::vector<std::string> strings(json_object* array) {
+  std::vector<std::string> out;
+  for (size_t i = 0; i < json_object_array_length(array); ++i) {
+    out.emplace_back(json_object_get_string(json_object_array_get_idx(array, i)));
+  }
+  return out;
+}
+
+class Jwt : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ctx_.reset(auth_jwt_init(nullptr));
+    ASSERT_NE(ctx_, nullptr);
+    issuer_ = auth_jwt_public_key(ctx_.get());
+  }
+  std::string grant(const char* const* pa, const char* const* pd, const char* const* sa, const char* const* sd,
+                    const char* server = "SRV1", const char* nkey = "UNKEY", const char* account = nullptr) {
+    char* out = nullptr;
+    EXPECT_EQ(auth_jwt_sign_grant(ctx_.get(), server, nkey, account, pa, pd, sa, sd, &out), 0);
+    std::string token = out ? out : "";
+    free(out);
+    return token;
+  }
+  CtxPtr ctx_;
+  std::string issuer_;
+};
+
+TEST_F(Jwt, IssuerKeyIsAnAccountNKeyWithAValidChecksum) {
+  EXPECT_EQ(public_key_of(issuer_).size(), 32u);
+}
+
+TEST_F(Jwt, GrantCarriesTheUserJwtWithClaimsInOrder) {
+  const char* const pub_allow[] = {"scan.>", "_INBOX.>", nullptr};
+  const char* const sub_deny[] = {"secret.*", nullptr};
+  const time_t before = time(nullptr);
+  const std::string token = grant(pub_allow, nullptr, nullptr, sub_deny, "SRV1", "UABC", nullptr);
+
+  DecodedToken outer = decode_and_verify(token, issuer_);
+  EXPECT_EQ(outer.header, R"({"typ":"JWT","alg":"ed25519-nkey"})");
+  ASSERT_NE(outer.claims, nullptr);
+  EXPECT_EQ(keys_of(outer.claims.get()), (std::vector<std::string>{"iat", "iss", "sub", "aud", "nats"}));
+  EXPECT_GE(json_object_get_int64(member(outer.claims.get(), "iat")), before);
+  EXPECT_EQ(text(outer.claims.get(), "iss"), issuer_);
+  EXPECT_EQ(text(outer.claims.get(), "sub"), "UABC");
+  EXPECT_EQ(text(outer.claims.get(), "aud"), "SRV1");
+  json_object* nats = member(outer.claims.get(), "nats");
+  EXPECT_EQ(keys_of(nats), (std::vector<std::string>{"type", "version", "user_nkey", "jwt"}));
+  EXPECT_EQ(text(nats, "type"), "authorization_response");
+  EXPECT_EQ(json_object_get_int(member(nats, "version")), 2);
+  EXPECT_EQ(text(nats, "user_nkey"), "UABC");
+
+  DecodedToken inner = decode_and_verify(text(nats, "jwt"), issuer_);
+  ASSERT_NE(inner.claims, nullptr);
+  EXPECT_EQ(keys_of(inner.claims.get()), (std::vector<std::string>{"iat", "iss", "sub", "name", "aud", "nats"}));
+  EXPECT_EQ(json_object_get_int64(member(inner.claims.get(), "iat")),
+            json_object_get_int64(member(outer.claims.get(), "iat")));
+  EXPECT_EQ(text(inner.claims.get(), "sub"), "UABC");
+  EXPECT_EQ(text(inner.claims.get(), "name"), "UABC");
+  EXPECT_EQ(text(inner.claims.get(), "aud"), "$G");
+  json_object* perms = member(inner.claims.get(), "nats");
+  EXPECT_EQ(keys_of(perms), (std::vector<std::string>{"type", "version", "pub", "sub"}));
+  EXPECT_EQ(text(perms, "type"), "user");
+  EXPECT_EQ(keys_of(member(perms, "pub")), (std::vector<std::string>{"allow"}));
+  EXPECT_EQ(strings(member(member(perms, "pub"), "allow")), (std::vector<std::string>{"scan.>", "_INBOX.>"}));
+  EXPECT_EQ(keys_of(member(perms, "sub")), (std::vector<std::string>{"deny"}));
+  EXPECT_EQ(strings(member(member(perms, "sub"), "deny")), (std::vector<std::string>{"secret.*"}));
+  // No expiry and no token id on either token.
+  EXPECT_EQ(member(inner.claims.get(), "exp"), nullptr);
+  EXPECT_EQ(member(outer.claims.get(), "jti"), nullptr);
+}
+
+TEST_F(Jwt, NullAndEmptyPermissionLists) {
+  auto inner_nats = [&](const std::string& token) {
+    DecodedToken outer = decode_and_verify(token, issuer_);
+    const std::string inner_token = text(member(outer.claims.get(), "nats"), "jwt");
+    DecodedToken inner = decode_and_verify(inner_token, issuer_);
+    return std::string(json_object_to_json_string_ext(member(inner.claims.get(), "nats"), JSON_C_TO_STRING_PLAIN));
+  };
+  EXPECT_EQ(inner_nats(grant(nullptr, nullptr, nullptr, nullptr)), R"({"type":"user","version":2})");
+  const char* const empty[] = {nullptr};
+  EXPECT_EQ(inner_nats(grant(empty, empty, empty, empty)),
+            R"({"type":"user","version":2,"pub":{"allow":[],"deny":[]},"sub":{"allow":[],"deny":[]}})");
+}
+
+TEST_F(Jwt, GrantWithNullIdentitiesUsesTheDefaults) {
+  const std::string token = grant(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, "ACCT");
+  DecodedToken outer = decode_and_verify(token, issuer_);
+  EXPECT_EQ(text(outer.claims.get(), "sub"), "");
+  EXPECT_EQ(text(outer.claims.get(), "aud"), "");
+  DecodedToken inner = decode_and_verify(text(member(outer.claims.get(), "nats"), "jwt"), issuer_);
+  EXPECT_EQ(text(inner.claims.get(), "name"), "");
+  EXPECT_EQ(text(inner.claims.get(), "aud"), "ACCT");
+}
+
+TEST_F(Jwt, DenyCarriesTheReasonOrTheDefaultOne) {
+  char* out = nullptr;
+  ASSERT_EQ(auth_jwt_sign_deny(ctx_.get(), "SRV9", "UX", "bad password", &out), 0);
+  DecodedToken with_reason = decode_and_verify(out, issuer_);
+  free(out);
+  EXPECT_EQ(keys_of(with_reason.claims.get()), (std::vector<std::string>{"iat", "iss", "sub", "aud", "nats"}));
+  json_object* nats = member(with_reason.claims.get(), "nats");
+  EXPECT_EQ(keys_of(nats), (std::vector<std::string>{"type", "version", "error"}));
+  EXPECT_EQ(text(nats, "error"), "bad password");
+  EXPECT_EQ(text(with_reason.claims.get(), "aud"), "SRV9");
+
+  ASSERT_EQ(auth_jwt_sign_deny(ctx_.get(), nullptr, nullptr, nullptr, &out), 0);
+  DecodedToken plain = decode_and_verify(out, issuer_);
+  free(out);
+  EXPECT_EQ(text(member(plain.claims.get(), "nats"), "error"), "access denied");
+  EXPECT_EQ(text(plain.claims.get(), "sub"), "");
+  EXPECT_EQ(text(plain.claims.get(), "aud"), "");
+}
+
+TEST_F(Jwt, SigningRefusesBadArguments) {
+  char* out = nullptr;
+  EXPECT_EQ(auth_jwt_sign_grant(nullptr, "s", "u", nullptr, nullptr, nullptr, nullptr, nullptr, &out), -1);
+  EXPECT_EQ(auth_jwt_sign_grant(ctx_.get(), "s", "u", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(auth_jwt_sign_deny(nullptr, "s", "u", "r", &out), -1);
+  EXPECT_EQ(auth_jwt_sign_deny(ctx_.get(), "s", "u", "r", nullptr), -1);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(auth_jwt_public_key(nullptr), nullptr);
+  auth_jwt_destroy(nullptr);
+}
+
+TEST_F(Jwt, EveryTokenSharesTheHeaderSegmentAndJsonEscapingIsJsonCs) {
+  char* a = nullptr;
+  char* b = nullptr;
+  ASSERT_EQ(auth_jwt_sign_deny(ctx_.get(), "x", "y", "quote \" slash / done", &a), 0);
+  ASSERT_EQ(auth_jwt_sign_deny(ctx_.get(), "z", "w", nullptr, &b), 0);
+  const std::string ta(a), tb(b);
+  free(a);
+  free(b);
+  EXPECT_EQ(ta.substr(0, ta.find('.')), tb.substr(0, tb.find('.')));
+  EXPECT_EQ(ta.substr(0, ta.find('.')), "eyJ0eXAiOiJKV1QiLCJhbGciOiJlZDI1NTE5LW5rZXkifQ");
+  DecodedToken d = decode_and_verify(ta, issuer_);
+  EXPECT_NE(d.claims_text.find(R"("error":"quote \" slash \/ done")"), std::string::npos) << d.claims_text;
+}
+
+TEST(Base64Url, LengthsAndAlphabet) {
+  const unsigned char bytes[] = {0xfb, 0xff, 0xfe};
+  EXPECT_EQ(base64url_encode(bytes, 0), "");
+  EXPECT_EQ(base64url_encode(bytes, 1), "-w");
+  EXPECT_EQ(base64url_encode(bytes, 2), "-_8");
+  EXPECT_EQ(base64url_encode(bytes, 3), "-__-");
+}
+
+TEST(NKey, EncodesAKnownKey) {
+  unsigned char zero[32] = {};
+  const std::string nkey = nkey_encode_public(0, zero);
+  EXPECT_EQ(nkey.size(), 56u);
+  EXPECT_EQ(public_key_of(nkey), std::vector<unsigned char>(32, 0));
+  // prefix 20 ('U', user keys) shows the prefix goes into the top five bits.
+  EXPECT_EQ(nkey_encode_public(20, zero)[0], 'U');
+}
+
+TEST(DecodeJwtPayload, ReadsTheMiddleSegmentLeniently) {
+  // {"a":"~~~"} encodes with '-' or '_' somewhere; padding is restored before decoding.
+  const std::string json = R"({"nats":{"connect_opts":{"user":"u?>","pass":"p~~"}}})";
+  const std::string token =
+      "h." + base64url_encode(reinterpret_cast<const unsigned char*>(json.data()), json.size()) + ".sig";
+  JsonPtr claims(decode_jwt_payload(token.c_str()));
+  ASSERT_NE(claims, nullptr);
+  EXPECT_EQ(text(member(member(claims.get(), "nats"), "connect_opts"), "pass"), "p~~");
+  // Standard-alphabet and padded input is read as well.
+  JsonPtr padded(decode_jwt_payload("x.eyJhIjoxfQ==.y"));
+  ASSERT_NE(padded, nullptr);
+  EXPECT_EQ(json_object_get_int(member(padded.get(), "a")), 1);
+
+  EXPECT_EQ(decode_jwt_payload(nullptr), nullptr);
+  EXPECT_EQ(decode_jwt_payload("no-dots"), nullptr);
+  EXPECT_EQ(decode_jwt_payload("one.dot"), nullptr);
+  EXPECT_EQ(decode_jwt_payload("a..c"), nullptr);
+  EXPECT_EQ(decode_jwt_payload("a.!!!!.c"), nullptr);
+}
+
+class SigningKeyFile : public ::testing::Test {
+ protected:
+  std::string nkey_for(const std::string& path) {
+    CtxPtr ctx(auth_jwt_init(path.c_str()));
+    EXPECT_NE(ctx, nullptr);
+    return ctx ? auth_jwt_public_key(ctx.get()) : "";
+  }
+  qmtest::TempDir dir_;
+  std::string path_ = dir_.file("issuer.seed");
+};
+
+TEST_F(SigningKeyFile, MissingFileIsCreatedOwnerOnlyAndReused) {
+  const std::string first = nkey_for(path_);
+  struct stat st {};
+  ASSERT_EQ(stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(st.st_size, 32);
+  EXPECT_EQ(nkey_for(path_), first);
+}
+
+TEST_F(SigningKeyFile, ShortOrEmptyFileIsReplacedByANewSeed) {
+  for (size_t len : {size_t{0}, size_t{31}}) {
+    qmtest::write_file(path_, std::string(len, 'k'));
+    chmod(path_.c_str(), 0644);
+    const std::string nkey = nkey_for(path_);
+    EXPECT_EQ(qmtest::read_file(path_).size(), 32u);
+    struct stat st {};
+    ASSERT_EQ(stat(path_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(nkey_for(path_), nkey);
+  }
+}
+
+TEST_F(SigningKeyFile, LongerFileIsUsedAsIsAndNotRewritten) {
+  const std::string seed33(33, '\x42');
+  qmtest::write_file(path_, seed33);
+  const std::string nkey = nkey_for(path_);
+  EXPECT_EQ(qmtest::read_file(path_), seed33);
+  qmtest::write_file(path_, seed33.substr(0, 32));
+  EXPECT_EQ(nkey_for(path_), nkey);
+}
+
+TEST_F(SigningKeyFile, UnusablePathsStillGiveAnInMemoryKey) {
+  // A directory cannot be read as a seed nor written: the key lives in memory only.
+  const std::string as_dir = dir_.file("a-directory");
+  std::filesystem::create_directory(as_dir);
+  const std::string a = nkey_for(as_dir);
+  const std::string b = nkey_for(as_dir);
+  EXPECT_EQ(a.size(), 56u);
+  EXPECT_NE(a, b);
+  EXPECT_TRUE(std::filesystem::is_directory(as_dir));
+  const std::string in_missing_dir = dir_.file("nope/seed");
+  EXPECT_EQ(nkey_for(in_missing_dir).size(), 56u);
+  EXPECT_FALSE(std::filesystem::exists(in_missing_dir));
+}
+
+}  // namespace

@@ -1,0 +1,329 @@
+#include "gw_auth_cache.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "test_support.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::atomic<int64_t> g_now_ms{1'000'000};
+int64_t fake_clock() { return g_now_ms.load(); }
+
+struct CacheDeleter {
+  void operator()(gw_auth_cache_t* c) const { gw_auth_cache_destroy(c); }
+};
+using CachePtr = std::unique_ptr<gw_auth_cache_t, CacheDeleter>;
+
+// Entry times follow a clock the test moves by hand.
+class AuthCache : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_now_ms = 1'000'000;
+    gw_auth_cache_set_clock_for_testing(fake_clock);
+  }
+  void TearDown() override { gw_auth_cache_set_clock_for_testing(nullptr); }
+  static void advance_ms(int64_t ms) { g_now_ms += ms; }
+  static CachePtr make(size_t entries, int grant_s, int deny_s, int pct) {
+    return CachePtr(gw_auth_cache_create(entries, grant_s, deny_s, pct));
+  }
+};
+
+TEST_F(AuthCache, CreationRulesAndClamping) {
+  qmtest::LogCapture log(QMLOG_TRACE);
+  EXPECT_EQ(make(16, 0, 0, 50), nullptr);
+  EXPECT_EQ(make(16, -5, 0, 50), nullptr);
+  EXPECT_EQ(make(0, 10, 10, 50), nullptr);
+  CachePtr c = make(16, 120, -3, 101);
+  ASSERT_NE(c, nullptr);
+  EXPECT_TRUE(log.contains("auth_cache: enabled (capacity=16, grant_ttl=120s, deny_ttl=0s, refresh_threshold=0%, "
+                           "verify_inflight_capacity=32)"));
+  // Threshold 101 is stored as 0: a grant never turns stale, and no refresh can be claimed.
+  gw_auth_cache_insert_grant(c.get(), "u", "p");
+  advance_ms(119'000);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_GRANT);
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  EXPECT_FALSE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+  // Deny TTL -3 is stored as 0: denials are not recorded.
+  gw_auth_cache_insert_deny(c.get(), "x");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "x", "any"), GW_AUTH_CACHE_MISS);
+  CachePtr negative = make(16, 120, 10, -1);
+  gw_auth_cache_insert_grant(negative.get(), "u", "p");
+  advance_ms(100'000);
+  EXPECT_EQ(gw_auth_cache_lookup(negative.get(), "u", "p"), GW_AUTH_CACHE_GRANT);
+}
+
+TEST_F(AuthCache, DenyOnlyCacheIgnoresGrants) {
+  CachePtr c = make(16, 0, 10, 50);
+  ASSERT_NE(c, nullptr);
+  gw_auth_cache_insert_grant(c.get(), "u", "p");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_MISS);
+  gw_auth_cache_insert_deny(c.get(), "u");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_DENY);
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  EXPECT_FALSE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+}
+
+TEST_F(AuthCache, BadArgumentsMissAndAreIgnored) {
+  CachePtr c = make(16, 120, 10, 50);
+  gw_auth_cache_insert_grant(c.get(), "", "p");
+  gw_auth_cache_insert_grant(c.get(), nullptr, "p");
+  gw_auth_cache_insert_grant(c.get(), "u", nullptr);
+  gw_auth_cache_insert_deny(c.get(), "");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "", "p"), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", nullptr), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_lookup(nullptr, "u", "p"), GW_AUTH_CACHE_MISS);
+  gw_auth_cache_insert_grant(nullptr, "u", "p");
+  gw_auth_cache_destroy(nullptr);
+  EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "", "p"), GW_VERIFY_NOROOM);
+  EXPECT_EQ(gw_auth_cache_begin_verify(nullptr, "u", "p"), GW_VERIFY_NOROOM);
+  EXPECT_EQ(gw_auth_cache_wait_for_result(c.get(), "u", "p", 10), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(nullptr, 10), 0);
+  // An empty password is a password like any other.
+  gw_auth_cache_insert_grant(c.get(), "u", "");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", ""), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "x"), GW_AUTH_CACHE_MISS);
+}
+
+TEST_F(AuthCache, GrantTurnsStaleAtTheThresholdAndExpiresAtTheTtl) {
+  CachePtr c = make(64, 120, 10, 50);
+  gw_auth_cache_insert_grant(c.get(), "alice", "pw");
+  advance_ms(59'000);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "wrong"), GW_AUTH_CACHE_MISS);
+  advance_ms(999);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), GW_AUTH_CACHE_GRANT);
+  advance_ms(1);  // 60 s: due
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), GW_AUTH_CACHE_GRANT_STALE);
+  advance_ms(59'999);  // 119.999 s: still valid
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), GW_AUTH_CACHE_GRANT_STALE);
+  advance_ms(1);  // 120 s: gone
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), GW_AUTH_CACHE_MISS);
+}
+
+TEST_F(AuthCache, DenyIsPerUserAndACorrectPasswordWinsOverIt) {
+  CachePtr c = make(64, 120, 10, 50);
+  gw_auth_cache_insert_grant(c.get(), "bob", "right");
+  gw_auth_cache_insert_deny(c.get(), "bob");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "right"), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "anything"), GW_AUTH_CACHE_DENY);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "Bob", "anything"), GW_AUTH_CACHE_MISS);
+  advance_ms(10'000);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "anything"), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "right"), GW_AUTH_CACHE_GRANT);
+}
+
+TEST_F(AuthCache, UserDataTravelsWithTheGrant) {
+  CachePtr c = make(64, 120, 10, 50);
+  int profile_a = 0, profile_b = 0;
+  gw_auth_cache_insert_grant_ex(c.get(), "u", "p", &profile_a);
+  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "u", "p").user_data, &profile_a);
+  gw_auth_cache_insert_grant(c.get(), "u", "p");  // same entry: keeps its pointer
+  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "u", "p").user_data, &profile_a);
+  gw_auth_cache_insert_grant_ex(c.get(), "u", "p", &profile_b);
+  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "u", "p").user_data, &profile_b);
+  gw_auth_cache_insert_grant(c.get(), "v", "p");  // new entry: no pointer
+  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "v", "p").user_data, nullptr);
+  gw_auth_cache_insert_deny(c.get(), "w");
+  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "w", "p").user_data, nullptr);
+}
+
+TEST_F(AuthCache, ClaimAndCompleteWithGenerations) {
+  CachePtr c = make(64, 120, 10, 50);
+  int old_profile = 0, new_profile = 0;
+  gw_auth_cache_insert_grant_ex(c.get(), "u", "p", &old_profile);
+  advance_ms(61'000);
+  ASSERT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_GRANT_STALE);
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+  // Claimed: fresh again to other callers, and nobody else may claim.
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_GRANT);
+  unsigned char other_hash[32];
+  uint32_t other_gen = 0;
+  EXPECT_FALSE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", other_hash, &other_gen));
+  EXPECT_FALSE(gw_auth_cache_try_claim_refresh(c.get(), "u", "other", other_hash, &other_gen));
+
+  // Granted at 70 s: valid until 190 s, due again at 130 s, with the new pointer.
+  advance_ms(9'000);
+  gw_auth_cache_complete_refresh_ex(c.get(), hash, gen, GW_REFRESH_GRANTED, &new_profile);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 0), 0);
+  advance_ms(59'000);  // 129 s
+  gw_auth_cache_lookup_t hit = gw_auth_cache_lookup_ex(c.get(), "u", "p");
+  EXPECT_EQ(hit.result, GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(hit.user_data, &new_profile);
+  advance_ms(1'000);  // 130 s
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_GRANT_STALE);
+
+  // Aborted: the grant keeps its expiry and can be claimed again.
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+  gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_ABORTED);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_GRANT_STALE);
+  advance_ms(60'000);  // 190 s
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_MISS);
+}
+
+TEST_F(AuthCache, DeniedRefreshRevokesAndAStaleClaimChangesNothing) {
+  CachePtr c = make(64, 120, 10, 50);
+  gw_auth_cache_insert_grant(c.get(), "u", "p");
+  advance_ms(61'000);
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+  gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_DENIED);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 0), 0);
+
+  // Re-inserted while a refresh runs: the late completion must not touch the new entry.
+  gw_auth_cache_insert_grant(c.get(), "v", "p");
+  advance_ms(61'000);
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "v", "p", hash, &gen));
+  gw_auth_cache_insert_grant(c.get(), "v", "p");
+  gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_DENIED);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "v", "p"), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 0), 0);
+  // A completion nobody claimed does not drive the count below zero.
+  gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_ABORTED);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 0), 0);
+}
+
+TEST_F(AuthCache, FullTableEvictsTheLeastRecentlyUsed) {
+  // With 4 slots the probe run covers the whole table, so every entry stays findable.
+  CachePtr c = make(4, 120, 10, 50);
+  const char* users[] = {"a", "b", "c", "d"};
+  for (const char* u : users) {
+    gw_auth_cache_insert_grant(c.get(), u, "p");
+    advance_ms(1);
+  }
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "a", "p"), GW_AUTH_CACHE_GRANT);  // a is now the most recent
+  advance_ms(1);
+  gw_auth_cache_insert_grant(c.get(), "e", "p");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "b", "p"), GW_AUTH_CACHE_MISS);
+  for (const char* u : {"a", "c", "d", "e"}) EXPECT_EQ(gw_auth_cache_lookup(c.get(), u, "p"), GW_AUTH_CACHE_GRANT) << u;
+
+  // An expired entry is reused before anything live is evicted.
+  for (const char* u : {"c", "d", "e", "a"}) {
+    advance_ms(1);
+    gw_auth_cache_lookup(c.get(), u, "p");
+  }
+  gw_auth_cache_insert_deny(c.get(), "z");  // evicts c, now the least recently used
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "c", "p"), GW_AUTH_CACHE_MISS);
+  advance_ms(10'000);                       // z expires, the grants live on
+  gw_auth_cache_insert_grant(c.get(), "f", "p");
+  for (const char* u : {"a", "d", "e", "f"}) EXPECT_EQ(gw_auth_cache_lookup(c.get(), u, "p"), GW_AUTH_CACHE_GRANT) << u;
+}
+
+TEST_F(AuthCache, LongUserNamesShareKeysWithTheirTruncatedForm) {
+  CachePtr c = make(64, 120, 10, 50);
+  const std::string user1030(1030, 'x');
+  const std::string user1022(1022, 'x');
+  gw_auth_cache_insert_grant(c.get(), user1030.c_str(), "pw");
+  // 1,022 user bytes + NUL leave one byte of password in the key.
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), user1022.c_str(), "p"), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), user1022.c_str(), "q"), GW_AUTH_CACHE_MISS);
+  const std::string user1021(1021, 'x');
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), user1021.c_str(), "p"), GW_AUTH_CACHE_MISS);
+}
+
+TEST_F(AuthCache, DrainWaitsForTheLastRefreshOrTimesOut) {
+  qmtest::LogCapture log(QMLOG_TRACE);
+  CachePtr c = make(64, 120, 10, 50);
+  gw_auth_cache_insert_grant(c.get(), "u", "p");
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 50), -1);
+  EXPECT_TRUE(log.contains(
+      "auth_cache: 1 refresh(es) still in flight at shutdown drain deadline; cache will not be destroyed to avoid UAF"));
+  std::thread refresher([&] {
+    std::this_thread::sleep_for(50ms);  // lets the drain below actually wait
+    gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_GRANTED);
+  });
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 10'000), 0);
+  refresher.join();
+}
+
+class Coalescing : public AuthCache {};
+
+TEST_F(Coalescing, OneLeaderManyJoinersAllGetItsResult) {
+  CachePtr c = make(64, 120, 10, 50);
+  for (bool granted : {true, false}) {
+    ASSERT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);
+    constexpr int kJoiners = 16;
+    std::vector<gw_auth_cache_result_t> results(kJoiners, GW_AUTH_CACHE_MISS);
+    std::vector<std::thread> joiners;
+    for (int i = 0; i < kJoiners; ++i) {
+      joiners.emplace_back([&, i] {
+        ASSERT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_JOINED);
+        results[i] = gw_auth_cache_wait_for_result(c.get(), "u", "p", 30'000);
+      });
+    }
+    ASSERT_TRUE(qmtest::wait_until(
+        [&] { return gw_auth_cache_verify_waiters_for_testing(c.get(), "u", "p") == kJoiners; }, 30s));
+    // Another pair is not held up by this one.
+    EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "other"), GW_VERIFY_LEAD);
+    gw_auth_cache_abort_verify(c.get(), "u", "other");
+    gw_auth_cache_publish_result(c.get(), "u", "p", granted);
+    for (auto& t : joiners) t.join();
+    for (auto r : results) EXPECT_EQ(r, granted ? GW_AUTH_CACHE_GRANT : GW_AUTH_CACHE_DENY);
+    // The last waiter reaped the record: the next caller leads again.
+    EXPECT_EQ(gw_auth_cache_verify_waiters_for_testing(c.get(), "u", "p"), -1);
+  }
+  ASSERT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);
+  gw_auth_cache_publish_result(c.get(), "u", "p", true);  // nobody waits: reaped at once
+  EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);
+  gw_auth_cache_abort_verify(c.get(), "u", "p");
+}
+
+TEST_F(Coalescing, ThirtyThreeDistinctChecksLeaveTheLastWithoutRoom) {
+  CachePtr c = make(64, 120, 10, 50);
+  std::atomic<int> leads{0}, norooms{0};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 33; ++i) {
+    callers.emplace_back([&, i] {
+      const std::string user = "user" + std::to_string(i);
+      const gw_verify_role_t role = gw_auth_cache_begin_verify(c.get(), user.c_str(), "p");
+      if (role == GW_VERIFY_LEAD) leads++;
+      if (role == GW_VERIFY_NOROOM) norooms++;
+    });
+  }
+  for (auto& t : callers) t.join();
+  EXPECT_EQ(leads.load(), 32);
+  EXPECT_EQ(norooms.load(), 1);
+  // Freeing one record makes room again.
+  for (int i = 0; i < 33; ++i) {
+    gw_auth_cache_publish_result(c.get(), ("user" + std::to_string(i)).c_str(), "p", true);
+  }
+  EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "late", "p"), GW_VERIFY_LEAD);
+}
+
+TEST_F(Coalescing, AJoinerWhoseLeaderNeverAnswersTimesOut) {
+  CachePtr c = make(64, 120, 10, 50);
+  ASSERT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);
+  EXPECT_EQ(gw_auth_cache_wait_for_result(c.get(), "u", "p", 50), GW_AUTH_CACHE_MISS);
+  // Still in use until the leader finishes.
+  EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_JOINED);
+
+  std::thread joiner([&] { EXPECT_EQ(gw_auth_cache_wait_for_result(c.get(), "u", "p", 30'000), GW_AUTH_CACHE_MISS); });
+  ASSERT_TRUE(
+      qmtest::wait_until([&] { return gw_auth_cache_verify_waiters_for_testing(c.get(), "u", "p") == 1; }, 30s));
+  gw_auth_cache_abort_verify(c.get(), "u", "p");  // aborted counts as a miss
+  joiner.join();
+  EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);
+  gw_auth_cache_publish_result(c.get(), "u", "p", false);
+  gw_auth_cache_publish_result(c.get(), "u", "p", true);  // no record any more: ignored
+  EXPECT_EQ(gw_auth_cache_wait_for_result(c.get(), "u", "p", 10), GW_AUTH_CACHE_MISS);
+}
+
+}  // namespace
