@@ -1,4 +1,5 @@
-// The auth-callout service and its configuration.
+// The auth-callout service and its configuration: the adjudicator nats-server consults
+// for every client login, and the credential check the broker's front doors use.
 #pragma once
 
 #include <cstddef>
@@ -50,3 +51,32 @@ void auth_config_free(auth_config_t* cfg);
 // "ldap" -> LDAP; "file+ldap", "file,ldap", "filethenldap" -> FILE_THEN_LDAP (any case);
 // NULL and anything else -> FILE.
 auth_backend_type_t auth_config_parse_backend(const char* text);
+
+struct gw_credential_store;
+struct gw_auth_cache;
+struct auth_ldap_ctx;
+struct ldap_user_info;
+
+struct auth_service;
+using auth_service_t = auth_service;
+
+// The adjudicator: answers nats-server's auth callout on $SYS.REQ.USER.AUTH and the
+// front doors' checks on "qm.auth.verify". config, creds and auth_cache are borrowed
+// (creds and auth_cache may be NULL). NULL when memory runs out.
+auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store* creds, gw_auth_cache* auth_cache);
+// Connects, subscribes and serves until auth_service_stop. 0 after a clean stop, -1 when
+// start-up fails (logged at FATAL). Blocking.
+int auth_service_run(auth_service_t* svc);
+// Asks auth_service_run to return (within 500 ms). Async-signal-safe; accepts NULL.
+void auth_service_stop(auth_service_t* svc);
+// Releases whatever auth_service_run left behind, then the service. Accepts NULL.
+void auth_service_destroy(auth_service_t* svc);
+
+// The credential check behind both subjects: the credentials file first, then LDAP.
+// *out_backend (if given) becomes "none", "file" or "ldap"; out_info (if given) is cleared
+// and, after an LDAP grant, holds the user's groups. False at once for NULL or empty
+// user or password.
+bool auth_dispatch_validate_ext(gw_credential_store* creds, auth_ldap_ctx* ldap_ctx, const char* user,
+                                const char* password, const char** out_backend, ldap_user_info* out_info);
+bool auth_dispatch_validate(gw_credential_store* creds, auth_ldap_ctx* ldap_ctx, const char* user,
+                            const char* password, const char** out_backend);

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "auth_handler.hpp"
+#include "broker_auth_thread.hpp"
 #include "broker_auth_watcher.hpp"
 #include "auth_jwt.hpp"
 #include "broker_config.hpp"
@@ -34,6 +36,9 @@ pthread_t g_main_thread;
 
 // The supervised nats-server child; the signal handler forwards SIGTERM to it.
 std::atomic<broker_natsd_t*> g_natsd{nullptr};
+// The auth-callout service and its thread; the signal handler stops the service.
+std::atomic<auth_service_t*> g_auth_svc{nullptr};
+broker_auth_thread_t* g_auth_thr = nullptr;
 
 // The logger borrows the file name; this copy outlives the configuration, which is
 // freed before the last log line.
@@ -52,6 +57,7 @@ void signal_handler(int sig) {
     g_reload_requested = 1;
   } else {
     g_shutdown_requested = 1;
+    auth_service_stop(g_auth_svc.load());
     // SIGINT from a terminal reaches the child through the process group anyway.
     if (sig == SIGTERM) {
       if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGTERM);
@@ -237,6 +243,38 @@ void s_destroy_auth_cache() {
   g_auth_cache = nullptr;
 }
 
+// The adjudicator runs on its own thread; its own start-up failures are logged there.
+bool s_start_auth_callout(broker_app& app) {
+  if (!app.cfg->auth_callout_enabled) {
+    log_warn("auth-callout: disabled \u2014 no clients will be able to connect to nats-server until an external "
+             "auth-callout adjudicator subscribes to $SYS.REQ.USER.AUTH; AMQP front-door will also be unable to "
+             "validate logins (qm.auth.verify has no subscriber)");
+    return true;
+  }
+  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, g_auth_cache);
+  if (svc == nullptr) {
+    log_fatal("Failed to create auth service");
+    return false;
+  }
+  g_auth_svc.store(svc);
+  g_auth_thr = broker_auth_thread_create(svc);
+  if (g_auth_thr == nullptr || broker_auth_thread_start(g_auth_thr) != 0) {
+    log_fatal("Failed to start auth-callout thread");
+    return false;
+  }
+  log_info("auth-callout: thread started");
+  return true;
+}
+
+void s_stop_auth_callout() {
+  if (g_auth_thr != nullptr) {
+    log_debug("Stopping auth-callout thread");
+    broker_auth_thread_destroy(g_auth_thr);
+    g_auth_thr = nullptr;
+  }
+  auth_service_destroy(g_auth_svc.exchange(nullptr));
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -253,7 +291,8 @@ bool s_start(broker_app& app) {
   s_start_auth_watcher(*cfg.gw->credential_file);
   // The NATS relay joins here, before the auth cache.
   s_create_auth_cache(*cfg.gw);
-  // Then the callout thread, SASL, the AMQP acceptor, the HTTPS frontend and the update thread.
+  if (!s_start_auth_callout(app)) return false;
+  // Then SASL, the AMQP acceptor, the HTTPS frontend and the update thread.
 
   log_info("%s ready", kProgramName);
   if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
@@ -306,6 +345,7 @@ void s_shutdown(broker_app& app) {
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
   }
+  s_stop_auth_callout();
   s_destroy_auth_cache();
   gw_credential_store_free(app.credentials);
   app.credentials = nullptr;

@@ -1,0 +1,64 @@
+#include "broker_auth_thread.hpp"
+
+#include <signal.h>
+
+#include <atomic>
+#include <memory>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "log.hpp"
+
+struct broker_auth_thread {
+  auth_service_t* svc = nullptr;
+  std::thread thread;
+  bool running = false;
+  std::atomic<int> rc{0};
+};
+
+broker_auth_thread_t* broker_auth_thread_create(auth_service_t* svc) {
+  if (svc == nullptr) return nullptr;
+  try {
+    auto t = std::make_unique<broker_auth_thread>();
+    t->svc = svc;
+    return t.release();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+int broker_auth_thread_start(broker_auth_thread_t* t) {
+  if (t == nullptr || t->svc == nullptr || t->running) return -1;
+  // The NATS library's delivery threads are born from this one: none of them may take
+  // the process signals meant for the main thread.
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) sigaddset(&blocked, sig);
+  sigset_t previous;
+  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
+  try {
+    t->thread = std::thread([t] { t->rc = auth_service_run(t->svc); });
+  } catch (const std::system_error&) {
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    log_fatal("auth-callout: failed to spawn worker thread");
+    return -1;
+  }
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  t->running = true;
+  return 0;
+}
+
+void broker_auth_thread_join(broker_auth_thread_t* t) {
+  if (t == nullptr || !t->running) return;
+  auth_service_stop(t->svc);
+  t->thread.join();
+  t->running = false;
+}
+
+int broker_auth_thread_rc(const broker_auth_thread_t* t) { return t ? t->rc.load() : -1; }
+
+void broker_auth_thread_destroy(broker_auth_thread_t* t) {
+  broker_auth_thread_join(t);
+  std::unique_ptr<broker_auth_thread> owned(t);
+}

@@ -1,0 +1,439 @@
+// Logins to a real nats-server decided by the broker's auth callout, and the verify
+// endpoint, end to end: real nats-server, real broker binary, real NATS clients.
+#include <gtest/gtest.h>
+#include <nats/nats.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "auth_jwt.hpp"
+#include "callout_fixture.hpp"
+#include "slapd_fixture.hpp"
+#include "test_support.hpp"
+
+using namespace std::chrono_literals;
+using qmtest::CalloutEnv;
+using qmtest::CalloutOptions;
+using qmtest::nats_login;
+
+namespace {
+
+size_t count_of(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+// Collects the asynchronous errors nats-server sends a connection (permission violations).
+struct async_errors {
+  std::mutex mutex;
+  std::string text;
+  static void on_error(natsConnection* nc, natsSubscription*, natsStatus, void* closure) {
+    auto* self = static_cast<async_errors*>(closure);
+    const char* last = nullptr;
+    natsConnection_GetLastError(nc, &last);
+    std::lock_guard lock(self->mutex);
+    self->text += last ? last : "?";
+    self->text += "\n";
+  }
+  std::string get() {
+    std::lock_guard lock(mutex);
+    return text;
+  }
+};
+
+// A login that records asynchronous errors.
+natsConnection* login_watching_errors(const std::string& url, const char* user, const char* password,
+                                      async_errors& errors) {
+  natsOptions* opts = nullptr;
+  natsOptions_Create(&opts);
+  natsOptions_SetURL(opts, url.c_str());
+  natsOptions_SetUserInfo(opts, user, password);
+  natsOptions_SetTimeout(opts, 5000);
+  natsOptions_SetErrorHandler(opts, async_errors::on_error, &errors);
+  natsConnection* nc = nullptr;
+  if (natsConnection_Connect(&nc, opts) != NATS_OK) nc = nullptr;
+  natsOptions_Destroy(opts);
+  return nc;
+}
+
+struct conn_closer {
+  void operator()(natsConnection* nc) const {
+    natsConnection_Close(nc);
+    natsConnection_Destroy(nc);
+  }
+};
+using conn_ptr = std::unique_ptr<natsConnection, conn_closer>;
+
+// True when a message published by `from` on subject reaches a subscriber on `to`.
+bool delivered(natsConnection* from, natsConnection* to, const std::string& subject, int wait_ms = 2000) {
+  natsSubscription* sub = nullptr;
+  if (natsConnection_SubscribeSync(&sub, to, subject.c_str()) != NATS_OK) return false;
+  natsConnection_Flush(to);
+  natsConnection_PublishString(from, subject.c_str(), "probe");
+  natsConnection_Flush(from);
+  natsMsg* msg = nullptr;
+  const bool got = natsSubscription_NextMsg(&msg, sub, wait_ms) == NATS_OK;
+  natsMsg_Destroy(msg);
+  natsSubscription_Destroy(sub);
+  return got;
+}
+
+CalloutOptions file_users() {
+  CalloutOptions options;
+  options.users = {{"alice", "wonder"}, {"bob", "builder"}};
+  return options;
+}
+
+TEST(CalloutVerdicts, FileUserIsAdmittedWrongPasswordAndUnknownUserAreRefused) {
+  CalloutEnv env(file_users());
+  auto alice = nats_login(env.url(), "alice", "wonder");
+  EXPECT_EQ(alice.status, NATS_OK) << alice.error;
+
+  auto wrong = nats_login(env.url(), "alice", "nope");
+  EXPECT_NE(wrong.status, NATS_OK);
+  EXPECT_NE(wrong.error.find("Authorization Violation"), std::string::npos) << wrong.error;
+
+  auto unknown = nats_login(env.url(), "mallory", "wonder");
+  EXPECT_NE(unknown.status, NATS_OK);
+
+  const std::string log = env.broker().err();
+  EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=default groups=0"), std::string::npos);
+  EXPECT_NE(log.find("auth_callout: DENY user=alice backend=none reason=invalid-credentials"), std::string::npos);
+  EXPECT_NE(log.find("auth_callout: DENY user=mallory backend=none reason=invalid-credentials"), std::string::npos);
+}
+
+TEST(CalloutVerdicts, EmptyPasswordIsRefusedWithoutTouchingTheCache) {
+  CalloutEnv env(file_users());
+  for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);
+  // The client library leaves an empty password out of its CONNECT, so the request
+  // arrives without one: refused as malformed, never looked up, cached or coalesced.
+  const std::string log = env.broker().err();
+  EXPECT_EQ(count_of(log, "auth_callout: malformed auth request"), 2u) << log;
+  EXPECT_EQ(log.find("via="), std::string::npos);
+  EXPECT_TRUE(qmtest::wait_until([&] { return env.server_log().find("malformed auth request") != std::string::npos; },
+                                 5s));
+}
+
+TEST(CalloutVerdicts, SecondLoginIsAnsweredFromTheCache) {
+  CalloutEnv env(file_users());
+  EXPECT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  EXPECT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=bob via=cache profile=default", 5s));
+}
+
+TEST(CalloutPermissions, WithoutAPermissionsFileEverythingIsAllowed) {
+  CalloutEnv env(file_users());
+  async_errors errors;
+  conn_ptr alice(login_watching_errors(env.url(), "alice", "wonder", errors));
+  conn_ptr bob(login_watching_errors(env.url(), "bob", "builder", errors));
+  ASSERT_TRUE(alice && bob);
+  EXPECT_TRUE(delivered(alice.get(), bob.get(), "any.subject.at.all"));
+  EXPECT_TRUE(delivered(bob.get(), alice.get(), "another"));
+  EXPECT_EQ(errors.get(), "");
+}
+
+TEST(CalloutPermissions, TheUsersProfileIsEnforcedByTheServer) {
+  CalloutOptions options = file_users();
+  options.permissions_json = R"j({
+    "profiles": {
+      "scanner": {"publish": {"allow": ["scan.>"], "deny": ["scan.secret"]},
+                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}
+    },
+    "file_user_map": [{"user": "alice", "profile": "scanner"}]
+  })j";
+  CalloutEnv env(options);
+  async_errors errors;
+  conn_ptr alice(login_watching_errors(env.url(), "alice", "wonder", errors));
+  conn_ptr bob(login_watching_errors(env.url(), "bob", "builder", errors));
+  ASSERT_TRUE(alice && bob);
+  EXPECT_NE(env.broker().err().find("auth_callout: GRANT user=alice backend=file profile=scanner"),
+            std::string::npos);
+
+  EXPECT_TRUE(delivered(alice.get(), bob.get(), "scan.request"));
+  EXPECT_FALSE(delivered(alice.get(), bob.get(), "forbidden.subject", 300));
+  EXPECT_FALSE(delivered(alice.get(), bob.get(), "scan.secret", 300));
+  ASSERT_TRUE(qmtest::wait_until([&] { return count_of(errors.get(), "Permissions Violation") >= 2; }, 5s));
+  EXPECT_NE(errors.get().find("Permissions Violation for Publish to \"forbidden.subject\""), std::string::npos)
+      << errors.get();
+
+  // bob has no mapping: the built-in profile lets him publish anywhere.
+  EXPECT_TRUE(delivered(bob.get(), alice.get(), "scan.reply"));
+}
+
+// ---- LDAP users ----
+
+constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
+
+std::string directory_ldif() {
+  return "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
+         "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
+         "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
+         "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
+         "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n"
+         "dn: uid=lara,ou=people,dc=qm,dc=test\nobjectClass: account\nobjectClass: posixAccount\n"
+         "objectClass: qmGroupMember\nuid: lara\ncn: lara\nuidNumber: 2001\ngidNumber: 2000\n"
+         "homeDirectory: /home/lara\nuserPassword: lara-pw\nmemberOf: cn=scanners,ou=groups,dc=qm,dc=test\n\n";
+}
+
+std::unique_ptr<qmtest::Slapd> start_directory() {
+  qmtest::SlapdOptions options;
+  options.ldif = directory_ldif();
+  options.extra_schema =
+      "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
+      "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
+      "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
+  return std::make_unique<qmtest::Slapd>(options);
+}
+
+std::vector<std::string> ldap_args(const std::string& backend, const std::string& url) {
+  return {"--auth-backend", backend, "--ldap-url", url, "--ldap-base-dn", "dc=qm,dc=test", "--ldap-bind-dn",
+          kReaderDn, "--ldap-bind-password", "reader-secret", "--ldap-group-attribute", "memberOf"};
+}
+
+TEST(CalloutLdap, DirectoryUserInAMappedGroupGetsTheGroupsProfile) {
+  auto directory = start_directory();
+  CalloutOptions options = file_users();
+  options.broker_args = ldap_args("file+ldap", directory->url());
+  options.permissions_json =
+      R"j({"profiles": {"scanner": {"publish": {"allow": ["scan.>"]},
+                                    "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}},
+           "ldap_group_map": [{"group_dn": "cn=scanners,ou=groups,dc=qm,dc=test", "profile": "scanner"}]})j";
+  CalloutEnv env(options);
+  async_errors errors;
+  conn_ptr lara(login_watching_errors(env.url(), "lara", "lara-pw", errors));
+  conn_ptr bob(login_watching_errors(env.url(), "bob", "builder", errors));
+  ASSERT_TRUE(lara && bob) << env.broker().err();
+  EXPECT_NE(env.broker().err().find("auth_callout: GRANT user=lara backend=ldap profile=scanner groups=1"),
+            std::string::npos);
+  EXPECT_TRUE(delivered(lara.get(), bob.get(), "scan.job"));
+  EXPECT_FALSE(delivered(lara.get(), bob.get(), "elsewhere", 300));
+  EXPECT_TRUE(qmtest::wait_until([&] { return errors.get().find("Permissions Violation") != std::string::npos; }, 5s));
+  EXPECT_NE(nats_login(env.url(), "lara", "wrong").status, NATS_OK);
+}
+
+TEST(CalloutLdap, FileThenLdapWithoutAUsableDirectoryStartsDegradedAndFileUsersLogIn) {
+  // No directory URL: the LDAP tier cannot be set up at all.
+  CalloutOptions options = file_users();
+  options.broker_args = {"--auth-backend", "file+ldap", "--ldap-base-dn", "dc=qm,dc=test"};
+  CalloutEnv env(options);
+  EXPECT_NE(env.broker().err().find("auth_service: LDAP backend init failed \u2014 running in degraded file-only "
+                                    "mode."),
+            std::string::npos);
+  EXPECT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+}
+
+TEST(CalloutLdap, FileThenLdapWithTheDirectoryDownStillAdmitsFileUsers) {
+  CalloutOptions options = file_users();
+  options.broker_args = ldap_args("file+ldap", "ldap://127.0.0.1:" + std::to_string(qmtest::free_port()) + "/");
+  CalloutEnv env(options);
+  EXPECT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+  EXPECT_NE(nats_login(env.url(), "lara", "lara-pw").status, NATS_OK);
+  EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=lara backend=none reason=invalid-credentials", 5s));
+}
+
+TEST(CalloutLdap, LdapOnlyBackendThatCannotBeSetUpDoesNotStartTheService) {
+  qmtest::NatsServerOptions server_options;
+  const std::string seed_dir = qmtest::TempDir().path().string();
+  qmtest::TempDir dir;
+  const std::string issuer = qmtest::issuer_nkey(dir.file("issuer.seed"));
+  server_options.extra_config = CalloutEnv::authorization_block(issuer);
+  qmtest::NatsServer server(server_options);
+  qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
+  qmtest::Child broker({qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
+                        "--auth-file", dir.file("credentials.conf"), "--auth-signing-key", dir.file("issuer.seed"),
+                        "--auth-nats-user", CalloutEnv::kAuthUser, "--auth-nats-password", CalloutEnv::kAuthPassword,
+                        "--gw-nats-user", CalloutEnv::kGatewayUser, "--gw-nats-password",
+                        CalloutEnv::kGatewayPassword, "--amqp-enabled", "false", "--update-binary", "false",
+                        "--auth-backend", "ldap"});
+  ASSERT_TRUE(broker.wait_for_err("auth_service: failed to initialize LDAP backend", 30s)) << broker.err();
+  EXPECT_EQ(broker.err().find("(generic verify endpoint)"), std::string::npos);
+  // Nobody answers the callout, so nats-server refuses even a user of the file.
+  EXPECT_NE(nats_login(server.url(), "alice", "wonder").status, NATS_OK);
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0);
+}
+
+// ---- coalescing ----
+
+TEST(CalloutCoalescing, TwoConcurrentLoginsOfOneUserMakeOneLiveCheck) {
+  auto directory = start_directory();
+  CalloutOptions options = file_users();
+  options.broker_args = ldap_args("file+ldap", directory->url());
+  CalloutEnv env(options);
+  // Warm the directory connection pool, then hold the directory so both checks overlap.
+  ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  directory->pause();
+  std::atomic<int> admitted{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 2; ++i)
+    clients.emplace_back([&] { admitted += nats_login(env.url(), "lara", "lara-pw").status == NATS_OK; });
+  const bool both_waiting = qmtest::wait_until(
+      [&] { return count_of(env.broker().err(), "auth_callout: request user=lara") >= 2; }, 1500ms);
+  directory->resume();
+  for (auto& t : clients) t.join();
+  ASSERT_TRUE(both_waiting) << env.broker().err();
+  EXPECT_EQ(admitted, 2);
+  const std::string log = env.broker().err();
+  EXPECT_EQ(count_of(log, "auth_callout: GRANT user=lara backend=ldap"), 1u) << log;
+  EXPECT_EQ(count_of(log, "auth_callout: GRANT user=lara via=coalesced"), 1u) << log;
+}
+
+// ---- the verify endpoint ----
+
+class VerifyEndpoint : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    env_ = std::make_unique<CalloutEnv>(file_users());
+    gateway_ = std::make_unique<qmtest::NatsLogin>(
+        nats_login(env_->url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword));
+    ASSERT_EQ(gateway_->status, NATS_OK) << gateway_->error;
+  }
+  std::string ask(const std::string& body) { return qmtest::verify_request(gateway_->conn, body); }
+
+  std::unique_ptr<CalloutEnv> env_;
+  std::unique_ptr<qmtest::NatsLogin> gateway_;
+};
+
+TEST_F(VerifyEndpoint, AnswersLiveCachedAndRevalidatedVerdicts) {
+  EXPECT_EQ(ask(R"j({"user":"alice","password":"wonder","method":"plain"})j"),
+            R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
+  EXPECT_EQ(ask(R"j({"user":"alice","password":"wonder","method":"plain"})j"),
+            R"j({"ok":true,"reason":"valid credentials (cached)","backend":"cache"})j");
+  EXPECT_EQ(ask(R"j({"user":"alice","password":"wonder","revalidate":true})j"),
+            R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
+  EXPECT_EQ(ask(R"j({"user":"alice","password":"bad","method":"basic"})j"),
+            R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j");
+  const std::string log = env_->broker().err();
+  EXPECT_NE(log.find("auth_verify: GRANT user='alice' backend=file method=plain"), std::string::npos);
+  EXPECT_NE(log.find("auth_verify: GRANT user='alice' via=cache method=plain"), std::string::npos);
+  EXPECT_NE(log.find("auth_verify: revalidate requested user='alice'"), std::string::npos);
+  EXPECT_NE(log.find("auth_verify: DENY user='alice' backend=none method=basic"), std::string::npos);
+}
+
+TEST_F(VerifyEndpoint, MalformedRequestsAreAnsweredNotDropped) {
+  const std::string missing = R"j({"ok":false,"reason":"missing user or password","backend":"none"})j";
+  for (const char* body : {"", "{}", "not json", R"j({"user":"alice"})j", R"j({"password":"wonder"})j",
+                           R"j({"user":7,"password":"wonder"})j", "[1,2,3]", R"j({"user":"alice","password":null})j"})
+    EXPECT_EQ(ask(body), missing) << body;
+  EXPECT_NE(env_->broker().err().find("auth_verify: malformed request (user=alice password=(absent) "
+                                      "method=(absent))"),
+            std::string::npos);
+}
+
+TEST_F(VerifyEndpoint, RequestWithoutReplySubjectGetsNoAnswer) {
+  natsSubscription* watch = nullptr;
+  ASSERT_EQ(natsConnection_SubscribeSync(&watch, gateway_->conn, "_INBOX.>"), NATS_OK);
+  natsConnection_PublishString(gateway_->conn, "qm.auth.verify", R"j({"user":"alice","password":"wonder"})j");
+  natsConnection_Flush(gateway_->conn);
+  natsMsg* msg = nullptr;
+  EXPECT_EQ(natsSubscription_NextMsg(&msg, watch, 500), NATS_TIMEOUT);
+  natsMsg_Destroy(msg);
+  natsSubscription_Destroy(watch);
+  // The endpoint still serves the next proper request.
+  EXPECT_EQ(ask(R"j({"user":"bob","password":"builder"})j"), R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
+}
+
+// ---- malformed callout requests, sent straight to the callout subject ----
+
+std::string callout_reply(natsConnection* conn, const std::string& payload) {
+  natsMsg* reply = nullptr;
+  if (natsConnection_Request(&reply, conn, "$SYS.REQ.USER.AUTH", payload.data(), static_cast<int>(payload.size()),
+                             1000) != NATS_OK)
+    return "";
+  std::string token(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
+  natsMsg_Destroy(reply);
+  return token;
+}
+
+std::string refusal_reason(const std::string& token) {
+  json_object* claims = decode_jwt_payload(token.c_str());
+  json_object* nats = nullptr;
+  json_object* error = nullptr;
+  std::string reason = "(no refusal)";
+  if (claims && json_object_object_get_ex(claims, "nats", &nats) && json_object_object_get_ex(nats, "error", &error))
+    reason = json_object_get_string(error);
+  json_object_put(claims);
+  return reason;
+}
+
+std::string unsigned_request(const std::string& claims_json) {
+  auto b64 = [](const std::string& text) {
+    return base64url_encode(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+  };
+  return b64(R"j({"typ":"JWT","alg":"ed25519-nkey"})j") + "." + b64(claims_json) + ".sig";
+}
+
+// nats-server keeps clients off the callout subject once it runs a callout itself, so
+// raw requests go to a broker that serves a plain server (no authorization at all).
+TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
+  qmtest::NatsServer server;
+  qmtest::TempDir dir;
+  qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
+  qmtest::Child broker({qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
+                        "--auth-file", dir.file("credentials.conf"), "--auth-signing-key", dir.file("issuer.seed"),
+                        "--amqp-enabled", "false", "--update-binary", "false"});
+  ASSERT_TRUE(broker.wait_for_err("(generic verify endpoint)", 30s)) << broker.err();
+  auto client = nats_login(server.url(), "", "");
+  ASSERT_EQ(client.status, NATS_OK) << client.error;
+  natsConnection* conn = client.conn;
+  EXPECT_EQ(callout_reply(conn, ""), "");  // no data: no answer at all
+  EXPECT_EQ(refusal_reason(callout_reply(conn, "not a jwt")), "malformed auth request");
+  EXPECT_EQ(refusal_reason(callout_reply(conn, "a.@@@###.c")), "malformed auth request");
+  EXPECT_EQ(refusal_reason(callout_reply(conn, unsigned_request("[1,2]"))), "malformed auth request");
+  EXPECT_EQ(refusal_reason(callout_reply(conn, unsigned_request(R"j({"sub":"x"})j"))), "malformed auth request");
+  EXPECT_EQ(refusal_reason(callout_reply(conn, unsigned_request(
+                R"j({"nats":{"server_id":{"id":"S1"},"user_nkey":"UABC","connect_opts":{"user":"alice"}}})j"))),
+            "malformed auth request");
+  EXPECT_EQ(refusal_reason(callout_reply(conn, unsigned_request(
+                R"j({"nats":{"connect_opts":{"user":"alice","pass":"nope"}}})j"))),
+            "invalid credentials");
+  const std::string huge(300000, 'u');
+  EXPECT_EQ(refusal_reason(callout_reply(conn, unsigned_request(
+                "{\"nats\":{\"connect_opts\":{\"user\":\"" + huge + "\",\"pass\":\"x\"}}}"))),
+            "invalid credentials");
+  // A proper grant still comes back after all that.
+  const std::string grant = callout_reply(conn, unsigned_request(
+      R"j({"nats":{"server_id":{"id":"S1"},"user_nkey":"UABC","connect_opts":{"user":"alice","pass":"wonder"}}})j"));
+  EXPECT_EQ(refusal_reason(grant), "(no refusal)");
+  EXPECT_NE(grant, "");
+  EXPECT_TRUE(broker.running());
+  EXPECT_EQ(count_of(broker.err(), "auth_callout: malformed auth request"), 5u);
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0);
+}
+
+// ---- the broker around the service ----
+
+TEST(CalloutBroker, RenamedCredentialsFileAdmitsANewUserAndSighupReachesTheChild) {
+  CalloutOptions options = file_users();
+  options.managed = true;
+  CalloutEnv env(options);
+  EXPECT_NE(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
+  const std::string next = env.credentials_path() + ".new";
+  qmtest::write_file(next, CalloutEnv::credentials_text({{"alice", "wonder"}, {"carol", "fresh"}}));
+  ASSERT_EQ(rename(next.c_str(), env.credentials_path().c_str()), 0);
+  ASSERT_TRUE(env.broker().wait_for_err("credential_store: reloaded 4 credentials", 15s)) << env.broker().err();
+  EXPECT_EQ(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
+  EXPECT_TRUE(qmtest::wait_until(
+      [&] { return env.server_log().find("Reloaded server configuration") != std::string::npos; }, 10s));
+}
+
+TEST(CalloutBroker, SigtermDrainsAndExitsCleanly) {
+  CalloutEnv env(file_users());
+  ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+  const auto asked = std::chrono::steady_clock::now();
+  env.broker().signal(SIGTERM);
+  ASSERT_EQ(env.broker().wait(10s), 0) << env.broker().err();
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 5s);
+  const std::string log = env.broker().err();
+  EXPECT_NE(log.find("Stopping auth-callout thread"), std::string::npos);
+  EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+#include "callout_fixture.hpp"
+
+#include <csignal>
+#include <stdexcept>
+
+#include "auth_jwt.hpp"
+
+namespace qmtest {
+
+using namespace std::chrono_literals;
+
+std::string issuer_nkey(const std::string& seed_path) {
+  auth_jwt_ctx_t* ctx = auth_jwt_init(seed_path.c_str());
+  if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
+  std::string key = auth_jwt_public_key(ctx);
+  auth_jwt_destroy(ctx);
+  return key;
+}
+
+std::string CalloutEnv::credentials_text(const user_list& users) {
+  user_list all = {{kAuthUser, kAuthPassword}, {kGatewayUser, kGatewayPassword}};
+  all.insert(all.end(), users.begin(), users.end());
+  std::string text = "users = [\n";
+  for (const auto& [user, password] : all)
+    text += "  {\n    user: \"" + user + "\"\n    password: \"" + password + "\"\n  }\n";
+  return text + "]\n";
+}
+
+std::string CalloutEnv::authorization_block(const std::string& issuer) {
+  return std::string("authorization {\n  users: [\n") + "    {user: \"" + kAuthUser + "\", password: \"" +
+         kAuthPassword + "\"}\n    {user: \"" + kGatewayUser + "\", password: \"" + kGatewayPassword +
+         "\"}\n  ]\n  auth_callout {\n    issuer: \"" + issuer + "\"\n    auth_users: [\"" + kAuthUser + "\", \"" +
+         kGatewayUser + "\"]\n  }\n}\n";
+}
+
+CalloutEnv::CalloutEnv(CalloutOptions options) {
+  const std::string seed = dir_.file("issuer.seed");
+  issuer_ = issuer_nkey(seed);
+  credentials_ = dir_.file("credentials.conf");
+  write_file(credentials_, credentials_text(options.users));
+
+  std::vector<std::string> args = {broker_binary(),
+                                   "--auth-file", credentials_,
+                                   "--auth-signing-key", seed,
+                                   "--auth-nats-user", kAuthUser,
+                                   "--auth-nats-password", kAuthPassword,
+                                   "--gw-nats-user", kGatewayUser,
+                                   "--gw-nats-password", kGatewayPassword,
+                                   "--amqp-enabled", "false",
+                                   "--update-binary", "false",
+                                   "--tracelevel", "6"};
+  if (!options.permissions_json.empty()) {
+    write_file(dir_.file("permissions.json"), options.permissions_json);
+    args.insert(args.end(), {"--permissions-file", dir_.file("permissions.json")});
+  }
+  if (options.managed) {
+    const int port = free_port();
+    url_ = "nats://127.0.0.1:" + std::to_string(port);
+    server_log_ = dir_.file("nats-server.log");
+    write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
+                             authorization_block(issuer_), server_log_);
+    args.insert(args.end(), {"--nats-server-binary", nats_server_binary(), "--nats-server-config",
+                             dir_.file("nats-server.conf"), "--nats-server-pid-file", dir_.file("nats-server.pid")});
+  } else {
+    NatsServerOptions server_options;
+    server_options.jetstream = options.jetstream;
+    server_options.extra_config = authorization_block(issuer_);
+    server_ = std::make_unique<NatsServer>(server_options);
+    url_ = server_->url();
+    args.insert(args.end(), {"--nats-server-managed", "false"});
+  }
+  args.insert(args.end(), {"--nats-url", url_});
+  args.insert(args.end(), options.broker_args.begin(), options.broker_args.end());
+  broker_ = std::make_unique<Child>(args);
+  if (!broker_->wait_for_err("qm-av-broker ready", 60s) ||
+      !broker_->wait_for_err("(generic verify endpoint)", 10s))
+    throw std::runtime_error("broker did not come up:\n" + broker_->err());
+}
+
+CalloutEnv::~CalloutEnv() {
+  if (broker_ && broker_->running()) {
+    broker_->signal(SIGTERM);
+    broker_->wait(30s);
+  }
+  broker_.reset();
+  server_.reset();
+}
+
+std::string CalloutEnv::server_log() const { return server_ ? server_->log() : read_file(server_log_); }
+
+NatsLogin::~NatsLogin() {
+  if (conn != nullptr) {
+    natsConnection_Close(conn);
+    natsConnection_Destroy(conn);
+  }
+}
+
+NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
+                     int timeout_ms) {
+  NatsLogin login;
+  natsOptions* opts = nullptr;
+  if (natsOptions_Create(&opts) != NATS_OK) return login;
+  natsOptions_SetURL(opts, url.c_str());
+  natsOptions_SetUserInfo(opts, user.c_str(), password.c_str());
+  natsOptions_SetTimeout(opts, timeout_ms);
+  natsOptions_SetMaxReconnect(opts, 0);
+  natsOptions_SetAllowReconnect(opts, false);
+  login.status = natsConnection_Connect(&login.conn, opts);
+  if (login.status != NATS_OK) {
+    login.conn = nullptr;
+    natsStatus ignored;
+    const char* text = nats_GetLastError(&ignored);
+    login.error = text ? text : natsStatus_GetText(login.status);
+  }
+  natsOptions_Destroy(opts);
+  return login;
+}
+
+std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms) {
+  natsMsg* reply = nullptr;
+  if (natsConnection_Request(&reply, conn, "qm.auth.verify", body.data(), static_cast<int>(body.size()),
+                             timeout_ms) != NATS_OK)
+    return "";
+  std::string answer(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
+  natsMsg_Destroy(reply);
+  return answer;
+}
+
+}  // namespace qmtest

@@ -1,0 +1,89 @@
+// A nats-server that sends every login to the broker's auth callout, and the broker
+// (the real binary) answering it. Users live in the broker's credentials file; the
+// broker's own two NATS users are the server's auth_users.
+#pragma once
+
+#include <nats/nats.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "nats_server_fixture.hpp"
+#include "test_support.hpp"
+
+namespace qmtest {
+
+using user_list = std::vector<std::pair<std::string, std::string>>;
+
+struct CalloutOptions {
+  // Users the broker admits from its credentials file.
+  user_list users;
+  // JSON permission profiles; empty: none.
+  std::string permissions_json;
+  // Extra broker options (LDAP settings, cache TTLs ...).
+  std::vector<std::string> broker_args;
+  // The broker supervises the nats-server itself instead of probing an external one.
+  bool managed = false;
+  bool jetstream = true;
+};
+
+class CalloutEnv {
+ public:
+  static constexpr const char* kAuthUser = "qm-auth";
+  static constexpr const char* kAuthPassword = "auth-secret";
+  static constexpr const char* kGatewayUser = "qm-gateway";
+  static constexpr const char* kGatewayPassword = "gateway-secret";
+
+  // Starts nats-server and the broker and waits until the callout service subscribes;
+  // throws std::runtime_error with the broker's output when it does not.
+  explicit CalloutEnv(CalloutOptions options);
+  ~CalloutEnv();
+  CalloutEnv(const CalloutEnv&) = delete;
+  CalloutEnv& operator=(const CalloutEnv&) = delete;
+
+  std::string url() const { return url_; }
+  Child& broker() { return *broker_; }
+  const std::string& credentials_path() const { return credentials_; }
+  const std::string& issuer() const { return issuer_; }
+  // The nats-server log (the managed child's log file, or the external server's).
+  std::string server_log() const;
+  const TempDir& dir() const { return dir_; }
+
+  // Credentials file text for these users, plus the broker's own two.
+  static std::string credentials_text(const user_list& users);
+  // nats-server's authorization block with the auth callout for `issuer`.
+  static std::string authorization_block(const std::string& issuer);
+
+ private:
+  TempDir dir_;
+  std::string credentials_;
+  std::string issuer_;
+  std::string url_;
+  std::string server_log_;
+  std::unique_ptr<NatsServer> server_;
+  std::unique_ptr<Child> broker_;
+};
+
+// The issuer NKey of the seed at seed_path (made when missing).
+std::string issuer_nkey(const std::string& seed_path);
+
+// A client login as user/password: NATS_OK and a connection, or the failure.
+struct NatsLogin {
+  natsStatus status = NATS_ERR;
+  natsConnection* conn = nullptr;
+  std::string error;  // the library's last error text on failure
+  NatsLogin() = default;
+  NatsLogin(NatsLogin&& other) noexcept
+      : status(other.status), conn(std::exchange(other.conn, nullptr)), error(std::move(other.error)) {}
+  NatsLogin(const NatsLogin&) = delete;
+  ~NatsLogin();
+};
+NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
+                     int timeout_ms = 5000);
+
+// One request on qm.auth.verify through conn; the raw JSON answer, "" on time-out.
+std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000);
+
+}  // namespace qmtest
