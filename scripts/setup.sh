@@ -18,7 +18,7 @@ packages=(
   libjemalloc-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang
-  curl
+  curl netcat-openbsd
 )
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }

@@ -25,6 +25,7 @@
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "log.hpp"
+#include "qm_nats_conn.hpp"
 
 auth_config_t* auth_config_new() {
   try {
@@ -58,8 +59,6 @@ constexpr auto kStopPollInterval = std::chrono::milliseconds(500);
 // A grant without a profile may publish and subscribe anywhere in the account.
 const char* const kDefaultAllow[] = {">", nullptr};
 
-using nats_options_ptr = qm::c_ptr<natsOptions, natsOptions_Destroy>;
-using json_ptr = qm::c_ptr<json_object, json_object_put>;
 
 struct ldap_ctx_deleter {
   void operator()(auth_ldap_ctx_t* ctx) const noexcept { auth_ldap_destroy(ctx); }
@@ -112,19 +111,18 @@ struct auth_service {
   // Set by stop before run has raised `running`, so an early stop is not lost.
   std::atomic<bool> stop_requested{false};
 
-  // Draining waits until a handler still running has returned, so nothing touches the
-  // handlers' context once this is done.
-  static void s_drain_and_destroy(natsSubscription*& sub) {
-    if (sub == nullptr) return;
-    if (natsSubscription_Drain(sub) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub, 5000);
-    natsSubscription_Unsubscribe(sub);
-    natsSubscription_Destroy(sub);
-    sub = nullptr;
-  }
-
+  // While the server is there, draining delivers what it already sent us before the
+  // subscription goes. Without a server there is nothing to wait for: draining would only
+  // run into its time-out and hold up the shutdown.
   void release_subscriptions() {
-    s_drain_and_destroy(verify_sub);
-    s_drain_and_destroy(callout_sub);
+    const bool connected = conn != nullptr && natsConnection_Status(conn) == NATS_CONN_STATUS_CONNECTED;
+    for (natsSubscription** sub : {&verify_sub, &callout_sub}) {
+      if (*sub == nullptr) continue;
+      if (connected && natsSubscription_Drain(*sub) == NATS_OK) natsSubscription_WaitForDrainCompletion(*sub, 2000);
+      natsSubscription_Unsubscribe(*sub);
+      natsSubscription_Destroy(*sub);
+      *sub = nullptr;
+    }
   }
 
   void release_connection() {
@@ -165,6 +163,40 @@ bool auth_dispatch_validate_ext(gw_credential_store_t* creds, auth_ldap_ctx_t* l
 bool auth_dispatch_validate(gw_credential_store_t* creds, auth_ldap_ctx_t* ldap_ctx, const char* user,
                             const char* password, const char** out_backend) {
   return auth_dispatch_validate_ext(creds, ldap_ctx, user, password, out_backend, nullptr);
+}
+
+namespace {
+
+const char* s_json_string(json_object* obj, const char* key) {
+  json_object* member = nullptr;
+  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;
+  return json_object_is_type(member, json_type_string) ? json_object_get_string(member) : nullptr;
+}
+
+json_object* s_json_object(json_object* obj, const char* key) {
+  json_object* member = nullptr;
+  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;
+  return json_object_is_type(member, json_type_object) ? member : nullptr;
+}
+
+}  // namespace
+
+bool extract_auth_request(const std::string& token, auth_request_t& req) {
+  qm::json_ptr claims(decode_jwt_payload(token.c_str()));
+  json_object* nats = s_json_object(claims.get(), "nats");
+  if (nats == nullptr) return false;
+  if (const char* id = s_json_string(s_json_object(nats, "server_id"), "id")) req.server_id = id;
+  if (const char* nkey = s_json_string(nats, "user_nkey")) req.user_nkey = nkey;
+  json_object* connect_opts = s_json_object(nats, "connect_opts");
+  if (const char* user = s_json_string(connect_opts, "user")) {
+    req.user = user;
+    req.has_user = true;
+  }
+  if (const char* pass = s_json_string(connect_opts, "pass")) {
+    req.password = qm::secret_string(pass);
+    req.has_password = true;
+  }
+  return req.has_user && req.has_password;
 }
 
 namespace {
@@ -252,47 +284,6 @@ void dispatch_nats_refresh(const auth_callback_data_t& data, const char* user, c
 
 // ---- the auth callout ----
 
-struct auth_request {
-  std::string user;
-  qm::secret_string password;
-  std::string server_id;
-  std::string user_nkey;
-  bool has_user = false;
-  bool has_password = false;
-};
-
-const char* s_json_string(json_object* obj, const char* key) {
-  json_object* member = nullptr;
-  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;
-  return json_object_is_type(member, json_type_string) ? json_object_get_string(member) : nullptr;
-}
-
-json_object* s_json_object(json_object* obj, const char* key) {
-  json_object* member = nullptr;
-  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;
-  return json_object_is_type(member, json_type_object) ? member : nullptr;
-}
-
-// Fills req from the request JWT's claims; false when it is not a usable request (what
-// was found so far, server id and user NKey, stays in req for the refusal).
-bool extract_auth_request(const std::string& token, auth_request& req) {
-  json_ptr claims(decode_jwt_payload(token.c_str()));
-  json_object* nats = s_json_object(claims.get(), "nats");
-  if (nats == nullptr) return false;
-  if (const char* id = s_json_string(s_json_object(nats, "server_id"), "id")) req.server_id = id;
-  if (const char* nkey = s_json_string(nats, "user_nkey")) req.user_nkey = nkey;
-  json_object* connect_opts = s_json_object(nats, "connect_opts");
-  if (const char* user = s_json_string(connect_opts, "user")) {
-    req.user = user;
-    req.has_user = true;
-  }
-  if (const char* pass = s_json_string(connect_opts, "pass")) {
-    req.password = qm::secret_string(pass);
-    req.has_password = true;
-  }
-  return req.has_user && req.has_password;
-}
-
 struct callout_verdict {
   bool granted = false;
   const auth_profile_t* profile = nullptr;
@@ -300,7 +291,7 @@ struct callout_verdict {
 
 // Waits for the leader that is checking the same pair. True when the verdict was settled
 // by it; false means: check live.
-bool s_callout_join(const auth_callback_data_t& data, const auth_request& req, callout_verdict& verdict) {
+bool s_callout_join(const auth_callback_data_t& data, const auth_request_t& req, callout_verdict& verdict) {
   const gw_auth_cache_result_t waited =
       gw_auth_cache_wait_for_result(data.auth_cache, req.user.c_str(), req.password.c_str(), kCoalesceWaitMs);
   if (waited == GW_AUTH_CACHE_GRANT) {
@@ -325,7 +316,7 @@ bool s_callout_join(const auth_callback_data_t& data, const auth_request& req, c
   return false;
 }
 
-callout_verdict s_callout_live(const auth_callback_data_t& data, const auth_request& req, bool cacheable,
+callout_verdict s_callout_live(const auth_callback_data_t& data, const auth_request_t& req, bool cacheable,
                                bool leader) {
   user_groups groups;
   const char* backend = "none";
@@ -350,7 +341,7 @@ callout_verdict s_callout_live(const auth_callback_data_t& data, const auth_requ
   return verdict;
 }
 
-callout_verdict s_callout_decide(const auth_callback_data_t& data, const auth_request& req) {
+callout_verdict s_callout_decide(const auth_callback_data_t& data, const auth_request_t& req) {
   const bool cacheable = !req.user.empty() && !req.password.empty();
   bool leader = false;
   if (cacheable && data.auth_cache != nullptr) {
@@ -381,7 +372,7 @@ callout_verdict s_callout_decide(const auth_callback_data_t& data, const auth_re
   return s_callout_live(data, req, cacheable, leader);
 }
 
-int s_sign_verdict(const auth_callback_data_t& data, const auth_request& req, const callout_verdict& verdict,
+int s_sign_verdict(const auth_callback_data_t& data, const auth_request_t& req, const callout_verdict& verdict,
                    char** token) {
   if (!verdict.granted)
     return auth_jwt_sign_deny(data.jwt_ctx, req.server_id.c_str(), req.user_nkey.c_str(), "invalid credentials",
@@ -406,7 +397,7 @@ void s_handle_callout(natsConnection* nc, natsMsg* msg, const auth_callback_data
   if (natsMsg_GetData(msg) == nullptr || natsMsg_GetDataLength(msg) <= 0) return;
   try {
     const std::string token(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-    auth_request req;
+    auth_request_t req;
     char* signed_token = nullptr;
     int rc;
     if (!extract_auth_request(token, req)) {
@@ -445,7 +436,7 @@ verify_request s_parse_verify_request(natsMsg* msg) {
   verify_request req;
   if (natsMsg_GetData(msg) == nullptr || natsMsg_GetDataLength(msg) <= 0) return req;
   const std::string body(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-  json_ptr root(json_tokener_parse(body.c_str()));
+  qm::json_ptr root(json_tokener_parse(body.c_str()));
   if (!root || !json_object_is_type(root.get(), json_type_object)) return req;
   if (const char* user = s_json_string(root.get(), "user")) req.user = user;
   if (const char* password = s_json_string(root.get(), "password")) req.password.emplace(password);
@@ -527,7 +518,7 @@ verify_answer s_verify_decide(const auth_callback_data_t& data, const verify_req
 }
 
 std::string s_verify_answer_json(const verify_answer& answer) {
-  json_ptr root(json_object_new_object());
+  qm::json_ptr root(json_object_new_object());
   json_object_object_add(root.get(), "ok", json_object_new_boolean(answer.ok));
   json_object_object_add(root.get(), "reason", json_object_new_string(answer.reason));
   json_object_object_add(root.get(), "backend", json_object_new_string(answer.backend));
@@ -566,11 +557,14 @@ class request_workers {
     for (size_t i = 0; i < count; ++i) threads_.emplace_back([this] { run(); });
   }
 
-  // Takes the message; it is destroyed after its handler ran.
+  // Takes the message; it is destroyed after its handler ran, or at once when the
+  // workers have stopped (a late delivery during shutdown goes unanswered).
   void submit(request_handler handler, natsConnection* nc, natsMsg* msg) {
+    msg_ptr owned(msg);
     {
       std::lock_guard lock(mutex_);
-      queue_.push_back({handler, nc, msg_ptr(msg)});
+      if (stopping_) return;
+      queue_.push_back({handler, nc, std::move(owned)});
     }
     ready_.notify_one();
   }
@@ -587,7 +581,7 @@ class request_workers {
   }
 
  private:
-  using msg_ptr = qm::c_ptr<natsMsg, natsMsg_Destroy>;
+  using msg_ptr = qm::nats_msg_ptr;
   struct job {
     request_handler handler;
     natsConnection* nc;
@@ -636,59 +630,37 @@ void auth_verify_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* c
 
 // ---- start-up ----
 
-// The host part of "scheme://host[:port][/...]", for certificate name checks.
-std::string s_url_host(const std::string& url) {
-  const size_t start = url.find("://");
-  if (start == std::string::npos) return {};
-  const std::string rest = url.substr(start + 3);
-  return rest.substr(0, rest.find_first_of(":/"));
-}
-
-bool s_url_wants_tls(const std::string& url) { return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0; }
-
-#if NATS_VERSION_NUMBER < 0x030900
-void s_warn_handshake_first_unsupported() {
-  static std::atomic<bool> warned{false};
-  if (!warned.exchange(true))
-    log_warn("auth_service: TLS handshake-first needs a newer NATS client library; using the standard TLS upgrade");
-}
-#endif
-
-nats_options_ptr s_connection_options(const auth_config_t& cfg) {
+qm::nats_options_ptr s_connection_options(const auth_config_t& cfg) {
   natsOptions* raw = nullptr;
   if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
-  nats_options_ptr opts(raw);
+  qm::nats_options_ptr opts(raw);
   const std::string url = cfg.nats_url.value_or("");
   natsOptions_SetURL(opts.get(), url.c_str());
   natsOptions_SetUserInfo(opts.get(), qm::cstr(cfg.nats_user), qm::cstr(cfg.nats_password));
   natsOptions_SetMaxReconnect(opts.get(), -1);
   natsOptions_SetReconnectWait(opts.get(), 2000);
-  if (!s_url_wants_tls(url)) return opts;
-
-  natsOptions_SetSecure(opts.get(), true);
-#if NATS_VERSION_NUMBER >= 0x030900
-  natsOptions_TLSHandshakeFirst(opts.get());
-#else
-  s_warn_handshake_first_unsupported();
-#endif
-  const std::string host = s_url_host(url);
-  if (!host.empty() && host.size() <= 255) natsOptions_SetExpectedHostname(opts.get(), host.c_str());
-  if (qm::has_text(cfg.nats_cert_path)) {
-    const natsStatus s = natsOptions_LoadCATrustedCertificates(opts.get(), cfg.nats_cert_path->c_str());
-    if (s != NATS_OK) {
-      log_fatal("auth_service: failed to load CA bundle %s: %s", cfg.nats_cert_path->c_str(), natsStatus_GetText(s));
+  natsStatus status = NATS_OK;
+  switch (qm_nats_apply_tls(opts.get(), url, qm::cstr(cfg.nats_cert_path), &status)) {
+    case QM_NATS_TLS_PLAIN:
+    case QM_NATS_TLS_SECURED:
+      break;
+    case QM_NATS_TLS_NO_CA:
+      log_warn("auth_service: tls:// URL but no nats_cert_path — server cert will be checked against the system "
+               "trust store and almost certainly fail");
+      break;
+    case QM_NATS_TLS_SECURE_FAILED:
+      log_fatal("auth_service: cannot require TLS: %s", natsStatus_GetText(status));
       return nullptr;
-    }
-  } else {
-    log_warn("auth_service: tls:// URL but no nats_cert_path \u2014 server cert will be checked against the system "
-             "trust store and almost certainly fail");
+    case QM_NATS_TLS_CA_FAILED:
+      log_fatal("auth_service: failed to load CA bundle %s: %s", cfg.nats_cert_path->c_str(), natsStatus_GetText(status));
+      return nullptr;
   }
   return opts;
 }
 
 bool s_connect(auth_service_t& svc) {
   const auth_config_t& cfg = *svc.config;
-  nats_options_ptr opts = s_connection_options(cfg);
+  qm::nats_options_ptr opts = s_connection_options(cfg);
   if (!opts) return false;
   const char* url = qm::cstr(cfg.nats_url) ? qm::cstr(cfg.nats_url) : "";
   log_info("auth_service: connecting to NATS at %s as user '%s'", url, s_or(qm::cstr(cfg.nats_user), "(none)"));

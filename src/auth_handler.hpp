@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 #include "qm_cpp.hpp"
 
@@ -80,3 +81,18 @@ bool auth_dispatch_validate_ext(gw_credential_store* creds, auth_ldap_ctx* ldap_
                                 const char* password, const char** out_backend, ldap_user_info* out_info);
 bool auth_dispatch_validate(gw_credential_store* creds, auth_ldap_ctx* ldap_ctx, const char* user,
                             const char* password, const char** out_backend);
+
+// What a callout request (the JWT nats-server sends) says about the connecting client.
+struct auth_request_t {
+  std::string user;
+  qm::secret_string password;
+  std::string server_id;
+  std::string user_nkey;
+  bool has_user = false;
+  bool has_password = false;
+};
+
+// Reads the claims of the request token (not verified: the subject's access control is
+// trusted). False when there is no "nats" object or no user or password; server id and
+// user NKey found so far stay in req for the refusal.
+bool extract_auth_request(const std::string& token, auth_request_t& req);

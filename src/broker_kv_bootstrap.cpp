@@ -16,6 +16,7 @@
 
 #include "log.hpp"
 #include "qm_cpp.hpp"
+#include "qm_nats_conn.hpp"
 
 namespace {
 
@@ -30,28 +31,9 @@ constexpr int64_t kNanosPerSec = 1000000000;
 std::mutex s_timing_lock;
 broker_kv_bootstrap_timing s_timing;
 
-using s_options_ptr = qm::c_ptr<natsOptions, natsOptions_Destroy>;
-using s_connection_ptr = qm::c_ptr<natsConnection, natsConnection_Destroy>;
-using s_js_ptr = qm::c_ptr<jsCtx, jsCtx_Destroy>;
-using s_kv_ptr = qm::c_ptr<kvStore, kvStore_Destroy>;
-using s_stream_info_ptr = qm::c_ptr<jsStreamInfo, jsStreamInfo_Destroy>;
-using s_consumer_info_ptr = qm::c_ptr<jsConsumerInfo, jsConsumerInfo_Destroy>;
-using s_msg_ptr = qm::c_ptr<natsMsg, natsMsg_Destroy>;
-using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
 
 const char* s_storage_word(bool memory) { return memory ? "memory" : "file"; }
 int s_replicas_shown(int replicas) { return replicas > 1 ? replicas : 1; }
-
-bool s_is_tls_url(const std::string& url) { return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0; }
-
-std::string s_expected_host(const std::string& url) {
-  const size_t start = url.find("://");
-  if (start == std::string::npos) return {};
-  const size_t from = start + 3;
-  const size_t end = url.find_first_of(":/", from);
-  const std::string host = url.substr(from, end == std::string::npos ? std::string::npos : end - from);
-  return host.size() >= 1 && host.size() <= 255 ? host : std::string();
-}
 
 // The client library's last error text for this thread, or "" when there is none.
 std::string s_last_error_text() {
@@ -59,46 +41,35 @@ std::string s_last_error_text() {
   return text != nullptr ? text : "";
 }
 
-s_options_ptr s_build_options(const char* url, const char* user, const char* password, const char* cert_path) {
+qm::nats_options_ptr s_build_options(const char* url, const char* user, const char* password, const char* cert_path) {
   natsOptions* raw = nullptr;
   const natsStatus created = natsOptions_Create(&raw);
   if (created != NATS_OK) {
     log_error("KV bootstrap: natsOptions_Create failed: %s", natsStatus_GetText(created));
     return nullptr;
   }
-  s_options_ptr opts(raw);
+  qm::nats_options_ptr opts(raw);
   natsOptions_SetURL(opts.get(), url);
   if (user != nullptr) natsOptions_SetUserInfo(opts.get(), user, password != nullptr ? password : "");
   natsOptions_SetTimeout(opts.get(), kConnectTimeoutMs);
   natsOptions_SetAllowReconnect(opts.get(), false);
   natsOptions_SetMaxReconnect(opts.get(), 0);
   natsOptions_SetRetryOnFailedConnect(opts.get(), false, nullptr, nullptr);
-  if (!s_is_tls_url(url)) return opts;
-
-  const natsStatus secure = natsOptions_SetSecure(opts.get(), true);
-  if (secure != NATS_OK) {
-    log_error("KV bootstrap: SetSecure failed: %s", natsStatus_GetText(secure));
-    return nullptr;
-  }
-#if NATS_VERSION_NUMBER >= 0x030900
-  natsOptions_TLSHandshakeFirst(opts.get());
-#else
-  static std::once_flag warned;
-  std::call_once(warned, [] {
-    log_warn("KV bootstrap: TLS handshake-first needs nats.c 3.9 or newer — using the standard TLS upgrade");
-  });
-#endif
-  const std::string host = s_expected_host(url);
-  if (!host.empty()) natsOptions_SetExpectedHostname(opts.get(), host.c_str());
-  if (cert_path != nullptr && cert_path[0] != '\0') {
-    const natsStatus loaded = natsOptions_LoadCATrustedCertificates(opts.get(), cert_path);
-    if (loaded != NATS_OK) {
-      log_error("KV bootstrap: LoadCATrustedCertificates(%s) failed: %s", cert_path, natsStatus_GetText(loaded));
+  natsStatus status = NATS_OK;
+  switch (qm_nats_apply_tls(opts.get(), url, cert_path, &status)) {
+    case QM_NATS_TLS_PLAIN:
+    case QM_NATS_TLS_SECURED:
+      break;
+    case QM_NATS_TLS_NO_CA:
+      log_warn("KV bootstrap: tls:// URL but no CA cert supplied — server cert will be checked against the "
+               "system trust store");
+      break;
+    case QM_NATS_TLS_SECURE_FAILED:
+      log_error("KV bootstrap: SetSecure failed: %s", natsStatus_GetText(status));
       return nullptr;
-    }
-  } else {
-    log_warn("KV bootstrap: tls:// URL but no CA cert supplied — server cert will be checked against the system "
-             "trust store");
+    case QM_NATS_TLS_CA_FAILED:
+      log_error("KV bootstrap: LoadCATrustedCertificates(%s) failed: %s", cert_path, natsStatus_GetText(status));
+      return nullptr;
   }
   return opts;
 }
@@ -110,18 +81,18 @@ s_options_ptr s_build_options(const char* url, const char* user, const char* pas
 // fields it does not know, and the server refuses to drop them.
 
 // Sends one JetStream API request; the reply's JSON, or nullopt with `error` set.
-std::optional<s_json_ptr> s_js_api_request(natsConnection* nc, const std::string& subject, const std::string& body,
+std::optional<qm::json_ptr> s_js_api_request(natsConnection* nc, const std::string& subject, const std::string& body,
                                            std::string& error) {
   natsMsg* raw = nullptr;
   const natsStatus s =
       natsConnection_Request(&raw, nc, subject.c_str(), body.data(), static_cast<int>(body.size()), kApiTimeoutMs);
-  s_msg_ptr reply(raw);
+  qm::nats_msg_ptr reply(raw);
   if (s != NATS_OK) {
     error = natsStatus_GetText(s);
     return std::nullopt;
   }
   const std::string text(natsMsg_GetData(reply.get()), static_cast<size_t>(natsMsg_GetDataLength(reply.get())));
-  s_json_ptr doc(json_tokener_parse(text.c_str()));
+  qm::json_ptr doc(json_tokener_parse(text.c_str()));
   if (!doc || !json_object_is_type(doc.get(), json_type_object)) {
     error = "unreadable JetStream API reply";
     return std::nullopt;
@@ -140,7 +111,7 @@ std::optional<s_json_ptr> s_js_api_request(natsConnection* nc, const std::string
 }
 
 // The stream's configuration object, owned by the returned reply document.
-json_object* s_config_of(const s_json_ptr& reply) {
+json_object* s_config_of(const qm::json_ptr& reply) {
   json_object* config = nullptr;
   if (!json_object_object_get_ex(reply.get(), "config", &config) || !json_object_is_type(config, json_type_object)) {
     return nullptr;
@@ -148,7 +119,7 @@ json_object* s_config_of(const s_json_ptr& reply) {
   return config;
 }
 
-std::optional<s_json_ptr> s_read_stream(natsConnection* nc, const std::string& stream, std::string& error) {
+std::optional<qm::json_ptr> s_read_stream(natsConnection* nc, const std::string& stream, std::string& error) {
   auto reply = s_js_api_request(nc, "$JS.API.STREAM.INFO." + stream, "", error);
   if (!reply) return std::nullopt;
   if (s_config_of(*reply) == nullptr) {
@@ -159,7 +130,7 @@ std::optional<s_json_ptr> s_read_stream(natsConnection* nc, const std::string& s
 }
 
 // Sends the whole configuration back; the echoed configuration, or nullopt.
-std::optional<s_json_ptr> s_update_stream(natsConnection* nc, const std::string& stream, json_object* config,
+std::optional<qm::json_ptr> s_update_stream(natsConnection* nc, const std::string& stream, json_object* config,
                                           std::string& error) {
   const std::string body = json_object_to_json_string_ext(config, JSON_C_TO_STRING_PLAIN);
   auto reply = s_js_api_request(nc, "$JS.API.STREAM.UPDATE." + stream, body, error);
@@ -307,7 +278,7 @@ int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_spec& spec,
     }
     log_info("KV bootstrap: created bucket '%s' (replicas=%d)", spec.name, s_replicas_shown(params.replicas));
   }
-  s_kv_ptr kv(raw);
+  qm::kv_store_ptr kv(raw);
   s_enable_msg_ttl_on_kv_stream(nc, spec.name);
   return 0;
 }
@@ -333,7 +304,7 @@ int s_ensure_wq_stream(jsCtx* js, const std::string& stream, const std::string& 
   jsStreamInfo* raw_info = nullptr;
   jsErrCode jerr = static_cast<jsErrCode>(0);
   if (js_GetStreamInfo(&raw_info, js, stream.c_str(), nullptr, &jerr) == NATS_OK) {
-    s_stream_info_ptr info(raw_info);
+    qm::js_stream_info_ptr info(raw_info);
     log_info("WQ bootstrap: stream '%s' already existed — bound to it", stream.c_str());
     const bool existing_memory = info->Config->Storage == js_MemoryStorage;
     if (existing_memory != params.memory) {
@@ -356,7 +327,7 @@ int s_ensure_wq_stream(jsCtx* js, const std::string& stream, const std::string& 
   if (params.wq->stream_maxage_ns > 0) cfg.MaxAge = params.wq->stream_maxage_ns;
   jsStreamInfo* created = nullptr;
   const natsStatus s = js_AddStream(&created, js, &cfg, nullptr, &jerr);
-  s_stream_info_ptr created_info(created);
+  qm::js_stream_info_ptr created_info(created);
   if (s != NATS_OK) {
     const std::string detail = s_last_error_text();
     log_warn("WQ bootstrap: js_AddStream('%s') failed: %s%s%s", stream.c_str(), natsStatus_GetText(s),
@@ -391,7 +362,7 @@ int s_ensure_wq_consumer(jsCtx* js, const std::string& stream, const std::string
   jsConsumerInfo* raw_info = nullptr;
   jsErrCode jerr = static_cast<jsErrCode>(0);
   if (js_GetConsumerInfo(&raw_info, js, stream.c_str(), durable.c_str(), nullptr, &jerr) == NATS_OK) {
-    s_consumer_info_ptr info(raw_info);
+    qm::js_consumer_info_ptr info(raw_info);
     const jsConsumerConfig& have = *info->Config;
     log_info("WQ bootstrap: durable consumer '%s' on '%s' already existed (AckWait=%lldms, MaxDeliver=%lld, "
              "MaxAckPending=%lld, MaxWaiting=%lld)",
@@ -411,7 +382,7 @@ int s_ensure_wq_consumer(jsCtx* js, const std::string& stream, const std::string
   if (wq.maxwaiting > 0) cfg.MaxWaiting = wq.maxwaiting;
   jsConsumerInfo* created = nullptr;
   const natsStatus s = js_AddConsumer(&created, js, stream.c_str(), &cfg, nullptr, &jerr);
-  s_consumer_info_ptr created_info(created);
+  qm::js_consumer_info_ptr created_info(created);
   if (s != NATS_OK) {
     const std::string detail = s_last_error_text();
     log_warn("WQ bootstrap: js_AddConsumer('%s' on '%s') failed: %s%s%s", durable.c_str(), stream.c_str(),
@@ -462,14 +433,14 @@ int s_ensure_work_queues(jsCtx* js, const s_bootstrap_params& params) {
 int s_bootstrap_once(natsOptions* opts, const s_bootstrap_params& params) {
   natsConnection* raw_nc = nullptr;
   const natsStatus connected = natsConnection_Connect(&raw_nc, opts);
-  s_connection_ptr nc(raw_nc);
+  qm::nats_connection_ptr nc(raw_nc);
   if (connected != NATS_OK) {
     log_warn("KV bootstrap: connect failed: %s", natsStatus_GetText(connected));
     return -1;
   }
   jsCtx* raw_js = nullptr;
   const natsStatus context = natsConnection_JetStream(&raw_js, nc.get(), nullptr);
-  s_js_ptr js(raw_js);
+  qm::js_ctx_ptr js(raw_js);
   if (context != NATS_OK) {
     log_warn("KV bootstrap: JetStream context failed: %s", natsStatus_GetText(context));
     natsConnection_Close(nc.get());
@@ -507,7 +478,7 @@ void s_sleep_ms(int ms) {
 
 int s_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                 const s_bootstrap_params& params) {
-  s_options_ptr opts = s_build_options(nats_url, user, password, cert_path);
+  qm::nats_options_ptr opts = s_build_options(nats_url, user, password, cert_path);
   if (!opts) return -1;
   const broker_kv_bootstrap_timing timing = s_current_timing();
   const int budget_sec = timing.budget_ms / 1000;

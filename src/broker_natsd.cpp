@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "log.hpp"
+#include "qm_nats_conn.hpp"
 #include "qm_cpp.hpp"
 #include "qmerror.hpp"
 
@@ -36,8 +37,6 @@ constexpr int kStopPollMs = 100;
 
 std::atomic<int> s_stop_grace_ms{kDefaultStopGraceMs};
 
-using s_options_ptr = qm::c_ptr<natsOptions, natsOptions_Destroy>;
-using s_connection_ptr = qm::c_ptr<natsConnection, natsConnection_Destroy>;
 
 }  // namespace
 
@@ -85,18 +84,6 @@ void s_report_failed_kill(broker_natsd_t& natsd) {
            natsd.failed_kill_sig.load(), QMstrerror(err));
 }
 
-bool s_is_tls_url(const std::string& url) { return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0; }
-
-// The host between "://" and the first ':' or '/', when it is 1 to 255 characters long.
-std::string s_expected_host(const std::string& url) {
-  const size_t start = url.find("://");
-  if (start == std::string::npos) return {};
-  const size_t from = start + 3;
-  const size_t end = url.find_first_of(":/", from);
-  const std::string host = url.substr(from, end == std::string::npos ? std::string::npos : end - from);
-  return host.size() >= 1 && host.size() <= 255 ? host : std::string();
-}
-
 void s_sleep_ms(int ms) {
   timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
@@ -118,10 +105,10 @@ struct s_probe_target {
 
 enum class s_probe_options_result { built, no_memory, bad_ca };
 
-s_probe_options_result s_build_probe_options(const s_probe_target& target, bool tls, s_options_ptr& out) {
+s_probe_options_result s_build_probe_options(const s_probe_target& target, qm::nats_options_ptr& out) {
   natsOptions* raw = nullptr;
   if (natsOptions_Create(&raw) != NATS_OK) return s_probe_options_result::no_memory;
-  s_options_ptr opts(raw);
+  qm::nats_options_ptr opts(raw);
   natsOptions_SetURL(opts.get(), target.url.c_str());
   if (target.user != nullptr) {
     natsOptions_SetUserInfo(opts.get(), target.user, target.password != nullptr ? target.password : "");
@@ -130,29 +117,20 @@ s_probe_options_result s_build_probe_options(const s_probe_target& target, bool 
   natsOptions_SetRetryOnFailedConnect(opts.get(), false, nullptr, nullptr);
   natsOptions_SetAllowReconnect(opts.get(), false);
   natsOptions_SetMaxReconnect(opts.get(), 0);
-  if (tls) {
-    natsOptions_SetSecure(opts.get(), true);
-#if NATS_VERSION_NUMBER >= 0x030900
-    natsOptions_TLSHandshakeFirst(opts.get());
-#else
-    static std::once_flag warned;
-    std::call_once(warned, [] {
-      log_warn("nats-server: TLS handshake-first needs nats.c 3.9 or newer — probing with the standard TLS upgrade");
-    });
-#endif
-    const std::string host = s_expected_host(target.url);
-    if (!host.empty()) natsOptions_SetExpectedHostname(opts.get(), host.c_str());
-    if (target.cert_path != nullptr && target.cert_path[0] != '\0') {
-      const natsStatus s = natsOptions_LoadCATrustedCertificates(opts.get(), target.cert_path);
-      if (s != NATS_OK) {
-        log_error("nats-server: probe failed to load CA bundle %s: %s", target.cert_path, natsStatus_GetText(s));
-        return s_probe_options_result::bad_ca;
-      }
-    } else {
-      log_warn(
-          "nats-server: tls:// probe URL but no cert_path — server cert will be checked against the system trust "
-          "store and almost certainly fail");
-    }
+  natsStatus status = NATS_OK;
+  switch (qm_nats_apply_tls(opts.get(), target.url, target.cert_path, &status)) {
+    case QM_NATS_TLS_PLAIN:
+    case QM_NATS_TLS_SECURED:
+      break;
+    case QM_NATS_TLS_NO_CA:
+      log_warn("nats-server: tls:// probe URL but no cert_path — server cert will be checked against the system "
+               "trust store and almost certainly fail");
+      break;
+    case QM_NATS_TLS_SECURE_FAILED:
+      return s_probe_options_result::no_memory;
+    case QM_NATS_TLS_CA_FAILED:
+      log_error("nats-server: probe failed to load CA bundle %s: %s", target.cert_path, natsStatus_GetText(status));
+      return s_probe_options_result::bad_ca;
   }
   out = std::move(opts);
   return s_probe_options_result::built;
@@ -162,10 +140,9 @@ s_probe_options_result s_build_probe_options(const s_probe_target& target, bool 
 // the wait early (the supervisor stops probing once shutdown begins).
 int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) {
   const int64_t start_ms = s_now_ms();
-  const bool tls = s_is_tls_url(target.url);
   for (;;) {
-    s_options_ptr opts;
-    switch (s_build_probe_options(target, tls, opts)) {
+    qm::nats_options_ptr opts;
+    switch (s_build_probe_options(target, opts)) {
       case s_probe_options_result::built:
         break;
       case s_probe_options_result::no_memory:
@@ -176,7 +153,7 @@ int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) 
     }
     natsConnection* raw = nullptr;
     const natsStatus s = natsConnection_Connect(&raw, opts.get());
-    s_connection_ptr conn(raw);
+    qm::nats_connection_ptr conn(raw);
     if (s == NATS_OK) {
       natsConnection_Close(conn.get());
       log_info("nats-server: ready (probe to %s succeeded)", target.url.c_str());

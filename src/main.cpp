@@ -48,7 +48,6 @@ struct broker_app {
   broker_config_t* cfg = nullptr;
   gw_credential_store_t* credentials = nullptr;
   int rc = 0;
-  bool signalled_shutdown = false;
 };
 
 void signal_handler(int sig) {
@@ -395,7 +394,6 @@ int main(int argc, char** argv) {
 
   if (s_start(app)) {
     s_wait_for_shutdown(app);
-    app.signalled_shutdown = true;
     log_info("%s shutting down", kProgramName);
     (void)broker_sd_notify("STOPPING=1");
   } else {

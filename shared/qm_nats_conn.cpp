@@ -1,0 +1,49 @@
+#include "qm_nats_conn.hpp"
+
+#include <nats/version.h>
+
+#include <mutex>
+
+#include "log.hpp"
+
+bool qm_nats_url_wants_tls(const std::string& url) {
+  return url.rfind("tls://", 0) == 0 || url.rfind("wss://", 0) == 0;
+}
+
+std::string qm_nats_url_host(const std::string& url) {
+  const size_t start = url.find("://");
+  if (start == std::string::npos) return {};
+  const size_t from = start + 3;
+  const size_t end = url.find_first_of(":/", from);
+  std::string host = url.substr(from, end == std::string::npos ? std::string::npos : end - from);
+  return host.size() <= 255 ? host : std::string();
+}
+
+qm_nats_tls_result_t qm_nats_apply_tls(natsOptions* opts, const std::string& url, const char* cert_path,
+                                       natsStatus* status) {
+  if (status) *status = NATS_OK;
+  if (!qm_nats_url_wants_tls(url)) return QM_NATS_TLS_PLAIN;
+  natsStatus s = natsOptions_SetSecure(opts, true);
+  if (s != NATS_OK) {
+    if (status) *status = s;
+    return QM_NATS_TLS_SECURE_FAILED;
+  }
+#if NATS_VERSION_NUMBER >= 0x030900
+  natsOptions_TLSHandshakeFirst(opts);
+#else
+  // A server configured with handshake_first "auto" (or a duration) accepts both kinds.
+  static std::once_flag warned;
+  std::call_once(warned, [] {
+    log_warn("nats: TLS handshake-first needs nats.c 3.9 or newer \u2014 using the standard TLS upgrade");
+  });
+#endif
+  const std::string host = qm_nats_url_host(url);
+  if (!host.empty()) natsOptions_SetExpectedHostname(opts, host.c_str());
+  if (cert_path == nullptr || cert_path[0] == '\0') return QM_NATS_TLS_NO_CA;
+  s = natsOptions_LoadCATrustedCertificates(opts, cert_path);
+  if (s != NATS_OK) {
+    if (status) *status = s;
+    return QM_NATS_TLS_CA_FAILED;
+  }
+  return QM_NATS_TLS_SECURED;
+}

@@ -1,0 +1,45 @@
+// What every NATS connection of the broker shares: RAII ownership of the client
+// library's handles, and the TLS settings a tls:// or wss:// URL asks for.
+#pragma once
+
+#include <json-c/json.h>
+#include <nats/nats.h>
+
+#include <string>
+
+#include "qm_cpp.hpp"
+
+namespace qm {
+
+using nats_options_ptr = c_ptr<natsOptions, natsOptions_Destroy>;
+using nats_connection_ptr = c_ptr<natsConnection, natsConnection_Destroy>;
+using nats_msg_ptr = c_ptr<natsMsg, natsMsg_Destroy>;
+using js_ctx_ptr = c_ptr<jsCtx, jsCtx_Destroy>;
+using kv_store_ptr = c_ptr<kvStore, kvStore_Destroy>;
+using js_stream_info_ptr = c_ptr<jsStreamInfo, jsStreamInfo_Destroy>;
+using js_consumer_info_ptr = c_ptr<jsConsumerInfo, jsConsumerInfo_Destroy>;
+using json_ptr = c_ptr<json_object, json_object_put>;
+
+}  // namespace qm
+
+// True for the schemes that need TLS from the first byte (tls://, wss://).
+bool qm_nats_url_wants_tls(const std::string& url);
+
+// The host between "://" and the first ':' or '/', for the certificate name check; ""
+// when there is none or it is longer than 255 characters.
+std::string qm_nats_url_host(const std::string& url);
+
+enum qm_nats_tls_result_t {
+  QM_NATS_TLS_PLAIN = 0,          // not a TLS URL: nothing set
+  QM_NATS_TLS_SECURED = 1,        // TLS required, host checked, the CA bundle loaded
+  QM_NATS_TLS_NO_CA = 2,          // TLS required, but no CA bundle given: the system store decides
+  QM_NATS_TLS_SECURE_FAILED = 3,  // the library refused to require TLS
+  QM_NATS_TLS_CA_FAILED = 4,      // the CA bundle could not be loaded
+};
+
+// Applies what `url` asks for to opts: TLS required, handshake first where the client
+// library can, the expected host name, and the CA bundle at cert_path (NULL or empty:
+// none). Callers log the outcome in their own words; *status holds the library's status
+// of a failed step.
+qm_nats_tls_result_t qm_nats_apply_tls(natsOptions* opts, const std::string& url, const char* cert_path,
+                                       natsStatus* status);
