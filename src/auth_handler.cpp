@@ -532,7 +532,10 @@ void s_handle_verify(natsConnection* nc, natsMsg* msg, const auth_callback_data_
     return;
   }
   try {
-    const std::string answer = s_verify_answer_json(s_verify_decide(data, s_parse_verify_request(msg)));
+    const verify_request req = s_parse_verify_request(msg);
+    log_trace("auth_verify: request user=%s method=%s", req.user ? req.user->c_str() : "(absent)",
+              req.method ? req.method->c_str() : "(absent)");
+    const std::string answer = s_verify_answer_json(s_verify_decide(data, req));
     s_reply(nc, msg, answer.data(), answer.size());
   } catch (const std::exception&) {
     // Out of memory in a handler: the caller's request times out.

@@ -4,6 +4,7 @@
 #include <nats/nats.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -282,6 +283,45 @@ TEST(CalloutCoalescing, TwoConcurrentLoginsOfOneUserMakeOneLiveCheck) {
   const std::string log = env.broker().err();
   EXPECT_EQ(count_of(log, "auth_callout: GRANT user=lara backend=ldap"), 1u) << log;
   EXPECT_EQ(count_of(log, "auth_callout: GRANT user=lara via=coalesced"), 1u) << log;
+}
+
+// Two identical verify requests while the directory is held: the second waits for the
+// first one's verdict instead of checking again.
+std::vector<std::string> concurrent_verifies(CalloutEnv& env, qmtest::Slapd& directory, const std::string& body) {
+  auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+  if (gateway.status != NATS_OK) return {};
+  const size_t seen = count_of(env.broker().err(), "auth_verify: request user=lara");
+  directory.pause();
+  std::vector<std::string> answers(2);
+  std::vector<std::thread> askers;
+  for (size_t i = 0; i < 2; ++i) {
+    askers.emplace_back([&, i] { answers[i] = qmtest::verify_request(gateway.conn, body); });
+    qmtest::wait_until([&] { return count_of(env.broker().err(), "auth_verify: request user=lara") >= seen + i + 1; },
+                       2s);
+  }
+  directory.resume();
+  for (auto& t : askers) t.join();
+  std::sort(answers.begin(), answers.end());
+  return answers;
+}
+
+TEST(VerifyCoalescing, ConcurrentIdenticalChecksShareOneVerdict) {
+  auto directory = start_directory();
+  CalloutOptions options = file_users();
+  options.broker_args = ldap_args("file+ldap", directory->url());
+  CalloutEnv env(options);
+  ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);  // settles the service's connections
+
+  EXPECT_EQ(concurrent_verifies(env, *directory, R"j({"user":"lara","password":"lara-pw","method":"plain"})j"),
+            (std::vector<std::string>{R"j({"ok":true,"reason":"valid credentials (coalesced)","backend":"coalesced"})j",
+                                      R"j({"ok":true,"reason":"valid credentials","backend":"ldap"})j"}));
+  EXPECT_EQ(concurrent_verifies(env, *directory, R"j({"user":"lara","password":"bad","method":"plain"})j"),
+            (std::vector<std::string>{
+                R"j({"ok":false,"reason":"invalid credentials (coalesced)","backend":"coalesced-neg"})j",
+                R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j"}));
+  const std::string log = env.broker().err();
+  EXPECT_NE(log.find("auth_verify: GRANT user='lara' via=coalesced method=plain"), std::string::npos);
+  EXPECT_NE(log.find("auth_verify: DENY user='lara' via=coalesced method=plain"), std::string::npos);
 }
 
 // ---- the verify endpoint ----
