@@ -1,9 +1,9 @@
 // Connection storms: client threads log in and out as fast as they can, against a
 // nats-server whose logins the broker decides through the auth callout (its result cache
 // warm, or switched off so that every login is checked against the credentials file) and
-// against the same users configured statically. One storm per benchmark; the time shown
-// is the storm's wall-clock time, and a table with the ratios to the static server
-// follows the benchmark output.
+// against the same users configured statically. The servers take turns for a few rounds;
+// each benchmark reports one server (the time shown is its median round's), and a table
+// with the ratios to the static server follows the benchmark output.
 //
 // QM_STORM_LOGINS and QM_STORM_THREADS in the environment override the storm's size,
 // QM_STORM_TRACELEVEL the broker's log level (to look into a slow or failing storm).
@@ -20,9 +20,7 @@
 #include <exception>
 #include <fstream>
 #include <latch>
-#include <map>
 #include <mutex>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -36,7 +34,8 @@ namespace {
 using qmtest::user_list;
 using steady = std::chrono::steady_clock;
 
-constexpr int kDefaultLogins = 2000;
+constexpr int kDefaultLogins = 2000;  // per server and round
+constexpr int kRounds = 3;
 constexpr int kDefaultThreads = 8;
 // The storm's logins cycle through these users. The credentials file holds at most 128
 // entries, two of them the broker's own.
@@ -179,143 +178,185 @@ double s_percentile(const std::vector<double>& sorted, double p) {
   return sorted[std::min(sorted.size() - 1, rank > 0 ? rank - 1 : 0)];
 }
 
-struct summary_row {
+double s_median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// One server under test and what its storms measured.
+struct scenario {
   std::string name;
+  std::string url;
+  pid_t server_pid = -1;
+  pid_t broker_pid = -1;
+  std::vector<double> rates;  // logins/s of each round
+  std::vector<double> latencies_ms;
+  cpu_sample cpu;  // summed over the rounds
+  int logins = 0;  // summed over the rounds
+
+  double rate() const { return s_median(rates); }
+  double cpu_us_per_login(double cpu_sample::*process) const { return logins > 0 ? cpu.*process * 1e6 / logins : 0; }
+};
+
+scenario s_scenario(const std::string& name, const std::string& url, pid_t server_pid, pid_t broker_pid) {
+  scenario s;
+  s.name = name;
+  s.url = url;
+  s.server_pid = server_pid;
+  s.broker_pid = broker_pid;
+  return s;
+}
+
+struct storm_report {
+  std::string error;  // set when nothing could be measured
+  std::vector<scenario> scenarios;
   int threads = 0;
-  int logins = 0;
-  double rate = 0;
-  double p50_ms = 0;
-  double p99_ms = 0;
-  // CPU microseconds per login
-  double server_us = 0, broker_us = 0, client_us = 0;
+  int logins_per_round = 0;
+
+  const scenario* find(const std::string& name) const {
+    for (const scenario& s : scenarios)
+      if (s.name == name) return &s;
+    return nullptr;
+  }
 };
 
-// Printed once every storm has run: the benchmark output has no room for the ratios'
-// meaning, and a reader wants the three rows side by side.
-class summary {
- public:
-  void add(const summary_row& row) {
-    rows_.push_back(row);
-    if (row.name == "static") static_rate_[row.threads] = row.rate;
-  }
-  std::optional<double> static_rate(int threads) const {
-    const auto found = static_rate_.find(threads);
-    return found != static_rate_.end() ? std::optional(found->second) : std::nullopt;
-  }
-  ~summary() {
-    if (rows_.empty()) return;
-    printf("\nLogin storm: each client thread connects and destroys as fast as it can; broker --tracelevel %d\n",
-           s_trace_level());
-    printf("%-14s %7s %7s %9s %9s %7s %7s  %s\n", "server", "threads", "logins", "logins/s", "vs static", "p50 ms",
-           "p99 ms", "CPU us per login: nats-server broker client");
-    for (const summary_row& row : rows_) {
-      const auto base = static_rate_.find(row.threads);
-      char ratio[16] = "-";
-      if (base != static_rate_.end() && base->second > 0) snprintf(ratio, sizeof ratio, "%.2f", row.rate / base->second);
-      printf("%-14s %7d %7d %9.0f %9s %7.2f %7.2f  %31.0f %6.0f %6.0f\n", row.name.c_str(), row.threads, row.logins,
-             row.rate, ratio, row.p50_ms, row.p99_ms, row.server_us, row.broker_us, row.client_us);
-    }
-    fflush(stdout);
-  }
-
- private:
-  std::vector<summary_row> rows_;
-  std::map<int, double> static_rate_;
-};
-
-summary g_summary;
-
-// Runs one storm as the benchmark's single iteration and reports it.
-void s_run_storm(benchmark::State& state, const char* name, const std::string& url, const user_list& users,
-                 pid_t server_pid, pid_t broker_pid) {
-  const int threads = static_cast<int>(state.range(0));
-  const int logins = s_logins();
-  storm_result storm;
-  cpu_sample before, after;
-  for (auto _ : state) {
-    before = cpu_sample::take(server_pid, broker_pid);
-    storm = s_storm(url, users, static_cast<size_t>(logins), threads);
-    after = cpu_sample::take(server_pid, broker_pid);
-    state.SetIterationTime(storm.seconds);
-  }
-  if (storm.failures > 0) {
-    state.SkipWithError((std::to_string(storm.failures) + " logins failed, first: " + storm.first_error).c_str());
-    return;
-  }
-  summary_row row{name, threads, logins, logins / storm.seconds,
-                  s_percentile(storm.latencies_ms, 50), s_percentile(storm.latencies_ms, 99),
-                  (after.server - before.server) * 1e6 / logins, (after.broker - before.broker) * 1e6 / logins,
-                  (after.client - before.client) * 1e6 / logins};
-  state.counters["logins/s"] = row.rate;
-  state.counters["p50_ms"] = row.p50_ms;
-  state.counters["p99_ms"] = row.p99_ms;
-  state.counters["logins"] = row.logins;
-  state.counters["server_cpu_us"] = row.server_us;
-  state.counters["client_cpu_us"] = row.client_us;
-  if (broker_pid > 0) state.counters["broker_cpu_us"] = row.broker_us;
-  if (const auto base = g_summary.static_rate(threads); base && *base > 0 && row.name != "static")
-    state.counters["vs_static"] = row.rate / *base;
-  g_summary.add(row);
+// "" when every user logged in, else the first refusal.
+std::string s_log_everyone_in(const std::string& url, const user_list& users, int threads) {
+  const storm_result result = s_storm(url, users, users.size(), threads);
+  return result.failures == 0 ? "" : result.first_error;
 }
 
-// Logs every user in once. Fails the benchmark on a refusal: the set-up is wrong, and a
-// storm of refusals would measure nothing.
-bool s_warm_up(benchmark::State& state, const std::string& url, const user_list& users) {
-  const storm_result warmup = s_storm(url, users, users.size(), static_cast<int>(state.range(0)));
-  if (warmup.failures == 0) return true;
-  state.SkipWithError(("warm-up login failed: " + warmup.first_error).c_str());
-  return false;
+std::string s_diagnostics(qmtest::CalloutEnv& env) {
+  return "broker output:\n" + env.broker().err() + "\nnats-server log:\n" + env.server_log() + "\n";
 }
 
-void BM_StormStatic(benchmark::State& state) {
+// The three servers stay up together and take turns, round after round, so that a
+// machine getting busier or quieter meanwhile (the cores are shared) moves every
+// scenario alike and the ratios hold.
+storm_report s_run_storms() {
+  storm_report report;
+  report.threads = s_threads();
+  report.logins_per_round = s_logins();
   const user_list users = s_storm_users(kStormUsers);
   user_list configured = users;
   configured.push_back(kWarmupUser);
   try {
-    qmtest::NatsServerOptions options;
-    options.extra_config = s_static_users_block(configured);
-    qmtest::NatsServer server(options);
-    if (!s_warm_up(state, server.url(), {kWarmupUser})) return;
-    s_run_storm(state, "static", server.url(), users, server.pid(), -1);
-  } catch (const std::exception& e) {
-    state.SkipWithError(e.what());
-  }
-}
+    qmtest::NatsServerOptions static_options;
+    static_options.extra_config = s_static_users_block(configured);
+    qmtest::NatsServer static_server(static_options);
 
-enum class cache_state { warm, off };
+    qmtest::CalloutOptions warm_options;
+    warm_options.users = configured;
+    warm_options.tracelevel = s_trace_level();
+    qmtest::CalloutOptions cold_options = warm_options;
+    cold_options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
+    qmtest::CalloutEnv warm(warm_options);
+    qmtest::CalloutEnv cold(cold_options);
 
-void s_callout_storm(benchmark::State& state, cache_state cache) {
-  const user_list users = s_storm_users(kStormUsers);
-  qmtest::CalloutOptions options;
-  options.users = users;
-  options.users.push_back(kWarmupUser);
-  options.tracelevel = s_trace_level();
-  if (cache == cache_state::off)
-    options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
-  try {
-    qmtest::CalloutEnv env(options);
-    if (!s_warm_up(state, env.url(), {kWarmupUser}) ||
-        (cache == cache_state::warm && !s_warm_up(state, env.url(), users))) {
-      fprintf(stderr, "broker output:\n%s\nnats-server log:\n%s\n", env.broker().err().c_str(),
-              env.server_log().c_str());
-      return;
+    report.scenarios.push_back(s_scenario("static", static_server.url(), static_server.pid(), -1));
+    report.scenarios.push_back(s_scenario("callout-warm", warm.url(), warm.server_pid(), warm.broker().pid()));
+    report.scenarios.push_back(s_scenario("callout-cold", cold.url(), cold.server_pid(), cold.broker().pid()));
+    std::string error;
+    for (const scenario& s : report.scenarios) {
+      error = s_log_everyone_in(s.url, {kWarmupUser}, report.threads);
+      if (!error.empty()) error = s.name + ": warm-up login refused: " + error;
+      if (error.empty() && s.name == "callout-warm") error = s_log_everyone_in(s.url, users, report.threads);
+      if (!error.empty()) break;
     }
-    const char* name = cache == cache_state::warm ? "callout-warm" : "callout-cold";
-    s_run_storm(state, name, env.url(), users, env.server_pid(), env.broker().pid());
+    for (int round = 0; round < kRounds && error.empty(); ++round) {
+      for (scenario& s : report.scenarios) {
+        const cpu_sample before = cpu_sample::take(s.server_pid, s.broker_pid);
+        storm_result storm = s_storm(s.url, users, static_cast<size_t>(report.logins_per_round), report.threads);
+        const cpu_sample after = cpu_sample::take(s.server_pid, s.broker_pid);
+        if (storm.failures > 0) {
+          error = s.name + ": " + std::to_string(storm.failures) + " logins failed, first: " + storm.first_error;
+          break;
+        }
+        s.rates.push_back(report.logins_per_round / storm.seconds);
+        s.latencies_ms.insert(s.latencies_ms.end(), storm.latencies_ms.begin(), storm.latencies_ms.end());
+        s.cpu.server += after.server - before.server;
+        s.cpu.broker += after.broker - before.broker;
+        s.cpu.client += after.client - before.client;
+        s.logins += report.logins_per_round;
+      }
+    }
+    if (!error.empty()) {
+      fprintf(stderr, "%s%s", s_diagnostics(warm).c_str(), s_diagnostics(cold).c_str());
+      report.error = error;
+    }
   } catch (const std::exception& e) {
-    state.SkipWithError(e.what());
+    report.error = e.what();
+  }
+  for (scenario& s : report.scenarios) std::sort(s.latencies_ms.begin(), s.latencies_ms.end());
+  return report;
+}
+
+// After the benchmark output: the three rows side by side, with the ratios.
+void s_print_table(const storm_report& report) {
+  const scenario* base = report.find("static");
+  printf("\nLogin storm: %d client threads connect and destroy as fast as they can; %d rounds of %d logins per "
+         "server, taking turns; broker --tracelevel %d\n",
+         report.threads, kRounds, report.logins_per_round, s_trace_level());
+  printf("%-14s %9s %13s %9s %7s %7s  %s\n", "server", "logins/s", "rounds", "vs static", "p50 ms", "p99 ms",
+         "CPU us per login: nats-server broker client");
+  for (const scenario& s : report.scenarios) {
+    char spread[32];
+    snprintf(spread, sizeof spread, "%.0f-%.0f", *std::min_element(s.rates.begin(), s.rates.end()),
+             *std::max_element(s.rates.begin(), s.rates.end()));
+    printf("%-14s %9.0f %13s %9.2f %7.2f %7.2f  %31.0f %6.0f %6.0f\n", s.name.c_str(), s.rate(), spread,
+           s.rate() / base->rate(), s_percentile(s.latencies_ms, 50), s_percentile(s.latencies_ms, 99),
+           s.cpu_us_per_login(&cpu_sample::server), s.cpu_us_per_login(&cpu_sample::broker),
+           s.cpu_us_per_login(&cpu_sample::client));
+  }
+  fflush(stdout);
+}
+
+struct table_at_exit {
+  const storm_report& report;
+  ~table_at_exit() {
+    if (report.error.empty()) s_print_table(report);
+  }
+};
+
+// The storms run once, when the first benchmark asks; every benchmark then reports its
+// server's share.
+const storm_report& s_report() {
+  static const storm_report report = s_run_storms();
+  static const table_at_exit table{report};
+  return report;
+}
+
+// Reports one server: the time shown is its median round's, the rate that round's.
+void s_report_scenario(benchmark::State& state, const char* name) {
+  const storm_report& report = s_report();
+  const scenario* s = report.find(name);
+  if (!report.error.empty() || s == nullptr) {
+    state.SkipWithError(report.error.empty() ? "no such server" : report.error.c_str());
+    return;
+  }
+  for (auto _ : state) state.SetIterationTime(report.logins_per_round / s->rate());
+  state.counters["logins/s"] = s->rate();
+  state.counters["p50_ms"] = s_percentile(s->latencies_ms, 50);
+  state.counters["p99_ms"] = s_percentile(s->latencies_ms, 99);
+  state.counters["logins"] = s->logins;
+  state.counters["server_cpu_us"] = s->cpu_us_per_login(&cpu_sample::server);
+  state.counters["client_cpu_us"] = s->cpu_us_per_login(&cpu_sample::client);
+  if (s->broker_pid > 0) {
+    state.counters["broker_cpu_us"] = s->cpu_us_per_login(&cpu_sample::broker);
+    state.counters["vs_static"] = s->rate() / report.find("static")->rate();
   }
 }
 
+// The same users as static entries in nats-server's own configuration.
+void BM_StormStatic(benchmark::State& state) { s_report_scenario(state, "static"); }
 // Every user logged in once before: each answer comes from the broker's cache.
-void BM_StormCalloutWarm(benchmark::State& state) { s_callout_storm(state, cache_state::warm); }
+void BM_StormCalloutWarm(benchmark::State& state) { s_report_scenario(state, "callout-warm"); }
 // Cache switched off: each login is a live check against the credentials file. With
 // users cycling through a file of at most 128, a cache that is merely empty would be
 // warm after the first hundred logins.
-void BM_StormCalloutCold(benchmark::State& state) { s_callout_storm(state, cache_state::off); }
+void BM_StormCalloutCold(benchmark::State& state) { s_report_scenario(state, "callout-cold"); }
 
-// The static server first: the callout storms report their ratio to it.
-#define QM_STORM(fn) BENCHMARK(fn)->Arg(s_threads())->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond)
+#define QM_STORM(fn) BENCHMARK(fn)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond)
 QM_STORM(BM_StormStatic);
 QM_STORM(BM_StormCalloutWarm);
 QM_STORM(BM_StormCalloutCold);
