@@ -47,15 +47,16 @@ constexpr int kConnectTimeoutMs = 10000;
 // the storm would measure the log more than the callout.
 constexpr int kBrokerTraceLevel = 2;
 
-int s_env_int(const char* name, int fallback) {
+int s_env_int(const char* name, int fallback, int minimum = 1) {
   const char* text = getenv(name);
-  const int value = text != nullptr ? atoi(text) : 0;
-  return value > 0 ? value : fallback;
+  if (text == nullptr || *text == '\0') return fallback;
+  const int value = atoi(text);
+  return value >= minimum ? value : fallback;
 }
 
 int s_logins() { return s_env_int("QM_STORM_LOGINS", kDefaultLogins); }
 int s_threads() { return s_env_int("QM_STORM_THREADS", kDefaultThreads); }
-int s_trace_level() { return s_env_int("QM_STORM_TRACELEVEL", kBrokerTraceLevel); }
+int s_trace_level() { return s_env_int("QM_STORM_TRACELEVEL", kBrokerTraceLevel, 0); }
 
 user_list s_storm_users(int count) {
   user_list users;
