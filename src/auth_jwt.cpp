@@ -12,11 +12,13 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "qm_cpp.hpp"
 
 namespace {
 constexpr size_t s_key_size = 32;
+using s_pkey_ptr = qm::c_ptr<EVP_PKEY, EVP_PKEY_free>;
 }
 
 struct auth_jwt_ctx {
@@ -24,6 +26,10 @@ struct auth_jwt_ctx {
   unsigned char public_key[s_key_size] = {};
   std::string public_key_str;
   bool loaded = false;
+  // The seed imported once: an import derives the public key, which costs as much as a
+  // signature, and a login takes two signatures. Signing threads share it read-only,
+  // each with its own digest context.
+  s_pkey_ptr signing_key;
 
   auth_jwt_ctx() = default;
   auth_jwt_ctx(const auth_jwt_ctx&) = delete;
@@ -33,7 +39,6 @@ struct auth_jwt_ctx {
 
 namespace {
 
-using s_pkey_ptr = qm::c_ptr<EVP_PKEY, EVP_PKEY_free>;
 using s_pkey_ctx_ptr = qm::c_ptr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 using s_md_ctx_ptr = qm::c_ptr<EVP_MD_CTX, EVP_MD_CTX_free>;
 using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
@@ -82,6 +87,7 @@ bool s_load_seed_file(const char* path, auth_jwt_ctx& ctx) {
   s_pkey_ptr pkey(EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, seed.data(), seed.size()));
   if (!pkey || !s_take_public_key(pkey.get(), ctx)) return false;
   memcpy(ctx.seed, seed.data(), s_key_size);
+  ctx.signing_key = std::move(pkey);
   return true;
 }
 
@@ -93,7 +99,9 @@ bool s_generate_key(auth_jwt_ctx& ctx) {
   s_pkey_ptr pkey(raw);
   size_t len = s_key_size;
   if (EVP_PKEY_get_raw_private_key(pkey.get(), ctx.seed, &len) != 1 || len != s_key_size) return false;
-  return s_take_public_key(pkey.get(), ctx);
+  if (!s_take_public_key(pkey.get(), ctx)) return false;
+  ctx.signing_key = std::move(pkey);
+  return true;
 }
 
 // A private key: owner-only, also when an existing short file is overwritten. Not being
@@ -166,9 +174,9 @@ std::string s_base64_decode_lenient(const std::string& text) {
 }
 
 std::string s_sign(const auth_jwt_ctx& ctx, const std::string& input) {
-  s_pkey_ptr pkey(EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, ctx.seed, s_key_size));
   s_md_ctx_ptr md(EVP_MD_CTX_new());
-  if (!pkey || !md || EVP_DigestSignInit(md.get(), nullptr, nullptr, nullptr, pkey.get()) != 1) return {};
+  if (!ctx.signing_key || !md || EVP_DigestSignInit(md.get(), nullptr, nullptr, nullptr, ctx.signing_key.get()) != 1)
+    return {};
   unsigned char signature[64];
   size_t signature_len = sizeof signature;
   if (EVP_DigestSign(md.get(), signature, &signature_len, reinterpret_cast<const unsigned char*>(input.data()),

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "test_support.hpp"
@@ -275,6 +276,37 @@ TEST_F(Jwt, EveryTokenSharesTheHeaderSegmentAndJsonEscapingIsJsonCs) {
   EXPECT_NE(d.claims_text.find(R"("error":"quote \" slash \/ done")"), std::string::npos) << d.claims_text;
 }
 
+// The signing key is shared by the callout's request workers.
+TEST_F(Jwt, ConcurrentSignersEachGetAValidTokenOfTheirOwn) {
+  constexpr int kThreads = 8;
+  constexpr int kPerThread = 25;
+  std::vector<std::vector<std::string>> tokens(kThreads);
+  std::vector<std::thread> signers;
+  for (int t = 0; t < kThreads; ++t) {
+    signers.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        const std::string nkey = "U" + std::to_string(t) + "-" + std::to_string(i);
+        char* out = nullptr;
+        if (auth_jwt_sign_grant(ctx_.get(), "SRV1", nkey.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr,
+                                &out) == 0 &&
+            out != nullptr)
+          tokens[t].emplace_back(out);
+        free(out);
+      }
+    });
+  }
+  for (auto& signer : signers) signer.join();
+  for (int t = 0; t < kThreads; ++t) {
+    ASSERT_EQ(tokens[t].size(), static_cast<size_t>(kPerThread));
+    for (int i = 0; i < kPerThread; ++i) {
+      DecodedToken outer = decode_and_verify(tokens[t][i], issuer_);
+      ASSERT_NE(outer.claims, nullptr);
+      EXPECT_EQ(text(outer.claims.get(), "sub"), "U" + std::to_string(t) + "-" + std::to_string(i));
+      decode_and_verify(text(member(outer.claims.get(), "nats"), "jwt"), issuer_);
+    }
+  }
+}
+
 TEST(Base64Url, LengthsAndAlphabet) {
   const unsigned char bytes[] = {0xfb, 0xff, 0xfe};
   EXPECT_EQ(base64url_encode(bytes, 0), "");
@@ -352,6 +384,29 @@ TEST_F(SigningKeyFile, LongerFileIsUsedAsIsAndNotRewritten) {
   EXPECT_EQ(qmtest::read_file(path_), seed33);
   qmtest::write_file(path_, seed33.substr(0, 32));
   EXPECT_EQ(nkey_for(path_), nkey);
+}
+
+TEST_F(SigningKeyFile, TokensAreSignedWithTheSeedOnDisk) {
+  const std::string seed(32, '\x42');
+  qmtest::write_file(path_, seed);
+  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> reference(
+      EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(seed.data()),
+                                   seed.size()),
+      EVP_PKEY_free);
+  ASSERT_NE(reference, nullptr);
+  std::vector<unsigned char> reference_public(32);
+  size_t len = reference_public.size();
+  ASSERT_EQ(EVP_PKEY_get_raw_public_key(reference.get(), reference_public.data(), &len), 1);
+
+  CtxPtr ctx(auth_jwt_init(path_.c_str()));
+  ASSERT_NE(ctx, nullptr);
+  const std::string issuer = auth_jwt_public_key(ctx.get());
+  EXPECT_EQ(public_key_of(issuer), reference_public);
+  char* out = nullptr;
+  ASSERT_EQ(auth_jwt_sign_deny(ctx.get(), "SRV1", "UNKEY", nullptr, &out), 0);
+  const std::string token = out;
+  free(out);
+  decode_and_verify(token, issuer);
 }
 
 TEST_F(SigningKeyFile, UnusablePathsStillGiveAnInMemoryKey) {

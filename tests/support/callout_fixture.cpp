@@ -1,6 +1,7 @@
 #include "callout_fixture.hpp"
 
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "auth_jwt.hpp"
@@ -16,6 +17,28 @@ std::string issuer_nkey(const std::string& seed_path) {
   auth_jwt_destroy(ctx);
   return key;
 }
+
+namespace {
+
+// Below this level the broker logs neither its readiness nor its subscriptions.
+constexpr int kInfoLevel = 4;
+
+// The broker subscribes to the callout before the verify endpoint and flushes after both:
+// an answer on the verify endpoint means logins reach it too.
+bool s_wait_for_verify_endpoint(const std::string& url, Child& broker, std::chrono::milliseconds timeout) {
+  bool answered = false;
+  wait_until(
+      [&] {
+        if (!broker.running()) return true;
+        NatsLogin gateway = nats_login(url, CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword, 1000);
+        answered = gateway.conn != nullptr && !verify_request(gateway.conn, "{}", 250).empty();
+        return answered;
+      },
+      timeout);
+  return answered;
+}
+
+}  // namespace
 
 std::string CalloutEnv::credentials_text(const user_list& users) {
   user_list all = {{kAuthUser, kAuthPassword}, {kGatewayUser, kGatewayPassword}};
@@ -48,7 +71,7 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
                                    "--gw-nats-password", kGatewayPassword,
                                    "--amqp-enabled", "false",
                                    "--update-binary", "false",
-                                   "--tracelevel", "6"};
+                                   "--tracelevel", std::to_string(options.tracelevel)};
   if (!options.permissions_json.empty()) {
     write_file(dir_.file("permissions.json"), options.permissions_json);
     args.insert(args.end(), {"--permissions-file", dir_.file("permissions.json")});
@@ -72,9 +95,11 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
   args.insert(args.end(), {"--nats-url", url_});
   args.insert(args.end(), options.broker_args.begin(), options.broker_args.end());
   broker_ = std::make_unique<Child>(args);
-  if (!broker_->wait_for_err("qm-av-broker ready", 60s) ||
-      !broker_->wait_for_err("(generic verify endpoint)", 10s))
-    throw std::runtime_error("broker did not come up:\n" + broker_->err());
+  const bool up = options.tracelevel >= kInfoLevel
+                      ? broker_->wait_for_err("qm-av-broker ready", 60s) &&
+                            broker_->wait_for_err("(generic verify endpoint)", 10s)
+                      : s_wait_for_verify_endpoint(url_, *broker_, 60s);
+  if (!up) throw std::runtime_error("broker did not come up:\n" + broker_->err());
 }
 
 CalloutEnv::~CalloutEnv() {
@@ -87,6 +112,12 @@ CalloutEnv::~CalloutEnv() {
 }
 
 std::string CalloutEnv::server_log() const { return server_ ? server_->log() : read_file(server_log_); }
+
+pid_t CalloutEnv::server_pid() const {
+  if (server_) return server_->pid();
+  const int pid = atoi(read_file(dir_.file("nats-server.pid")).c_str());
+  return pid > 0 ? pid : -1;
+}
 
 NatsLogin::~NatsLogin() {
   if (conn != nullptr) {

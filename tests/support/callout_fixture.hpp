@@ -27,6 +27,8 @@ struct CalloutOptions {
   // The broker supervises the nats-server itself instead of probing an external one.
   bool managed = false;
   bool jetstream = true;
+  // The broker's --tracelevel; full tracing helps a failing test, a benchmark wants quiet.
+  int tracelevel = 6;
 };
 
 class CalloutEnv {
@@ -49,6 +51,8 @@ class CalloutEnv {
   const std::string& issuer() const { return issuer_; }
   // The nats-server log (the managed child's log file, or the external server's).
   std::string server_log() const;
+  // The nats-server's process id (a managed child's from its pid file); -1 when unknown.
+  pid_t server_pid() const;
   const TempDir& dir() const { return dir_; }
 
   // Credentials file text for these users, plus the broker's own two.
