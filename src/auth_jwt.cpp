@@ -1,8 +1,7 @@
 #include "auth_jwt.hpp"
 
 #include <fcntl.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
+#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,30 +16,29 @@
 #include "qm_cpp.hpp"
 
 namespace {
-constexpr size_t s_key_size = 32;
-using s_pkey_ptr = qm::c_ptr<EVP_PKEY, EVP_PKEY_free>;
+constexpr size_t s_key_size = crypto_sign_SEEDBYTES;
 }
 
 struct auth_jwt_ctx {
   unsigned char seed[s_key_size] = {};
   unsigned char public_key[s_key_size] = {};
+  // The seed expanded once (seed and public key): deriving the public key costs as much
+  // as a signature, and a login takes two. Signing threads share it read-only.
+  unsigned char secret_key[crypto_sign_SECRETKEYBYTES] = {};
   std::string public_key_str;
   bool loaded = false;
-  // The seed imported once: an import derives the public key, which costs as much as a
-  // signature, and a login takes two signatures. Signing threads share it read-only,
-  // each with its own digest context.
-  s_pkey_ptr signing_key;
 
   auth_jwt_ctx() = default;
   auth_jwt_ctx(const auth_jwt_ctx&) = delete;
   auth_jwt_ctx& operator=(const auth_jwt_ctx&) = delete;
-  ~auth_jwt_ctx() { OPENSSL_cleanse(seed, sizeof seed); }
+  ~auth_jwt_ctx() {
+    sodium_memzero(seed, sizeof seed);
+    sodium_memzero(secret_key, sizeof secret_key);
+  }
 };
 
 namespace {
 
-using s_pkey_ctx_ptr = qm::c_ptr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
-using s_md_ctx_ptr = qm::c_ptr<EVP_MD_CTX, EVP_MD_CTX_free>;
 using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
 
 constexpr const char* s_jwt_header = R"({"typ":"JWT","alg":"ed25519-nkey"})";
@@ -74,9 +72,9 @@ ssize_t s_read_up_to(int fd, unsigned char* buf, size_t want) {
   return static_cast<ssize_t>(got);
 }
 
-bool s_take_public_key(EVP_PKEY* pkey, auth_jwt_ctx& ctx) {
-  size_t len = s_key_size;
-  return EVP_PKEY_get_raw_public_key(pkey, ctx.public_key, &len) == 1 && len == s_key_size;
+// Derives the public and the expanded signing key from ctx.seed.
+bool s_expand_seed(auth_jwt_ctx& ctx) {
+  return crypto_sign_seed_keypair(ctx.public_key, ctx.secret_key, ctx.seed) == 0;
 }
 
 bool s_load_seed_file(const char* path, auth_jwt_ctx& ctx) {
@@ -84,24 +82,13 @@ bool s_load_seed_file(const char* path, auth_jwt_ctx& ctx) {
   if (fd.get() < 0) return false;
   qm::secret_bytes seed(s_key_size);
   if (s_read_up_to(fd.get(), seed.data(), seed.size()) != static_cast<ssize_t>(s_key_size)) return false;
-  s_pkey_ptr pkey(EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, seed.data(), seed.size()));
-  if (!pkey || !s_take_public_key(pkey.get(), ctx)) return false;
   memcpy(ctx.seed, seed.data(), s_key_size);
-  ctx.signing_key = std::move(pkey);
-  return true;
+  return s_expand_seed(ctx);
 }
 
 bool s_generate_key(auth_jwt_ctx& ctx) {
-  s_pkey_ctx_ptr gen(EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr));
-  if (!gen || EVP_PKEY_keygen_init(gen.get()) != 1) return false;
-  EVP_PKEY* raw = nullptr;
-  if (EVP_PKEY_keygen(gen.get(), &raw) != 1) return false;
-  s_pkey_ptr pkey(raw);
-  size_t len = s_key_size;
-  if (EVP_PKEY_get_raw_private_key(pkey.get(), ctx.seed, &len) != 1 || len != s_key_size) return false;
-  if (!s_take_public_key(pkey.get(), ctx)) return false;
-  ctx.signing_key = std::move(pkey);
-  return true;
+  randombytes_buf(ctx.seed, sizeof ctx.seed);
+  return s_expand_seed(ctx);
 }
 
 // A private key: owner-only, also when an existing short file is overwritten. Not being
@@ -174,16 +161,12 @@ std::string s_base64_decode_lenient(const std::string& text) {
 }
 
 std::string s_sign(const auth_jwt_ctx& ctx, const std::string& input) {
-  s_md_ctx_ptr md(EVP_MD_CTX_new());
-  if (!ctx.signing_key || !md || EVP_DigestSignInit(md.get(), nullptr, nullptr, nullptr, ctx.signing_key.get()) != 1)
-    return {};
-  unsigned char signature[64];
-  size_t signature_len = sizeof signature;
-  if (EVP_DigestSign(md.get(), signature, &signature_len, reinterpret_cast<const unsigned char*>(input.data()),
-                     input.size()) != 1) {
+  unsigned char signature[crypto_sign_BYTES];
+  if (crypto_sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(input.data()), input.size(),
+                           ctx.secret_key) != 0) {
     return {};
   }
-  return base64url_encode(signature, signature_len);
+  return base64url_encode(signature, sizeof signature);
 }
 
 void s_add(json_object* obj, const char* key, json_object* value) { json_object_object_add(obj, key, value); }
@@ -231,6 +214,7 @@ int s_hand_out(const std::string& token, char** out_jwt) {
 }  // namespace
 
 auth_jwt_ctx_t* auth_jwt_init(const char* seed_path) {
+  if (sodium_init() < 0) return nullptr;
   try {
     auto ctx = std::make_unique<auth_jwt_ctx>();
     if (seed_path != nullptr) ctx->loaded = s_load_seed_file(seed_path, *ctx);
