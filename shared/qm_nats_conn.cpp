@@ -47,3 +47,5 @@ qm_nats_tls_result_t qm_nats_apply_tls(natsOptions* opts, const std::string& url
   }
   return QM_NATS_TLS_SECURED;
 }
+
+int qm_nats_library_open() { return nats_Open(0) == NATS_OK ? 0 : -1; }

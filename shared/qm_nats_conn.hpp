@@ -22,6 +22,11 @@ using json_ptr = c_ptr<json_object, json_object_put>;
 
 }  // namespace qm
 
+// Opens the NATS client library with mutexes that sleep at once instead of spinning
+// first: the broker shares a few cores with nats-server, whose time a spinning thread
+// would take. Call before the first connection; 0 or -1.
+int qm_nats_library_open();
+
 // True for the schemes that need TLS from the first byte (tls://, wss://).
 bool qm_nats_url_wants_tls(const std::string& url);
 

@@ -289,6 +289,9 @@ struct callout_verdict {
   const auth_profile_t* profile = nullptr;
 };
 
+// An empty user or password is never looked up in, nor stored into, the cache.
+bool s_cacheable(const auth_request_t& req) { return !req.user.empty() && !req.password.empty(); }
+
 // Waits for the leader that is checking the same pair. True when the verdict was settled
 // by it; false means: check live.
 bool s_callout_join(const auth_callback_data_t& data, const auth_request_t& req, callout_verdict& verdict) {
@@ -341,27 +344,35 @@ callout_verdict s_callout_live(const auth_callback_data_t& data, const auth_requ
   return verdict;
 }
 
-callout_verdict s_callout_decide(const auth_callback_data_t& data, const auth_request_t& req) {
-  const bool cacheable = !req.user.empty() && !req.password.empty();
+// What the cache alone settles: a fresh or stale grant (a stale one refreshed in the
+// background), or a remembered refusal. Nothing when the pair must be checked.
+std::optional<callout_verdict> s_callout_from_cache(const auth_callback_data_t& data, const auth_request_t& req) {
+  if (!s_cacheable(req) || data.auth_cache == nullptr) return std::nullopt;
+  const gw_auth_cache_lookup_t hit = gw_auth_cache_lookup_ex(data.auth_cache, req.user.c_str(), req.password.c_str());
+  switch (hit.result) {
+    case GW_AUTH_CACHE_GRANT_STALE:
+      dispatch_nats_refresh(data, req.user.c_str(), req.password.c_str());
+      [[fallthrough]];
+    case GW_AUTH_CACHE_GRANT: {
+      callout_verdict verdict{true, static_cast<const auth_profile_t*>(hit.user_data)};
+      log_info("auth_callout: GRANT user=%s via=cache profile=%s", req.user.c_str(), s_profile_label(verdict.profile));
+      return verdict;
+    }
+    case GW_AUTH_CACHE_DENY:
+      log_warn("auth_callout: DENY user=%s via=neg-cache", req.user.c_str());
+      return callout_verdict{};
+    case GW_AUTH_CACHE_MISS:
+      break;
+  }
+  return std::nullopt;
+}
+
+// A cache miss: join a check of the same pair that is under way, or check live (and lead
+// the joiners that come meanwhile).
+callout_verdict s_callout_check(const auth_callback_data_t& data, const auth_request_t& req) {
+  const bool cacheable = s_cacheable(req);
   bool leader = false;
   if (cacheable && data.auth_cache != nullptr) {
-    const gw_auth_cache_lookup_t hit = gw_auth_cache_lookup_ex(data.auth_cache, req.user.c_str(), req.password.c_str());
-    switch (hit.result) {
-      case GW_AUTH_CACHE_GRANT_STALE:
-        dispatch_nats_refresh(data, req.user.c_str(), req.password.c_str());
-        [[fallthrough]];
-      case GW_AUTH_CACHE_GRANT: {
-        callout_verdict verdict{true, static_cast<const auth_profile_t*>(hit.user_data)};
-        log_info("auth_callout: GRANT user=%s via=cache profile=%s", req.user.c_str(),
-                 s_profile_label(verdict.profile));
-        return verdict;
-      }
-      case GW_AUTH_CACHE_DENY:
-        log_warn("auth_callout: DENY user=%s via=neg-cache", req.user.c_str());
-        return {};
-      case GW_AUTH_CACHE_MISS:
-        break;
-    }
     const gw_verify_role_t role = gw_auth_cache_begin_verify(data.auth_cache, req.user.c_str(), req.password.c_str());
     if (role == GW_VERIFY_JOINED) {
       callout_verdict verdict;
@@ -391,27 +402,47 @@ void s_reply(natsConnection* nc, natsMsg* msg, const char* text, size_t len) {
   natsConnection_Publish(nc, reply_to, text, static_cast<int>(len));
 }
 
-// One connection attempt: decide, sign and answer. A signing failure sends nothing, and
-// nats-server refuses the client when its wait runs out.
-void s_handle_callout(natsConnection* nc, natsMsg* msg, const auth_callback_data_t& data) noexcept {
-  if (natsMsg_GetData(msg) == nullptr || natsMsg_GetDataLength(msg) <= 0) return;
+void s_sign_and_reply(natsConnection* nc, natsMsg* msg, const auth_callback_data_t& data, const auth_request_t& req,
+                      const callout_verdict& verdict) {
+  char* signed_token = nullptr;
+  const int rc = s_sign_verdict(data, req, verdict, &signed_token);
+  qm::malloc_ptr<char> reply(signed_token);
+  if (rc == 0 && reply) s_reply(nc, msg, reply.get(), strlen(reply.get()));
+}
+
+// A request that names no user, password or "nats" claims: refused with its own reason.
+void s_refuse_malformed(natsConnection* nc, natsMsg* msg, const auth_callback_data_t& data, const auth_request_t& req) {
+  log_warn("auth_callout: malformed auth request \u2014 sending deny");
+  char* signed_token = nullptr;
+  const int rc = auth_jwt_sign_deny(data.jwt_ctx, req.server_id.c_str(), req.user_nkey.c_str(),
+                                    "malformed auth request", &signed_token);
+  qm::malloc_ptr<char> reply(signed_token);
+  if (rc == 0 && reply) s_reply(nc, msg, reply.get(), strlen(reply.get()));
+}
+
+// The decoded request, or nothing when the message is empty (ignored) or malformed
+// (refused here).
+std::optional<auth_request_t> s_take_callout_request(natsConnection* nc, natsMsg* msg,
+                                                     const auth_callback_data_t& data) {
+  if (natsMsg_GetData(msg) == nullptr || natsMsg_GetDataLength(msg) <= 0) return std::nullopt;
+  const std::string token(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
+  auth_request_t req;
+  if (!extract_auth_request(token, req)) {
+    s_refuse_malformed(nc, msg, data, req);
+    return std::nullopt;
+  }
+  log_trace("auth_callout: request user=%s server=%s user_nkey=%.12s...", req.user.c_str(),
+            req.server_id.empty() ? "(null)" : req.server_id.c_str(),
+            req.user_nkey.empty() ? "(null)" : req.user_nkey.c_str());
+  return req;
+}
+
+// A cache miss, on a request worker: check, sign and answer. A signing failure sends
+// nothing, and nats-server refuses the client when its wait runs out.
+void s_handle_callout_miss(natsConnection* nc, natsMsg* msg, const auth_request_t* req,
+                           const auth_callback_data_t& data) noexcept {
   try {
-    const std::string token(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-    auth_request_t req;
-    char* signed_token = nullptr;
-    int rc;
-    if (!extract_auth_request(token, req)) {
-      log_warn("auth_callout: malformed auth request \u2014 sending deny");
-      rc = auth_jwt_sign_deny(data.jwt_ctx, req.server_id.c_str(), req.user_nkey.c_str(), "malformed auth request",
-                              &signed_token);
-    } else {
-      log_trace("auth_callout: request user=%s server=%s user_nkey=%.12s...", req.user.c_str(),
-                req.server_id.empty() ? "(null)" : req.server_id.c_str(),
-                req.user_nkey.empty() ? "(null)" : req.user_nkey.c_str());
-      rc = s_sign_verdict(data, req, s_callout_decide(data, req), &signed_token);
-    }
-    qm::malloc_ptr<char> reply(signed_token);
-    if (rc == 0 && reply) s_reply(nc, msg, reply.get(), strlen(reply.get()));
+    s_sign_and_reply(nc, msg, data, *req, s_callout_check(data, *req));
   } catch (const std::exception&) {
     // Out of memory in a handler: the client is refused by nats-server's own time-out.
   }
@@ -525,7 +556,7 @@ std::string s_verify_answer_json(const verify_answer& answer) {
   return json_object_to_json_string_ext(root.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
-void s_handle_verify(natsConnection* nc, natsMsg* msg, const auth_callback_data_t& data) noexcept {
+void s_handle_verify(natsConnection* nc, natsMsg* msg, const auth_request_t*, const auth_callback_data_t& data) noexcept {
   const char* reply_to = natsMsg_GetReply(msg);
   if (reply_to == nullptr || reply_to[0] == '\0') {
     log_trace("auth_verify: message on %s has no reply-to \u2014 dropping", kVerifySubject);
@@ -544,11 +575,12 @@ void s_handle_verify(natsConnection* nc, natsMsg* msg, const auth_callback_data_
 
 // ---- request workers ----
 
-using request_handler = void (*)(natsConnection*, natsMsg*, const auth_callback_data_t&) noexcept;
+// The callout request comes decoded by the delivering thread; verify requests come raw.
+using request_handler = void (*)(natsConnection*, natsMsg*, const auth_request_t*, const auth_callback_data_t&) noexcept;
 
-// Requests are decided on a few threads of our own rather than on the library's one
-// delivery thread per subscription: a slow directory check then holds up only its own
-// login, and identical concurrent checks can coalesce.
+// Checks are made on a few threads of our own rather than on the library's one delivery
+// thread per subscription: a slow directory check then holds up only its own login, and
+// identical concurrent checks can coalesce.
 class request_workers {
  public:
   explicit request_workers(const auth_callback_data_t& data) : data_(data) {}
@@ -562,15 +594,17 @@ class request_workers {
 
   // Takes the message; it is destroyed after its handler ran, or at once when the
   // workers have stopped (a late delivery during shutdown goes unanswered).
-  void submit(request_handler handler, natsConnection* nc, natsMsg* msg) {
+  void submit(request_handler handler, natsConnection* nc, natsMsg* msg, std::optional<auth_request_t> request = {}) {
     msg_ptr owned(msg);
     {
       std::lock_guard lock(mutex_);
       if (stopping_) return;
-      queue_.push_back({handler, nc, std::move(owned)});
+      queue_.push_back({handler, nc, std::move(owned), std::move(request)});
     }
     ready_.notify_one();
   }
+
+  const auth_callback_data_t& data() const { return data_; }
 
   // Runs what is queued, then joins every thread.
   void stop() {
@@ -589,6 +623,7 @@ class request_workers {
     request_handler handler;
     natsConnection* nc;
     msg_ptr msg;
+    std::optional<auth_request_t> request;
   };
 
   void run() {
@@ -601,7 +636,7 @@ class request_workers {
         next = std::move(queue_.front());
         queue_.pop_front();
       }
-      next.handler(next.nc, next.msg.get(), data_);
+      next.handler(next.nc, next.msg.get(), next.request ? &*next.request : nullptr, data_);
     }
   }
 
@@ -615,20 +650,32 @@ class request_workers {
 
 constexpr size_t kRequestWorkers = 8;
 
-void s_enqueue(request_handler handler, natsConnection* nc, natsMsg* msg, void* closure) noexcept {
+// What the cache settles is answered here on the delivering thread (a login waits on
+// it, and a hand-over to a worker would cost more than the answer); the rest goes to
+// the workers.
+void auth_callout_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) noexcept {
+  qm::nats_msg_ptr owned(msg);
+  auto& workers = *static_cast<request_workers*>(closure);
+  const auth_callback_data_t& data = workers.data();
   try {
-    static_cast<request_workers*>(closure)->submit(handler, nc, msg);
+    std::optional<auth_request_t> req = s_take_callout_request(nc, msg, data);
+    if (!req) return;
+    if (const std::optional<callout_verdict> verdict = s_callout_from_cache(data, *req)) {
+      s_sign_and_reply(nc, msg, data, *req, *verdict);
+      return;
+    }
+    workers.submit(s_handle_callout_miss, nc, owned.release(), std::move(req));
   } catch (const std::exception&) {
-    natsMsg_Destroy(msg);  // out of memory: the requester times out
+    // Out of memory: the client is refused by nats-server's own time-out.
   }
 }
 
-void auth_callout_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) noexcept {
-  s_enqueue(s_handle_callout, nc, msg, closure);
-}
-
 void auth_verify_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) noexcept {
-  s_enqueue(s_handle_verify, nc, msg, closure);
+  try {
+    static_cast<request_workers*>(closure)->submit(s_handle_verify, nc, msg);
+  } catch (const std::exception&) {
+    // Out of memory: the message is gone with the failed submit, the requester times out.
+  }
 }
 
 // ---- start-up ----
@@ -642,6 +689,9 @@ qm::nats_options_ptr s_connection_options(const auth_config_t& cfg) {
   natsOptions_SetUserInfo(opts.get(), qm::cstr(cfg.nats_user), qm::cstr(cfg.nats_password));
   natsOptions_SetMaxReconnect(opts.get(), -1);
   natsOptions_SetReconnectWait(opts.get(), 2000);
+  // Every reply is a login waiting: the worker writes it itself instead of waking the
+  // library's flusher thread for each one.
+  natsOptions_SetSendAsap(opts.get(), true);
   natsStatus status = NATS_OK;
   switch (qm_nats_apply_tls(opts.get(), url, qm::cstr(cfg.nats_cert_path), &status)) {
     case QM_NATS_TLS_PLAIN:

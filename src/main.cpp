@@ -22,6 +22,7 @@
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "log.hpp"
+#include "qm_nats_conn.hpp"
 
 volatile sig_atomic_t g_shutdown_requested = 0;
 volatile sig_atomic_t g_reload_requested = 0;
@@ -391,6 +392,7 @@ int main(int argc, char** argv) {
 
   s_install_signal_handlers();
   s_configure_logger(*app.cfg);
+  if (qm_nats_library_open() != 0) log_warn("NATS client library: could not set its lock spinning; using its defaults");
 
   if (s_start(app)) {
     s_wait_for_shutdown(app);

@@ -128,6 +128,21 @@ TEST(CalloutVerdicts, SecondLoginIsAnsweredFromTheCache) {
   EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=bob via=cache profile=default", 5s));
 }
 
+TEST(CalloutVerdicts, RefusalsAreNotRememberedByTheCallout) {
+  CalloutEnv env(file_users());
+  for (int i = 0; i < 2; ++i) {
+    auto refused = nats_login(env.url(), "bob", "bulldozer");
+    EXPECT_NE(refused.status, NATS_OK);
+    EXPECT_NE(refused.error.find("Authorization Violation"), std::string::npos) << refused.error;
+  }
+  EXPECT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  // Each refusal was a live check; the grant after them was too (nothing was cached yet).
+  const std::string log = env.broker().err();
+  EXPECT_EQ(count_of(log, "auth_callout: DENY user=bob backend=none reason=invalid-credentials"), 2u) << log;
+  EXPECT_EQ(log.find("via=neg-cache"), std::string::npos);
+  EXPECT_NE(log.find("auth_callout: GRANT user=bob backend=file"), std::string::npos);
+}
+
 TEST(CalloutPermissions, WithoutAPermissionsFileEverythingIsAllowed) {
   CalloutEnv env(file_users());
   async_errors errors;
