@@ -9,16 +9,12 @@
 #include <string>
 
 #include "auth_jwt.hpp"
+#include "nats_server_fixture.hpp"
 #include "test_support.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string nats_server_binary() {
-  const char* env = getenv("QM_NATS_SERVER");
-  return env && *env ? env : QM_NATS_SERVER_DEFAULT;
-}
 
 std::string claim(json_object* root, std::initializer_list<const char*> path) {
   json_object* node = root;
@@ -72,7 +68,7 @@ TEST(JwtWithNatsServer, GrantAdmitsAndRefusalRejects) {
                                                 "\nauthorization {\n  users: [ { user: auth, password: authpw } ]\n"
                                                 "  auth_callout {\n    issuer: \"" +
                                                 auth_jwt_public_key(ctx.get()) + "\"\n    auth_users: [ auth ]\n  }\n}\n");
-  qmtest::Child server({nats_server_binary(), "-c", dir.file("nats.conf")});
+  qmtest::Child server({qmtest::nats_server_binary(), "-c", dir.file("nats.conf")});
   ASSERT_TRUE(server.wait_for_err("Server is ready", 30s)) << server.err();
 
   natsConnection* responder = nullptr;

@@ -21,6 +21,7 @@
 #include "auth_ldap.hpp"
 #include "auth_ldap_testing.hpp"
 #include "log.hpp"
+#include "log_capture.hpp"
 #include "slapd_fixture.hpp"
 #include "test_support.hpp"
 
@@ -93,32 +94,6 @@ std::unique_ptr<Slapd> s_start_directory() {
 // A loopback URL on which nothing listens.
 std::string s_closed_url() { return "ldap://127.0.0.1:" + std::to_string(qmtest::free_port()) + "/"; }
 
-// Sends the process's log to a file at TRACE level for the life of the object.
-class LogCapture {
- public:
-  LogCapture() : path_(dir_.file("broker.log")) {
-    log_set_filename(path_.c_str());
-    log_set_quiet(1);
-    log_set_screentrace(0);
-    log_set_level(QMLOG_TRACE);
-  }
-  ~LogCapture() {
-    log_set_level(QMLOG_OFF);
-    log_set_filename(nullptr);
-  }
-  std::string text() const { return qmtest::read_file(path_); }
-  int count(const std::string& needle) const {
-    const std::string all = text();
-    int n = 0;
-    for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + needle.size())) ++n;
-    return n;
-  }
-
- private:
-  qmtest::TempDir dir_;
-  std::string path_;
-};
-
 struct ctx_deleter {
   void operator()(auth_ldap_ctx_t* ctx) const { auth_ldap_destroy(ctx); }
 };
@@ -166,7 +141,7 @@ class AuthLdapTest : public ::testing::Test {
     return s_init(setup);
   }
 
-  LogCapture log_;
+  qmtest::LogCapture log_{QMLOG_TRACE};
   std::unique_ptr<Slapd> directory_;
 };
 
@@ -330,7 +305,7 @@ class AuthLdapTls : public ::testing::Test {
                                   nullptr, nullptr, 0, 300, nullptr, cacert.c_str()));
   }
 
-  LogCapture log_;
+  qmtest::LogCapture log_{QMLOG_TRACE};
   std::unique_ptr<Slapd> directory_;
 };
 
@@ -354,7 +329,7 @@ TEST_F(AuthLdapTls, UnusableCaFileWarnsAndRefuses) {
   // A plain ldap:// endpoint ignores the CA file altogether.
   auto plain = init(directory_->url(), "/nonexistent/ca.pem");
   EXPECT_TRUE(auth_ldap_validate(plain.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count("LDAP_OPT_X_TLS_NEWCTX failed"), 1);
+  EXPECT_EQ(log_.count("LDAP_OPT_X_TLS_NEWCTX failed"), 1u);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -383,15 +358,15 @@ TEST_F(AuthLdapFailover, EveryNewConnectionTriesThePrimaryFirst) {
   directory_->stop();
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "bob", "bob-pw"));
-  EXPECT_EQ(log_.count(fallback_warning), 2);
-  EXPECT_EQ(log_.count(s_opened(fallback_->url())), 2);
+  EXPECT_EQ(log_.count(fallback_warning), 2u);
+  EXPECT_EQ(log_.count(s_opened(fallback_->url())), 2u);
   EXPECT_THAT(log_.text(), HasSubstr("auth_ldap: service bind as " + std::string(kReaderDn) + " on " +
                                      directory_->url() + " failed: Can't contact LDAP server"));
 
   directory_->start();
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(s_opened(directory_->url())), 1);
-  EXPECT_EQ(log_.count(fallback_warning), 2);
+  EXPECT_EQ(log_.count(s_opened(directory_->url())), 1u);
+  EXPECT_EQ(log_.count(fallback_warning), 2u);
 }
 
 TEST_F(AuthLdapFailover, BothDownRefusesWithoutRetrying) {
@@ -399,7 +374,7 @@ TEST_F(AuthLdapFailover, BothDownRefusesWithoutRetrying) {
   directory_->stop();
   fallback_->stop();
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count("auth_ldap: all 2 endpoint(s) failed; no service-bind connection available"), 1);
+  EXPECT_EQ(log_.count("auth_ldap: all 2 endpoint(s) failed; no service-bind connection available"), 1u);
   EXPECT_THAT(log_.text(), Not(HasSubstr("retrying via failover walk")));
 
   // Nothing of the failure sticks: the next check after recovery succeeds.
@@ -416,17 +391,17 @@ TEST_F(AuthLdapFailover, DeadPooledConnectionIsDiscardedAndTheSearchRetried) {
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
   EXPECT_EQ(log_.count("auth_ldap: search on endpoint " + directory_->url() +
                        " failed (rc=Can't contact LDAP server); retrying via failover walk"),
-            1);
-  EXPECT_EQ(log_.count(s_opened(directory_->url())), 2);
+            1u);
+  EXPECT_EQ(log_.count(s_opened(directory_->url())), 2u);
   // The replacement went into the pool.
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 2);
+  EXPECT_EQ(log_.count(kAnyOpened), 2u);
 }
 
 TEST_F(AuthLdapFailover, AmbiguousFilterIsRetriedOnceThenRefused) {
   auto ctx = init_pair(4);
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "twin", "twin-pw"));
-  EXPECT_EQ(log_.count("failed (rc=Size limit exceeded); retrying via failover walk"), 1);
+  EXPECT_EQ(log_.count("failed (rc=Size limit exceeded); retrying via failover walk"), 1u);
   EXPECT_THAT(log_.text(), Not(HasSubstr("user bind")));
 }
 
@@ -438,14 +413,14 @@ using AuthLdapPool = AuthLdapTest;
 TEST_F(AuthLdapPool, WithoutPoolEveryCheckOpensAndClosesItsOwnConnection) {
   auto ctx = init(0);
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 3);
+  EXPECT_EQ(log_.count(kAnyOpened), 3u);
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 0; }, 5s));
 }
 
 TEST_F(AuthLdapPool, PooledConnectionIsReusedAndStaysOpen) {
   auto ctx = init(4);
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 1);
+  EXPECT_EQ(log_.count(kAnyOpened), 1u);
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 1; }, 5s));
   // A pooled socket must not leak into the nats-server child the daemon forks.
   const std::vector<int> sockets = s_socket_fds();
@@ -466,13 +441,13 @@ TEST_F(AuthLdapPool, SecondConcurrentCheckOnPoolOfOneUsesOneShotConnection) {
   std::atomic<bool> second_ok{false};
   std::thread second([&] { second_ok = auth_ldap_validate(ctx.get(), "carol", "carol-pw"); });
   EXPECT_TRUE(qmtest::wait_until(
-      [&] { return log_.count("auth_ldap: pool exhausted (size=1); using one-shot connection") == 1; }, 5s));
+      [&] { return log_.count("auth_ldap: pool exhausted (size=1); using one-shot connection") == 1u; }, 5s));
   directory_->resume();
   first.join();
   second.join();
   EXPECT_TRUE(first_ok);
   EXPECT_TRUE(second_ok);
-  EXPECT_EQ(log_.count(kAnyOpened), 2);
+  EXPECT_EQ(log_.count(kAnyOpened), 2u);
   // The one-shot connection is closed, the pooled one kept.
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 1; }, 5s));
 }
@@ -488,10 +463,10 @@ TEST_F(AuthLdapPool, IdleConnectionPastTheTimeoutIsReplaced) {
   ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
   now_ms += 299'000;
   ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 1);
+  EXPECT_EQ(log_.count(kAnyOpened), 1u);
   now_ms += 301'000;  // measured from the last release
   ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 2);
+  EXPECT_EQ(log_.count(kAnyOpened), 2u);
   // The stale connection was unbound, not merely forgotten.
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 1; }, 5s));
 }
@@ -504,11 +479,11 @@ TEST_F(AuthLdapPool, IdleTimeoutBelowOneKeepsConnectionsForEver) {
     setup.idle_timeout_seconds = idle_timeout_seconds;
     auto ctx = s_init(setup);
     auth_ldap_set_clock(ctx.get(), [&] { return now_ms.load(); });
-    const int opened_before = log_.count(kAnyOpened);
+    const size_t opened_before = log_.count(kAnyOpened);
     ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     now_ms += int64_t{86400} * 24 * 1000;  // 24 days: just under INT_MAX ms
     ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-    EXPECT_EQ(log_.count(kAnyOpened) - opened_before, 1) << idle_timeout_seconds;
+    EXPECT_EQ(log_.count(kAnyOpened) - opened_before, 1u) << idle_timeout_seconds;
   }
 }
 
@@ -518,7 +493,7 @@ TEST_F(AuthLdapPool, FailedSearchDiscardsThePooledConnection) {
   EXPECT_FALSE(auth_ldap_validate(ctx.get(), "twin", "twin-pw"));  // size limit exceeded
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() == 0; }, 5s));
   ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 2);
+  EXPECT_EQ(log_.count(kAnyOpened), 2u);
   // Without a fallback there is no retry.
   EXPECT_THAT(log_.text(), Not(HasSubstr("retrying via failover walk")));
 }
@@ -556,7 +531,7 @@ TEST_F(AuthLdapPool, EightThreadsShareAPoolOfFour) {
 TEST_F(AuthLdapPool, EightThreadsOnAPoolOfOneKeepOnePooledConnection) {
   auto ctx = init(1);
   EXPECT_EQ(s_run_eight_threads(ctx.get(), 25), 8 * 25);
-  EXPECT_EQ(log_.count(kAnyOpened) - log_.count("using one-shot connection"), 1);
+  EXPECT_EQ(log_.count(kAnyOpened) - log_.count("using one-shot connection"), 1u);
   EXPECT_TRUE(qmtest::wait_until([&] { return directory_->established_connections() <= 1; }, 5s));
 }
 
@@ -599,7 +574,7 @@ TEST_F(AuthLdapTimeouts, PausedPrimaryFallsOverAfterTheTimeout) {
   auth_ldap_set_timeouts(ctx.get(), auth_ldap_timeouts{1000, 1000});
   directory_->pause();
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback (url=" + fallback->url() + ")"), 1);
+  EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback (url=" + fallback->url() + ")"), 1u);
 }
 
 // A listener whose accept queue is full: the kernel drops further SYNs, so a connect
@@ -646,7 +621,7 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectEndsAfterTheNetworkTimeout) {
   // Bounded by the network time-out, not by the longer operation time-out.
   EXPECT_LT(std::chrono::steady_clock::now() - started, 4s);
   EXPECT_THAT(log_.text(), HasSubstr("on " + black_hole.url() + " failed: Can't contact LDAP server"));
-  EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback"), 1);
+  EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback"), 1u);
 }
 
 TEST_F(AuthLdapTimeouts, SearchOnPooledConnectionToPausedServerTimesOut) {
@@ -658,7 +633,7 @@ TEST_F(AuthLdapTimeouts, SearchOnPooledConnectionToPausedServerTimesOut) {
   directory_->resume();
   // The timed-out connection was dropped; the next check opens a new one.
   EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log_.count(kAnyOpened), 2);
+  EXPECT_EQ(log_.count(kAnyOpened), 2u);
 }
 
 }  // namespace
