@@ -334,37 +334,31 @@ TEST_F(KvBootstrap, MismatchedExistingWorkQueueIsBoundWithWarnings) {
   EXPECT_EQ(log.count("runs with AckWait"), 1u);
 }
 
+// A worker registry as an older deployment may have made it: memory, one value, `ttl`.
+natsStatus create_registry(JsClient& client, int64_t ttl) {
+  kvConfig kc;
+  kvConfig_Init(&kc);
+  kc.Bucket = "qm-av-worker-registry";
+  kc.History = 1;
+  kc.StorageType = js_MemoryStorage;
+  kc.TTL = ttl;
+  kvStore* kv = nullptr;
+  const natsStatus s = js_CreateKeyValue(&kv, client.js(), &kc);
+  kvStore_Destroy(kv);
+  return s;
+}
+
 // AllowDirect and MaxAge of existing buckets are adjusted in place, also once the
 // stream carries allow_msg_ttl (which the client library's own update would drop).
 TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
   JsClient client(server_.url());
-  {
-    kvConfig kc;
-    kvConfig_Init(&kc);
-    kc.Bucket = "qm-av-worker-registry";
-    kc.History = 1;
-    kc.StorageType = js_MemoryStorage;
-    kc.TTL = 10 * kSec;
-    kvStore* kv = nullptr;
-    ASSERT_EQ(js_CreateKeyValue(&kv, client.js(), &kc), NATS_OK);
-    kvStore_Destroy(kv);
-  }
+  ASSERT_EQ(create_registry(client, 10 * kSec), NATS_OK);
   ASSERT_EQ(bootstrap(server_, true, nullptr, true), 0);
   EXPECT_EQ(int_field(client.stream_config("KV_qm-av-worker-registry"), "max_age"), 60 * kSec);
   // A registry made with a longer TTL (and so a 2-minute duplicates window) is brought
   // down to 60 s as well.
-  {
-    ASSERT_EQ(js_DeleteKeyValue(client.js(), "qm-av-worker-registry"), NATS_OK);
-    kvConfig kc;
-    kvConfig_Init(&kc);
-    kc.Bucket = "qm-av-worker-registry";
-    kc.History = 1;
-    kc.StorageType = js_MemoryStorage;
-    kc.TTL = 600 * kSec;
-    kvStore* kv = nullptr;
-    ASSERT_EQ(js_CreateKeyValue(&kv, client.js(), &kc), NATS_OK);
-    kvStore_Destroy(kv);
-  }
+  ASSERT_EQ(js_DeleteKeyValue(client.js(), "qm-av-worker-registry"), NATS_OK);
+  ASSERT_EQ(create_registry(client, 600 * kSec), NATS_OK);
   ASSERT_EQ(bootstrap(server_, true, nullptr, true), 0);
   EXPECT_EQ(int_field(client.stream_config("KV_qm-av-worker-registry"), "max_age"), 60 * kSec);
 
