@@ -55,6 +55,7 @@ constexpr const char* kVerifyQueue = "qm-auth-verify";
 constexpr int kCoalesceWaitMs = 5000;
 constexpr int kRefreshDrainMs = 6000;
 constexpr auto kStopPollInterval = std::chrono::milliseconds(500);
+constexpr auto kHandlerCompletionWait = std::chrono::seconds(5);
 
 // A grant without a profile may publish and subscribe anywhere in the account.
 const char* const kDefaultAllow[] = {">", nullptr};
@@ -111,15 +112,42 @@ struct auth_service {
   // Set by stop before run has raised `running`, so an early stop is not lost.
   std::atomic<bool> stop_requested{false};
 
+  // Subscriptions whose message handler the client library may still be running.
+  std::mutex handlers_mutex;
+  std::condition_variable handlers_done;
+  int open_handlers = 0;
+
+  // Counts sub as open until the library reports that its handler has returned for good.
+  void track_handler(natsSubscription* sub) {
+    std::lock_guard lock(handlers_mutex);
+    if (natsSubscription_SetOnCompleteCB(sub, on_handler_complete, this) == NATS_OK) ++open_handlers;
+  }
+  static void on_handler_complete(void* closure) {
+    auto* svc = static_cast<auth_service*>(closure);
+    std::lock_guard lock(svc->handlers_mutex);
+    if (--svc->open_handlers == 0) svc->handlers_done.notify_all();
+  }
+
   // While the server is there, draining delivers what it already sent us before the
   // subscription goes. Without a server there is nothing to wait for: draining would only
-  // run into its time-out and hold up the shutdown.
+  // run into its time-out and hold up the shutdown. Either way a handler may still be
+  // running after the unsubscribe, answering with what dies when serving ends: the wait
+  // for its completion keeps those alive until it has returned.
   void release_subscriptions() {
     const bool connected = conn != nullptr && natsConnection_Status(conn) == NATS_CONN_STATUS_CONNECTED;
+    for (natsSubscription* sub : {verify_sub, callout_sub}) {
+      if (sub == nullptr) continue;
+      if (connected && natsSubscription_Drain(sub) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub, 2000);
+      natsSubscription_Unsubscribe(sub);
+    }
+    {
+      // A handler answers within milliseconds; the bound only guards against a
+      // completion the library never reports.
+      std::unique_lock lock(handlers_mutex);
+      if (!handlers_done.wait_for(lock, kHandlerCompletionWait, [this] { return open_handlers == 0; }))
+        log_error("auth_service: %d subscription handler(s) not reported complete; stopping anyway", open_handlers);
+    }
     for (natsSubscription** sub : {&verify_sub, &callout_sub}) {
-      if (*sub == nullptr) continue;
-      if (connected && natsSubscription_Drain(*sub) == NATS_OK) natsSubscription_WaitForDrainCompletion(*sub, 2000);
-      natsSubscription_Unsubscribe(*sub);
       natsSubscription_Destroy(*sub);
       *sub = nullptr;
     }
@@ -798,6 +826,7 @@ bool s_subscribe(auth_service_t& svc, request_workers& workers) {
     log_fatal("auth_service: failed to subscribe to %s: %s", kCalloutSubject, natsStatus_GetText(s));
     return false;
   }
+  svc.track_handler(svc.callout_sub);
   log_info("auth_service: subscribed to %s queue '%s' (nats-server auth callout)", kCalloutSubject, kCalloutQueue);
   s = natsConnection_QueueSubscribe(&svc.verify_sub, svc.conn, kVerifySubject, kVerifyQueue, auth_verify_cb,
                                     &workers);
@@ -806,6 +835,7 @@ bool s_subscribe(auth_service_t& svc, request_workers& workers) {
     log_fatal("auth_service: failed to subscribe to %s: %s", kVerifySubject, natsStatus_GetText(s));
     return false;
   }
+  svc.track_handler(svc.verify_sub);
   // The server knows both subscriptions once this round trip is done: logins from here on reach us.
   s = natsConnection_FlushTimeout(svc.conn, 5000);
   if (s != NATS_OK) log_warn("auth_service: flush after subscribing failed: %s", natsStatus_GetText(s));
