@@ -233,7 +233,7 @@ void s_set_bucket_maxage_on_kv_stream(natsConnection* nc, const char* bucket, in
 
 enum class s_adjustment { none, allow_direct, max_age };
 
-struct s_bucket_spec {
+struct s_bucket_def {
   const char* name;
   bool history_one;     // false: the client's default history
   bool memory_storage;  // false: follows js_transient_memory
@@ -242,7 +242,7 @@ struct s_bucket_spec {
   int64_t max_age_ns;
 };
 
-const s_bucket_spec kBuckets[] = {
+const s_bucket_def kBuckets[] = {
     {kScanDataBucket, false, false, 120 * kNanosPerSec, s_adjustment::allow_direct, 0},
     {"qm-av-worker-registry", true, true, 60 * kNanosPerSec, s_adjustment::max_age, 60 * kNanosPerSec},
     {"qm-av-config", true, true, 0, s_adjustment::none, 0},
@@ -257,39 +257,39 @@ struct s_bootstrap_params {
   const broker_workqueue_opts* wq = nullptr;
 };
 
-int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_spec& spec, const s_bootstrap_params& params) {
+int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_def& bucket, const s_bootstrap_params& params) {
   kvStore* raw = nullptr;
-  if (js_KeyValue(&raw, js, spec.name) == NATS_OK) {
-    log_info("KV bootstrap: bucket '%s' already existed — bound to it", spec.name);
+  if (js_KeyValue(&raw, js, bucket.name) == NATS_OK) {
+    log_info("KV bootstrap: bucket '%s' already existed — bound to it", bucket.name);
   } else {
     kvConfig cfg;
     kvConfig_Init(&cfg);
-    cfg.Bucket = spec.name;
-    if (spec.history_one) cfg.History = 1;
-    cfg.StorageType = spec.memory_storage || params.memory ? js_MemoryStorage : js_FileStorage;
-    cfg.TTL = spec.ttl_ns;  // nanoseconds, like every JetStream duration
+    cfg.Bucket = bucket.name;
+    if (bucket.history_one) cfg.History = 1;
+    cfg.StorageType = bucket.memory_storage || params.memory ? js_MemoryStorage : js_FileStorage;
+    cfg.TTL = bucket.ttl_ns;  // nanoseconds, like every JetStream duration
     if (params.replicas > 1) cfg.Replicas = params.replicas;
     const natsStatus s = js_CreateKeyValue(&raw, js, &cfg);
     if (s != NATS_OK) {
       const std::string detail = s_last_error_text();
-      log_warn("KV bootstrap: js_CreateKeyValue('%s') failed: %s", spec.name,
+      log_warn("KV bootstrap: js_CreateKeyValue('%s') failed: %s", bucket.name,
                detail.empty() ? natsStatus_GetText(s) : detail.c_str());
       return -1;
     }
-    log_info("KV bootstrap: created bucket '%s' (replicas=%d)", spec.name, s_replicas_shown(params.replicas));
+    log_info("KV bootstrap: created bucket '%s' (replicas=%d)", bucket.name, s_replicas_shown(params.replicas));
   }
   qm::kv_store_ptr kv(raw);
-  s_enable_msg_ttl_on_kv_stream(nc, spec.name);
+  s_enable_msg_ttl_on_kv_stream(nc, bucket.name);
   return 0;
 }
 
-void s_adjust_bucket(natsConnection* nc, const s_bucket_spec& spec, const s_bootstrap_params& params) {
-  switch (spec.adjustment) {
+void s_adjust_bucket(natsConnection* nc, const s_bucket_def& bucket, const s_bootstrap_params& params) {
+  switch (bucket.adjustment) {
     case s_adjustment::allow_direct:
-      s_set_allow_direct_on_kv_stream(nc, spec.name, params.allow_direct);
+      s_set_allow_direct_on_kv_stream(nc, bucket.name, params.allow_direct);
       break;
     case s_adjustment::max_age:
-      s_set_bucket_maxage_on_kv_stream(nc, spec.name, spec.max_age_ns);
+      s_set_bucket_maxage_on_kv_stream(nc, bucket.name, bucket.max_age_ns);
       break;
     case s_adjustment::none:
       break;
@@ -447,12 +447,12 @@ int s_bootstrap_once(natsOptions* opts, const s_bootstrap_params& params) {
     return -1;
   }
   int result = 0;
-  for (const s_bucket_spec& spec : kBuckets) {
-    if (s_ensure_kv_bucket(nc.get(), js.get(), spec, params) != 0) {
+  for (const s_bucket_def& bucket : kBuckets) {
+    if (s_ensure_kv_bucket(nc.get(), js.get(), bucket, params) != 0) {
       result = -1;
       break;
     }
-    s_adjust_bucket(nc.get(), spec, params);
+    s_adjust_bucket(nc.get(), bucket, params);
   }
   if (result == 0) result = s_ensure_work_queues(js.get(), params);
   js.reset();
