@@ -1,9 +1,24 @@
 #include "qm_cpp.hpp"
 
+#include <cerrno>
 #include <cstdlib>
+#include <ctime>
 
 namespace qm {
 
 void free_deleter::operator()(void* p) const noexcept { std::free(p); }
+
+int64_t monotonic_ms() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void sleep_ms(int64_t ms) {
+  if (ms <= 0) return;
+  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
 
 }  // namespace qm

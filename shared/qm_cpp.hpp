@@ -4,6 +4,7 @@
 
 #include <openssl/crypto.h>
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,12 @@ inline const char* cstr(const opt_string& s) { return s ? s->c_str() : nullptr; 
 inline bool has_text(const opt_string& s) { return s && !s->empty(); }
 
 inline opt_string from_cstr(const char* text) { return text ? opt_string(text) : std::nullopt; }
+
+// Milliseconds of the monotonic clock: for deadlines and ages, never for wall time.
+int64_t monotonic_ms();
+
+// Sleeps ms milliseconds, resuming after signal interruptions.
+void sleep_ms(int64_t ms);
 
 // unique_ptr for a C handle with its destroy function: qm::c_ptr<natsOptions, natsOptions_Destroy>.
 template <auto DestroyFn>

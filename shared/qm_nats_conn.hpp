@@ -1,26 +1,12 @@
-// What every NATS connection of the broker shares: RAII ownership of the client
-// library's handles, and the TLS settings a tls:// or wss:// URL asks for.
+// What every NATS connection of the broker shares: the library's start-up and the TLS
+// settings a tls:// or wss:// URL asks for.
 #pragma once
 
-#include <json-c/json.h>
 #include <nats/nats.h>
 
 #include <string>
 
-#include "qm_cpp.hpp"
-
-namespace qm {
-
-using nats_options_ptr = c_ptr<natsOptions, natsOptions_Destroy>;
-using nats_connection_ptr = c_ptr<natsConnection, natsConnection_Destroy>;
-using nats_msg_ptr = c_ptr<natsMsg, natsMsg_Destroy>;
-using js_ctx_ptr = c_ptr<jsCtx, jsCtx_Destroy>;
-using kv_store_ptr = c_ptr<kvStore, kvStore_Destroy>;
-using js_stream_info_ptr = c_ptr<jsStreamInfo, jsStreamInfo_Destroy>;
-using js_consumer_info_ptr = c_ptr<jsConsumerInfo, jsConsumerInfo_Destroy>;
-using json_ptr = c_ptr<json_object, json_object_put>;
-
-}  // namespace qm
+#include "qm_handles.hpp"
 
 // Opens the NATS client library with mutexes that sleep at once instead of spinning
 // first: the broker shares a few cores with nats-server, whose time a spinning thread

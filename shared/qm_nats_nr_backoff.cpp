@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "log.hpp"
+#include "qm_cpp.hpp"
 
 namespace {
 
@@ -15,13 +16,6 @@ timespec s_now() {
 uint64_t s_elapsed_ms(const timespec& since, const timespec& now) {
   const int64_t ms = static_cast<int64_t>(now.tv_sec - since.tv_sec) * 1000 + (now.tv_nsec - since.tv_nsec) / 1000000;
   return ms > 0 ? static_cast<uint64_t>(ms) : 0;
-}
-
-// Sleeps the whole delay, resuming after a signal.
-void s_sleep_ms(unsigned long ms) {
-  timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
 }
 
 }  // namespace
@@ -51,7 +45,7 @@ int qm_nats_nr_should_retry(qm_nats_nr_state_t* st, unsigned long budget_ms, con
   if (budget_ms <= delay + elapsed) return 0;
   log_debug("nats: no responders for %s - backoff %lums, retry %u/%u", label != nullptr ? label : "(unknown)", delay,
             st->retries + 1, QM_NATS_NR_MAX_RETRIES);
-  s_sleep_ms(delay);
+  qm::sleep_ms(static_cast<int64_t>(delay));
   st->waited_ms += delay;
   st->retries += 1;
   return 1;

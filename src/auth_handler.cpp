@@ -61,15 +61,6 @@ constexpr auto kHandlerCompletionWait = std::chrono::seconds(5);
 const char* const kDefaultAllow[] = {">", nullptr};
 
 
-struct ldap_ctx_deleter {
-  void operator()(auth_ldap_ctx_t* ctx) const noexcept { auth_ldap_destroy(ctx); }
-};
-struct jwt_ctx_deleter {
-  void operator()(auth_jwt_ctx_t* ctx) const noexcept { auth_jwt_destroy(ctx); }
-};
-struct profile_store_deleter {
-  void operator()(auth_profile_store_t* store) const noexcept { auth_profile_destroy(store); }
-};
 
 // The groups an LDAP grant brought back, released with the user info's own free.
 struct user_groups {
@@ -759,9 +750,9 @@ const char* s_backend_word(auth_backend_type_t type) { return type == AUTH_BACKE
 
 // The contexts the handlers decide with, released in reverse order when serving ends.
 struct dispatcher_deps {
-  std::unique_ptr<auth_ldap_ctx_t, ldap_ctx_deleter> ldap;
-  std::unique_ptr<auth_profile_store_t, profile_store_deleter> profiles;
-  std::unique_ptr<auth_jwt_ctx_t, jwt_ctx_deleter> jwt;
+  qm::c_ptr<auth_ldap_ctx_t, auth_ldap_destroy> ldap;
+  qm::c_ptr<auth_profile_store_t, auth_profile_destroy> profiles;
+  qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> jwt;
 };
 
 bool s_setup_ldap(const auth_config_t& cfg, dispatcher_deps& deps) {

@@ -13,7 +13,7 @@
 #include <memory>
 #include <utility>
 
-#include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 
 namespace {
 constexpr size_t s_key_size = crypto_sign_SEEDBYTES;
@@ -39,7 +39,7 @@ struct auth_jwt_ctx {
 
 namespace {
 
-using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
+using s_json_ptr = qm::json_ptr;
 
 constexpr const char* s_jwt_header = R"({"typ":"JWT","alg":"ed25519-nkey"})";
 constexpr const char* s_base32_alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";

@@ -20,19 +20,16 @@
 
 #include "auth_ldap_testing.hpp"
 #include "log.hpp"
-#include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 
 namespace {
 
 constexpr const char* kDefaultUserFilter = "(&(objectClass=posixAccount)(uid=%s))";
 
-void s_unbind(LDAP* ld) { ldap_unbind_ext_s(ld, nullptr, nullptr); }
-void s_free_values(berval** values) { ldap_value_free_len(values); }
-
-using ldap_handle = qm::c_ptr<LDAP, s_unbind>;
-using ldap_message = qm::c_ptr<LDAPMessage, ldap_msgfree>;
-using ldap_string = qm::c_ptr<char, ldap_memfree>;
-using ldap_values = qm::c_ptr<berval*, s_free_values>;
+using ldap_handle = qm::ldap_ptr;
+using ldap_message = qm::ldap_message_ptr;
+using ldap_string = qm::ldap_string_ptr;
+using ldap_values = qm::ldap_values_ptr;
 
 }  // namespace
 
@@ -75,13 +72,7 @@ struct auth_ldap_ctx {
 
 namespace {
 
-int64_t s_steady_now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-int64_t s_now_ms(const auth_ldap_ctx_t& ctx) { return ctx.now_ms ? ctx.now_ms() : s_steady_now_ms(); }
+int64_t s_now_ms(const auth_ldap_ctx_t& ctx) { return ctx.now_ms ? ctx.now_ms() : qm::monotonic_ms(); }
 
 timeval s_timeval(int ms) { return timeval{ms / 1000, (ms % 1000) * 1000}; }
 

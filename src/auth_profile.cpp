@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "log.hpp"
-#include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 #include "qmerror.hpp"
 
 namespace {
@@ -65,7 +65,7 @@ struct auth_profile_store {
 
 namespace {
 
-using s_json_ptr = qm::c_ptr<json_object, json_object_put>;
+using s_json_ptr = qm::json_ptr;
 
 bool s_read_file(const char* path, std::string& out) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -204,7 +204,7 @@ bool s_parse_map(json_object* root, const char* map_name, const char* key_name, 
 }
 
 bool s_parse_document(const char* path, const std::string& text, auth_profile_store& store) {
-  qm::c_ptr<json_tokener, json_tokener_free> tokener(json_tokener_new());
+  qm::json_tokener_ptr tokener(json_tokener_new());
   if (!tokener) return false;
   s_json_ptr root(json_tokener_parse_ex(tokener.get(), text.c_str(), static_cast<int>(text.size())));
   const json_tokener_error err = json_tokener_get_error(tokener.get());

@@ -465,31 +465,20 @@ broker_kv_bootstrap_timing s_current_timing() {
   return s_timing;
 }
 
-int64_t s_now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-void s_sleep_ms(int ms) {
-  timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
-}
-
 int s_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                 const s_bootstrap_params& params) {
   qm::nats_options_ptr opts = s_build_options(nats_url, user, password, cert_path);
   if (!opts) return -1;
   const broker_kv_bootstrap_timing timing = s_current_timing();
   const int budget_sec = timing.budget_ms / 1000;
-  const int64_t start_ms = s_now_ms();
+  const int64_t start_ms = qm::monotonic_ms();
   std::optional<int64_t> last_note_ms;
   int delay_ms = timing.initial_delay_ms;
   int attempt = 0;
   for (;;) {
     ++attempt;
     if (s_bootstrap_once(opts.get(), params) == 0) break;
-    const int64_t now_ms = s_now_ms();
+    const int64_t now_ms = qm::monotonic_ms();
     if (now_ms - start_ms >= timing.budget_ms) {
       log_fatal("KV bootstrap: '%s' still not ready after %d attempts over %ds — giving up", kScanDataBucket, attempt,
                 budget_sec);
@@ -501,7 +490,7 @@ int s_bootstrap(const char* nats_url, const char* user, const char* password, co
                attempt, budget_sec);
       last_note_ms = now_ms;
     }
-    s_sleep_ms(delay_ms);
+    qm::sleep_ms(delay_ms);
     delay_ms = std::min(delay_ms * 2, timing.max_delay_ms);
   }
   if (attempt >= 2) log_info("KV bootstrap: succeeded on attempt %d", attempt);

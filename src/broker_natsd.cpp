@@ -84,17 +84,6 @@ void s_report_failed_kill(broker_natsd_t& natsd) {
            natsd.failed_kill_sig.load(), QMstrerror(err));
 }
 
-void s_sleep_ms(int ms) {
-  timespec left{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
-}
-
-int64_t s_now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 struct s_probe_target {
   std::string url;
   const char* user = nullptr;
@@ -139,7 +128,7 @@ s_probe_options_result s_build_probe_options(const s_probe_target& target, qm::n
 // Probes until a connection succeeds or the deadline passes. `cancel`, when given, ends
 // the wait early (the supervisor stops probing once shutdown begins).
 int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) {
-  const int64_t start_ms = s_now_ms();
+  const int64_t start_ms = qm::monotonic_ms();
   for (;;) {
     qm::nats_options_ptr opts;
     switch (s_build_probe_options(target, opts)) {
@@ -159,14 +148,14 @@ int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) 
       log_info("nats-server: ready (probe to %s succeeded)", target.url.c_str());
       return 0;
     }
-    if (s_now_ms() - start_ms >= static_cast<int64_t>(target.timeout_sec) * 1000) {
+    if (qm::monotonic_ms() - start_ms >= static_cast<int64_t>(target.timeout_sec) * 1000) {
       log_fatal("nats-server: readiness probe timed out after %ds (last status: %s)", target.timeout_sec,
                 natsStatus_GetText(s));
       return -1;
     }
     log_debug("nats-server: readiness probe not ready yet (%s), retrying in %dms", natsStatus_GetText(s),
               kProbeIntervalMs);
-    s_sleep_ms(kProbeIntervalMs);
+    qm::sleep_ms(kProbeIntervalMs);
     if (cancel != nullptr && cancel->load()) return -1;
   }
 }
@@ -439,7 +428,7 @@ void broker_natsd_stop(broker_natsd_t* natsd) {
       if (natsd->child_pid.load() == pid) kill(pid, SIGTERM);
     }
     for (int waited = 0; waited < natsd->stop_grace_ms && natsd->child_pid.load() > 0; waited += kStopPollMs) {
-      s_sleep_ms(kStopPollMs);
+      qm::sleep_ms(kStopPollMs);
     }
     std::lock_guard<std::mutex> guard(natsd->lock);
     const pid_t still = natsd->child_pid.load();

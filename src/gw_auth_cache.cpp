@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "log.hpp"
+#include "qm_cpp.hpp"
 
 namespace {
 
@@ -79,15 +80,9 @@ struct s_hash {
   ~s_hash() { sodium_memzero(bytes, sizeof bytes); }
 };
 
-int64_t s_monotonic_ms() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 int64_t s_now_ms() {
   const gw_auth_cache_clock_fn clock = s_test_clock.load(std::memory_order_acquire);
-  return clock != nullptr ? clock() : s_monotonic_ms();
+  return clock != nullptr ? clock() : qm::monotonic_ms();
 }
 
 std::chrono::system_clock::time_point s_deadline(int timeout_ms) {

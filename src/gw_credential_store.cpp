@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "log.hpp"
-#include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 
 namespace {
 
@@ -63,10 +63,7 @@ namespace {
 
 constexpr size_t s_line_buffer_size = 1024;
 
-struct s_file_closer {
-  void operator()(FILE* f) const noexcept { fclose(f); }
-};
-using s_file_ptr = std::unique_ptr<FILE, s_file_closer>;
+using s_file_ptr = qm::file_ptr;
 
 const char* s_skip_space(const char* p) {
   while (*p != '\0' && isspace(static_cast<unsigned char>(*p))) ++p;

@@ -16,6 +16,7 @@
 #include "auth_jwt.hpp"
 #include "callout_fixture.hpp"
 #include "slapd_fixture.hpp"
+#include "qm_handles.hpp"
 #include "test_support.hpp"
 
 using namespace std::chrono_literals;
@@ -64,13 +65,7 @@ natsConnection* login_watching_errors(const std::string& url, const char* user, 
   return nc;
 }
 
-struct conn_closer {
-  void operator()(natsConnection* nc) const {
-    natsConnection_Close(nc);
-    natsConnection_Destroy(nc);
-  }
-};
-using conn_ptr = std::unique_ptr<natsConnection, conn_closer>;
+using conn_ptr = qm::nats_connection_ptr;
 
 // True when a message published by `from` on subject reaches a subscriber on `to`.
 bool delivered(natsConnection* from, natsConnection* to, const std::string& subject, int wait_ms = 2000) {

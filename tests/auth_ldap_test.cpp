@@ -21,6 +21,7 @@
 #include "auth_ldap.hpp"
 #include "auth_ldap_testing.hpp"
 #include "log.hpp"
+#include "qm_cpp.hpp"
 #include "log_capture.hpp"
 #include "slapd_fixture.hpp"
 #include "test_support.hpp"
@@ -94,10 +95,7 @@ std::unique_ptr<Slapd> s_start_directory() {
 // A loopback URL on which nothing listens.
 std::string s_closed_url() { return "ldap://127.0.0.1:" + std::to_string(qmtest::free_port()) + "/"; }
 
-struct ctx_deleter {
-  void operator()(auth_ldap_ctx_t* ctx) const { auth_ldap_destroy(ctx); }
-};
-using ctx_ptr = std::unique_ptr<auth_ldap_ctx_t, ctx_deleter>;
+using ctx_ptr = qm::c_ptr<auth_ldap_ctx_t, auth_ldap_destroy>;
 
 struct ldap_setup {
   std::string url;

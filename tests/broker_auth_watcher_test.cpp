@@ -13,6 +13,7 @@
 
 #include "broker_auth_watcher.hpp"
 #include "log.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 using namespace std::chrono_literals;
@@ -52,10 +53,7 @@ class SighupCounter {
   std::atomic<int> count_{0};
 };
 
-struct watcher_deleter {
-  void operator()(broker_auth_watcher_t* w) const { broker_auth_watcher_destroy(w); }
-};
-using watcher_ptr = std::unique_ptr<broker_auth_watcher_t, watcher_deleter>;
+using watcher_ptr = qm::c_ptr<broker_auth_watcher_t, broker_auth_watcher_destroy>;
 
 class AuthWatcherTest : public ::testing::Test {
  protected:

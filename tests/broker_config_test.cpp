@@ -7,13 +7,11 @@
 
 #include "broker_config.hpp"
 #include "log.hpp"
+#include "qm_cpp.hpp"
 
 namespace {
 
-struct config_deleter {
-  void operator()(broker_config_t* cfg) const { broker_config_free(cfg); }
-};
-using config_ptr = std::unique_ptr<broker_config_t, config_deleter>;
+using config_ptr = qm::c_ptr<broker_config_t, broker_config_free>;
 
 struct parse_outcome {
   config_ptr cfg;

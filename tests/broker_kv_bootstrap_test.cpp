@@ -13,13 +13,13 @@
 
 #include "log_capture.hpp"
 #include "nats_server_fixture.hpp"
-#include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 #include "test_support.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using json_ptr = qm::c_ptr<json_object, json_object_put>;
+using qm::json_ptr;
 
 constexpr int64_t kSec = 1000000000;
 const char* const kBuckets[] = {"qm-av-scan-data", "qm-av-worker-registry", "qm-av-config",

@@ -1,0 +1,64 @@
+// RAII ownership of the C libraries' handles, one alias per handle type, so that no
+// early return leaks one. Owners of the broker's own opaque records use
+// qm::c_ptr<T, T_destroy> directly; add a library's handles here when a module starts
+// using them rather than writing a deleter of its own.
+#pragma once
+
+#include <archive.h>
+#include <curl/curl.h>
+#include <json-c/json.h>
+#include <ldap.h>
+#include <nats/nats.h>
+#include <openssl/evp.h>
+
+#include <cstdio>
+
+#include "qm_cpp.hpp"
+
+namespace qm {
+
+namespace detail {
+inline void fclose_file(FILE* f) { std::fclose(f); }
+inline void ldap_unbind(LDAP* ld) { ldap_unbind_ext_s(ld, nullptr, nullptr); }
+inline void ldap_free_values(berval** values) { ldap_value_free_len(values); }
+}  // namespace detail
+
+// nats.c
+using nats_options_ptr = c_ptr<natsOptions, natsOptions_Destroy>;
+using nats_connection_ptr = c_ptr<natsConnection, natsConnection_Destroy>;
+using nats_subscription_ptr = c_ptr<natsSubscription, natsSubscription_Destroy>;
+using nats_msg_ptr = c_ptr<natsMsg, natsMsg_Destroy>;
+using js_ctx_ptr = c_ptr<jsCtx, jsCtx_Destroy>;
+using kv_store_ptr = c_ptr<kvStore, kvStore_Destroy>;
+using kv_entry_ptr = c_ptr<kvEntry, kvEntry_Destroy>;
+using js_stream_info_ptr = c_ptr<jsStreamInfo, jsStreamInfo_Destroy>;
+using js_consumer_info_ptr = c_ptr<jsConsumerInfo, jsConsumerInfo_Destroy>;
+using js_pub_ack_ptr = c_ptr<jsPubAck, jsPubAck_Destroy>;
+
+// json-c
+using json_ptr = c_ptr<json_object, json_object_put>;
+using json_tokener_ptr = c_ptr<json_tokener, json_tokener_free>;
+
+// OpenSSL
+using evp_pkey_ptr = c_ptr<EVP_PKEY, EVP_PKEY_free>;
+using evp_md_ctx_ptr = c_ptr<EVP_MD_CTX, EVP_MD_CTX_free>;
+
+// OpenLDAP
+using ldap_ptr = c_ptr<LDAP, detail::ldap_unbind>;
+using ldap_message_ptr = c_ptr<LDAPMessage, ldap_msgfree>;
+using ldap_string_ptr = c_ptr<char, ldap_memfree>;
+using ldap_values_ptr = c_ptr<berval*, detail::ldap_free_values>;
+
+// libcurl
+using curl_ptr = c_ptr<CURL, curl_easy_cleanup>;
+using curl_url_ptr = c_ptr<CURLU, curl_url_cleanup>;
+using curl_slist_ptr = c_ptr<curl_slist, curl_slist_free_all>;
+
+// libarchive
+using archive_read_ptr = c_ptr<archive, archive_read_free>;
+using archive_write_ptr = c_ptr<archive, archive_write_free>;
+
+// stdio
+using file_ptr = c_ptr<FILE, detail::fclose_file>;
+
+}  // namespace qm
