@@ -397,20 +397,6 @@ TEST_F(Download, HttpsTrustsOnlyTheConfiguredAuthorityUnlessCheckingIsOff) {
   EXPECT_EQ(download(server, &info), 1);
 }
 
-TEST_F(Download, GoesThroughTheConfiguredProxy) {
-  qmtest::UpdateServer proxy;
-  proxy.add_file("pkg", body);
-  proxy.plan(R"({"/v1/update": {"body": "pkg"}})");
-  const std::string nowhere = "http://update.quillmere.invalid";  // only the proxy can answer for it
-  cfg.update_server = nowhere;
-  net.http_proxy = proxy.base_url();
-  qm_upd_pkg_info_t info;
-  pkg_info_init(&info);
-  EXPECT_EQ(qm_update_download_package(kComponent, "20240101001", work.c_str(), &info, &cfg, &net), 1);
-  EXPECT_EQ(proxy.requests(),
-            nowhere + "/v1/update?component=" + kComponent + "&version=latest&ssl=1&have=20240101001\n");
-}
-
 TEST_F(Download, StalledDownloadEndsWhenStopIsRequested) {
   qmtest::UpdateServer server;
   server.add_file("pkg", body);

@@ -83,27 +83,4 @@ TEST(CopyDirRecursive, CreatesTheDestinationKeepsModesFollowsLinksAndRestoresThe
   EXPECT_TRUE(log.contains("Failed to open source dir"));
 }
 
-TEST(RemoveDir, RemovesLinksNotTheirTargetsAndOpensUpLockedDirectories) {
-  qmtest::TempDir tmp;
-  const std::string tree = tmp.file("tree");
-  const std::string outside = tmp.file("outside");
-  fs::create_directories(tree + "/locked/inner");
-  fs::create_directories(outside);
-  qmtest::write_file(outside + "/keep", "keep");
-  qmtest::write_file(tree + "/locked/inner/f", "f");
-  fs::create_directory_symlink(outside, tree + "/to-outside");
-  fs::create_symlink(outside + "/keep", tree + "/to-file");
-  chmod((tree + "/locked/inner").c_str(), 0);
-  chmod((tree + "/locked").c_str(), 0500);
-
-  EXPECT_EQ(qmhlp_RemoveDir(tree.c_str()), 0);
-  EXPECT_FALSE(fs::exists(tree));
-  EXPECT_EQ(qmtest::read_file(outside + "/keep"), "keep");
-
-  fs::create_directory_symlink(outside, tmp.file("link"));
-  EXPECT_EQ(qmhlp_RemoveDir(tmp.file("link").c_str()), -1);  // the top must be a directory itself
-  EXPECT_TRUE(fs::exists(outside + "/keep"));
-  EXPECT_EQ(qmhlp_RemoveDir(tmp.file("missing").c_str()), -1);
-}
-
 }  // namespace

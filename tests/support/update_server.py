@@ -3,8 +3,7 @@
 Usage: update_server.py DIR [CERT KEY]
 
 Listens on 127.0.0.1 on a free port (HTTPS with CERT and KEY) and prints "PORT <n>".
-Every request's path and query is appended to DIR/requests.log; asked as an HTTP proxy,
-it answers for the target URL's path. Answers come from
+Every request's path and query is appended to DIR/requests.log. Answers come from
 DIR/plan.json, read afresh for each request: an object keyed by URL path (without the
 query), each value an object with
   "status"    HTTP status, default 200
@@ -37,10 +36,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             log.write(self.path + "\n")
         with open(os.path.join(DIR, "plan.json")) as f:
             plan = json.load(f)
-        path = self.path.split("?", 1)[0]
-        if path.startswith("http://"):  # asked as a proxy: answer for the target's path
-            path = "/" + path.split("/", 3)[3]
-        answer = plan.get(path)
+        answer = plan.get(self.path.split("?", 1)[0])
         if answer is None:
             self.send_error(404)
             return
