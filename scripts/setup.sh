@@ -19,6 +19,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang
   curl netcat-openbsd
+  zip openssl systemd
 )
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }

@@ -5,13 +5,17 @@
 #pragma once
 
 #include <archive.h>
+#include <archive_entry.h>
 #include <curl/curl.h>
+#include <dirent.h>
 #include <json-c/json.h>
 #include <ldap.h>
 #include <nats/nats.h>
 #include <openssl/evp.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "qm_cpp.hpp"
 
@@ -19,6 +23,7 @@ namespace qm {
 
 namespace detail {
 inline void fclose_file(FILE* f) { std::fclose(f); }
+inline void close_dir(DIR* d) { closedir(d); }
 inline void ldap_unbind(LDAP* ld) { ldap_unbind_ext_s(ld, nullptr, nullptr); }
 inline void ldap_free_values(berval** values) { ldap_value_free_len(values); }
 }  // namespace detail
@@ -57,8 +62,36 @@ using curl_slist_ptr = c_ptr<curl_slist, curl_slist_free_all>;
 // libarchive
 using archive_read_ptr = c_ptr<archive, archive_read_free>;
 using archive_write_ptr = c_ptr<archive, archive_write_free>;
+using archive_entry_ptr = c_ptr<archive_entry, archive_entry_free>;
 
-// stdio
+// stdio, directory streams
 using file_ptr = c_ptr<FILE, detail::fclose_file>;
+using dir_ptr = c_ptr<DIR, detail::close_dir>;
+
+// A POSIX file descriptor, closed when the owner goes away.
+class unique_fd {
+ public:
+  unique_fd() = default;
+  explicit unique_fd(int fd) : fd_(fd) {}
+  unique_fd(const unique_fd&) = delete;
+  unique_fd& operator=(const unique_fd&) = delete;
+  unique_fd(unique_fd&& other) noexcept : fd_(other.release()) {}
+  unique_fd& operator=(unique_fd&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+  }
+  ~unique_fd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset(int fd = -1) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
 
 }  // namespace qm

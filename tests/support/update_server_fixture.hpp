@@ -1,0 +1,43 @@
+// A local update server for the self-update tests: a small Python HTTP(S) server on
+// 127.0.0.1 that answers from a plan the test writes, and logs what it was asked.
+// Always stopped by the destructor.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "test_support.hpp"
+
+namespace qmtest {
+
+// Writes ca.pem (a CA made for one test), server.pem and server.key (a certificate for
+// IP 127.0.0.1 issued by it) into `dir`; throws std::runtime_error when openssl fails.
+void make_loopback_certificates(const TempDir& dir);
+
+class UpdateServer {
+ public:
+  // tls: serve HTTPS with a certificate from a CA made for this server alone.
+  explicit UpdateServer(bool tls = false);
+  ~UpdateServer() = default;
+  UpdateServer(const UpdateServer&) = delete;
+  UpdateServer& operator=(const UpdateServer&) = delete;
+
+  // "http://127.0.0.1:<port>" or "https://...".
+  const std::string& base_url() const { return base_url_; }
+  // The PEM file of the CA that issued the server's certificate; empty without TLS.
+  std::string ca_file() const;
+  // The answers, a JSON object keyed by URL path; see update_server.py.
+  void plan(const std::string& json) const;
+  // A file the plan can name as "body".
+  void add_file(const std::string& name, const std::string& content) const;
+  // Every request's path and query so far, one a line.
+  std::string requests() const;
+
+ private:
+  TempDir dir_;
+  bool tls_;
+  std::unique_ptr<Child> child_;
+  std::string base_url_;
+};
+
+}  // namespace qmtest
