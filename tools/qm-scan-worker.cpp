@@ -366,7 +366,9 @@ int main(int argc, char** argv) {
   log_set_screentrace(1);
 
   // Every thread, the client library's included, inherits the blocked mask; only
-  // sigwait below takes the stop signals.
+  // sigwait below takes the stop signals (also when a shell started us with them ignored).
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
