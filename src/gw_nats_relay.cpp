@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "broker_kv_bootstrap.hpp"
 #include "gw_nats_relay_internal.hpp"
@@ -122,59 +125,82 @@ std::string s_manifest_text(size_t num_chunks, size_t data_len) {
   return text;
 }
 
-// Failed acknowledgements of one put, reported by the client library's delivery thread.
-struct s_ack_failures {
-  std::mutex mu;
-  int count = 0;
-  std::string first;
+// Messages published asynchronously on a JetStream context of their own and acknowledged
+// together. One put's (or delete's) pipeline and acknowledgement errors belong to it alone,
+// so that a small payload never waits behind another request's large one.
+class s_pipeline {
+ public:
+  explicit s_pipeline(natsConnection* nc) {
+    jsOptions opts;
+    jsOptions_Init(&opts);
+    opts.PublishAsync.MaxPending = kChunksInFlight;
+    opts.PublishAsync.StallWait = kChunkAckWaitMs;
+    opts.PublishAsync.ErrHandler = s_on_error;
+    opts.PublishAsync.ErrHandlerClosure = this;
+    jsCtx* raw = nullptr;
+    if (natsConnection_JetStream(&raw, nc, &opts) == NATS_OK) js_.reset(raw);
+  }
+  ~s_pipeline() { finish(); }
+  s_pipeline(const s_pipeline&) = delete;
+  s_pipeline& operator=(const s_pipeline&) = delete;
+
+  jsCtx* js() const { return js_.get(); }
+
+  // Starts one publish; `header` (with `value`) is set when given.
+  natsStatus publish(const std::string& subject, const char* data, size_t len, const char* header,
+                     const std::string& value) {
+    if (!js_) return NATS_NO_MEMORY;
+    if (subject.size() > kMaxSubjectLength) return NATS_INVALID_SUBJECT;
+    natsMsg* raw = s_new_msg(subject, data, len, header, value).release();
+    const natsStatus s = raw != nullptr ? js_PublishMsgAsync(js_.get(), &raw, nullptr) : NATS_NO_MEMORY;
+    natsMsg_Destroy(raw);  // still ours only when the library did not take it
+    return s;
+  }
+
+  // Waits for every acknowledgement: "" when all were positive, else what went wrong. A
+  // time-out takes the unacknowledged messages back, so that nothing outlives the pipeline.
+  std::string finish() {
+    if (!js_) return "no JetStream context";
+    jsPubOptions opts;
+    jsPubOptions_Init(&opts);
+    opts.MaxWait = kChunkAckWaitMs;
+    const natsStatus s = js_PublishAsyncComplete(js_.get(), &opts);
+    if (s != NATS_OK) {
+      natsMsgList pending{};
+      if (js_PublishAsyncGetPendingList(&pending, js_.get()) == NATS_OK) natsMsgList_Destroy(&pending);
+      return natsStatus_GetText(s);
+    }
+    std::lock_guard<std::mutex> guard(mu_);
+    return first_error_;
+  }
+
+  static qm::nats_msg_ptr s_new_msg(const std::string& subject, const char* data, size_t len, const char* header,
+                                    const std::string& value) {
+    natsMsg* raw = nullptr;
+    if (len > INT_MAX || natsMsg_Create(&raw, subject.c_str(), nullptr, data, static_cast<int>(len)) != NATS_OK) {
+      return nullptr;
+    }
+    qm::nats_msg_ptr msg(raw);
+    if (header != nullptr && natsMsgHeader_Set(msg.get(), header, value.c_str()) != NATS_OK) return nullptr;
+    return msg;
+  }
+
+ private:
+  // Called on the client library's delivery thread for each refused message.
+  static void s_on_error(jsCtx*, jsPubAckErr* pae, void* closure) {
+    auto* self = static_cast<s_pipeline*>(closure);
+    std::lock_guard<std::mutex> guard(self->mu_);
+    if (!self->first_error_.empty()) return;
+    self->first_error_ = s_or(pae->ErrText, natsStatus_GetText(pae->Err));
+    if (pae->ErrCode != 0) self->first_error_ += " (err_code " + std::to_string(static_cast<int>(pae->ErrCode)) + ")";
+  }
+
+  std::mutex mu_;
+  std::string first_error_;
+  qm::js_ctx_ptr js_;  // last: goes first, while the rest is still there
 };
 
-void s_on_pub_ack_error(jsCtx*, jsPubAckErr* pae, void* closure) {
-  auto* failures = static_cast<s_ack_failures*>(closure);
-  std::lock_guard<std::mutex> guard(failures->mu);
-  if (failures->count++ == 0) {
-    failures->first = s_or(pae->ErrText, natsStatus_GetText(pae->Err));
-    if (pae->ErrCode != 0) failures->first += " (err_code " + std::to_string(static_cast<int>(pae->ErrCode)) + ")";
-  }
-}
-
-// One put's own JetStream context: its pipeline and acknowledgement errors belong to this
-// put alone, so that a small payload never waits behind another request's large one.
-qm::js_ctx_ptr s_put_context(natsConnection* nc, s_ack_failures& failures) {
-  jsOptions opts;
-  jsOptions_Init(&opts);
-  opts.PublishAsync.MaxPending = kChunksInFlight;
-  opts.PublishAsync.StallWait = kChunkAckWaitMs;
-  opts.PublishAsync.ErrHandler = s_on_pub_ack_error;
-  opts.PublishAsync.ErrHandlerClosure = &failures;
-  jsCtx* raw = nullptr;
-  if (natsConnection_JetStream(&raw, nc, &opts) != NATS_OK) return nullptr;
-  return qm::js_ctx_ptr(raw);
-}
-
-qm::nats_msg_ptr s_new_msg(const std::string& subject, const char* data, size_t len, const std::string& ttl) {
-  natsMsg* raw = nullptr;
-  if (len > INT_MAX || natsMsg_Create(&raw, subject.c_str(), nullptr, data, static_cast<int>(len)) != NATS_OK) {
-    return nullptr;
-  }
-  qm::nats_msg_ptr msg(raw);
-  if (!ttl.empty() && natsMsgHeader_Set(msg.get(), "Nats-TTL", ttl.c_str()) != NATS_OK) return nullptr;
-  return msg;
-}
-
-// Waits for every acknowledgement of the put; a time-out takes the unacknowledged
-// messages back so that nothing of this put outlives it.
-natsStatus s_await_acks(jsCtx* js) {
-  jsPubOptions opts;
-  jsPubOptions_Init(&opts);
-  opts.MaxWait = kChunkAckWaitMs;
-  const natsStatus s = js_PublishAsyncComplete(js, &opts);
-  if (s != NATS_OK) {
-    natsMsgList pending{};
-    if (js_PublishAsyncGetPendingList(&pending, js) == NATS_OK) natsMsgList_Destroy(&pending);
-  }
-  return s;
-}
+constexpr const char* kTtlHeader = "Nats-TTL";
 
 natsStatus s_put_manifest(jsCtx* js, kvStore* kv, const std::string& key, const std::string& text,
                           const std::string& ttl) {
@@ -182,7 +208,7 @@ natsStatus s_put_manifest(jsCtx* js, kvStore* kv, const std::string& key, const 
     uint64_t revision = 0;
     return kvStore_PutString(&revision, kv, key.c_str(), text.c_str());
   }
-  qm::nats_msg_ptr msg = s_new_msg(s_kv_subject(kv, key), text.data(), text.size(), ttl);
+  qm::nats_msg_ptr msg = s_pipeline::s_new_msg(s_kv_subject(kv, key), text.data(), text.size(), kTtlHeader, ttl);
   if (!msg) return NATS_NO_MEMORY;
   jsPubAck* raw_ack = nullptr;
   jsErrCode jerr = static_cast<jsErrCode>(0);
@@ -196,35 +222,25 @@ natsStatus s_put_manifest(jsCtx* js, kvStore* kv, const std::string& key, const 
 int gw_kv_put_chunks(natsConnection* nc, kvStore* kv, const char* key, const char* data, size_t data_len,
                      size_t num_chunks, int64_t ttl_ms) {
   const std::string ttl = ttl_ms > 0 ? std::to_string(ttl_ms) + "ms" : std::string();
-  s_ack_failures failures;
-  qm::js_ctx_ptr js = s_put_context(nc, failures);
+  const char* ttl_header = ttl.empty() ? nullptr : kTtlHeader;
+  s_pipeline pipeline(nc);
   for (size_t i = 0; i < num_chunks; ++i) {
     const std::string subject = s_kv_subject(kv, s_chunk_key(key, i));
     const size_t offset = i * GW_KV_CHUNK_SIZE;
-    const size_t len = std::min(GW_KV_CHUNK_SIZE, data_len - offset);
-    natsStatus s = NATS_NO_MEMORY;
-    if (subject.size() > kMaxSubjectLength) {
-      s = NATS_INVALID_SUBJECT;
-    } else if (js) {
-      natsMsg* raw = s_new_msg(subject, data + offset, len, ttl).release();
-      s = raw != nullptr ? js_PublishMsgAsync(js.get(), &raw, nullptr) : NATS_NO_MEMORY;
-      natsMsg_Destroy(raw);  // still ours only when the library did not take it
-    }
+    const natsStatus s =
+        pipeline.publish(subject, data + offset, std::min(GW_KV_CHUNK_SIZE, data_len - offset), ttl_header, ttl);
     if (s != NATS_OK) {
       log_error("nats_relay: chunk publish (%s) failed: %s%s", subject.c_str(), natsStatus_GetText(s),
                 s_last_error_suffix().c_str());
-      if (js) s_await_acks(js.get());
       return -1;
     }
   }
-  const natsStatus acked = s_await_acks(js.get());
-  if (acked != NATS_OK || failures.count > 0) {
-    std::lock_guard<std::mutex> guard(failures.mu);
-    log_error("nats_relay: js_PublishAsyncComplete failed for key=%s: %s", key,
-              acked != NATS_OK ? natsStatus_GetText(acked) : failures.first.c_str());
+  const std::string refused = pipeline.finish();
+  if (!refused.empty()) {
+    log_error("nats_relay: js_PublishAsyncComplete failed for key=%s: %s", key, refused.c_str());
     return -1;
   }
-  const natsStatus s = s_put_manifest(js.get(), kv, key, s_manifest_text(num_chunks, data_len), ttl);
+  const natsStatus s = s_put_manifest(pipeline.js(), kv, key, s_manifest_text(num_chunks, data_len), ttl);
   if (s != NATS_OK) {
     log_error("nats_relay: metadata publish (%s) failed: %s%s", key, natsStatus_GetText(s),
               s_last_error_suffix().c_str());
@@ -253,12 +269,94 @@ std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
   return manifest;
 }
 
+// The chunks of one payload in order, read ahead by a few threads over the shared
+// connection so that the round trips overlap; at most kReadAhead chunks wait in memory.
+// A payload of one chunk is read on the caller's thread.
+class s_chunk_reader {
+ public:
+  s_chunk_reader(kvStore* kv, const std::string& key, size_t num_chunks)
+      : kv_(kv), key_(key), chunks_(num_chunks), entries_(num_chunks), fetched_(num_chunks, false) {
+    if (num_chunks < 2) return;
+    try {
+      for (size_t i = 0; i < std::min(kReaders, num_chunks); ++i) threads_.emplace_back(&s_chunk_reader::fetch_loop, this);
+    } catch (...) {
+      stop();
+      throw;
+    }
+  }
+  ~s_chunk_reader() { stop(); }
+  s_chunk_reader(const s_chunk_reader&) = delete;
+  s_chunk_reader& operator=(const s_chunk_reader&) = delete;
+
+  // The next chunk, or null when it cannot be read.
+  qm::kv_entry_ptr next() {
+    if (threads_.empty()) return s_get(next_to_take_++);
+    std::unique_lock<std::mutex> lock(mu_);
+    cv_.wait(lock, [&] { return fetched_[next_to_take_]; });
+    qm::kv_entry_ptr entry = std::move(entries_[next_to_take_++]);
+    lock.unlock();
+    cv_.notify_all();
+    return entry;
+  }
+
+ private:
+  static constexpr size_t kReaders = 4;
+  static constexpr size_t kReadAhead = 8;
+
+  qm::kv_entry_ptr s_get(size_t index) const {
+    kvEntry* raw = nullptr;
+    if (kvStore_Get(&raw, kv_, s_chunk_key(key_, index).c_str()) != NATS_OK) return nullptr;
+    return qm::kv_entry_ptr(raw);
+  }
+
+  void fetch_loop() {
+    for (;;) {
+      size_t index = 0;
+      {
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait(lock, [&] { return stop_ || next_to_fetch_ >= chunks_ || next_to_fetch_ < next_to_take_ + kReadAhead; });
+        if (stop_ || next_to_fetch_ >= chunks_) return;
+        index = next_to_fetch_++;
+      }
+      qm::kv_entry_ptr entry = s_get(index);
+      {
+        std::lock_guard<std::mutex> guard(mu_);
+        entries_[index] = std::move(entry);
+        fetched_[index] = true;
+      }
+      cv_.notify_all();
+    }
+  }
+
+  void stop() {
+    {
+      std::lock_guard<std::mutex> guard(mu_);
+      stop_ = true;
+    }
+    cv_.notify_all();
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+  }
+
+  kvStore* kv_;
+  const std::string key_;
+  const size_t chunks_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::vector<qm::kv_entry_ptr> entries_;
+  std::vector<bool> fetched_;
+  size_t next_to_fetch_ = 0;
+  size_t next_to_take_ = 0;
+  bool stop_ = false;
+  std::vector<std::thread> threads_;
+};
+
 // ---- The exchange ------------------------------------------------------------------------
 
 // A payload staged for one request, deleted when the request ends, whichever way.
 class s_staged_payload {
  public:
-  explicit s_staged_payload(kvStore* kv) : kv_(kv) {}
+  s_staged_payload(natsConnection* nc, kvStore* kv) : nc_(nc), kv_(kv) {}
   ~s_staged_payload() { remove(); }
   s_staged_payload(const s_staged_payload&) = delete;
   s_staged_payload& operator=(const s_staged_payload&) = delete;
@@ -269,11 +367,12 @@ class s_staged_payload {
   }
   void remove() {
     if (key_.empty()) return;
-    kvstore_delete_chunks(kv_, key_.c_str(), num_chunks_);
+    kvstore_delete_chunks(nc_, kv_, key_.c_str(), num_chunks_);
     key_.clear();
   }
 
  private:
+  natsConnection* nc_;
   kvStore* kv_;
   std::string key_;
   size_t num_chunks_ = 0;
@@ -442,7 +541,7 @@ void s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
   if (kvstore_get_chunked(relay.kv.get(), key, reply_data, reply_data_len) != 0) {
     log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
   }
-  kvstore_delete_chunked(relay.kv.get(), key);
+  kvstore_delete_chunked(relay.conn.get(), relay.kv.get(), key);
 }
 
 int s_request(gw_nats_relay& relay, const char* subject, const char* request_json, const char* data, size_t data_len,
@@ -451,7 +550,7 @@ int s_request(gw_nats_relay& relay, const char* subject, const char* request_jso
   uint64_t scan_budget_ms = 0;
   const unsigned long wait = gw_effective_relay_timeout_ms(&relay, subject, request_json, has_payload ? data_len : 0,
                                                            timeout_ms, &scan_budget_ms);
-  s_staged_payload staged(relay.kv.get());
+  s_staged_payload staged(relay.conn.get(), relay.kv.get());
   qm::malloc_ptr<char> key;
   std::string send_text;
   if (has_payload) {
@@ -673,36 +772,49 @@ int kvstore_get_chunked(kvStore* kv, const char* key, char** out_data, size_t* o
   const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
   if (!manifest || manifest->chunks < 1 || manifest->chunks > kMaxChunks || manifest->size <= 0) return -1;
   const size_t size = static_cast<size_t>(manifest->size);
+  const size_t num_chunks = static_cast<size_t>(manifest->chunks);
   // A manifest's size must fit its chunks: nothing else can be read back.
-  if (size > static_cast<size_t>(manifest->chunks) * GW_KV_CHUNK_SIZE) return -1;
-  qm::malloc_ptr<char> buffer(static_cast<char*>(calloc(size, 1)));
-  if (!buffer) return -1;
-  size_t filled = 0;
-  for (int64_t i = 0; i < manifest->chunks; ++i) {
-    kvEntry* raw = nullptr;
-    if (kvStore_Get(&raw, kv, s_chunk_key(key, static_cast<size_t>(i)).c_str()) != NATS_OK) return -1;
-    qm::kv_entry_ptr chunk(raw);
-    const size_t len = static_cast<size_t>(std::max(kvEntry_ValueLen(chunk.get()), 0));
-    if (len > size - filled) return -1;
-    if (len > 0) memcpy(buffer.get() + filled, kvEntry_Value(chunk.get()), len);
-    filled += len;
+  if (size > num_chunks * GW_KV_CHUNK_SIZE) return -1;
+  try {
+    qm::malloc_ptr<char> buffer(static_cast<char*>(calloc(size, 1)));
+    if (!buffer) return -1;
+    s_chunk_reader reader(kv, key, num_chunks);
+    size_t filled = 0;
+    for (size_t i = 0; i < num_chunks; ++i) {
+      qm::kv_entry_ptr chunk = reader.next();
+      if (!chunk) return -1;
+      const size_t len = static_cast<size_t>(std::max(kvEntry_ValueLen(chunk.get()), 0));
+      if (len > size - filled) return -1;
+      if (len > 0) memcpy(buffer.get() + filled, kvEntry_Value(chunk.get()), len);
+      filled += len;
+    }
+    *out_data = buffer.release();
+    *out_len = size;
+    return 0;
+  } catch (const std::exception& e) {
+    log_error("nats_relay: reading key=%s failed: %s", key, e.what());
+    return -1;
   }
-  *out_data = buffer.release();
-  *out_len = size;
-  return 0;
 }
 
-void kvstore_delete_chunks(kvStore* kv, const char* key, size_t num_chunks) {
-  if (kv == nullptr || key == nullptr) return;
-  for (size_t i = 0; i < num_chunks; ++i) kvStore_Delete(kv, s_chunk_key(key, i).c_str());
-  kvStore_Delete(kv, key);
+void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, size_t num_chunks) {
+  if (nc == nullptr || kv == nullptr || key == nullptr) return;
+  // Delete markers, pipelined like the chunks they replace.
+  s_pipeline pipeline(nc);
+  for (size_t i = 0; i <= num_chunks; ++i) {
+    const std::string entry = i < num_chunks ? s_chunk_key(key, i) : std::string(key);
+    if (pipeline.publish(s_kv_subject(kv, entry), nullptr, 0, "KV-Operation", "DEL") != NATS_OK) {
+      kvStore_Delete(kv, entry.c_str());
+    }
+  }
+  pipeline.finish();
 }
 
-void kvstore_delete_chunked(kvStore* kv, const char* key) {
+void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key) {
   if (kv == nullptr || key == nullptr) return;
   const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
   const bool trusted = manifest && manifest->chunks > 0 && manifest->chunks <= kMaxChunks;
-  kvstore_delete_chunks(kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
+  kvstore_delete_chunks(nc, kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
 }
 
 bool gw_nats_relay_msg_ttl_unsupported() { return s_gw_msg_ttl_unsupported.load(); }

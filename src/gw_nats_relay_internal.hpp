@@ -55,12 +55,13 @@ int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const 
 // or a chunk is missing or they disagree.
 int kvstore_get_chunked(kvStore* kv, const char* key, char** out_data, size_t* out_len);
 
-// Deletes the chunks the manifest names, then the manifest; errors are ignored.
-void kvstore_delete_chunked(kvStore* kv, const char* key);
+// Deletes the chunks the manifest names, then the manifest, pipelined on a JetStream
+// context of its own made from nc; errors are ignored.
+void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key);
 
 // Deletes "key-0" ... "key-(num_chunks-1)" and "key" whether or not a manifest exists:
 // what a failed put may have left behind. Errors are ignored.
-void kvstore_delete_chunks(kvStore* kv, const char* key, size_t num_chunks);
+void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, size_t num_chunks);
 
 // How many chunks a payload of data_len bytes takes (at least 1).
 size_t gw_kv_num_chunks(size_t data_len);

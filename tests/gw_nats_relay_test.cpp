@@ -449,7 +449,7 @@ TEST_F(RelayTest, ChunksSplitAtExactly512KiB) {
     ASSERT_EQ(kvstore_get_chunked(e.kv(), "split", &data, &len), 0);
     qm::malloc_ptr<char> owned(data);
     EXPECT_TRUE(std::string(data, len) == payload);
-    kvstore_delete_chunked(e.kv(), "split");
+    kvstore_delete_chunked(e.nc(), e.kv(), "split");
     EXPECT_THAT(e.bucket_keys(), IsEmpty());
   }
 }
@@ -480,7 +480,7 @@ TEST_F(RelayTest, ManifestsThatDisagreeWithTheirChunksReadAsMissing) {
     EXPECT_EQ(kvstore_get_chunked(e.kv(), "bad", &data, &len), -1);
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(len, 0u);
-    kvstore_delete_chunks(e.kv(), "bad", 2);
+    kvstore_delete_chunks(e.nc(), e.kv(), "bad", 2);
   }
   char* data = nullptr;
   size_t len = 0;
@@ -492,9 +492,9 @@ TEST_F(RelayTest, DeletingAKeyWithoutManifestDeletesOnlyTheKey) {
   uint64_t rev = 0;
   kvStore_PutString(&rev, e.kv(), "orphan-0", "chunk");
   kvStore_PutString(&rev, e.kv(), "orphan", "no manifest");
-  kvstore_delete_chunked(e.kv(), "orphan");
+  kvstore_delete_chunked(e.nc(), e.kv(), "orphan");
   EXPECT_EQ(e.bucket_keys(), std::vector<std::string>{"orphan-0"});
-  kvstore_delete_chunks(e.kv(), "orphan", 1);
+  kvstore_delete_chunks(e.nc(), e.kv(), "orphan", 1);
 }
 
 TEST_F(RelayTest, PerMessageTtlRemovesWhatIsLeftBehind) {

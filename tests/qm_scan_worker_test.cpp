@@ -57,8 +57,8 @@ TEST(ScanWorker, AnswersWithSizeDigestAndVerdict) {
       EXPECT_NE(json_member(reply, "Error"), "<absent>");
     }
   }
-  kvstore_delete_chunked(env.kv(), "infected");
-  kvstore_delete_chunked(env.kv(), "clean");
+  kvstore_delete_chunked(env.nc(), env.kv(), "infected");
+  kvstore_delete_chunked(env.nc(), env.kv(), "clean");
 }
 
 TEST(ScanWorker, StopsCleanlyOnSigintAndSigterm) {

@@ -131,9 +131,11 @@ class scan_worker {
   static void s_on_request(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
   static void s_on_request_handler_done(void* closure);
   bool connect();
+  // One pull subscription per puller: the client library fetches on a subscription
+  // for one caller at a time.
   bool subscribe_work_queue();
   void handler_loop();
-  void puller_loop();
+  void puller_loop(natsSubscription* sub);
   // Waits ms milliseconds; false when the worker stops first.
   bool pause_ms(int64_t ms);
   void handle(natsMsg* msg, bool from_queue);
@@ -145,7 +147,7 @@ class scan_worker {
   qm::js_ctx_ptr js_;
   qm::kv_store_ptr kv_;
   qm::nats_subscription_ptr core_sub_;
-  qm::nats_subscription_ptr queue_sub_;
+  std::vector<qm::nats_subscription_ptr> queue_subs_;
   std::vector<std::thread> threads_;
   std::mutex mu_;
   std::condition_variable cv_;
@@ -198,13 +200,15 @@ bool scan_worker::subscribe_work_queue() {
   jsSubOptions_Init(&so);
   so.Stream = stream;
   so.Consumer = durable;  // bind to the durable the broker provisioned, never make one
-  natsSubscription* raw = nullptr;
-  jsErrCode jerr = static_cast<jsErrCode>(0);
-  const natsStatus s = js_PullSubscribe(&raw, js_.get(), subject, durable, nullptr, &so, &jerr);
-  queue_sub_.reset(raw);
-  if (s != NATS_OK) {
-    log_error("qm-scan-worker: cannot pull from '%s' on '%s': %s", durable, stream, natsStatus_GetText(s));
-    return false;
+  for (int i = 0; i < kQueuePullers; ++i) {
+    natsSubscription* raw = nullptr;
+    jsErrCode jerr = static_cast<jsErrCode>(0);
+    const natsStatus s = js_PullSubscribe(&raw, js_.get(), subject, durable, nullptr, &so, &jerr);
+    queue_subs_.emplace_back(raw);
+    if (s != NATS_OK) {
+      log_error("qm-scan-worker: cannot pull from '%s' on '%s': %s", durable, stream, natsStatus_GetText(s));
+      return false;
+    }
   }
   return true;
 }
@@ -221,7 +225,7 @@ bool scan_worker::start() {
   }
   if (opts_.work_queue && !subscribe_work_queue()) return false;
   for (int i = 0; i < kHandlerThreads; ++i) threads_.emplace_back(&scan_worker::handler_loop, this);
-  for (int i = 0; opts_.work_queue && i < kQueuePullers; ++i) threads_.emplace_back(&scan_worker::puller_loop, this);
+  for (auto& sub : queue_subs_) threads_.emplace_back(&scan_worker::puller_loop, this, sub.get());
   // Once the server has the subscriptions, a request sent after "ready" reaches us.
   if (natsConnection_Flush(nc_.get()) != NATS_OK) {
     log_error("qm-scan-worker: flush to %s failed", opts_.nats_url.c_str());
@@ -282,7 +286,7 @@ void scan_worker::handler_loop() {
   }
 }
 
-void scan_worker::puller_loop() {
+void scan_worker::puller_loop(natsSubscription* sub) {
   for (;;) {
     {
       std::lock_guard<std::mutex> guard(mu_);
@@ -290,7 +294,7 @@ void scan_worker::puller_loop() {
     }
     natsMsgList list{};
     jsErrCode jerr = static_cast<jsErrCode>(0);
-    if (natsSubscription_Fetch(&list, queue_sub_.get(), 1, kFetchWaitMs, &jerr) != NATS_OK) continue;
+    if (natsSubscription_Fetch(&list, sub, 1, kFetchWaitMs, &jerr) != NATS_OK) continue;
     for (int i = 0; i < list.Count; ++i) handle(list.Msgs[i], true);
     natsMsgList_Destroy(&list);
   }
@@ -322,7 +326,7 @@ std::string scan_worker::answer(json_object* request) {
     qm::malloc_ptr<char> key(generate_unique_key());
     if (!key || kvstore_put_chunked(nc_.get(), kv_.get(), key.get(), payload.get(), size,
                                     gw_kv_ttl_ms_for(kEchoLifetimeMs)) != 0) {
-      if (key) kvstore_delete_chunks(kv_.get(), key.get(), gw_kv_num_chunks(size));
+      if (key) kvstore_delete_chunks(nc_.get(), kv_.get(), key.get(), gw_kv_num_chunks(size));
       return s_error_reply("echo payload could not be staged");
     }
     json_object_object_add(reply.get(), "_kv_key", json_object_new_string(key.get()));

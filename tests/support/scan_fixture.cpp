@@ -9,6 +9,7 @@
 
 #include "broker_kv_bootstrap.hpp"
 #include "gw_nats_relay_internal.hpp"
+#include "log.hpp"
 
 namespace qmtest {
 
@@ -21,8 +22,22 @@ ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool 
                                    std::to_string(tracelevel)};
   if (work_queue) argv.emplace_back("--work-queue");
   child_ = std::make_unique<Child>(argv);
-  const bool ready = wait_until([&] { return !child_->running() || log().find("qm-scan-worker: ready") != std::string::npos; }, 30s);
-  if (!ready || !child_->running()) throw std::runtime_error("scan worker did not come up:\n" + log());
+  // Below info level the worker does not say that it is ready: it answers a request then.
+  qm::nats_connection_ptr probe;
+  if (tracelevel < QMLOG_INFO) {
+    natsConnection* raw = nullptr;
+    if (natsConnection_ConnectTo(&raw, url.c_str()) != NATS_OK) throw std::runtime_error("connect " + url);
+    probe.reset(raw);
+  }
+  const auto ready = [&] {
+    if (probe == nullptr) return log().find("qm-scan-worker: ready") != std::string::npos;
+    natsMsg* reply = nullptr;
+    const bool answered = natsConnection_RequestString(&reply, probe.get(), service.c_str(), "{}", 200) == NATS_OK;
+    natsMsg_Destroy(reply);
+    return answered;
+  };
+  const bool up = wait_until([&] { return !child_->running() || ready(); }, 30s);
+  if (!up || !child_->running()) throw std::runtime_error("scan worker did not come up:\n" + log());
 }
 
 ScanEnv::ScanEnv(ScanEnvOptions options) : work_services_(options.work_services) {
