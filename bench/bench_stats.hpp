@@ -1,4 +1,4 @@
-// Settings and statistics shared by the benchmarks.
+// Settings, statistics and the run-once report shared by the benchmarks.
 #pragma once
 
 #include <algorithm>
@@ -26,6 +26,22 @@ inline double percentile(std::vector<double> samples, double p) {
 inline double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// The report of a measurement made once, when the first benchmark asks for it; `print`
+// shows it after the benchmark output when it has no error.
+template <class Report>
+const Report& measure_once(Report (*measure)(), void (*print)(const Report&)) {
+  struct print_at_exit {
+    const Report& report;
+    void (*print)(const Report&);
+    ~print_at_exit() {
+      if (report.error.empty()) print(report);
+    }
+  };
+  static const Report report = measure();
+  static const print_at_exit printer{report, print};
+  return report;
 }
 
 }  // namespace qmbench

@@ -294,20 +294,9 @@ void s_print_table(const storm_report& report) {
   fflush(stdout);
 }
 
-struct table_at_exit {
-  const storm_report& report;
-  ~table_at_exit() {
-    if (report.error.empty()) s_print_table(report);
-  }
-};
-
 // The storms run once, when the first benchmark asks; every benchmark then reports its
 // server's share.
-const storm_report& s_report() {
-  static const storm_report report = s_run_storms();
-  static const table_at_exit table{report};
-  return report;
-}
+const storm_report& s_report() { return qmbench::measure_once(s_run_storms, s_print_table); }
 
 // Reports one server: the time shown is its median round's, the rate that round's.
 void s_report_scenario(benchmark::State& state, const char* name) {

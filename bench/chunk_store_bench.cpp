@@ -176,18 +176,7 @@ void s_print_table(const store_report& r) {
   fflush(stdout);
 }
 
-struct table_at_exit {
-  const store_report& report;
-  ~table_at_exit() {
-    if (report.error.empty()) s_print_table(report);
-  }
-};
-
-const store_report& s_report() {
-  static const store_report report = s_measure();
-  static const table_at_exit table{report};
-  return report;
-}
+const store_report& s_report() { return qmbench::measure_once(s_measure, s_print_table); }
 
 void s_report_step(benchmark::State& state, const std::vector<double> store_report::*step) {
   const store_report& r = s_report();

@@ -143,18 +143,7 @@ void s_print_table(const bench_report& report) {
   fflush(stdout);
 }
 
-struct table_at_exit {
-  const bench_report& report;
-  ~table_at_exit() {
-    if (report.error.empty()) s_print_table(report);
-  }
-};
-
-const bench_report& s_report() {
-  static const bench_report report = s_measure();
-  static const table_at_exit table{report};
-  return report;
-}
+const bench_report& s_report() { return qmbench::measure_once(s_measure, s_print_table); }
 
 void s_report_route(benchmark::State& state, const char* name) {
   const bench_report& report = s_report();
