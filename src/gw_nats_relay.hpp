@@ -44,5 +44,6 @@ bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service);
 // entries ignored, exact and case-sensitive match), else 0; 0 for NULL or empty input.
 int qm_nats_wq_service_in_csv(const char* csv, const char* service);
 
-// The statuses worth a retry with back-off: no responders, disconnected, limit reached.
+// The statuses worth a retry with back-off: no responders, disconnected, and limit
+// reached where the client library has that status (nats.c 3.4.1 has not).
 bool gw_status_is_transient(natsStatus s);

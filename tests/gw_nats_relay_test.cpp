@@ -278,24 +278,30 @@ TEST_F(RelayTest, CoreRequestReachesAWorkerThatComesUpDuringTheBackOff) {
   EXPECT_EQ(r.json, R"({"ReturnCode":0})");
 }
 
+// On the work queue the job was published: it is neither published again nor sent by core.
 TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
-  ScanEnv& e = env();
-  qmtest::ScanWorker& worker = e.start_worker("scan");
+  ScanEnv& e = env({.work_services = "scanjs"});
   qmtest::relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = 1500; });
-  LogCapture log(QMLOG_WARN);
-  const auto start = steady::now();
-  auto pending = std::async(std::launch::async, [&] {
-    return relay_request(relay.get(), "scan", R"({"SCANTIMEOUT":500,"delay_ms":60000})", test_payload(kChunk * 2), 100);
-  });
-  ASSERT_TRUE(worker.wait_for_log("request received", 10s)) << worker.log();
-  worker.child().signal(SIGKILL);
-  const RelayReply r = pending.get();
-  const auto waited = steady::now() - start;
-  EXPECT_EQ(r.rc, -1);
-  EXPECT_FALSE(r.has_json);
-  EXPECT_GE(waited, 1500ms);
-  EXPECT_TRUE(log.contains("nats_relay: request to scan failed: Timeout")) << log.text();
-  EXPECT_TRUE(log.contains("(waited 1500ms, SCANTIMEOUT=500ms, kv_key=gw-")) << log.text();
+  for (const char* service : {"scan", "scanjs"}) {
+    SCOPED_TRACE(service);
+    const bool work_queue = std::string(service) == "scanjs";
+    qmtest::ScanWorker& worker = e.start_worker(service, work_queue);
+    LogCapture log(QMLOG_DEBUG);
+    const auto start = steady::now();
+    auto pending = std::async(std::launch::async, [&] {
+      return relay_request(relay.get(), service, R"({"SCANTIMEOUT":500,"delay_ms":60000})", test_payload(kChunk * 2));
+    });
+    ASSERT_TRUE(worker.wait_for_log(work_queue ? "job received" : "request received", 10s)) << worker.log();
+    worker.child().signal(SIGKILL);
+    const RelayReply r = pending.get();
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_FALSE(r.has_json);
+    EXPECT_GE(steady::now() - start, 1500ms);
+    EXPECT_TRUE(log.contains(std::string("nats_relay: request to ") + service + " failed: Timeout")) << log.text();
+    EXPECT_TRUE(log.contains("(waited 1500ms, SCANTIMEOUT=500ms, kv_key=gw-")) << log.text();
+    EXPECT_EQ(log.count("JS work queue (jobs.scanjs)"), work_queue ? 1u : 0u);
+    EXPECT_FALSE(log.contains("falling back"));
+  }
 }
 
 TEST_F(RelayTest, RedeliveredJobStillGivesTheCallerOneReply) {
