@@ -82,7 +82,8 @@ qm::json_ptr s_parse_object(const char* text, size_t len) {
   qm::json_ptr doc(json_tokener_parse_ex(tok.get(), text, static_cast<int>(len)));
   if (!doc || json_tokener_get_error(tok.get()) != json_tokener_success) return nullptr;
   for (size_t at = json_tokener_get_parse_end(tok.get()); at < len; ++at) {
-    if (strchr(" \t\r\n", text[at]) == nullptr) return nullptr;
+    const char c = text[at];
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') return nullptr;
   }
   return json_object_is_type(doc.get(), json_type_object) ? std::move(doc) : nullptr;
 }
@@ -424,6 +425,7 @@ natsStatus gw_js_publish_and_wait(gw_nats_relay& relay, const char* subject, con
                                   const char* reqid, const char* reply_inbox, int64_t timeout_ms,
                                   qm::nats_msg_ptr& reply, bool& published) {
   published = false;
+  if (envelope.size() > INT_MAX) return NATS_INVALID_ARG;
   natsSubscription* raw_sub = nullptr;
   natsStatus s = natsConnection_SubscribeSync(&raw_sub, relay.conn.get(), reply_inbox);
   qm::nats_subscription_ptr sub(raw_sub);
