@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_stats.hpp"
 #include "callout_fixture.hpp"
 #include "nats_server_fixture.hpp"
 
@@ -47,16 +48,9 @@ constexpr int kConnectTimeoutMs = 10000;
 // the storm would measure the log more than the callout.
 constexpr int kBrokerTraceLevel = 2;
 
-int s_env_int(const char* name, int fallback, int minimum = 1) {
-  const char* text = getenv(name);
-  if (text == nullptr || *text == '\0') return fallback;
-  const int value = atoi(text);
-  return value >= minimum ? value : fallback;
-}
-
-int s_logins() { return s_env_int("QM_STORM_LOGINS", kDefaultLogins); }
-int s_threads() { return s_env_int("QM_STORM_THREADS", kDefaultThreads); }
-int s_trace_level() { return s_env_int("QM_STORM_TRACELEVEL", kBrokerTraceLevel, 0); }
+int s_logins() { return qmbench::env_int("QM_STORM_LOGINS", kDefaultLogins); }
+int s_threads() { return qmbench::env_int("QM_STORM_THREADS", kDefaultThreads); }
+int s_trace_level() { return qmbench::env_int("QM_STORM_TRACELEVEL", kBrokerTraceLevel, 0); }
 
 user_list s_storm_users(int count) {
   user_list users;
@@ -172,18 +166,6 @@ storm_result s_storm(const std::string& url, const user_list& users, size_t logi
   return result;
 }
 
-// Nearest rank on sorted samples.
-double s_percentile(const std::vector<double>& sorted, double p) {
-  if (sorted.empty()) return 0;
-  const size_t rank = static_cast<size_t>(p / 100.0 * static_cast<double>(sorted.size()) + 0.5);
-  return sorted[std::min(sorted.size() - 1, rank > 0 ? rank - 1 : 0)];
-}
-
-double s_median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values.empty() ? 0 : values[values.size() / 2];
-}
-
 // One server under test and what its storms measured.
 struct scenario {
   std::string name;
@@ -195,7 +177,7 @@ struct scenario {
   cpu_sample cpu;  // summed over the rounds
   int logins = 0;  // summed over the rounds
 
-  double rate() const { return s_median(rates); }
+  double rate() const { return qmbench::median(rates); }
   double cpu_us_per_login(double cpu_sample::*process) const { return logins > 0 ? cpu.*process * 1e6 / logins : 0; }
 };
 
@@ -305,27 +287,16 @@ void s_print_table(const storm_report& report) {
     snprintf(spread, sizeof spread, "%.0f-%.0f", *std::min_element(s.rates.begin(), s.rates.end()),
              *std::max_element(s.rates.begin(), s.rates.end()));
     printf("%-14s %9.0f %13s %9.2f %7.2f %7.2f  %31.0f %6.0f %6.0f\n", s.name.c_str(), s.rate(), spread,
-           s.rate() / base->rate(), s_percentile(s.latencies_ms, 50), s_percentile(s.latencies_ms, 99),
+           s.rate() / base->rate(), qmbench::percentile(s.latencies_ms, 50), qmbench::percentile(s.latencies_ms, 99),
            s.cpu_us_per_login(&cpu_sample::server), s.cpu_us_per_login(&cpu_sample::broker),
            s.cpu_us_per_login(&cpu_sample::client));
   }
   fflush(stdout);
 }
 
-struct table_at_exit {
-  const storm_report& report;
-  ~table_at_exit() {
-    if (report.error.empty()) s_print_table(report);
-  }
-};
-
 // The storms run once, when the first benchmark asks; every benchmark then reports its
 // server's share.
-const storm_report& s_report() {
-  static const storm_report report = s_run_storms();
-  static const table_at_exit table{report};
-  return report;
-}
+const storm_report& s_report() { return qmbench::measure_once(s_run_storms, s_print_table); }
 
 // Reports one server: the time shown is its median round's, the rate that round's.
 void s_report_scenario(benchmark::State& state, const char* name) {
@@ -337,8 +308,8 @@ void s_report_scenario(benchmark::State& state, const char* name) {
   }
   for (auto _ : state) state.SetIterationTime(report.logins_per_round / s->rate());
   state.counters["logins/s"] = s->rate();
-  state.counters["p50_ms"] = s_percentile(s->latencies_ms, 50);
-  state.counters["p99_ms"] = s_percentile(s->latencies_ms, 99);
+  state.counters["p50_ms"] = qmbench::percentile(s->latencies_ms, 50);
+  state.counters["p99_ms"] = qmbench::percentile(s->latencies_ms, 99);
   state.counters["logins"] = s->logins;
   state.counters["server_cpu_us"] = s->cpu_us_per_login(&cpu_sample::server);
   state.counters["client_cpu_us"] = s->cpu_us_per_login(&cpu_sample::client);

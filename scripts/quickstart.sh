@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds the broker and runs it in the foreground on a local
-# default: a supervised nats-server with JetStream on 127.0.0.1, its state under .state/.
-# Ctrl-C (or SIGTERM) stops the broker and its nats-server.
+# default: a supervised nats-server with JetStream on 127.0.0.1, its state under .state/,
+# and two demo scan workers (service "scan", and the work queue of service "scanjs").
+# Ctrl-C (or SIGTERM) stops the broker, its nats-server and the workers.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j2 --target qm-av-broker
+cmake --build build -j2 --target qm-av-broker qm-scan-worker
 
 state="$root/.state"
 mkdir -p "$state/jetstream"
@@ -71,20 +72,59 @@ authorization {
 }
 CONF
 
-echo "quickstart: nats-server on nats://127.0.0.1:$port, state in $state"
-echo "quickstart: log in as demo / $demo_password, for example:"
-echo "  printf 'CONNECT {\"user\":\"demo\",\"pass\":\"$demo_password\"}\\r\\nPING\\r\\n' | nc -q 1 127.0.0.1 $port"
-exec ./build/qm-av-broker \
+# The broker runs in the background so that the demo workers can follow once its
+# buckets and work queues exist; its log goes to the terminal and to a file we watch.
+broker_log="$state/qm-av-broker.log"
+: > "$broker_log"
+./build/qm-av-broker \
   --nats-url "nats://127.0.0.1:$port" \
   --nats-server-binary "$root/.deps/nats-server/usr/sbin/nats-server" \
   --nats-server-config "$state/nats-server.conf" \
   --nats-server-pid-file "$state/nats-server.pid" \
   --pid-file "$state/qm-av-broker.pid" \
+  --tracefile "$broker_log" \
   --auth-file "$credentials" \
   --auth-signing-key "$state/issuer.seed" \
   --auth-nats-user qm-auth --auth-nats-password "$auth_password" \
   --gw-nats-user qm-gateway --gw-nats-password "$gw_password" \
+  --js-work-services scanjs \
   --amqp-enabled false \
   --http-enabled false \
   --update-binary false \
-  "$@"
+  "$@" &
+broker_pid=$!
+worker_pids=()
+stop_all() {
+  trap - INT TERM EXIT
+  kill -TERM "${worker_pids[@]}" "$broker_pid" 2>/dev/null || true
+  wait "$broker_pid" 2>/dev/null || true
+  wait "${worker_pids[@]}" 2>/dev/null || true
+}
+trap stop_all INT TERM EXIT
+
+until grep -q "qm-av-broker ready" "$broker_log"; do
+  kill -0 "$broker_pid" 2>/dev/null || { echo "quickstart: the broker did not start" >&2; exit 1; }
+  sleep 0.2
+done
+
+# The workers log in as the demo user, through the broker's auth callout.
+start_worker() { # name, then the worker's own options
+  local log="$state/scan-worker-$1.log"
+  shift
+  ./build/qm-scan-worker --nats-url "nats://127.0.0.1:$port" --user demo --password "$demo_password" "$@" \
+    > "$log" 2>&1 &
+  worker_pids+=($!)
+  until grep -q "qm-scan-worker: ready" "$log"; do
+    kill -0 "${worker_pids[-1]}" 2>/dev/null || { echo "quickstart: a demo worker did not start, see $log" >&2; exit 1; }
+    sleep 0.2
+  done
+}
+start_worker scan --service scan
+start_worker scanjs --service scanjs --work-queue
+
+echo "quickstart: nats-server on nats://127.0.0.1:$port, state in $state"
+echo "quickstart: demo workers for scan and (work queue) scanjs ready; logs in $state/scan-worker-*.log"
+echo "quickstart: log in as demo / $demo_password, for example:"
+echo "  printf 'CONNECT {\"user\":\"demo\",\"pass\":\"$demo_password\"}\\r\\nPING\\r\\n' | nc -q 1 127.0.0.1 $port"
+echo "quickstart: to send a scan by hand, see \"A scan by hand\" in README.md (DEMO_PASSWORD=$demo_password PORT=$port)"
+wait "$broker_pid"

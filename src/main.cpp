@@ -21,6 +21,7 @@
 #include "broker_sd_notify.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
+#include "gw_nats_relay.hpp"
 #include "log.hpp"
 #include "qm_nats_conn.hpp"
 
@@ -48,6 +49,7 @@ std::string g_log_file_name;
 struct broker_app {
   broker_config_t* cfg = nullptr;
   gw_credential_store_t* credentials = nullptr;
+  gw_nats_relay_t* relay = nullptr;
   int rc = 0;
 };
 
@@ -216,6 +218,19 @@ bool s_load_credentials(broker_app& app) {
   return true;
 }
 
+// The gateway's NATS leg, as the gateway user: a listed auth user, so it needs no callout.
+bool s_connect_relay(broker_app& app) {
+  const char* url = qm::cstr(app.cfg->nats_url);
+  log_info("Connecting NATS relay (gateway leg) to %s", url);
+  app.relay = gw_nats_relay_create(app.cfg->gw.get());
+  if (app.relay == nullptr) {
+    log_fatal("Failed to connect NATS relay to %s", url);
+    return false;
+  }
+  log_info("NATS relay connected");
+  return true;
+}
+
 // Not fatal: without a cache every check goes to the live backends.
 void s_create_auth_cache(const gw_config_t& gw) {
   if (gw.auth_cache_ttl_seconds < 1 && gw.auth_negative_cache_ttl_seconds < 1) {
@@ -289,7 +304,7 @@ bool s_start(broker_app& app) {
   if (!s_provision_jetstream(cfg)) return false;
   if (!s_load_credentials(app)) return false;
   s_start_auth_watcher(*cfg.gw->credential_file);
-  // The NATS relay joins here, before the auth cache.
+  if (!s_connect_relay(app)) return false;
   s_create_auth_cache(*cfg.gw);
   if (!s_start_auth_callout(app)) return false;
   // Then SASL, the AMQP acceptor, the HTTPS frontend and the update thread.
@@ -344,6 +359,11 @@ void s_shutdown(broker_app& app) {
     log_debug("Stopping auth-file watcher");
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
+  }
+  if (app.relay != nullptr) {
+    log_debug("Tearing down NATS relay");
+    gw_nats_relay_destroy(app.relay);
+    app.relay = nullptr;
   }
   s_stop_auth_callout();
   s_destroy_auth_cache();

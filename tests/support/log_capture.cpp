@@ -19,10 +19,11 @@ LogCapture::~LogCapture() {
 
 std::string LogCapture::text() const { return read_file(path_); }
 
-size_t LogCapture::count(const std::string& needle) const {
-  const std::string all = text();
+size_t LogCapture::count(const std::string& needle) const { return count_in(text(), needle); }
+
+size_t LogCapture::count_in(const std::string& text, const std::string& needle) {
   size_t n = 0;
-  for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + needle.size())) ++n;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size())) ++n;
   return n;
 }
 

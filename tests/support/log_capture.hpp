@@ -25,6 +25,9 @@ class LogCapture {
   // Forgets what was captured so far.
   void clear();
 
+  // Occurrences of needle in text (a child's output, say).
+  static size_t count_in(const std::string& text, const std::string& needle);
+
  private:
   TempDir dir_;
   std::string path_;

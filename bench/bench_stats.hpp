@@ -1,0 +1,47 @@
+// Settings, statistics and the run-once report shared by the benchmarks.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+namespace qmbench {
+
+// An integer from the environment; `fallback` when unset, empty or below `minimum`.
+inline int env_int(const char* name, int fallback, int minimum = 1) {
+  const char* text = getenv(name);
+  if (text == nullptr || *text == '\0') return fallback;
+  const int value = atoi(text);
+  return value >= minimum ? value : fallback;
+}
+
+// Nearest-rank percentile p (0..100) of the samples; 0 without samples.
+inline double percentile(std::vector<double> samples, double p) {
+  if (samples.empty()) return 0;
+  std::sort(samples.begin(), samples.end());
+  const size_t rank = static_cast<size_t>(p / 100.0 * static_cast<double>(samples.size()) + 0.5);
+  return samples[std::min(samples.size() - 1, rank > 0 ? rank - 1 : 0)];
+}
+
+inline double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// The report of a measurement made once, when the first benchmark asks for it; `print`
+// shows it after the benchmark output when it has no error.
+template <class Report>
+const Report& measure_once(Report (*measure)(), void (*print)(const Report&)) {
+  struct print_at_exit {
+    const Report& report;
+    void (*print)(const Report&);
+    ~print_at_exit() {
+      if (report.error.empty()) print(report);
+    }
+  };
+  static const Report report = measure();
+  static const print_at_exit printer{report, print};
+  return report;
+}
+
+}  // namespace qmbench

@@ -1,0 +1,889 @@
+#include "gw_nats_relay.hpp"
+
+#include <json-c/json.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "broker_kv_bootstrap.hpp"
+#include "gw_nats_relay_internal.hpp"
+#include "log.hpp"
+#include "qm_handles.hpp"
+#include "qm_nats_conn.hpp"
+#include "qm_nats_nr_backoff.hpp"
+
+struct gw_nats_relay {
+  // Declared in the reverse of the order they are destroyed in: bucket, context, connection.
+  qm::nats_connection_ptr conn;
+  qm::js_ctx_ptr js;
+  qm::kv_store_ptr kv;
+  qm::opt_string js_services;
+  uint64_t relay_timeout_ms = 0;
+  uint64_t relay_max_timeout_ms = 0;
+  uint64_t js_ackwait_ms = 0;
+};
+
+namespace {
+
+constexpr uint64_t kDefaultFloorMs = 30000;
+constexpr uint64_t kDefaultCeilingMs = 300000;
+// Added to every scan budget: the worker's own overhead and the reply's way back.
+constexpr uint64_t kWaitMarginMs = 250;
+constexpr int64_t kMinTtlMs = 1000;
+constexpr int kStagingAttempts = 3;
+constexpr int64_t kStagingRetryPauseMs = 25;
+constexpr size_t kWqSubjectSize = 256;
+constexpr size_t kMaxSubjectLength = 255;
+// Chunks in flight per put: enough to keep the connection busy, few enough that the
+// copies the client library keeps until each acknowledgement stay small (16 MiB).
+constexpr int64_t kChunksInFlight = 32;
+// How long a put waits for room in the pipeline and for its acknowledgements.
+constexpr int64_t kChunkAckWaitMs = 30000;
+// No writer makes more chunks than this (32 GiB); a manifest naming more is broken, and
+// its number is not trusted for reading or deleting.
+constexpr int64_t kMaxChunks = 65536;
+
+// Once-per-process state. Races are harmless: at worst a warning twice or one more
+// TTL write that fails.
+std::atomic<bool> s_gw_msg_ttl_unsupported{false};
+std::atomic<bool> s_gw_warned_budget_clamped{false};
+std::atomic<bool> s_gw_warned_budget_vs_ackwait{false};
+
+const char* s_or(const char* text, const char* fallback) { return text != nullptr ? text : fallback; }
+
+// The client library's last error text for this thread, or "" when there is none.
+std::string s_last_error_text() { return s_or(nats_GetLastError(nullptr), ""); }
+
+// " — <last error>" when the library has one, else "".
+std::string s_last_error_suffix() {
+  const std::string text = s_last_error_text();
+  return text.empty() ? std::string() : " \u2014 " + text;
+}
+
+uint64_t s_saturating_add(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
+
+// A whole text that is one JSON object, or null (not JSON, trailing bytes, not an object).
+qm::json_ptr s_parse_object(const char* text, size_t len) {
+  qm::json_tokener_ptr tok(json_tokener_new());
+  if (!tok || len > INT_MAX) return nullptr;
+  qm::json_ptr doc(json_tokener_parse_ex(tok.get(), text, static_cast<int>(len)));
+  if (!doc || json_tokener_get_error(tok.get()) != json_tokener_success) return nullptr;
+  for (size_t at = json_tokener_get_parse_end(tok.get()); at < len; ++at) {
+    const char c = text[at];
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') return nullptr;
+  }
+  return json_object_is_type(doc.get(), json_type_object) ? std::move(doc) : nullptr;
+}
+qm::json_ptr s_parse_object(const char* text) { return text ? s_parse_object(text, strlen(text)) : nullptr; }
+
+std::string s_serialise(json_object* doc) { return s_or(json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN), ""); }
+
+const char* s_string_field(json_object* doc, const char* name) {
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(doc, name, &value) || !json_object_is_type(value, json_type_string)) return nullptr;
+  return json_object_get_string(value);
+}
+
+// A positive integer field (numbers and numeric strings); 0 when absent or not above 0.
+uint64_t s_positive_field(json_object* doc, const char* name) {
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(doc, name, &value)) return 0;
+  const int64_t number = json_object_get_int64(value);
+  return number > 0 ? static_cast<uint64_t>(number) : 0;
+}
+
+qm::malloc_ptr<char> s_copy_bytes(const char* data, size_t len) {
+  qm::malloc_ptr<char> copy(static_cast<char*>(malloc(len + 1)));
+  if (copy) {
+    if (len > 0) memcpy(copy.get(), data, len);
+    copy.get()[len] = '\0';
+  }
+  return copy;
+}
+
+// ---- Chunked store ---------------------------------------------------------------------
+
+std::string s_kv_subject(kvStore* kv, const std::string& key) { return std::string("$KV.") + kvStore_Bucket(kv) + "." + key; }
+
+std::string s_chunk_key(const std::string& key, size_t index) { return key + "-" + std::to_string(index); }
+
+std::string s_manifest_text(size_t num_chunks, size_t data_len) {
+  char text[64];
+  snprintf(text, sizeof text, "{\"chunks\":%d,\"size\":%zu}", static_cast<int>(num_chunks), data_len);
+  return text;
+}
+
+// Messages published asynchronously on a JetStream context of their own and acknowledged
+// together. One put's (or delete's) pipeline and acknowledgement errors belong to it alone,
+// so that a small payload never waits behind another request's large one.
+class s_pipeline {
+ public:
+  explicit s_pipeline(natsConnection* nc) {
+    jsOptions opts;
+    jsOptions_Init(&opts);
+    opts.PublishAsync.MaxPending = kChunksInFlight;
+    opts.PublishAsync.StallWait = kChunkAckWaitMs;
+    opts.PublishAsync.ErrHandler = s_on_error;
+    opts.PublishAsync.ErrHandlerClosure = this;
+    jsCtx* raw = nullptr;
+    if (natsConnection_JetStream(&raw, nc, &opts) == NATS_OK) js_.reset(raw);
+  }
+  ~s_pipeline() { finish(); }
+  s_pipeline(const s_pipeline&) = delete;
+  s_pipeline& operator=(const s_pipeline&) = delete;
+
+  jsCtx* js() const { return js_.get(); }
+
+  // Starts one publish; `header` (with `value`) is set when given.
+  natsStatus publish(const std::string& subject, const char* data, size_t len, const char* header,
+                     const std::string& value) {
+    if (!js_) return NATS_NO_MEMORY;
+    if (subject.size() > kMaxSubjectLength) return NATS_INVALID_SUBJECT;
+    natsMsg* raw = s_new_msg(subject, data, len, header, value).release();
+    const natsStatus s = raw != nullptr ? js_PublishMsgAsync(js_.get(), &raw, nullptr) : NATS_NO_MEMORY;
+    natsMsg_Destroy(raw);  // still ours only when the library did not take it
+    return s;
+  }
+
+  // Waits for every acknowledgement: "" when all were positive, else what went wrong. A
+  // time-out takes the unacknowledged messages back, so that nothing outlives the pipeline.
+  std::string finish() {
+    if (!js_) return "no JetStream context";
+    jsPubOptions opts;
+    jsPubOptions_Init(&opts);
+    opts.MaxWait = kChunkAckWaitMs;
+    const natsStatus s = js_PublishAsyncComplete(js_.get(), &opts);
+    if (s != NATS_OK) {
+      natsMsgList pending{};
+      if (js_PublishAsyncGetPendingList(&pending, js_.get()) == NATS_OK) natsMsgList_Destroy(&pending);
+      return natsStatus_GetText(s);
+    }
+    std::lock_guard<std::mutex> guard(mu_);
+    return first_error_;
+  }
+
+  static qm::nats_msg_ptr s_new_msg(const std::string& subject, const char* data, size_t len, const char* header,
+                                    const std::string& value) {
+    natsMsg* raw = nullptr;
+    if (len > INT_MAX || natsMsg_Create(&raw, subject.c_str(), nullptr, data, static_cast<int>(len)) != NATS_OK) {
+      return nullptr;
+    }
+    qm::nats_msg_ptr msg(raw);
+    if (header != nullptr && natsMsgHeader_Set(msg.get(), header, value.c_str()) != NATS_OK) return nullptr;
+    return msg;
+  }
+
+ private:
+  // Called on the client library's delivery thread for each refused message.
+  static void s_on_error(jsCtx*, jsPubAckErr* pae, void* closure) {
+    auto* self = static_cast<s_pipeline*>(closure);
+    std::lock_guard<std::mutex> guard(self->mu_);
+    if (!self->first_error_.empty()) return;
+    self->first_error_ = s_or(pae->ErrText, natsStatus_GetText(pae->Err));
+    if (pae->ErrCode != 0) self->first_error_ += " (err_code " + std::to_string(static_cast<int>(pae->ErrCode)) + ")";
+  }
+
+  std::mutex mu_;
+  std::string first_error_;
+  qm::js_ctx_ptr js_;  // last: goes first, while the rest is still there
+};
+
+constexpr const char* kTtlHeader = "Nats-TTL";
+
+natsStatus s_put_manifest(jsCtx* js, kvStore* kv, const std::string& key, const std::string& text,
+                          const std::string& ttl) {
+  if (ttl.empty()) {
+    uint64_t revision = 0;
+    return kvStore_PutString(&revision, kv, key.c_str(), text.c_str());
+  }
+  qm::nats_msg_ptr msg = s_pipeline::s_new_msg(s_kv_subject(kv, key), text.data(), text.size(), kTtlHeader, ttl);
+  if (!msg) return NATS_NO_MEMORY;
+  jsPubAck* raw_ack = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  const natsStatus s = js_PublishMsg(&raw_ack, js, msg.get(), nullptr, &jerr);
+  qm::js_pub_ack_ptr ack(raw_ack);
+  return s;
+}
+
+// One write pass: every chunk pipelined, the acknowledgements awaited together, then the
+// manifest. With ttl_ms > 0 each entry carries that per-message TTL.
+int gw_kv_put_chunks(natsConnection* nc, kvStore* kv, const char* key, const char* data, size_t data_len,
+                     size_t num_chunks, int64_t ttl_ms) {
+  const std::string ttl = ttl_ms > 0 ? std::to_string(ttl_ms) + "ms" : std::string();
+  const char* ttl_header = ttl.empty() ? nullptr : kTtlHeader;
+  s_pipeline pipeline(nc);
+  for (size_t i = 0; i < num_chunks; ++i) {
+    const std::string subject = s_kv_subject(kv, s_chunk_key(key, i));
+    const size_t offset = i * GW_KV_CHUNK_SIZE;
+    const natsStatus s =
+        pipeline.publish(subject, data + offset, std::min(GW_KV_CHUNK_SIZE, data_len - offset), ttl_header, ttl);
+    if (s != NATS_OK) {
+      log_error("nats_relay: chunk publish (%s) failed: %s%s", subject.c_str(), natsStatus_GetText(s),
+                s_last_error_suffix().c_str());
+      return -1;
+    }
+  }
+  const std::string refused = pipeline.finish();
+  if (!refused.empty()) {
+    log_error("nats_relay: js_PublishAsyncComplete failed for key=%s: %s", key, refused.c_str());
+    return -1;
+  }
+  const natsStatus s = s_put_manifest(pipeline.js(), kv, key, s_manifest_text(num_chunks, data_len), ttl);
+  if (s != NATS_OK) {
+    log_error("nats_relay: metadata publish (%s) failed: %s%s", key, natsStatus_GetText(s),
+              s_last_error_suffix().c_str());
+    return -1;
+  }
+  return 0;
+}
+
+struct s_manifest {
+  int64_t chunks = 0;
+  int64_t size = 0;
+};
+
+std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
+  kvEntry* raw = nullptr;
+  if (kvStore_Get(&raw, kv, key) != NATS_OK) return std::nullopt;
+  qm::kv_entry_ptr entry(raw);
+  const char* text = static_cast<const char*>(kvEntry_Value(entry.get()));
+  qm::json_ptr doc = s_parse_object(text, static_cast<size_t>(std::max(kvEntry_ValueLen(entry.get()), 0)));
+  json_object* chunks = nullptr;
+  if (!doc || !json_object_object_get_ex(doc.get(), "chunks", &chunks)) return std::nullopt;
+  json_object* size = nullptr;
+  s_manifest manifest;
+  manifest.chunks = json_object_get_int(chunks);
+  if (json_object_object_get_ex(doc.get(), "size", &size)) manifest.size = json_object_get_int64(size);
+  return manifest;
+}
+
+// The chunks of one payload in order, read ahead by a few threads over the shared
+// connection so that the round trips overlap; at most kReadAhead chunks wait in memory.
+// A payload of one chunk is read on the caller's thread.
+class s_chunk_reader {
+ public:
+  s_chunk_reader(kvStore* kv, const std::string& key, size_t num_chunks)
+      : kv_(kv), key_(key), chunks_(num_chunks), entries_(num_chunks), fetched_(num_chunks, false) {
+    if (num_chunks < 2) return;
+    try {
+      for (size_t i = 0; i < std::min(kReaders, num_chunks); ++i) threads_.emplace_back(&s_chunk_reader::fetch_loop, this);
+    } catch (...) {
+      stop();
+      throw;
+    }
+  }
+  ~s_chunk_reader() { stop(); }
+  s_chunk_reader(const s_chunk_reader&) = delete;
+  s_chunk_reader& operator=(const s_chunk_reader&) = delete;
+
+  // The next chunk, or null when it cannot be read.
+  qm::kv_entry_ptr next() {
+    if (threads_.empty()) return s_get(next_to_take_++);
+    std::unique_lock<std::mutex> lock(mu_);
+    cv_.wait(lock, [&] { return fetched_[next_to_take_]; });
+    qm::kv_entry_ptr entry = std::move(entries_[next_to_take_++]);
+    lock.unlock();
+    cv_.notify_all();
+    return entry;
+  }
+
+ private:
+  static constexpr size_t kReaders = 4;
+  static constexpr size_t kReadAhead = 8;
+
+  qm::kv_entry_ptr s_get(size_t index) const {
+    kvEntry* raw = nullptr;
+    if (kvStore_Get(&raw, kv_, s_chunk_key(key_, index).c_str()) != NATS_OK) return nullptr;
+    return qm::kv_entry_ptr(raw);
+  }
+
+  void fetch_loop() {
+    for (;;) {
+      size_t index = 0;
+      {
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait(lock, [&] { return stop_ || next_to_fetch_ >= chunks_ || next_to_fetch_ < next_to_take_ + kReadAhead; });
+        if (stop_ || next_to_fetch_ >= chunks_) return;
+        index = next_to_fetch_++;
+      }
+      qm::kv_entry_ptr entry = s_get(index);
+      {
+        std::lock_guard<std::mutex> guard(mu_);
+        entries_[index] = std::move(entry);
+        fetched_[index] = true;
+      }
+      cv_.notify_all();
+    }
+  }
+
+  void stop() {
+    {
+      std::lock_guard<std::mutex> guard(mu_);
+      stop_ = true;
+    }
+    cv_.notify_all();
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+  }
+
+  kvStore* kv_;
+  const std::string key_;
+  const size_t chunks_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::vector<qm::kv_entry_ptr> entries_;
+  std::vector<bool> fetched_;
+  size_t next_to_fetch_ = 0;
+  size_t next_to_take_ = 0;
+  bool stop_ = false;
+  std::vector<std::thread> threads_;
+};
+
+// ---- The exchange ------------------------------------------------------------------------
+
+// A payload staged for one request, deleted when the request ends, whichever way.
+class s_staged_payload {
+ public:
+  s_staged_payload(natsConnection* nc, kvStore* kv) : nc_(nc), kv_(kv) {}
+  ~s_staged_payload() { remove(); }
+  s_staged_payload(const s_staged_payload&) = delete;
+  s_staged_payload& operator=(const s_staged_payload&) = delete;
+
+  void hold(const std::string& key, size_t num_chunks) {
+    key_ = key;
+    num_chunks_ = num_chunks;
+  }
+  void remove() {
+    if (key_.empty()) return;
+    kvstore_delete_chunks(nc_, kv_, key_.c_str(), num_chunks_);
+    key_.clear();
+  }
+
+ private:
+  natsConnection* nc_;
+  kvStore* kv_;
+  std::string key_;
+  size_t num_chunks_ = 0;
+};
+
+// Stages the payload under `key`, three tries in all.
+bool s_stage(gw_nats_relay& relay, const char* subject, const char* key, const char* data, size_t data_len,
+             int64_t ttl_ms) {
+  for (int attempt = 1; attempt <= kStagingAttempts; ++attempt) {
+    if (attempt > 1) {
+      log_debug("nats_relay: KV staging retry %d/%d for %s (key %s)", attempt - 1, kStagingAttempts - 1, subject,
+                key);
+      qm::sleep_ms(kStagingRetryPauseMs);
+    }
+    if (kvstore_put_chunked(relay.conn.get(), relay.kv.get(), key, data, data_len, ttl_ms) == 0) return true;
+  }
+  log_warn("nats_relay: KV staging of %zu bytes for %s failed after %d attempts \u2014 failing the request", data_len,
+           subject, kStagingAttempts);
+  return false;
+}
+
+// The request text with "_kv_key" added, or nullopt when request_json is not a JSON object.
+std::optional<std::string> s_with_kv_key(const char* request_json, const char* key) {
+  qm::json_ptr doc = s_parse_object(request_json);
+  if (!doc) return std::nullopt;
+  json_object_object_add(doc.get(), "_kv_key", json_object_new_string(key));
+  return s_serialise(doc.get());
+}
+
+natsStatus gw_core_request(gw_nats_relay& relay, const char* subject, const std::string& json, unsigned long wait_ms,
+                           qm::nats_msg_ptr& reply) {
+  if (json.size() > INT_MAX) return NATS_INVALID_ARG;
+  qm_nats_nr_state_t retry;
+  qm_nats_nr_init(&retry);
+  for (;;) {
+    natsMsg* raw = nullptr;
+    const natsStatus s = natsConnection_Request(&raw, relay.conn.get(), subject, json.data(),
+                                                static_cast<int>(json.size()),
+                                                qm_nats_nr_attempt_timeout_ms(&retry, wait_ms));
+    reply.reset(raw);
+    if (s == NATS_OK || !gw_status_is_transient(s) || !qm_nats_nr_should_retry(&retry, wait_ms, subject)) return s;
+    reply.reset();
+  }
+}
+
+// One attempt of the work-queue route: the reply inbox is subscribed before the job is
+// published, so that no reply can come too early.
+natsStatus gw_js_publish_and_wait(gw_nats_relay& relay, const char* subject, const std::string& envelope,
+                                  const char* reqid, const char* reply_inbox, int64_t timeout_ms,
+                                  qm::nats_msg_ptr& reply, bool& published) {
+  published = false;
+  if (envelope.size() > INT_MAX) return NATS_INVALID_ARG;
+  natsSubscription* raw_sub = nullptr;
+  natsStatus s = natsConnection_SubscribeSync(&raw_sub, relay.conn.get(), reply_inbox);
+  qm::nats_subscription_ptr sub(raw_sub);
+  if (s != NATS_OK) {
+    const std::string detail = s_last_error_suffix();
+    log_warn("nats_relay: JS reply-inbox subscribe failed for %s: %s%s", subject, natsStatus_GetText(s),
+             detail.c_str());
+    return s;
+  }
+  char wq_subject[kWqSubjectSize];
+  qm_nats_wq_subject(subject, wq_subject, sizeof wq_subject);
+  jsPubOptions opts;
+  jsPubOptions_Init(&opts);
+  opts.MsgId = reqid;  // the stream drops a second copy of the same job
+  jsPubAck* raw_ack = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  s = js_Publish(&raw_ack, relay.js.get(), wq_subject, envelope.data(), static_cast<int>(envelope.size()), &opts,
+                 &jerr);
+  qm::js_pub_ack_ptr ack(raw_ack);
+  if (s != NATS_OK) {
+    const std::string detail = s_last_error_suffix();
+    log_warn("nats_relay: JS publish to '%s' failed: %s%s (jerr=%d)", wq_subject, natsStatus_GetText(s),
+             detail.c_str(), static_cast<int>(jerr));
+  } else {
+    published = true;
+    natsMsg* raw = nullptr;
+    s = natsSubscription_NextMsg(&raw, sub.get(), timeout_ms);
+    reply.reset(raw);
+  }
+  natsSubscription_Unsubscribe(sub.get());
+  return s;
+}
+
+// The work-queue route with retries for a job that could not be published; a published
+// job is never published again, whatever its wait then gives.
+natsStatus s_js_exchange(gw_nats_relay& relay, const char* subject, const std::string& envelope, const char* reqid,
+                         const char* inbox, unsigned long wait_ms, qm::nats_msg_ptr& reply, bool& published) {
+  qm_nats_nr_state_t retry;
+  qm_nats_nr_init(&retry);
+  for (;;) {
+    const natsStatus s = gw_js_publish_and_wait(relay, subject, envelope, reqid, inbox,
+                                                qm_nats_nr_attempt_timeout_ms(&retry, wait_ms), reply, published);
+    if (published || s == NATS_OK || !gw_status_is_transient(s) ||
+        !qm_nats_nr_should_retry(&retry, wait_ms, subject)) {
+      return s;
+    }
+    reply.reset();
+  }
+}
+
+struct s_js_envelope {
+  qm::malloc_ptr<char> reqid;
+  qm::c_ptr<natsInbox, natsInbox_Destroy> inbox;
+  std::string text;
+};
+
+// The job for the work queue: the send text with "_reqid" and "_reply_subj". nullopt
+// when a part cannot be made; `text` stays empty when the serialisation gives nothing.
+std::optional<s_js_envelope> s_build_envelope(const std::string& send_text) {
+  s_js_envelope envelope;
+  envelope.reqid.reset(generate_unique_key());
+  natsInbox* raw_inbox = nullptr;
+  if (natsInbox_Create(&raw_inbox) == NATS_OK) envelope.inbox.reset(raw_inbox);
+  qm::json_ptr doc = s_parse_object(send_text.c_str(), send_text.size());
+  if (!envelope.reqid || !envelope.inbox || !doc) return std::nullopt;
+  json_object_object_add(doc.get(), "_reqid", json_object_new_string(envelope.reqid.get()));
+  json_object_object_add(doc.get(), "_reply_subj", json_object_new_string(envelope.inbox.get()));
+  envelope.text = s_serialise(doc.get());
+  return envelope;
+}
+
+void s_warn_wait_beyond_ackwait(const gw_nats_relay& relay, const char* subject, unsigned long wait) {
+  if (relay.js_ackwait_ms == 0 || wait <= relay.js_ackwait_ms) return;
+  if (s_gw_warned_budget_vs_ackwait.exchange(true)) return;
+  log_warn("nats_relay: scan budget for %s allows %lums but the JetStream work queue's AckWait is %lums \u2014 jobs "
+           "running longer than AckWait get redelivered to another worker mid-scan. Raise --js-ackwait-ms above the "
+           "largest expected scan.",
+           subject, wait, static_cast<unsigned long>(relay.js_ackwait_ms));
+}
+
+// Sends send_text by the route the subject's service uses; -1 (logged) when no JetStream
+// envelope can be made.
+int s_exchange(gw_nats_relay& relay, const char* subject, const std::string& send_text, unsigned long wait,
+               qm::nats_msg_ptr& reply, natsStatus& status) {
+  if (gw_service_uses_js(&relay, subject)) {
+    std::optional<s_js_envelope> envelope = s_build_envelope(send_text);
+    if (!envelope) {
+      log_error("nats_relay: failed to build JS envelope for %s", subject);
+      return -1;
+    }
+    if (envelope->text.empty()) {
+      log_warn("nats_relay: could not build the JS envelope for %s \u2014 using core request/reply", subject);
+    } else {
+      log_debug("nats_relay: %s -> JS work queue (jobs.%s), reqid=%s", subject, subject, envelope->reqid.get());
+      s_warn_wait_beyond_ackwait(relay, subject, wait);
+      bool published = false;
+      status = s_js_exchange(relay, subject, envelope->text, envelope->reqid.get(), envelope->inbox.get(), wait,
+                             reply, published);
+      if (status == NATS_OK || published) return 0;
+      log_warn("nats_relay: JS work queue unusable for %s (%s) and the job never entered it \u2014 falling back to "
+               "core request/reply",
+               subject, natsStatus_GetText(status));
+    }
+  }
+  status = gw_core_request(relay, subject, send_text, wait, reply);
+  return 0;
+}
+
+// The payload a reply names by "_kv_key", read and then deleted; nothing when there is
+// none or it cannot be read.
+void s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** reply_data, size_t* reply_data_len) {
+  qm::json_ptr doc = s_parse_object(reply_json);
+  const char* key = doc ? s_string_field(doc.get(), "_kv_key") : nullptr;
+  if (key == nullptr) return;
+  if (kvstore_get_chunked(relay.kv.get(), key, reply_data, reply_data_len) != 0) {
+    log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
+  }
+  kvstore_delete_chunked(relay.conn.get(), relay.kv.get(), key);
+}
+
+int s_request(gw_nats_relay& relay, const char* subject, const char* request_json, const char* data, size_t data_len,
+              unsigned long timeout_ms, char** reply_json, char** reply_data, size_t* reply_data_len) {
+  const bool has_payload = data != nullptr && data_len > 0;
+  uint64_t scan_budget_ms = 0;
+  const unsigned long wait = gw_effective_relay_timeout_ms(&relay, subject, request_json, has_payload ? data_len : 0,
+                                                           timeout_ms, &scan_budget_ms);
+  s_staged_payload staged(relay.conn.get(), relay.kv.get());
+  qm::malloc_ptr<char> key;
+  std::string send_text;
+  if (has_payload) {
+    key.reset(generate_unique_key());
+    if (!key) return -1;
+    staged.hold(key.get(), gw_kv_num_chunks(data_len));
+    const int64_t ttl_ms = gw_kv_ttl_ms_for(std::max<uint64_t>(wait, scan_budget_ms));
+    if (!s_stage(relay, subject, key.get(), data, data_len, ttl_ms)) return -1;
+    std::optional<std::string> with_key = s_with_kv_key(request_json, key.get());
+    if (!with_key) return -1;
+    send_text = std::move(*with_key);
+  } else {
+    send_text = request_json;
+  }
+
+  qm::nats_msg_ptr reply;
+  natsStatus status = NATS_OK;
+  if (s_exchange(relay, subject, send_text, wait, reply, status) != 0) return -1;
+  const char* key_text = key ? key.get() : "(none)";
+  if (status != NATS_OK) {
+    const std::string detail = s_last_error_suffix();
+    log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)", subject,
+             natsStatus_GetText(status), detail.c_str(), wait, static_cast<unsigned long>(scan_budget_ms), key_text);
+    return -1;
+  }
+  log_trace("nats_relay: request OK subject=%s kv_key=%s", subject, key_text);
+  staged.remove();
+  const int body_len = natsMsg_GetDataLength(reply.get());
+  if (body_len > 0) {
+    qm::malloc_ptr<char> body = s_copy_bytes(natsMsg_GetData(reply.get()), static_cast<size_t>(body_len));
+    if (!body) return -1;
+    *reply_json = body.release();
+  }
+  if (*reply_json != nullptr && reply_data != nullptr && reply_data_len != nullptr) {
+    s_take_reply_payload(relay, *reply_json, reply_data, reply_data_len);
+  }
+  return 0;
+}
+
+qm::nats_options_ptr s_build_options(const gw_config_t& cfg) {
+  natsOptions* raw = nullptr;
+  if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
+  qm::nats_options_ptr opts(raw);
+  if (natsOptions_SetURL(opts.get(), qm::cstr(cfg.nats_url)) != NATS_OK) return nullptr;
+  if (cfg.nats_user && cfg.nats_password &&
+      natsOptions_SetUserInfo(opts.get(), cfg.nats_user->c_str(), cfg.nats_password->c_str()) != NATS_OK) {
+    return nullptr;
+  }
+  natsStatus status = NATS_OK;
+  const qm_nats_tls_result_t tls =
+      qm_nats_apply_tls(opts.get(), cfg.nats_url.value_or(""), qm::cstr(cfg.nats_cert_path), &status);
+  if (tls == QM_NATS_TLS_SECURE_FAILED || tls == QM_NATS_TLS_CA_FAILED) return nullptr;
+  return opts;
+}
+
+void s_set_wait_bounds(gw_nats_relay& relay, const gw_config_t& cfg) {
+  relay.relay_timeout_ms = cfg.relay_timeout_ms < 1 ? kDefaultFloorMs : static_cast<uint64_t>(cfg.relay_timeout_ms);
+  relay.relay_max_timeout_ms =
+      cfg.relay_max_timeout_ms < 1 ? kDefaultCeilingMs : static_cast<uint64_t>(cfg.relay_max_timeout_ms);
+  if (relay.relay_max_timeout_ms < relay.relay_timeout_ms) {
+    log_warn("nats_relay: --relay-max-timeout-ms (%lums) is below --relay-timeout-ms (%lums); raising the ceiling to "
+             "the floor",
+             static_cast<unsigned long>(relay.relay_max_timeout_ms), static_cast<unsigned long>(relay.relay_timeout_ms));
+    relay.relay_max_timeout_ms = relay.relay_timeout_ms;
+  }
+  relay.js_ackwait_ms = cfg.js_ackwait_ms < 0 ? 0 : static_cast<uint64_t>(cfg.js_ackwait_ms);
+  log_info("nats_relay: reply wait derived from each request's SCANTIMEOUT, bounded to [%lums, %lums]; requests "
+           "without a scan budget keep the caller's timeout",
+           static_cast<unsigned long>(relay.relay_timeout_ms), static_cast<unsigned long>(relay.relay_max_timeout_ms));
+}
+
+std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
+  auto relay = std::make_unique<gw_nats_relay>();
+  if (qm::has_text(cfg.js_services)) relay->js_services = cfg.js_services;
+  s_set_wait_bounds(*relay, cfg);
+  qm::nats_options_ptr opts = s_build_options(cfg);
+  if (!opts) return nullptr;
+  const char* url = s_or(qm::cstr(cfg.nats_url), "(default)");
+  natsConnection* raw_conn = nullptr;
+  natsStatus s = natsConnection_Connect(&raw_conn, opts.get());
+  relay->conn.reset(raw_conn);
+  if (s != NATS_OK) {
+    log_error("nats_relay: connect to %s failed: %s", url, natsStatus_GetText(s));
+    return nullptr;
+  }
+  jsCtx* raw_js = nullptr;
+  s = natsConnection_JetStream(&raw_js, relay->conn.get(), nullptr);
+  relay->js.reset(raw_js);
+  if (s != NATS_OK) {
+    log_error("nats_relay: JetStream init failed: %s", natsStatus_GetText(s));
+    return nullptr;
+  }
+  kvStore* raw_kv = nullptr;
+  s = js_KeyValue(&raw_kv, relay->js.get(), GW_SCAN_DATA_BUCKET);
+  relay->kv.reset(raw_kv);
+  if (s != NATS_OK) {
+    log_error("nats_relay: KV bucket '%s' bind failed (%s) \u2014 is qm-av-control running and reachable on this NATS?",
+              GW_SCAN_DATA_BUCKET, natsStatus_GetText(s));
+    return nullptr;
+  }
+  log_debug("nats_relay: bound KV bucket '%s'", GW_SCAN_DATA_BUCKET);
+  log_info("nats_relay: connected to %s (JetStream+KV ready)", url);
+  return relay;
+}
+
+}  // namespace
+
+// ---- Wait arithmetic and keys ----------------------------------------------------------
+
+void scan_params_from_json(const char* request_json, uint64_t* scan_timeout_ms, uint64_t* bandwidth) {
+  uint64_t timeout = 0;
+  uint64_t rate = 0;
+  if (qm::json_ptr doc = s_parse_object(request_json)) {
+    timeout = s_positive_field(doc.get(), "SCANTIMEOUT");
+    rate = s_positive_field(doc.get(), "SCANBANDWIDTH");
+  }
+  if (scan_timeout_ms != nullptr) *scan_timeout_ms = timeout;
+  if (bandwidth != nullptr) *bandwidth = rate;
+}
+
+uint64_t gw_transfer_allowance_ms(size_t payload_len, uint64_t bandwidth) {
+  if (payload_len == 0 || bandwidth == 0) return 0;
+  uint64_t divisor = 0;
+  if (__builtin_mul_overflow(bandwidth / 8, uint64_t{1000}, &divisor)) return 0;  // no payload takes that long
+  if (divisor == 0) divisor = (bandwidth * 1000) / 8;
+  if (divisor == 0) return 0;
+  return (payload_len / divisor) * 2;
+}
+
+unsigned long gw_relay_wait_ms(const gw_wait_bounds& bounds, const char* subject, const char* request_json,
+                               size_t data_len, unsigned long caller_timeout_ms, uint64_t* scan_budget_ms) {
+  uint64_t scan_timeout = 0;
+  uint64_t bandwidth = 0;
+  scan_params_from_json(request_json, &scan_timeout, &bandwidth);
+  if (scan_budget_ms != nullptr) *scan_budget_ms = scan_timeout;
+  if (scan_timeout == 0) return caller_timeout_ms;
+  uint64_t wait =
+      s_saturating_add(s_saturating_add(scan_timeout, gw_transfer_allowance_ms(data_len, bandwidth)), kWaitMarginMs);
+  wait = std::max<uint64_t>(wait, bounds.floor_ms);
+  if (wait > bounds.ceiling_ms) {
+    if (!s_gw_warned_budget_clamped.exchange(true)) {
+      log_warn("nats_relay: request to %s asks for %lums (SCANTIMEOUT=%lums + transfer) but the relay ceiling is "
+               "%lums \u2014 clamping, so scans longer than that will fail with a gateway timeout even though the "
+               "worker is still scanning. Raise --relay-max-timeout-ms to at least the largest SCANTIMEOUT in use.",
+               s_or(subject, "(null)"), static_cast<unsigned long>(wait), static_cast<unsigned long>(scan_timeout),
+               bounds.ceiling_ms);
+    }
+    wait = bounds.ceiling_ms;
+  }
+  log_trace("nats_relay: %s wait=%lums (SCANTIMEOUT=%lums, bandwidth=%lu, payload=%zu, caller=%lums)",
+            s_or(subject, "(null)"), static_cast<unsigned long>(wait), static_cast<unsigned long>(scan_timeout),
+            static_cast<unsigned long>(bandwidth), data_len, caller_timeout_ms);
+  return static_cast<unsigned long>(wait);
+}
+
+unsigned long gw_effective_relay_timeout_ms(const gw_nats_relay_t* relay, const char* subject,
+                                            const char* request_json, size_t data_len, unsigned long caller_timeout_ms,
+                                            uint64_t* scan_budget_ms) {
+  const gw_wait_bounds bounds{relay != nullptr ? relay->relay_timeout_ms : kDefaultFloorMs,
+                              relay != nullptr ? relay->relay_max_timeout_ms : kDefaultCeilingMs};
+  return gw_relay_wait_ms(bounds, subject, request_json, data_len, caller_timeout_ms, scan_budget_ms);
+}
+
+char* generate_unique_key() {
+  // Two calls that read the same clock value still get different keys: each key's time
+  // is at least one nanosecond past the previous one's.
+  static std::atomic<uint64_t> last_ns{0};
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const uint64_t read_ns = static_cast<uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<uint64_t>(now.tv_nsec);
+  uint64_t previous = last_ns.load();
+  uint64_t ns = 0;
+  do {
+    ns = std::max(read_ns, previous + 1);
+  } while (!last_ns.compare_exchange_weak(previous, ns));
+  char key[64];
+  snprintf(key, sizeof key, "gw-%d-%lx-%lx", static_cast<int>(getpid()), static_cast<unsigned long>(ns / 1000000000ULL),
+           static_cast<unsigned long>(ns % 1000000000ULL));
+  return strdup(key);
+}
+
+int64_t gw_kv_ttl_ms_for(uint64_t timeout_ms) {
+  const uint64_t ttl = s_saturating_add(timeout_ms, timeout_ms / 10);
+  if (ttl > static_cast<uint64_t>(INT64_MAX)) return INT64_MAX;
+  return std::max<int64_t>(static_cast<int64_t>(ttl), kMinTtlMs);
+}
+
+// ---- Chunked store API ---------------------------------------------------------------------
+
+size_t gw_kv_num_chunks(size_t data_len) {
+  return data_len == 0 ? 1 : (data_len + GW_KV_CHUNK_SIZE - 1) / GW_KV_CHUNK_SIZE;
+}
+
+int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const char* data, size_t data_len,
+                        int64_t ttl_ms) {
+  if (nc == nullptr || kv == nullptr || key == nullptr || (data == nullptr && data_len > 0)) return -1;
+  const size_t num_chunks = gw_kv_num_chunks(data_len);
+  if (ttl_ms > 0 && !s_gw_msg_ttl_unsupported.load()) {
+    if (gw_kv_put_chunks(nc, kv, key, data, data_len, num_chunks, ttl_ms) == 0) {
+      log_trace("nats_relay: kv put key=%s chunks=%d total_size=%zu ttl=%lldms (pipelined)", key,
+                static_cast<int>(num_chunks), data_len, static_cast<long long>(ttl_ms));
+      return 0;
+    }
+    log_warn("nats_relay: per-message TTL write for key=%s failed; falling back to bucket TTL. Ensure the KV stream "
+             "has AllowMsgTTL.",
+             key);
+    s_gw_msg_ttl_unsupported.store(true);
+  }
+  if (gw_kv_put_chunks(nc, kv, key, data, data_len, num_chunks, 0) != 0) return -1;
+  log_trace("nats_relay: kv put key=%s chunks=%d total_size=%zu (pipelined)", key, static_cast<int>(num_chunks),
+            data_len);
+  return 0;
+}
+
+int kvstore_get_chunked(kvStore* kv, const char* key, char** out_data, size_t* out_len) {
+  if (out_data != nullptr) *out_data = nullptr;
+  if (out_len != nullptr) *out_len = 0;
+  if (kv == nullptr || key == nullptr || out_data == nullptr || out_len == nullptr) return -1;
+  const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
+  if (!manifest || manifest->chunks < 1 || manifest->chunks > kMaxChunks || manifest->size <= 0) return -1;
+  const size_t size = static_cast<size_t>(manifest->size);
+  const size_t num_chunks = static_cast<size_t>(manifest->chunks);
+  // A manifest's size must fit its chunks: nothing else can be read back.
+  if (size > num_chunks * GW_KV_CHUNK_SIZE) return -1;
+  try {
+    qm::malloc_ptr<char> buffer(static_cast<char*>(calloc(size, 1)));
+    if (!buffer) return -1;
+    s_chunk_reader reader(kv, key, num_chunks);
+    size_t filled = 0;
+    for (size_t i = 0; i < num_chunks; ++i) {
+      qm::kv_entry_ptr chunk = reader.next();
+      if (!chunk) return -1;
+      const size_t len = static_cast<size_t>(std::max(kvEntry_ValueLen(chunk.get()), 0));
+      if (len > size - filled) return -1;
+      if (len > 0) memcpy(buffer.get() + filled, kvEntry_Value(chunk.get()), len);
+      filled += len;
+    }
+    *out_data = buffer.release();
+    *out_len = size;
+    return 0;
+  } catch (const std::exception& e) {
+    log_error("nats_relay: reading key=%s failed: %s", key, e.what());
+    return -1;
+  }
+}
+
+void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, size_t num_chunks) {
+  if (nc == nullptr || kv == nullptr || key == nullptr) return;
+  // Delete markers, pipelined like the chunks they replace.
+  s_pipeline pipeline(nc);
+  for (size_t i = 0; i <= num_chunks; ++i) {
+    const std::string entry = i < num_chunks ? s_chunk_key(key, i) : std::string(key);
+    if (pipeline.publish(s_kv_subject(kv, entry), nullptr, 0, "KV-Operation", "DEL") != NATS_OK) {
+      kvStore_Delete(kv, entry.c_str());
+    }
+  }
+  pipeline.finish();
+}
+
+void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key) {
+  if (kv == nullptr || key == nullptr) return;
+  const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
+  const bool trusted = manifest && manifest->chunks > 0 && manifest->chunks <= kMaxChunks;
+  kvstore_delete_chunks(nc, kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
+}
+
+bool gw_nats_relay_msg_ttl_unsupported() { return s_gw_msg_ttl_unsupported.load(); }
+
+void gw_nats_relay_reset_once_flags() {
+  s_gw_msg_ttl_unsupported.store(false);
+  s_gw_warned_budget_clamped.store(false);
+  s_gw_warned_budget_vs_ackwait.store(false);
+}
+
+// ---- Relay API -------------------------------------------------------------------------------
+
+gw_nats_relay_t* gw_nats_relay_create(const gw_config_t* cfg) {
+  if (cfg == nullptr) return nullptr;
+  try {
+    return s_create(*cfg).release();
+  } catch (const std::exception& e) {
+    log_error("nats_relay: %s", e.what());
+    return nullptr;
+  }
+}
+
+void gw_nats_relay_destroy(gw_nats_relay_t* relay) { std::unique_ptr<gw_nats_relay> owned(relay); }
+
+unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay) {
+  return relay != nullptr ? static_cast<unsigned long>(relay->relay_timeout_ms) : 0;
+}
+
+int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const char* request_json, const char* data,
+                          size_t data_len, unsigned long timeout_ms, char** reply_json, char** reply_data,
+                          size_t* reply_data_len) {
+  if (reply_json != nullptr) *reply_json = nullptr;
+  if (reply_data != nullptr) *reply_data = nullptr;
+  if (reply_data_len != nullptr) *reply_data_len = 0;
+  if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
+  try {
+    return s_request(*relay, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
+                     reply_data_len);
+  } catch (const std::exception& e) {
+    log_error("nats_relay: request to %s failed: %s", subject, e.what());
+    return -1;
+  }
+}
+
+bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service) {
+  return relay != nullptr && qm_nats_wq_service_in_csv(qm::cstr(relay->js_services), service) == 1;
+}
+
+int qm_nats_wq_service_in_csv(const char* csv, const char* service) {
+  if (csv == nullptr || service == nullptr || csv[0] == '\0') return 0;
+  const size_t service_len = strlen(service);
+  const char* at = csv;
+  while (*at != '\0') {
+    at += strspn(at, ", \t");
+    if (*at == '\0') break;
+    size_t len = strcspn(at, ",");
+    const char* next = at + len;
+    while (len > 0 && (at[len - 1] == ' ' || at[len - 1] == '\t')) --len;
+    if (len == service_len && memcmp(at, service, len) == 0) return 1;
+    at = next;
+  }
+  return 0;
+}
+
+bool gw_status_is_transient(natsStatus s) {
+#ifdef QM_NATS_HAS_LIMIT_REACHED
+  if (s == NATS_LIMIT_REACHED) return true;
+#endif
+  return s == NATS_NO_RESPONDERS || s == NATS_CONNECTION_DISCONNECTED;
+}

@@ -1,0 +1,49 @@
+// The gateway's one NATS client. Every scan request of the front doors and every AMQP
+// password check becomes one request/reply exchange with a worker service: a core
+// request on the caller's subject, or, for the services of --js-work-services, a job in
+// the service's JetStream work queue answered on a private inbox. Binary payloads
+// travel through the "qm-av-scan-data" bucket in chunks, named by "_kv_key".
+#pragma once
+
+#include <nats/nats.h>
+
+#include <cstddef>
+
+#include "gw_config.hpp"
+
+struct gw_nats_relay;
+using gw_nats_relay_t = gw_nats_relay;
+
+// Connects as the gateway user of `cfg` and binds the scan-data bucket (made by the KV
+// bootstrap, never here). NULL on any failure, logged where it happened.
+gw_nats_relay_t* gw_nats_relay_create(const gw_config_t* cfg);
+
+// Accepts NULL. No other thread may still be inside gw_nats_relay_request.
+void gw_nats_relay_destroy(gw_nats_relay_t* relay);
+
+// The wait for requests without a scan budget (auth and control calls); 0 for NULL.
+unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay);
+
+// Sends request_json (a JSON object) to `subject` and waits for the worker's reply.
+// data/data_len: an optional payload, staged only when both are set. timeout_ms: the
+// wait for requests without "SCANTIMEOUT"; requests with one get a wait derived from it,
+// bounded by the relay's floor and ceiling. 0 when a reply arrived: *reply_json is a
+// copy of its body (NULL for an empty body) and, when the caller passes
+// reply_data/reply_data_len, the payload the reply names by "_kv_key". -1 on any
+// failure, a time-out included. The outputs are cleared on entry; the caller frees
+// them with free(). Blocks for up to the wait plus retry back-off; any thread may call
+// it at any time, no lock is taken.
+int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const char* request_json, const char* data,
+                          size_t data_len, unsigned long timeout_ms, char** reply_json, char** reply_data,
+                          size_t* reply_data_len);
+
+// True when `service` is one of the relay's JetStream work-queue services.
+bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service);
+
+// 1 when `service` is an entry of the comma-separated list (blanks and tabs around
+// entries ignored, exact and case-sensitive match), else 0; 0 for NULL or empty input.
+int qm_nats_wq_service_in_csv(const char* csv, const char* service);
+
+// The statuses worth a retry with back-off: no responders, disconnected, and limit
+// reached where the client library has that status (nats.c 3.4.1 has not).
+bool gw_status_is_transient(natsStatus s);

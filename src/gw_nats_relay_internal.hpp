@@ -1,0 +1,72 @@
+// The relay's building blocks below its API: the reply-wait arithmetic, payload keys,
+// and the chunked store in "qm-av-scan-data". The demo scan worker speaks the same chunk
+// layout through these, and the tests reach them here; the gateway's callers use
+// gw_nats_relay.hpp only.
+#pragma once
+
+#include <nats/nats.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "gw_nats_relay.hpp"
+
+inline constexpr const char* GW_SCAN_DATA_BUCKET = "qm-av-scan-data";
+// Every chunk holds this many bytes but the last, which holds the rest.
+inline constexpr size_t GW_KV_CHUNK_SIZE = 524288;
+
+// The bounds of the reply wait for requests that carry a scan budget.
+struct gw_wait_bounds {
+  unsigned long floor_ms;
+  unsigned long ceiling_ms;
+};
+
+// "SCANTIMEOUT" and "SCANBANDWIDTH" of request_json, each 0 unless present and above 0.
+void scan_params_from_json(const char* request_json, uint64_t* scan_timeout_ms, uint64_t* bandwidth);
+
+// Extra wait for moving payload_len bytes at `bandwidth`; 0 when either is 0.
+uint64_t gw_transfer_allowance_ms(size_t payload_len, uint64_t bandwidth);
+
+// The reply wait: caller_timeout_ms as it is without a scan budget, else the budget plus
+// transfer allowance plus a margin, raised to the floor and lowered to the ceiling.
+// *scan_budget_ms receives the request's SCANTIMEOUT (0 without one).
+unsigned long gw_relay_wait_ms(const gw_wait_bounds& bounds, const char* subject, const char* request_json,
+                               size_t data_len, unsigned long caller_timeout_ms, uint64_t* scan_budget_ms);
+unsigned long gw_effective_relay_timeout_ms(const gw_nats_relay_t* relay, const char* subject,
+                                            const char* request_json, size_t data_len, unsigned long caller_timeout_ms,
+                                            uint64_t* scan_budget_ms);
+
+// A new key "gw-<pid>-<hex seconds>-<hex nanoseconds>" of the monotonic clock, never
+// the same twice in one process (release with free()); NULL when memory runs out.
+char* generate_unique_key();
+
+// Lifetime of staged entries for a reply wait of timeout_ms: 110 % of it, at least 1 s.
+int64_t gw_kv_ttl_ms_for(uint64_t timeout_ms);
+
+// Stores data under `key` of the bucket `kv` as chunks "key-0" ... and the manifest
+// "key" ({"chunks":n,"size":len}) last, publishing the chunks pipelined on a JetStream
+// context of its own made from nc. With ttl_ms > 0 every entry asks for that
+// per-message TTL, until the server has refused one: from then on this process relies
+// on the bucket's TTL. 0, or -1 with the chunks written so far left in the bucket.
+int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const char* data, size_t data_len,
+                        int64_t ttl_ms);
+
+// The payload under `key`, newly allocated (release with free()); -1 when the manifest
+// or a chunk is missing or they disagree.
+int kvstore_get_chunked(kvStore* kv, const char* key, char** out_data, size_t* out_len);
+
+// Deletes the chunks the manifest names, then the manifest, pipelined on a JetStream
+// context of its own made from nc; errors are ignored.
+void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key);
+
+// Deletes "key-0" ... "key-(num_chunks-1)" and "key" whether or not a manifest exists:
+// what a failed put may have left behind. Errors are ignored.
+void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, size_t num_chunks);
+
+// How many chunks a payload of data_len bytes takes (at least 1).
+size_t gw_kv_num_chunks(size_t data_len);
+
+// Tests only: whether this process has given up on per-message TTLs, and a reset of
+// that and of the once-per-process warnings.
+bool gw_nats_relay_msg_ttl_unsupported();
+void gw_nats_relay_reset_once_flags();

@@ -1,0 +1,85 @@
+// Worker threads between the AMQP event loop, which must never block, and the relay,
+// which blocks for a scan's whole budget. The loop submits each inbound request as a
+// job; a worker relays it and hands the finished job back to its connection through a
+// reference-counted handle, then wakes the loop to send the reply.
+#pragma once
+
+#include <proton/codec.h>
+#include <proton/message.h>
+#include <proton/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "gw_nats_relay.hpp"
+#include "qm_cpp.hpp"
+
+struct gw_relay_conn_handle;
+using gw_relay_conn_handle_t = gw_relay_conn_handle;
+
+// One inbound request and, once relayed, its result. Owned by the pool's queue while
+// queued, by a worker while running, by its handle's completed list after hand-off and
+// by the acceptor while it replies. Release with gw_relay_job_free.
+struct gw_relay_job {
+  gw_relay_job* next = nullptr;
+  gw_relay_conn_handle_t* handle = nullptr;  // one reference held by the job
+  pn_message_t* incoming_msg_owned = nullptr;  // kept alive while bin_data points into it
+  std::string address;                          // NATS subject, already rewritten
+  std::string json_str;                         // request JSON
+  char* bin_data = nullptr;  // payload: points into incoming_msg_owned, or malloc'd and owned when that is NULL
+  size_t bin_len = 0;
+  qm::opt_string reply_to;
+  pn_atom_t cid_atom{};                // correlation id copied into the reply
+  std::vector<char> cid_bytes_owned;  // storage a string or binary cid_atom points into
+  int rc = -1;                         // the relay's result: 0 or -1
+  qm::malloc_ptr<char> reply_json;
+  qm::malloc_ptr<char> reply_data;
+  size_t reply_data_len = 0;
+
+  gw_relay_job() = default;
+  gw_relay_job(const gw_relay_job&) = delete;
+  gw_relay_job& operator=(const gw_relay_job&) = delete;
+  ~gw_relay_job();
+};
+using gw_relay_job_t = gw_relay_job;
+
+struct gw_relay_pool;
+using gw_relay_pool_t = gw_relay_pool;
+
+// A job with every field empty; NULL when memory runs out.
+gw_relay_job_t* gw_relay_job_new();
+
+// Accepts NULL. Drops the job's handle reference, then frees what the job owns.
+void gw_relay_job_free(gw_relay_job_t* job);
+
+// num_threads workers relaying through `relay` (not owned). NULL when relay is NULL,
+// num_threads < 1, or a thread cannot start.
+gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads);
+
+// Queues the job (FIFO, unbounded) and returns 0 at once. -1 when pool or job is NULL,
+// the job has no handle or the pool is stopped; the job is then freed here, so a
+// submitted job is never the caller's to free.
+int gw_relay_pool_submit(gw_relay_pool_t* pool, gw_relay_job_t* job);
+
+// Accepts NULL. Stops taking jobs, lets the workers relay and hand off everything
+// already queued, joins them and frees the pool. Call after the event loop has stopped.
+void gw_relay_pool_destroy(gw_relay_pool_t* pool);
+
+// The handle of one AMQP connection: reference count 1 (the connection's own), not
+// released, nothing completed. NULL when memory runs out.
+gw_relay_conn_handle_t* gw_relay_conn_handle_new(pn_connection_t* conn);
+
+// One more reference, for a job that is given the handle. Accepts NULL.
+void gw_relay_conn_handle_addref(gw_relay_conn_handle_t* h);
+
+// Drops a reference; the last one frees the jobs still completed and the handle.
+void gw_relay_conn_handle_release(gw_relay_conn_handle_t* h);
+
+// The connection has ended: jobs completed from now on are discarded, those waiting are
+// freed. The event loop then releases the connection's own reference.
+void gw_relay_conn_handle_close(gw_relay_conn_handle_t* h);
+
+// Every completed job, newest first (linked by `next`), or NULL. For the event loop
+// when it is woken.
+gw_relay_job_t* gw_relay_conn_handle_drain(gw_relay_conn_handle_t* h);

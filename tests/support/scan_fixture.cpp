@@ -1,0 +1,190 @@
+#include "scan_fixture.hpp"
+
+#include <json-c/json.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <csignal>
+#include <stdexcept>
+
+#include "broker_kv_bootstrap.hpp"
+#include "gw_nats_relay_internal.hpp"
+#include "log.hpp"
+
+namespace qmtest {
+
+using namespace std::chrono_literals;
+
+std::string scan_worker_binary() { return QM_SCAN_WORKER_BINARY; }
+
+ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel) {
+  std::vector<std::string> argv = {scan_worker_binary(), "--nats-url", url, "--service", service, "--tracelevel",
+                                   std::to_string(tracelevel)};
+  if (work_queue) argv.emplace_back("--work-queue");
+  child_ = std::make_unique<Child>(argv);
+  // Below info level the worker does not say that it is ready: it answers a request then.
+  qm::nats_connection_ptr probe;
+  if (tracelevel < QMLOG_INFO) {
+    natsConnection* raw = nullptr;
+    if (natsConnection_ConnectTo(&raw, url.c_str()) != NATS_OK) throw std::runtime_error("connect " + url);
+    probe.reset(raw);
+  }
+  const auto ready = [&] {
+    if (probe == nullptr) return log().find("qm-scan-worker: ready") != std::string::npos;
+    natsMsg* reply = nullptr;
+    const bool answered = natsConnection_RequestString(&reply, probe.get(), service.c_str(), "{}", 200) == NATS_OK;
+    natsMsg_Destroy(reply);
+    return answered;
+  };
+  const bool up = wait_until([&] { return !child_->running() || ready(); }, 30s);
+  if (!up || !child_->running()) throw std::runtime_error("scan worker did not come up:\n" + log());
+}
+
+ScanEnv::ScanEnv(ScanEnvOptions options) : work_services_(options.work_services) {
+  broker_workqueue_opts wq;
+  wq.work_services = work_services_.c_str();
+  wq.ackwait_ns = static_cast<int64_t>(options.ackwait_ms) * 1000000;
+  wq.maxdeliver = 3;
+  if (broker_kv_bootstrap(url().c_str(), nullptr, nullptr, nullptr, 1, true, true, &wq) != 0) {
+    throw std::runtime_error("KV bootstrap failed against " + url());
+  }
+  natsConnection* raw_nc = nullptr;
+  if (natsConnection_ConnectTo(&raw_nc, url().c_str()) != NATS_OK) throw std::runtime_error("connect " + url());
+  nc_.reset(raw_nc);
+  jsCtx* raw_js = nullptr;
+  kvStore* raw_kv = nullptr;
+  if (natsConnection_JetStream(&raw_js, nc_.get(), nullptr) != NATS_OK) throw std::runtime_error("jetstream");
+  js_.reset(raw_js);
+  if (js_KeyValue(&raw_kv, js_.get(), GW_SCAN_DATA_BUCKET) != NATS_OK) throw std::runtime_error("scan-data bucket");
+  kv_.reset(raw_kv);
+}
+
+ScanEnv::~ScanEnv() {
+  for (auto& worker : workers_) {
+    worker->child().signal(SIGTERM);
+    worker->child().wait(10s);
+  }
+  workers_.clear();
+  kv_.reset();
+  js_.reset();
+  nc_.reset();
+  server_.stop();
+}
+
+ScanWorker& ScanEnv::start_worker(const std::string& service, bool work_queue, int tracelevel) {
+  workers_.push_back(std::make_unique<ScanWorker>(url(), service, work_queue, tracelevel));
+  return *workers_.back();
+}
+
+gw_config_t ScanEnv::relay_config() const {
+  gw_config_t cfg;
+  cfg.nats_url = url();
+  if (!work_services_.empty()) cfg.js_services = work_services_;
+  return cfg;
+}
+
+relay_ptr ScanEnv::make_relay(const std::function<void(gw_config_t&)>& tweak) const {
+  gw_config_t cfg = relay_config();
+  if (tweak) tweak(cfg);
+  relay_ptr relay(gw_nats_relay_create(&cfg));
+  if (!relay) throw std::runtime_error("relay did not connect to " + url());
+  return relay;
+}
+
+std::vector<std::string> ScanEnv::bucket_keys() {
+  std::vector<std::string> keys;
+  kvKeysList list{};
+  if (kvStore_Keys(&list, kv_.get(), nullptr) != NATS_OK) return keys;
+  for (int i = 0; i < list.Count; ++i) keys.emplace_back(list.Keys[i]);
+  kvKeysList_Destroy(&list);
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
+std::string ScanEnv::js_api(const std::string& subject, const std::string& body) {
+  natsMsg* raw = nullptr;
+  if (natsConnection_Request(&raw, nc_.get(), subject.c_str(), body.data(), static_cast<int>(body.size()), 5000) !=
+      NATS_OK) {
+    return "";
+  }
+  qm::nats_msg_ptr reply(raw);
+  return std::string(natsMsg_GetData(raw), static_cast<size_t>(natsMsg_GetDataLength(raw)));
+}
+
+namespace {
+
+json_object* s_config_of(json_object* doc) {
+  json_object* config = nullptr;
+  return doc != nullptr && json_object_object_get_ex(doc, "config", &config) ? config : nullptr;
+}
+
+}  // namespace
+
+bool ScanEnv::update_stream_field(const std::string& stream, const std::string& field, const std::string& json_value) {
+  qm::json_ptr info(json_tokener_parse(js_api("$JS.API.STREAM.INFO." + stream).c_str()));
+  json_object* config = s_config_of(info.get());
+  if (config == nullptr) return false;
+  json_object_object_add(config, field.c_str(), json_tokener_parse(json_value.c_str()));
+  qm::json_ptr reply(json_tokener_parse(js_api("$JS.API.STREAM.UPDATE." + stream, json_object_to_json_string(config)).c_str()));
+  return s_config_of(reply.get()) != nullptr;
+}
+
+bool ScanEnv::scan_data_has_msg_ttl() {
+  qm::json_ptr info(json_tokener_parse(js_api(std::string("$JS.API.STREAM.INFO.KV_") + GW_SCAN_DATA_BUCKET).c_str()));
+  json_object* flag = nullptr;
+  json_object* config = s_config_of(info.get());
+  return config != nullptr && json_object_object_get_ex(config, "allow_msg_ttl", &flag) && json_object_get_boolean(flag);
+}
+
+RelayReply relay_request(gw_nats_relay_t* relay, const std::string& subject, const std::string& request_json,
+                         const std::string& payload, unsigned long timeout_ms) {
+  RelayReply result;
+  char* json = nullptr;
+  char* data = nullptr;
+  size_t data_len = 0;
+  result.rc = gw_nats_relay_request(relay, subject.c_str(), request_json.c_str(),
+                                    payload.empty() ? nullptr : payload.data(), payload.size(), timeout_ms, &json,
+                                    &data, &data_len);
+  qm::malloc_ptr<char> owned_json(json);
+  qm::malloc_ptr<char> owned_data(data);
+  result.has_json = json != nullptr;
+  if (json != nullptr) result.json = json;
+  result.has_data = data != nullptr;
+  if (data != nullptr) result.data.assign(data, data_len);
+  return result;
+}
+
+std::string test_payload(size_t size) {
+  std::string bytes(size, '\0');
+  uint32_t state = 0x9e3779b9u;
+  for (size_t i = 0; i < size; ++i) {
+    state ^= state << 13;
+    state ^= state >> 17;
+    state ^= state << 5;
+    bytes[i] = static_cast<char>(state >> 24);
+  }
+  return bytes;
+}
+
+std::string sha256_hex(const std::string& data) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  EVP_Digest(data.data(), data.size(), digest, &len, EVP_sha256(), nullptr);
+  static const char* const kHex = "0123456789abcdef";
+  std::string hex;
+  for (unsigned int i = 0; i < len; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 15];
+  }
+  return hex;
+}
+
+std::string json_member(const std::string& json, const char* name) {
+  qm::json_ptr doc(json_tokener_parse(json.c_str()));
+  if (!doc || !json_object_is_type(doc.get(), json_type_object)) return "<bad json>";
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(doc.get(), name, &value)) return "<absent>";
+  return json_object_get_string(value);
+}
+
+}  // namespace qmtest
