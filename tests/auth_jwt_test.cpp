@@ -4,10 +4,12 @@
 #include <json-c/json.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -409,18 +411,36 @@ TEST_F(SigningKeyFile, TokensAreSignedWithTheSeedOnDisk) {
   decode_and_verify(token, issuer);
 }
 
-TEST_F(SigningKeyFile, UnusablePathsStillGiveAnInMemoryKey) {
-  // A directory cannot be read as a seed nor written: the key lives in memory only.
+// An existing key that cannot be read is the issuer identity nats-server trusts: making
+// a new one would lock every client out. Only a missing or short file makes one.
+TEST_F(SigningKeyFile, AKeyThatExistsButCannotBeReadIsAnError) {
   const std::string as_dir = dir_.file("a-directory");
   std::filesystem::create_directory(as_dir);
-  const std::string a = nkey_for(as_dir);
-  const std::string b = nkey_for(as_dir);
-  EXPECT_EQ(a.size(), 56u);
-  EXPECT_NE(a, b);
+  const std::string as_fifo = dir_.file("a-fifo");
+  ASSERT_EQ(mkfifo(as_fifo.c_str(), 0600), 0);
+  for (const std::string& path : {as_dir, as_fifo}) {
+    EXPECT_EQ(CtxPtr(auth_jwt_init(path.c_str())), nullptr) << path;
+  }
+  // Nothing was replaced, and nothing written next to them.
   EXPECT_TRUE(std::filesystem::is_directory(as_dir));
+  EXPECT_TRUE(std::filesystem::is_fifo(as_fifo));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 2);
+  // A path in a missing directory cannot be written: the key lives in memory only.
   const std::string in_missing_dir = dir_.file("nope/seed");
   EXPECT_EQ(nkey_for(in_missing_dir).size(), 56u);
   EXPECT_FALSE(std::filesystem::exists(in_missing_dir));
+}
+
+// The new key replaces the short file by a rename: the old file's other names keep its
+// bytes, and no temporary file is left behind.
+TEST_F(SigningKeyFile, ANewKeyIsRenamedIntoPlace) {
+  qmtest::write_file(path_, "short");
+  const std::string other_name = dir_.file("other-name");
+  ASSERT_EQ(link(path_.c_str(), other_name.c_str()), 0);
+  nkey_for(path_);
+  EXPECT_EQ(qmtest::read_file(path_).size(), 32u);
+  EXPECT_EQ(qmtest::read_file(other_name), "short");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 2);
 }
 
 }  // namespace
