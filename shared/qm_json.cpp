@@ -6,6 +6,18 @@
 
 namespace qm {
 
+const char* json_string_member(json_object* obj, const char* key) {
+  json_object* member = nullptr;
+  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;
+  return json_object_is_type(member, json_type_string) ? json_object_get_string(member) : nullptr;
+}
+
+json_object* json_object_member(json_object* obj, const char* key) {
+  json_object* member = nullptr;
+  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;
+  return json_object_is_type(member, json_type_object) ? member : nullptr;
+}
+
 void json_wipe_strings(json_object* root) {
   if (root == nullptr) return;
   switch (json_object_get_type(root)) {

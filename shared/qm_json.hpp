@@ -10,6 +10,10 @@
 
 namespace qm {
 
+// The member `key` of obj when it is of that type, else NULL (also for a NULL obj).
+const char* json_string_member(json_object* obj, const char* key);
+json_object* json_object_member(json_object* obj, const char* key);
+
 // Overwrites every string value in the document (nested objects and arrays included).
 void json_wipe_strings(json_object* root);
 

@@ -60,7 +60,8 @@ bool qm_nats_configure_tls(natsOptions* opts, const std::string& url, const char
       return true;
     case QM_NATS_TLS_SECURE_FAILED:
       if (texts.secure_failed != nullptr)
-        log_log(texts.failure_level, __func__, __FILE_NAME__, __LINE__, texts.secure_failed, natsStatus_GetText(status));
+        log_log(texts.failure_level, __func__, __FILE_NAME__, __LINE__, texts.secure_failed,
+                natsStatus_GetText(status));
       return false;
     case QM_NATS_TLS_CA_FAILED:
       if (texts.ca_failed != nullptr)
