@@ -1,6 +1,5 @@
 // The auth service's one decision path, without nats-server: what the cache may answer
-// for whom, what is decided without the directory, and refreshes that end before the
-// decider does.
+// for whom, and refreshes that end before the decider does.
 #include "auth_decision.hpp"
 
 #include <gtest/gtest.h>
@@ -104,38 +103,6 @@ TEST_F(AuthDecision, ACalloutGetsTheUsersProfileWhateverPutTheGrantInTheCache) {
     // The verify endpoint's answer is the cache's, as before.
     EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_VERIFY, bob, kBobPassword}).source, AUTH_VERDICT_CACHED);
   }
-}
-
-TEST_F(AuthDecision, FileUsersAndRefusalsWithoutADirectoryAreDecidedAtOnce) {
-  auto directory = qmtest::start_directory();
-  ldap_ptr ldap(auth_ldap_init(directory->url().c_str(), "dc=qm,dc=test", qmtest::kReaderDn, "reader-secret", nullptr,
-                               nullptr, nullptr, nullptr, nullptr, nullptr, 1, 300, "memberOf", nullptr));
-  ASSERT_NE(ldap, nullptr);
-  directory->pause();  // anything that asked the directory now would hang
-  decider_ptr with_directory = decider(ldap.get());
-  decider_ptr file_only = decider();
-  const qm::secret_string wrong("wrong");
-  struct check {
-    auth_decider_t* d;
-    const char* user;
-    const qm::secret_string& password;
-    bool decided_now;
-    bool granted;
-  };
-  const check checks[] = {{with_directory.get(), "bob", kBobPassword, true, true},
-                          {with_directory.get(), "lara", wrong, false, false},
-                          {with_directory.get(), "", wrong, true, false},
-                          {file_only.get(), "lara", wrong, true, false}};
-  for (const check& c : checks) {
-    SCOPED_TRACE(c.user);
-    const std::string user = c.user;
-    const std::optional<auth_verdict> now = auth_decide_now(c.d, {AUTH_ASKER_CALLOUT, user, c.password});
-    ASSERT_EQ(now.has_value(), c.decided_now);
-    if (now) {
-      EXPECT_EQ(now->granted, c.granted);
-    }
-  }
-  directory->resume();
 }
 
 // A refresh stuck in the directory holds up the decider's end: it must never outlive
