@@ -15,18 +15,13 @@
 #include <thread>
 #include <vector>
 
+#include "qm_handles.hpp"
 #include "test_support.hpp"
 
 namespace {
 
-struct CtxDeleter {
-  void operator()(auth_jwt_ctx_t* c) const { auth_jwt_destroy(c); }
-};
-using CtxPtr = std::unique_ptr<auth_jwt_ctx_t, CtxDeleter>;
-struct JsonDeleter {
-  void operator()(json_object* j) const { json_object_put(j); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonDeleter>;
+using CtxPtr = qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy>;
+using JsonPtr = qm::json_ptr;
 
 // Independent decoders, so that the tests do not trust the code under test.
 std::vector<unsigned char> base32_decode(const std::string& text) {
@@ -109,9 +104,9 @@ DecodedToken decode_and_verify(const std::string& token, const std::string& issu
   EXPECT_EQ(signature.size(), 64u);
 
   const std::vector<unsigned char> pub = public_key_of(issuer);
-  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> pkey(
-      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, pub.data(), pub.size()), EVP_PKEY_free);
-  std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  qm::evp_pkey_ptr pkey(
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, pub.data(), pub.size()));
+  qm::evp_md_ctx_ptr md(EVP_MD_CTX_new());
   EXPECT_TRUE(pkey && md);
   EXPECT_EQ(EVP_DigestVerifyInit(md.get(), nullptr, nullptr, nullptr, pkey.get()), 1);
   const std::string signed_part = token.substr(0, dot2);
@@ -391,10 +386,9 @@ TEST_F(SigningKeyFile, LongerFileIsUsedAsIsAndNotRewritten) {
 TEST_F(SigningKeyFile, TokensAreSignedWithTheSeedOnDisk) {
   const std::string seed(32, '\x42');
   qmtest::write_file(path_, seed);
-  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> reference(
+  qm::evp_pkey_ptr reference(
       EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(seed.data()),
-                                   seed.size()),
-      EVP_PKEY_free);
+                                   seed.size()));
   ASSERT_NE(reference, nullptr);
   std::vector<unsigned char> reference_public(32);
   size_t len = reference_public.size();

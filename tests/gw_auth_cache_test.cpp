@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 namespace {
@@ -20,10 +21,7 @@ using namespace std::chrono_literals;
 std::atomic<int64_t> g_now_ms{1'000'000};
 int64_t fake_clock() { return g_now_ms.load(); }
 
-struct CacheDeleter {
-  void operator()(gw_auth_cache_t* c) const { gw_auth_cache_destroy(c); }
-};
-using CachePtr = std::unique_ptr<gw_auth_cache_t, CacheDeleter>;
+using CachePtr = qm::c_ptr<gw_auth_cache_t, gw_auth_cache_destroy>;
 
 // Entry times follow a clock the test moves by hand.
 class AuthCache : public ::testing::Test {

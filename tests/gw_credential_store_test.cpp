@@ -13,16 +13,14 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 namespace {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
-struct StoreDeleter {
-  void operator()(gw_credential_store_t* s) const { gw_credential_store_free(s); }
-};
-using StorePtr = std::unique_ptr<gw_credential_store_t, StoreDeleter>;
+using StorePtr = qm::c_ptr<gw_credential_store_t, gw_credential_store_free>;
 
 Entries entries_of(gw_credential_store_t* store) {
   Entries out;
