@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "auth_handler.hpp"
+#include "auth_callout.hpp"
 #include "auth_jwt.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -48,4 +48,34 @@ qm_nats_tls_result_t qm_nats_apply_tls(natsOptions* opts, const std::string& url
   return QM_NATS_TLS_SECURED;
 }
 
+bool qm_nats_configure_tls(natsOptions* opts, const std::string& url, const char* cert_path,
+                           const qm_nats_tls_texts& texts) {
+  natsStatus status = NATS_OK;
+  switch (qm_nats_apply_tls(opts, url, cert_path, &status)) {
+    case QM_NATS_TLS_PLAIN:
+    case QM_NATS_TLS_SECURED:
+      return true;
+    case QM_NATS_TLS_NO_CA:
+      if (texts.no_ca_warning != nullptr) log_warn("%s", texts.no_ca_warning);
+      return true;
+    case QM_NATS_TLS_SECURE_FAILED:
+      if (texts.secure_failed != nullptr)
+        log_log(texts.failure_level, __func__, __FILE_NAME__, __LINE__, texts.secure_failed,
+                natsStatus_GetText(status));
+      return false;
+    case QM_NATS_TLS_CA_FAILED:
+      if (texts.ca_failed != nullptr)
+        log_log(texts.failure_level, __func__, __FILE_NAME__, __LINE__, texts.ca_failed, cert_path,
+                natsStatus_GetText(status));
+      return false;
+  }
+  return false;
+}
+
+void qm_nats_msg_wipe(natsMsg* msg) {
+  if (msg == nullptr || natsMsg_GetData(msg) == nullptr || natsMsg_GetDataLength(msg) <= 0) return;
+  // The payload is the message's own buffer; the library only hands it out read-only.
+  OPENSSL_cleanse(const_cast<char*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)));
+}
+
 int qm_nats_library_open() { return nats_Open(0) == NATS_OK ? 0 : -1; }

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "log.hpp"
 #include "qm_handles.hpp"
 
 // Opens the NATS client library with mutexes that sleep at once instead of spinning
@@ -34,3 +35,21 @@ enum qm_nats_tls_result_t {
 // of a failed step.
 qm_nats_tls_result_t qm_nats_apply_tls(natsOptions* opts, const std::string& url, const char* cert_path,
                                        natsStatus* status);
+
+// What a module says about its connection's TLS set-up, in its own words; a NULL text
+// says nothing. The failure texts are printf formats.
+struct qm_nats_tls_texts {
+  const char* no_ca_warning = nullptr;  // TLS without a CA bundle: logged at WARN, the connection goes on
+  int failure_level = QMLOG_ERROR;      // level of the two failure texts
+  const char* secure_failed = nullptr;  // "%s": the library's status text
+  const char* ca_failed = nullptr;      // "%s" the CA bundle's path, "%s" the library's status text
+};
+
+// qm_nats_apply_tls with its outcome logged in the caller's words. True when the options
+// are ready to connect.
+bool qm_nats_configure_tls(natsOptions* opts, const std::string& url, const char* cert_path,
+                           const qm_nats_tls_texts& texts);
+
+// Overwrites a received message's payload: requests to the auth subjects carry a
+// client's password. The message stays valid; accepts NULL.
+void qm_nats_msg_wipe(natsMsg* msg);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 
+#include "auth_decision.hpp"  // auth_dispatch_validate(_ext): the live check behind both subjects
 #include "qm_cpp.hpp"
 
 enum auth_backend_type_t {
@@ -55,8 +56,6 @@ auth_backend_type_t auth_config_parse_backend(const char* text);
 
 struct gw_credential_store;
 struct gw_auth_cache;
-struct auth_ldap_ctx;
-struct ldap_user_info;
 
 struct auth_service;
 using auth_service_t = auth_service;
@@ -68,31 +67,11 @@ auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store* 
 // Connects, subscribes and serves until auth_service_stop. 0 after a clean stop, -1 when
 // start-up fails (logged at FATAL). Blocking.
 int auth_service_run(auth_service_t* svc);
+// Waits until auth_service_run (on another thread) serves, that is, until nats-server
+// has confirmed both subscriptions: 0 then; -1 when run returned without getting there
+// (start-up failed). Returns at once when either has happened already.
+int auth_service_wait_serving(auth_service_t* svc);
 // Asks auth_service_run to return (within 500 ms). Async-signal-safe; accepts NULL.
 void auth_service_stop(auth_service_t* svc);
 // Releases whatever auth_service_run left behind, then the service. Accepts NULL.
 void auth_service_destroy(auth_service_t* svc);
-
-// The credential check behind both subjects: the credentials file first, then LDAP.
-// *out_backend (if given) becomes "none", "file" or "ldap"; out_info (if given) is cleared
-// and, after an LDAP grant, holds the user's groups. False at once for NULL or empty
-// user or password.
-bool auth_dispatch_validate_ext(gw_credential_store* creds, auth_ldap_ctx* ldap_ctx, const char* user,
-                                const char* password, const char** out_backend, ldap_user_info* out_info);
-bool auth_dispatch_validate(gw_credential_store* creds, auth_ldap_ctx* ldap_ctx, const char* user,
-                            const char* password, const char** out_backend);
-
-// What a callout request (the JWT nats-server sends) says about the connecting client.
-struct auth_request_t {
-  std::string user;
-  qm::secret_string password;
-  std::string server_id;
-  std::string user_nkey;
-  bool has_user = false;
-  bool has_password = false;
-};
-
-// Reads the claims of the request token (not verified: the subject's access control is
-// trusted). False when there is no "nats" object or no user or password; server id and
-// user NKey found so far stay in req for the refusal.
-bool extract_auth_request(const std::string& token, auth_request_t& req);

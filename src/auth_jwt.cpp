@@ -10,10 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 #include <memory>
 #include <utility>
 
+#include "log.hpp"
 #include "qm_handles.hpp"
+#include "qm_json.hpp"
 
 namespace {
 constexpr size_t s_key_size = crypto_sign_SEEDBYTES;
@@ -77,13 +80,33 @@ bool s_expand_seed(auth_jwt_ctx& ctx) {
   return crypto_sign_seed_keypair(ctx.public_key, ctx.secret_key, ctx.seed) == 0;
 }
 
-bool s_load_seed_file(const char* path, auth_jwt_ctx& ctx) {
-  s_fd fd(open(path, O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return false;
+enum class s_seed_file { loaded, make_new, unreadable };
+
+// Only a missing or short file asks for a new key. Anything else that stops us reading
+// it (permissions, a directory, an I/O error) must not quietly change the issuer
+// identity that nats-server trusts.
+s_seed_file s_load_seed_file(const char* path, auth_jwt_ctx& ctx) {
+  // Non-blocking, so that a FIFO in the key's place cannot hang the start.
+  s_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (fd.get() < 0) {
+    if (errno == ENOENT) return s_seed_file::make_new;
+    log_error("auth_jwt: cannot open signing key %s: %s", path, strerror(errno));
+    return s_seed_file::unreadable;
+  }
+  struct stat st {};
+  if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    log_error("auth_jwt: signing key %s is not a regular file", path);
+    return s_seed_file::unreadable;
+  }
   qm::secret_bytes seed(s_key_size);
-  if (s_read_up_to(fd.get(), seed.data(), seed.size()) != static_cast<ssize_t>(s_key_size)) return false;
+  const ssize_t got = s_read_up_to(fd.get(), seed.data(), seed.size());
+  if (got < 0) {
+    log_error("auth_jwt: cannot read signing key %s: %s", path, strerror(errno));
+    return s_seed_file::unreadable;
+  }
+  if (got != static_cast<ssize_t>(s_key_size)) return s_seed_file::make_new;
   memcpy(ctx.seed, seed.data(), s_key_size);
-  return s_expand_seed(ctx);
+  return s_expand_seed(ctx) ? s_seed_file::loaded : s_seed_file::unreadable;
 }
 
 bool s_generate_key(auth_jwt_ctx& ctx) {
@@ -91,19 +114,46 @@ bool s_generate_key(auth_jwt_ctx& ctx) {
   return s_expand_seed(ctx);
 }
 
-// A private key: owner-only, also when an existing short file is overwritten. Not being
-// able to write is no error; the key then lives for this run only.
-void s_store_seed_file(const char* path, const auth_jwt_ctx& ctx) {
-  s_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (fd.get() < 0) return;
-  (void)fchmod(fd.get(), 0600);
+bool s_write_all(int fd, const unsigned char* data, size_t len) {
   size_t done = 0;
-  while (done < s_key_size) {
-    const ssize_t n = write(fd.get(), ctx.seed + done, s_key_size - done);
+  while (done < len) {
+    const ssize_t n = write(fd, data + done, len - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
+    if (n <= 0) return false;
     done += static_cast<size_t>(n);
   }
+  return true;
+}
+
+// Makes the rename itself durable; a failure here only weakens durability.
+void s_sync_parent_dir(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  s_fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.get() >= 0) (void)fsync(fd.get());
+}
+
+// A private key, owner-only: written whole to a temporary file next to the key, synced,
+// then renamed into place, so that a crash leaves either the old file or the new key,
+// never a torn one. Not being able to write is no error; the key then lives for this
+// run only.
+void s_store_seed_file(const char* path, const auth_jwt_ctx& ctx) {
+  std::string tmp_path = std::string(path) + ".XXXXXX";
+  s_fd fd(mkostemp(tmp_path.data(), O_CLOEXEC));
+  if (fd.get() < 0) {
+    log_warn("auth_jwt: cannot store the new signing key at %s: %s \u2014 it lives in memory for this run only", path,
+             strerror(errno));
+    return;
+  }
+  (void)fchmod(fd.get(), 0600);
+  const bool stored = s_write_all(fd.get(), ctx.seed, s_key_size) && fsync(fd.get()) == 0;
+  if (!stored || rename(tmp_path.c_str(), path) != 0) {
+    log_warn("auth_jwt: cannot store the new signing key at %s: %s \u2014 it lives in memory for this run only", path,
+             strerror(errno));
+    unlink(tmp_path.c_str());
+    return;
+  }
+  s_sync_parent_dir(path);
 }
 
 uint16_t s_crc16_xmodem(const unsigned char* data, size_t len) {
@@ -143,20 +193,30 @@ int s_base64_value(unsigned char c) {
   return 0;  // lenient: anything else reads as zero bits
 }
 
-// Standard base64 of a text padded to a multiple of 4; trailing '=' shorten the output.
-std::string s_base64_decode_lenient(const std::string& text) {
+// base64url or standard base64, padded with '=' to a multiple of 4 as it is read, with
+// characters outside the alphabet read as zero bits; trailing '=' shorten the output.
+// Decodes straight into a buffer that wipes itself: a callout request's claims carry the
+// client's password.
+qm::secret_bytes s_base64_decode_lenient(std::string_view text) {
+  const size_t padded = (text.size() + 3) / 4 * 4;
+  auto at = [&](size_t i) -> unsigned char {
+    if (i >= text.size()) return '=';
+    const char c = text[i];
+    return c == '-' ? '+' : c == '_' ? '/' : static_cast<unsigned char>(c);
+  };
   size_t padding = 0;
-  while (padding < text.size() && padding < 3 && text[text.size() - 1 - padding] == '=') ++padding;
-  std::string out;
-  out.reserve(text.size() / 4 * 3);
-  for (size_t i = 0; i + 4 <= text.size(); i += 4) {
+  while (padding < padded && padding < 3 && at(padded - 1 - padding) == '=') ++padding;
+  qm::secret_bytes out(padded / 4 * 3 + 1);  // room for a terminating NUL
+  size_t len = 0;
+  for (size_t i = 0; i + 4 <= padded; i += 4) {
     uint32_t group = 0;
-    for (size_t k = 0; k < 4; ++k) group = (group << 6) | static_cast<uint32_t>(s_base64_value(text[i + k]));
-    out.push_back(static_cast<char>((group >> 16) & 0xff));
-    out.push_back(static_cast<char>((group >> 8) & 0xff));
-    out.push_back(static_cast<char>(group & 0xff));
+    for (size_t k = 0; k < 4; ++k) group = (group << 6) | static_cast<uint32_t>(s_base64_value(at(i + k)));
+    out.data()[len++] = static_cast<unsigned char>((group >> 16) & 0xff);
+    out.data()[len++] = static_cast<unsigned char>((group >> 8) & 0xff);
+    out.data()[len++] = static_cast<unsigned char>(group & 0xff);
   }
-  out.resize(out.size() >= padding ? out.size() - padding : 0);
+  len = len >= padding ? len - padding : 0;
+  out.data()[len] = 0;
   return out;
 }
 
@@ -217,7 +277,11 @@ auth_jwt_ctx_t* auth_jwt_init(const char* seed_path) {
   if (sodium_init() < 0) return nullptr;
   try {
     auto ctx = std::make_unique<auth_jwt_ctx>();
-    if (seed_path != nullptr) ctx->loaded = s_load_seed_file(seed_path, *ctx);
+    if (seed_path != nullptr) {
+      const s_seed_file found = s_load_seed_file(seed_path, *ctx);
+      if (found == s_seed_file::unreadable) return nullptr;
+      ctx->loaded = found == s_seed_file::loaded;
+    }
     if (!ctx->loaded) {
       if (!s_generate_key(*ctx)) return nullptr;
       ctx->loaded = true;
@@ -325,25 +389,22 @@ int auth_jwt_sign_deny(const auth_jwt_ctx_t* ctx, const char* server_id, const c
   }
 }
 
-json_object* decode_jwt_payload(const char* token) {
-  if (token == nullptr) return nullptr;
+qm::secret_json_ptr decode_jwt_claims(std::string_view token) {
   try {
-    const char* first = strchr(token, '.');
-    if (first == nullptr) return nullptr;
-    const char* second = strchr(first + 1, '.');
-    if (second == nullptr) return nullptr;
-    std::string text(first + 1, static_cast<size_t>(second - first - 1));
-    for (char& c : text) {
-      if (c == '-') c = '+';
-      else if (c == '_') c = '/';
-    }
-    while (text.size() % 4 != 0) text.push_back('=');
-    const std::string decoded = s_base64_decode_lenient(text);
-    // Parsed as a C string: an embedded NUL ends the JSON text.
-    return json_tokener_parse(decoded.c_str());
+    const size_t first = token.find('.');
+    if (first == std::string_view::npos) return nullptr;
+    const size_t second = token.find('.', first + 1);
+    if (second == std::string_view::npos) return nullptr;
+    const qm::secret_bytes decoded = s_base64_decode_lenient(token.substr(first + 1, second - first - 1));
+    // Read as a C string: an embedded NUL ends the JSON text.
+    return qm::json_parse_secret(reinterpret_cast<const char*>(decoded.data()));
   } catch (...) {
     return nullptr;
   }
+}
+
+json_object* decode_jwt_payload(const char* token) {
+  return token != nullptr ? decode_jwt_claims(token).release() : nullptr;
 }
 
 int auth_jwt_print_issuer_nkey(const char* argv0, const char* seed_path) {

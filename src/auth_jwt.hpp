@@ -7,14 +7,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
+
+#include "qm_json.hpp"
 
 struct auth_jwt_ctx;
 using auth_jwt_ctx_t = auth_jwt_ctx;
 
 // Loads the 32-byte seed at seed_path (a longer file: its first 32 bytes). When the file
-// is missing, short, unreadable or refused, makes a new key and writes its seed there
-// (created with mode 0600; an unwritable path keeps the key in memory only). seed_path
-// may be NULL: in-memory key. NULL only when no key could be made.
+// is missing or short, makes a new key and stores its seed there (owner-only, through a
+// synced temporary file renamed into place; an unwritable path keeps the key in memory
+// only, with a warning). A file that exists but cannot be read is an error: NULL,
+// logged. seed_path may be NULL: in-memory key. NULL also when no key could be made.
 auth_jwt_ctx_t* auth_jwt_init(const char* seed_path);
 
 // The issuer's public account NKey (56 characters, "A..."), owned by ctx; NULL for NULL.
@@ -53,6 +57,11 @@ std::string base64url_encode(const unsigned char* data, size_t len);
 // NULL when a '.' is missing or the text is not JSON. The caller owns the result
 // (json_object_put).
 json_object* decode_jwt_payload(const char* token);
+
+// The same for a token that need not end in a NUL, with every copy on the way wiped and
+// a result whose strings are wiped when it goes: the claims of a callout request carry
+// the client's password.
+qm::secret_json_ptr decode_jwt_claims(std::string_view token);
 
 // --print-issuer-nkey: prints the issuer NKey of the seed at seed_path on standard
 // output (creating the seed when missing). Returns the exit code: 0, or 1 after a

@@ -46,6 +46,11 @@ int broker_auth_thread_start(broker_auth_thread_t* t) {
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   t->running = true;
+  // A broker that cannot adjudicate logins must not go on to say it is ready.
+  if (auth_service_wait_serving(t->svc) != 0) {
+    broker_auth_thread_join(t);
+    return -1;
+  }
   return 0;
 }
 

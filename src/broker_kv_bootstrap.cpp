@@ -55,22 +55,13 @@ qm::nats_options_ptr s_build_options(const char* url, const char* user, const ch
   natsOptions_SetAllowReconnect(opts.get(), false);
   natsOptions_SetMaxReconnect(opts.get(), 0);
   natsOptions_SetRetryOnFailedConnect(opts.get(), false, nullptr, nullptr);
-  natsStatus status = NATS_OK;
-  switch (qm_nats_apply_tls(opts.get(), url, cert_path, &status)) {
-    case QM_NATS_TLS_PLAIN:
-    case QM_NATS_TLS_SECURED:
-      break;
-    case QM_NATS_TLS_NO_CA:
-      log_warn("KV bootstrap: tls:// URL but no CA cert supplied — server cert will be checked against the "
-               "system trust store");
-      break;
-    case QM_NATS_TLS_SECURE_FAILED:
-      log_error("KV bootstrap: SetSecure failed: %s", natsStatus_GetText(status));
-      return nullptr;
-    case QM_NATS_TLS_CA_FAILED:
-      log_error("KV bootstrap: LoadCATrustedCertificates(%s) failed: %s", cert_path, natsStatus_GetText(status));
-      return nullptr;
-  }
+  static const qm_nats_tls_texts tls_texts{
+      .no_ca_warning = "KV bootstrap: tls:// URL but no CA cert supplied — server cert will be checked against "
+                       "the system trust store",
+      .failure_level = QMLOG_ERROR,
+      .secure_failed = "KV bootstrap: SetSecure failed: %s",
+      .ca_failed = "KV bootstrap: LoadCATrustedCertificates(%s) failed: %s"};
+  if (!qm_nats_configure_tls(opts.get(), url, cert_path, tls_texts)) return nullptr;
   return opts;
 }
 

@@ -92,7 +92,7 @@ struct s_probe_target {
   int timeout_sec = 0;
 };
 
-enum class s_probe_options_result { built, no_memory, bad_ca };
+enum class s_probe_options_result { built, no_memory, bad_tls };
 
 s_probe_options_result s_build_probe_options(const s_probe_target& target, qm::nats_options_ptr& out) {
   natsOptions* raw = nullptr;
@@ -106,21 +106,14 @@ s_probe_options_result s_build_probe_options(const s_probe_target& target, qm::n
   natsOptions_SetRetryOnFailedConnect(opts.get(), false, nullptr, nullptr);
   natsOptions_SetAllowReconnect(opts.get(), false);
   natsOptions_SetMaxReconnect(opts.get(), 0);
-  natsStatus status = NATS_OK;
-  switch (qm_nats_apply_tls(opts.get(), target.url, target.cert_path, &status)) {
-    case QM_NATS_TLS_PLAIN:
-    case QM_NATS_TLS_SECURED:
-      break;
-    case QM_NATS_TLS_NO_CA:
-      log_warn("nats-server: tls:// probe URL but no cert_path — server cert will be checked against the system "
-               "trust store and almost certainly fail");
-      break;
-    case QM_NATS_TLS_SECURE_FAILED:
-      return s_probe_options_result::no_memory;
-    case QM_NATS_TLS_CA_FAILED:
-      log_error("nats-server: probe failed to load CA bundle %s: %s", target.cert_path, natsStatus_GetText(status));
-      return s_probe_options_result::bad_ca;
-  }
+  static const qm_nats_tls_texts tls_texts{
+      .no_ca_warning = "nats-server: tls:// probe URL but no cert_path — server cert will be checked against the "
+                       "system trust store and almost certainly fail",
+      .failure_level = QMLOG_ERROR,
+      .secure_failed = "nats-server: probe cannot require TLS: %s",
+      .ca_failed = "nats-server: probe failed to load CA bundle %s: %s"};
+  if (!qm_nats_configure_tls(opts.get(), target.url, target.cert_path, tls_texts))
+    return s_probe_options_result::bad_tls;
   out = std::move(opts);
   return s_probe_options_result::built;
 }
@@ -137,7 +130,7 @@ int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) 
       case s_probe_options_result::no_memory:
         log_error("nats-server: readiness probe failed to allocate natsOptions");
         return -1;
-      case s_probe_options_result::bad_ca:
+      case s_probe_options_result::bad_tls:
         return -1;
     }
     natsConnection* raw = nullptr;

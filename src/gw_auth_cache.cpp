@@ -34,6 +34,7 @@ struct slot_t {
   uint32_t gen = 0;
   bool refresh_in_progress = false;
   void* user_data = nullptr;  // not owned
+  bool has_user_data = false;  // user_data was given, even if as NULL
 };
 
 struct verify_inflight_t {
@@ -168,7 +169,10 @@ void s_populate_slot_locked(slot_t& s, slot_kind_t kind, const unsigned char* ha
   s.last_used_ms = now;
   ++s.gen;
   s.refresh_in_progress = false;
-  if (overwrite_user_data || !same_entry) s.user_data = user_data;
+  if (overwrite_user_data || !same_entry) {
+    s.user_data = user_data;
+    s.has_user_data = kind == SLOT_GRANT && overwrite_user_data;
+  }
 }
 
 int64_t s_grant_refresh_at_ms(const gw_auth_cache& c, int64_t now) {
@@ -207,12 +211,16 @@ void s_complete_refresh(gw_auth_cache_t* c, const unsigned char* hash, uint32_t 
       s.expires_at_ms = now + static_cast<int64_t>(c->ttl_grant_s) * 1000;
       s.refresh_at_ms = s_grant_refresh_at_ms(*c, now);
       s.last_used_ms = now;
-      if (set_user_data) s.user_data = new_user_data;
+      if (set_user_data) {
+        s.user_data = new_user_data;
+        s.has_user_data = true;
+      }
     } else if (outcome == GW_REFRESH_DENIED) {
       s.kind = SLOT_FREE;
       s.expires_at_ms = 0;
       s.refresh_at_ms = 0;
       s.user_data = nullptr;
+      s.has_user_data = false;
       ++s.gen;
     }
     break;
@@ -291,6 +299,7 @@ gw_auth_cache_lookup_t gw_auth_cache_lookup_ex(gw_auth_cache_t* c, const char* u
       const bool due = s.refresh_at_ms != 0 && now >= s.refresh_at_ms && !s.refresh_in_progress;
       out.result = due ? GW_AUTH_CACHE_GRANT_STALE : GW_AUTH_CACHE_GRANT;
       out.user_data = s.user_data;
+      out.has_user_data = s.has_user_data;
       return out;
     }
   }

@@ -20,6 +20,9 @@ enum gw_auth_cache_result_t {
 struct gw_auth_cache_lookup_t {
   gw_auth_cache_result_t result;
   void* user_data;  // the grant's pointer, else NULL
+  // The grant's user data was given (by an _ex insert or refresh), even if as NULL. A grant
+  // recorded without it (gw_auth_cache_insert_grant) says only that the password was right.
+  bool has_user_data = false;
 };
 
 enum gw_refresh_outcome_t {
@@ -47,8 +50,8 @@ void gw_auth_cache_destroy(gw_auth_cache_t* c);
 gw_auth_cache_lookup_t gw_auth_cache_lookup_ex(gw_auth_cache_t* c, const char* user, const char* password);
 gw_auth_cache_result_t gw_auth_cache_lookup(gw_auth_cache_t* c, const char* user, const char* password);
 
-// Records a grant; the _ex form sets user_data, the plain form keeps the user data of
-// an existing identical entry (NULL for a new one).
+// Records a grant; the _ex form sets user_data (and has_user_data), the plain form keeps
+// the user data of an existing identical entry (none for a new one).
 void gw_auth_cache_insert_grant_ex(gw_auth_cache_t* c, const char* user, const char* password, void* user_data);
 void gw_auth_cache_insert_grant(gw_auth_cache_t* c, const char* user, const char* password);
 // Records a denial of `user` whatever the password.
@@ -58,7 +61,8 @@ void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user);
 // out_gen identify the entry for gw_auth_cache_complete_refresh, which must follow.
 bool gw_auth_cache_try_claim_refresh(gw_auth_cache_t* c, const char* user, const char* password,
                                      unsigned char* out_hash, uint32_t* out_gen);
-// Ends a claimed refresh. Touches the entry only if it is still the claimed one.
+// Ends a claimed refresh. Touches the entry only if it is still the claimed one. The _ex
+// form gives a granted entry new user data; the plain form leaves it as it is.
 void gw_auth_cache_complete_refresh_ex(gw_auth_cache_t* c, const unsigned char* hash, uint32_t gen,
                                        gw_refresh_outcome_t outcome, void* new_user_data);
 void gw_auth_cache_complete_refresh(gw_auth_cache_t* c, const unsigned char* hash, uint32_t gen,

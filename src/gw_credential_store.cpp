@@ -1,6 +1,7 @@
 #include "gw_credential_store.hpp"
 
 #include <pthread.h>
+#include <sodium.h>
 
 #include <cctype>
 #include <cstdio>
@@ -17,9 +18,39 @@
 
 namespace {
 
+constexpr size_t s_digest_bytes = crypto_generichash_BYTES;
+
+// A keyed hash that wipes itself.
+struct s_digest {
+  unsigned char bytes[s_digest_bytes] = {};
+  s_digest() = default;
+  s_digest(const s_digest& other) { memcpy(bytes, other.bytes, sizeof bytes); }
+  s_digest& operator=(const s_digest&) = delete;
+  ~s_digest() { sodium_memzero(bytes, sizeof bytes); }
+};
+
+// Keys the digests the table is compared by; drawn once per store.
+struct s_digest_key {
+  unsigned char bytes[crypto_generichash_KEYBYTES] = {};
+  s_digest_key() { randombytes_buf(bytes, sizeof bytes); }
+  s_digest_key(const s_digest_key&) = delete;
+  s_digest_key& operator=(const s_digest_key&) = delete;
+  ~s_digest_key() { sodium_memzero(bytes, sizeof bytes); }
+};
+
+s_digest s_digest_of(const s_digest_key& key, const char* text) {
+  s_digest out;
+  crypto_generichash(out.bytes, sizeof out.bytes, reinterpret_cast<const unsigned char*>(text), strlen(text),
+                     key.bytes, sizeof key.bytes);
+  return out;
+}
+
+// The clear text is kept for gw_credential_store_iterate; checks compare the digests.
 struct credential_entry {
   std::string user;
   qm::secret_string password;
+  s_digest user_digest;
+  s_digest password_digest;
 };
 using credential_table = std::vector<credential_entry>;
 
@@ -55,6 +86,7 @@ class s_rwlock {
 
 struct gw_credential_store {
   std::string path;
+  s_digest_key digest_key;
   credential_table entries;  // capacity reserved up front: at most 128 entries
   s_rwlock lock;
 };
@@ -87,7 +119,7 @@ std::optional<std::string> s_extract_value(const char* line, const char* key) {
 
 // The line scanner: one key per line, a user waits for the next password. Returns
 // false when the file cannot be opened (logged).
-bool s_parse_file(const std::string& path, credential_table& out) {
+bool s_parse_file(const std::string& path, const s_digest_key& key, credential_table& out) {
   s_file_ptr file(fopen(path.c_str(), "re"));
   if (!file) {
     log_error("credential_store: cannot open %s: %m", path.c_str());
@@ -109,7 +141,9 @@ bool s_parse_file(const std::string& path, credential_table& out) {
     if (!password) continue;
     qm::secret_string secret(std::move(*password));
     if (!pending_user) continue;
-    out.push_back(credential_entry{std::move(*pending_user), std::move(secret)});
+    s_digest user_digest = s_digest_of(key, pending_user->c_str());
+    s_digest password_digest = s_digest_of(key, secret.c_str());
+    out.push_back(credential_entry{std::move(*pending_user), std::move(secret), user_digest, password_digest});
     pending_user.reset();
   }
   OPENSSL_cleanse(line, sizeof line);
@@ -125,10 +159,14 @@ bool s_parse_file(const std::string& path, credential_table& out) {
 
 gw_credential_store_t* gw_credential_store_load(const char* path) {
   if (path == nullptr) return nullptr;
+  if (sodium_init() < 0) {
+    log_error("credential_store: sodium_init failed");
+    return nullptr;
+  }
   try {
     auto store = std::make_unique<gw_credential_store>();
     store->path = path;
-    if (!s_parse_file(store->path, store->entries)) return nullptr;
+    if (!s_parse_file(store->path, store->digest_key, store->entries)) return nullptr;
     log_info("credential_store: loaded %d credentials from %s", static_cast<int>(store->entries.size()), path);
     return store.release();
   } catch (...) {
@@ -136,13 +174,21 @@ gw_credential_store_t* gw_credential_store_load(const char* path) {
   }
 }
 
+// Every entry is compared, by digests of equal length, without stopping at a match: how
+// long a check takes tells nothing about how close a guess came, nor which users exist.
 bool gw_credential_store_validate(gw_credential_store_t* store, const char* user, const char* password) {
   if (store == nullptr || user == nullptr || password == nullptr) return false;
+  const s_digest user_digest = s_digest_of(store->digest_key, user);
+  const s_digest password_digest = s_digest_of(store->digest_key, password);
+  int matched = 0;
   std::shared_lock guard(store->lock);
   for (const credential_entry& entry : store->entries) {
-    if (entry.user == user && entry.password.str() == password) return true;
+    // crypto_verify_32 gives 0 for equal, -1 otherwise.
+    matched |= ~(crypto_verify_32(entry.user_digest.bytes, user_digest.bytes) |
+                 crypto_verify_32(entry.password_digest.bytes, password_digest.bytes)) &
+               1;
   }
-  return false;
+  return matched != 0;
 }
 
 void gw_credential_store_iterate(gw_credential_store_t* store, gw_credential_iter_fn fn, void* userdata) {
@@ -157,7 +203,7 @@ int gw_credential_store_reload(gw_credential_store_t* store) {
   if (store == nullptr || store->path.empty()) return -1;
   try {
     credential_table fresh;
-    if (!s_parse_file(store->path, fresh)) return -1;
+    if (!s_parse_file(store->path, store->digest_key, fresh)) return -1;
     int count = 0;
     {
       std::unique_lock guard(store->lock);

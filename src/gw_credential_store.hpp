@@ -17,6 +17,8 @@ inline constexpr int GW_CREDENTIAL_STORE_CAPACITY = 128;
 gw_credential_store_t* gw_credential_store_load(const char* path);
 
 // True when some entry has exactly this user and password. False for NULL arguments.
+// Every entry is compared by keyed digests, without stopping at a match: the time taken
+// depends neither on how much of a guess was right nor on which users exist.
 bool gw_credential_store_validate(gw_credential_store_t* store, const char* user, const char* password);
 
 // Calls fn for each entry under the read lock; fn must not reload or free the store.

@@ -258,7 +258,8 @@ void s_destroy_auth_cache() {
   g_auth_cache = nullptr;
 }
 
-// The adjudicator runs on its own thread; its own start-up failures are logged there.
+// The adjudicator runs on its own thread. Start-up waits until it serves: a broker that
+// cannot decide logins must not say it is ready. Its own failures are logged there.
 bool s_start_auth_callout(broker_app& app) {
   if (!app.cfg->auth_callout_enabled) {
     log_warn("auth-callout: disabled \u2014 no clients will be able to connect to nats-server until an external "

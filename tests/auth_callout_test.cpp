@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "auth_jwt.hpp"
+#include "gw_auth_cache.hpp"
 #include "callout_fixture.hpp"
 #include "slapd_fixture.hpp"
 #include "qm_handles.hpp"
@@ -100,6 +101,8 @@ TEST(CalloutVerdicts, FileUserIsAdmittedWrongPasswordAndUnknownUserAreRefused) {
   EXPECT_NE(unknown.status, NATS_OK);
 
   const std::string log = env.broker().err();
+  // Ready only once nats-server routes logins to the service.
+  EXPECT_LT(log.find("(generic verify endpoint)"), log.find("qm-av-broker ready"));
   EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=default groups=0"), std::string::npos);
   EXPECT_NE(log.find("auth_callout: DENY user=alice backend=none reason=invalid-credentials"), std::string::npos);
   EXPECT_NE(log.find("auth_callout: DENY user=mallory backend=none reason=invalid-credentials"), std::string::npos);
@@ -178,30 +181,42 @@ TEST(CalloutPermissions, TheUsersProfileIsEnforcedByTheServer) {
   EXPECT_TRUE(delivered(bob.get(), alice.get(), "scan.reply"));
 }
 
+// A verify answer (every AMQP and HTTP login asks for one) or a grant the HTTP frontend
+// puts into the shared cache must not give a restricted user's next NATS login the
+// built-in, unrestricted permissions.
+TEST(CalloutPermissions, ARestrictedUserStaysRestrictedAfterVerifyAndHttpStyleGrants) {
+  CalloutOptions options;
+  options.users = {{"alice", "wonder"}, {"bob", "builder"}, {"carol", "chisel"}};
+  options.permissions_json = R"j({
+    "profiles": {"restricted": {"publish": {"allow": [">"], "deny": ["forbidden.>"]}, "subscribe": {"allow": [">"]}}},
+    "file_user_map": [{"user": "bob", "profile": "restricted"}, {"user": "carol", "profile": "restricted"}]
+  })j";
+  qmtest::InProcessCallout env(options);
+  auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+  ASSERT_EQ(gateway.status, NATS_OK) << gateway.error;
+  ASSERT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"bob","password":"builder","method":"plain"})j"),
+            R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
+  gw_auth_cache_insert_grant(env.cache(), "carol", "chisel");
+
+  async_errors errors;
+  conn_ptr alice(login_watching_errors(env.url(), "alice", "wonder", errors));
+  ASSERT_TRUE(alice);
+  for (const auto& [user, password] : {std::pair{"bob", "builder"}, std::pair{"carol", "chisel"}}) {
+    SCOPED_TRACE(user);
+    conn_ptr restricted(login_watching_errors(env.url(), user, password, errors));
+    ASSERT_TRUE(restricted);
+    EXPECT_FALSE(delivered(restricted.get(), alice.get(), "forbidden.x", 300));
+    EXPECT_TRUE(delivered(restricted.get(), alice.get(), "allowed.x"));
+  }
+  EXPECT_TRUE(qmtest::wait_until(
+      [&] { return count_of(errors.get(), "Permissions Violation for Publish to \"forbidden.x\"") == 2; }, 5s))
+      << errors.get();
+}
+
 // ---- LDAP users ----
 
-constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
-
-std::string directory_ldif() {
-  return "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
-         "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
-         "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
-         "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
-         "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n"
-         "dn: uid=lara,ou=people,dc=qm,dc=test\nobjectClass: account\nobjectClass: posixAccount\n"
-         "objectClass: qmGroupMember\nuid: lara\ncn: lara\nuidNumber: 2001\ngidNumber: 2000\n"
-         "homeDirectory: /home/lara\nuserPassword: lara-pw\nmemberOf: cn=scanners,ou=groups,dc=qm,dc=test\n\n";
-}
-
-std::unique_ptr<qmtest::Slapd> start_directory() {
-  qmtest::SlapdOptions options;
-  options.ldif = directory_ldif();
-  options.extra_schema =
-      "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
-      "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
-      "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
-  return std::make_unique<qmtest::Slapd>(options);
-}
+using qmtest::kReaderDn;
+using qmtest::start_directory;
 
 std::vector<std::string> ldap_args(const std::string& backend, const std::string& url) {
   return {"--auth-backend", backend, "--ldap-url", url, "--ldap-base-dn", "dc=qm,dc=test", "--ldap-bind-dn",
@@ -249,26 +264,67 @@ TEST(CalloutLdap, FileThenLdapWithTheDirectoryDownStillAdmitsFileUsers) {
   EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=lara backend=none reason=invalid-credentials", 5s));
 }
 
-TEST(CalloutLdap, LdapOnlyBackendThatCannotBeSetUpDoesNotStartTheService) {
-  qmtest::NatsServerOptions server_options;
-  const std::string seed_dir = qmtest::TempDir().path().string();
+// Every request worker waits on a stopped directory (nats-server gives the callout 2 s);
+// users of the credentials file are still decided at once, logins and verify requests.
+TEST(CalloutLdap, FileUsersGetInWhileEveryRequestWorkerWaitsForAStoppedDirectory) {
+  auto directory = start_directory();
+  CalloutOptions options = file_users();
+  options.broker_args = ldap_args("file+ldap", directory->url());
+  CalloutEnv env(options);
+  auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+  ASSERT_EQ(gateway.status, NATS_OK) << gateway.error;
+  directory->pause();
+  // More directory checks than there are workers (8), none alike, so none coalesces.
+  constexpr int kChecks = 12;
+  for (int i = 0; i < kChecks; ++i) {
+    const std::string body = R"j({"user":"lara","password":"guess-)j" + std::to_string(i) + R"j("})j";
+    natsConnection_PublishRequest(gateway.conn, "qm.auth.verify", "_INBOX.unanswered", body.data(),
+                                  static_cast<int>(body.size()));
+  }
+  natsConnection_Flush(gateway.conn);
+  // Only the workers talk to the directory: eight connections mean eight busy workers.
+  const bool all_busy = qmtest::wait_until([&] { return directory->established_connections() >= 8; }, 10s);
+  auto alice = nats_login(env.url(), "alice", "wonder");
+  const std::string bob = qmtest::verify_request(gateway.conn, R"j({"user":"bob","password":"builder"})j", 1500);
+  directory->resume();
+  ASSERT_TRUE(all_busy) << env.broker().err();
+  EXPECT_EQ(alice.status, NATS_OK) << alice.error;
+  EXPECT_EQ(bob, R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
+}
+
+// Without its adjudicator the broker is of no use: a start-up failure of the service ends
+// the broker with exit code 1, before it ever says it is ready.
+TEST(CalloutStartup, AServiceThatCannotStartIsFatal) {
+  struct failure {
+    const char* name;
+    std::vector<std::string> args;
+    const char* logged;
+  };
   qmtest::TempDir dir;
-  const std::string issuer = qmtest::issuer_nkey(dir.file("issuer.seed"));
-  server_options.extra_config = CalloutEnv::authorization_block(issuer);
-  qmtest::NatsServer server(server_options);
+  std::filesystem::create_directory(dir.file("key-dir"));
+  qmtest::write_file(dir.file("bad.json"), "{\"profiles\": [");
+  const failure failures[] = {
+      {"LDAP-only without a directory", {"--auth-backend", "ldap"}, "auth_service: failed to initialize LDAP backend"},
+      {"broken permissions file", {"--permissions-file", dir.file("bad.json")},
+       "auth_service: failed to load permissions file"},
+      {"unreadable signing key", {"--auth-signing-key", dir.file("key-dir")},
+       "auth_service: failed to initialize JWT signing"},
+  };
+  qmtest::NatsServer server;
   qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
-  qmtest::Child broker({qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
-                        "--auth-file", dir.file("credentials.conf"), "--auth-signing-key", dir.file("issuer.seed"),
-                        "--auth-nats-user", CalloutEnv::kAuthUser, "--auth-nats-password", CalloutEnv::kAuthPassword,
-                        "--gw-nats-user", CalloutEnv::kGatewayUser, "--gw-nats-password",
-                        CalloutEnv::kGatewayPassword, "--amqp-enabled", "false", "--update-binary", "false",
-                        "--auth-backend", "ldap"});
-  ASSERT_TRUE(broker.wait_for_err("auth_service: failed to initialize LDAP backend", 30s)) << broker.err();
-  EXPECT_EQ(broker.err().find("(generic verify endpoint)"), std::string::npos);
-  // Nobody answers the callout, so nats-server refuses even a user of the file.
-  EXPECT_NE(nats_login(server.url(), "alice", "wonder").status, NATS_OK);
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
+  for (const failure& f : failures) {
+    SCOPED_TRACE(f.name);
+    std::vector<std::string> args = {qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed",
+                                     "false", "--auth-file", dir.file("credentials.conf"), "--auth-signing-key",
+                                     dir.file("issuer.seed"), "--amqp-enabled", "false", "--update-binary", "false"};
+    args.insert(args.end(), f.args.begin(), f.args.end());
+    qmtest::Child broker(args);
+    ASSERT_EQ(broker.wait(30s), 1) << broker.err();
+    const std::string log = broker.err();
+    EXPECT_NE(log.find(f.logged), std::string::npos) << log;
+    EXPECT_NE(log.find("Failed to start auth-callout thread"), std::string::npos) << log;
+    EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos) << log;
+  }
 }
 
 // ---- coalescing ----

@@ -10,6 +10,7 @@
 
 #include "auth_jwt.hpp"
 #include "nats_server_fixture.hpp"
+#include "qm_handles.hpp"
 #include "test_support.hpp"
 
 namespace {
@@ -27,8 +28,7 @@ std::string claim(json_object* root, std::initializer_list<const char*> path) {
 void on_auth_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
   const auto* ctx = static_cast<const auth_jwt_ctx_t*>(closure);
   const std::string request(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-  std::unique_ptr<json_object, decltype(&json_object_put)> claims(decode_jwt_payload(request.c_str()),
-                                                                   json_object_put);
+  qm::json_ptr claims(decode_jwt_payload(request.c_str()));
   const std::string server_id = claim(claims.get(), {"nats", "server_id", "id"});
   const std::string user_nkey = claim(claims.get(), {"nats", "user_nkey"});
   const std::string password = claim(claims.get(), {"nats", "connect_opts", "pass"});
@@ -59,7 +59,7 @@ natsStatus connect(const std::string& url, const char* user, const char* passwor
 }
 
 TEST(JwtWithNatsServer, GrantAdmitsAndRefusalRejects) {
-  std::unique_ptr<auth_jwt_ctx_t, decltype(&auth_jwt_destroy)> ctx(auth_jwt_init(nullptr), auth_jwt_destroy);
+  qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> ctx(auth_jwt_init(nullptr));
   ASSERT_NE(ctx, nullptr);
   qmtest::TempDir dir;
   const int port = qmtest::free_port();

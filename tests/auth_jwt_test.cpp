@@ -4,27 +4,24 @@
 #include <json-c/json.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "qm_handles.hpp"
 #include "test_support.hpp"
 
 namespace {
 
-struct CtxDeleter {
-  void operator()(auth_jwt_ctx_t* c) const { auth_jwt_destroy(c); }
-};
-using CtxPtr = std::unique_ptr<auth_jwt_ctx_t, CtxDeleter>;
-struct JsonDeleter {
-  void operator()(json_object* j) const { json_object_put(j); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonDeleter>;
+using CtxPtr = qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy>;
+using JsonPtr = qm::json_ptr;
 
 // Independent decoders, so that the tests do not trust the code under test.
 std::vector<unsigned char> base32_decode(const std::string& text) {
@@ -107,9 +104,9 @@ DecodedToken decode_and_verify(const std::string& token, const std::string& issu
   EXPECT_EQ(signature.size(), 64u);
 
   const std::vector<unsigned char> pub = public_key_of(issuer);
-  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> pkey(
-      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, pub.data(), pub.size()), EVP_PKEY_free);
-  std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  qm::evp_pkey_ptr pkey(
+      EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, pub.data(), pub.size()));
+  qm::evp_md_ctx_ptr md(EVP_MD_CTX_new());
   EXPECT_TRUE(pkey && md);
   EXPECT_EQ(EVP_DigestVerifyInit(md.get(), nullptr, nullptr, nullptr, pkey.get()), 1);
   const std::string signed_part = token.substr(0, dot2);
@@ -389,10 +386,9 @@ TEST_F(SigningKeyFile, LongerFileIsUsedAsIsAndNotRewritten) {
 TEST_F(SigningKeyFile, TokensAreSignedWithTheSeedOnDisk) {
   const std::string seed(32, '\x42');
   qmtest::write_file(path_, seed);
-  std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> reference(
+  qm::evp_pkey_ptr reference(
       EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(seed.data()),
-                                   seed.size()),
-      EVP_PKEY_free);
+                                   seed.size()));
   ASSERT_NE(reference, nullptr);
   std::vector<unsigned char> reference_public(32);
   size_t len = reference_public.size();
@@ -409,18 +405,36 @@ TEST_F(SigningKeyFile, TokensAreSignedWithTheSeedOnDisk) {
   decode_and_verify(token, issuer);
 }
 
-TEST_F(SigningKeyFile, UnusablePathsStillGiveAnInMemoryKey) {
-  // A directory cannot be read as a seed nor written: the key lives in memory only.
+// An existing key that cannot be read is the issuer identity nats-server trusts: making
+// a new one would lock every client out. Only a missing or short file makes one.
+TEST_F(SigningKeyFile, AKeyThatExistsButCannotBeReadIsAnError) {
   const std::string as_dir = dir_.file("a-directory");
   std::filesystem::create_directory(as_dir);
-  const std::string a = nkey_for(as_dir);
-  const std::string b = nkey_for(as_dir);
-  EXPECT_EQ(a.size(), 56u);
-  EXPECT_NE(a, b);
+  const std::string as_fifo = dir_.file("a-fifo");
+  ASSERT_EQ(mkfifo(as_fifo.c_str(), 0600), 0);
+  for (const std::string& path : {as_dir, as_fifo}) {
+    EXPECT_EQ(CtxPtr(auth_jwt_init(path.c_str())), nullptr) << path;
+  }
+  // Nothing was replaced, and nothing written next to them.
   EXPECT_TRUE(std::filesystem::is_directory(as_dir));
+  EXPECT_TRUE(std::filesystem::is_fifo(as_fifo));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 2);
+  // A path in a missing directory cannot be written: the key lives in memory only.
   const std::string in_missing_dir = dir_.file("nope/seed");
   EXPECT_EQ(nkey_for(in_missing_dir).size(), 56u);
   EXPECT_FALSE(std::filesystem::exists(in_missing_dir));
+}
+
+// The new key replaces the short file by a rename: the old file's other names keep its
+// bytes, and no temporary file is left behind.
+TEST_F(SigningKeyFile, ANewKeyIsRenamedIntoPlace) {
+  qmtest::write_file(path_, "short");
+  const std::string other_name = dir_.file("other-name");
+  ASSERT_EQ(link(path_.c_str(), other_name.c_str()), 0);
+  nkey_for(path_);
+  EXPECT_EQ(qmtest::read_file(path_).size(), 32u);
+  EXPECT_EQ(qmtest::read_file(other_name), "short");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 2);
 }
 
 }  // namespace

@@ -7,14 +7,12 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 namespace {
 
-struct StoreDeleter {
-  void operator()(auth_profile_store_t* s) const { auth_profile_destroy(s); }
-};
-using StorePtr = std::unique_ptr<auth_profile_store_t, StoreDeleter>;
+using StorePtr = qm::c_ptr<auth_profile_store_t, auth_profile_destroy>;
 
 std::vector<std::string> list(const char* const* items) {
   std::vector<std::string> out;

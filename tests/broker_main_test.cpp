@@ -182,11 +182,14 @@ TEST_F(BrokerMainTest, UnreachableNotifySocketIsAWarningOnly) {
 }
 
 TEST_F(BrokerMainTest, DaemonModeIsSilentAndTheLogFileGetsTheLines) {
-  qmtest::Child silent(args_with({"--trace-to-screen", "0"}));
+  // The silent one says nothing: its pid file shows that its signal handlers are in place.
+  const std::string silent_pid_file = dir_.file("silent.pid");
+  qmtest::Child silent(args_with({"--trace-to-screen", "0", "--pid-file", silent_pid_file}));
   const std::string log_file = dir_.file("broker.log");
   qmtest::Child logging(args_with({"--trace-to-screen", "0", "--tracefile", log_file, "--tracelevel", "6"}));
   ASSERT_TRUE(qmtest::wait_until(
       [&] { return qmtest::read_file(log_file).find("qm-av-broker ready") != std::string::npos; }, 30s));
+  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(silent_pid_file).empty(); }, 30s));
   silent.signal(SIGTERM);
   logging.signal(SIGTERM);
   EXPECT_EQ(silent.wait(30s), 0);

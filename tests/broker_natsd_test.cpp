@@ -16,16 +16,14 @@
 
 #include "log_capture.hpp"
 #include "nats_server_fixture.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-struct NatsdDeleter {
-  void operator()(broker_natsd_t* n) const { broker_natsd_destroy(n); }
-};
-using NatsdPtr = std::unique_ptr<broker_natsd_t, NatsdDeleter>;
+using NatsdPtr = qm::c_ptr<broker_natsd_t, broker_natsd_destroy>;
 
 // An executable shell script in dir.
 std::string write_script(const qmtest::TempDir& dir, const std::string& name, const std::string& body) {

@@ -7,9 +7,11 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "log_capture.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 namespace {
@@ -19,10 +21,7 @@ using namespace std::chrono_literals;
 std::atomic<int64_t> g_now_ms{1'000'000};
 int64_t fake_clock() { return g_now_ms.load(); }
 
-struct CacheDeleter {
-  void operator()(gw_auth_cache_t* c) const { gw_auth_cache_destroy(c); }
-};
-using CachePtr = std::unique_ptr<gw_auth_cache_t, CacheDeleter>;
+using CachePtr = qm::c_ptr<gw_auth_cache_t, gw_auth_cache_destroy>;
 
 // Entry times follow a clock the test moves by hand.
 class AuthCache : public ::testing::Test {
@@ -127,16 +126,35 @@ TEST_F(AuthCache, DenyIsPerUserAndACorrectPasswordWinsOverIt) {
 TEST_F(AuthCache, UserDataTravelsWithTheGrant) {
   CachePtr c = make(64, 120, 10, 50);
   int profile_a = 0, profile_b = 0;
+  auto user_data_of = [&](const char* user) {
+    const gw_auth_cache_lookup_t hit = gw_auth_cache_lookup_ex(c.get(), user, "p");
+    return std::pair{hit.user_data, hit.has_user_data};
+  };
+  using held = std::pair<void*, bool>;
   gw_auth_cache_insert_grant_ex(c.get(), "u", "p", &profile_a);
-  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "u", "p").user_data, &profile_a);
+  EXPECT_EQ(user_data_of("u"), held(&profile_a, true));
   gw_auth_cache_insert_grant(c.get(), "u", "p");  // same entry: keeps its pointer
-  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "u", "p").user_data, &profile_a);
+  EXPECT_EQ(user_data_of("u"), held(&profile_a, true));
   gw_auth_cache_insert_grant_ex(c.get(), "u", "p", &profile_b);
-  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "u", "p").user_data, &profile_b);
-  gw_auth_cache_insert_grant(c.get(), "v", "p");  // new entry: no pointer
-  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "v", "p").user_data, nullptr);
+  EXPECT_EQ(user_data_of("u"), held(&profile_b, true));
+  gw_auth_cache_insert_grant(c.get(), "v", "p");  // new entry: none at all
+  EXPECT_EQ(user_data_of("v"), held(nullptr, false));
+  gw_auth_cache_insert_grant_ex(c.get(), "n", "p", nullptr);  // NULL given is user data too
+  EXPECT_EQ(user_data_of("n"), held(nullptr, true));
   gw_auth_cache_insert_deny(c.get(), "w");
-  EXPECT_EQ(gw_auth_cache_lookup_ex(c.get(), "w", "p").user_data, nullptr);
+  EXPECT_EQ(user_data_of("w"), held(nullptr, false));
+
+  // A refresh without user data leaves a grant without; one with gives it.
+  advance_ms(61'000);
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "v", "p", hash, &gen));
+  gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_GRANTED);
+  EXPECT_EQ(user_data_of("v"), held(nullptr, false));
+  advance_ms(61'000);
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "v", "p", hash, &gen));
+  gw_auth_cache_complete_refresh_ex(c.get(), hash, gen, GW_REFRESH_GRANTED, &profile_a);
+  EXPECT_EQ(user_data_of("v"), held(&profile_a, true));
 }
 
 TEST_F(AuthCache, ClaimAndCompleteWithGenerations) {

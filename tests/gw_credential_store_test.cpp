@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -11,16 +13,14 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "qm_cpp.hpp"
 #include "test_support.hpp"
 
 namespace {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
-struct StoreDeleter {
-  void operator()(gw_credential_store_t* s) const { gw_credential_store_free(s); }
-};
-using StorePtr = std::unique_ptr<gw_credential_store_t, StoreDeleter>;
+using StorePtr = qm::c_ptr<gw_credential_store_t, gw_credential_store_free>;
 
 Entries entries_of(gw_credential_store_t* store) {
   Entries out;
@@ -148,6 +148,38 @@ TEST_F(CredentialFile, ValidateComparesExactly) {
   EXPECT_FALSE(gw_credential_store_validate(store.get(), nullptr, "secret"));
   EXPECT_FALSE(gw_credential_store_validate(store.get(), "Alice", nullptr));
   EXPECT_FALSE(gw_credential_store_validate(nullptr, "Alice", "secret"));
+}
+
+// A check must not tell by its duration how much of a guess was right, nor whether it
+// was. The cases are timed against each other, never against a budget: the cheapest of
+// many interleaved runs of each, which load can make slower but never faster. 128
+// entries hold the same long password (duplicates are kept), so a comparison that stops
+// at the first wrong byte, or at the first match, would stand out.
+TEST_F(CredentialFile, ValidationTakesAsLongWhereverAGuessGoesWrong) {
+  const std::string password(1000, 'k');
+  std::string content;
+  for (int i = 0; i < GW_CREDENTIAL_STORE_CAPACITY; ++i) content += "user: \"u\"\npassword: \"" + password + "\"\n";
+  StorePtr store = load(content);
+  ASSERT_NE(store, nullptr);
+  std::string wrong_first = password;
+  wrong_first.front() = 'x';
+  std::string wrong_last = password;
+  wrong_last.back() = 'x';
+  const std::string* guesses[] = {&password, &wrong_first, &wrong_last};
+  using clock = std::chrono::steady_clock;
+  clock::duration best[3] = {clock::duration::max(), clock::duration::max(), clock::duration::max()};
+  for (int run = 0; run < 2000; ++run) {
+    for (size_t g = 0; g < 3; ++g) {
+      const auto start = clock::now();
+      const bool valid = gw_credential_store_validate(store.get(), "u", guesses[g]->c_str());
+      best[g] = std::min(best[g], clock::now() - start);
+      ASSERT_EQ(valid, g == 0);
+    }
+  }
+  const auto [fastest, slowest] = std::minmax({best[0], best[1], best[2]});
+  EXPECT_LT((slowest - fastest) * 20, fastest) << "right: " << best[0].count() << " ns, first byte wrong: "
+                                               << best[1].count() << " ns, last byte wrong: " << best[2].count()
+                                               << " ns";
 }
 
 TEST_F(CredentialFile, IterateStopsWhenTheCallbackSaysSo) {

@@ -11,7 +11,14 @@
 #include <vector>
 
 #include "nats_server_fixture.hpp"
+#include "slapd_fixture.hpp"
 #include "test_support.hpp"
+
+struct auth_config;
+struct auth_service;
+struct broker_auth_thread;
+struct gw_auth_cache;
+struct gw_credential_store;
 
 namespace qmtest {
 
@@ -69,6 +76,38 @@ class CalloutEnv {
   std::unique_ptr<NatsServer> server_;
   std::unique_ptr<Child> broker_;
 };
+
+// The auth service inside the test process, answering the callout of a real nats-server,
+// with its result cache within the test's reach (the HTTP frontend shares that cache
+// object in the broker). Only `users` and `permissions_json` of the options apply.
+class InProcessCallout {
+ public:
+  explicit InProcessCallout(const CalloutOptions& options);
+  ~InProcessCallout();
+  InProcessCallout(const InProcessCallout&) = delete;
+  InProcessCallout& operator=(const InProcessCallout&) = delete;
+
+  std::string url() const { return server_->url(); }
+  gw_auth_cache* cache() const { return cache_; }
+
+ private:
+  void release();
+
+  TempDir dir_;
+  std::unique_ptr<NatsServer> server_;
+  auth_config* config_ = nullptr;
+  gw_credential_store* credentials_ = nullptr;
+  gw_auth_cache* cache_ = nullptr;
+  auth_service* service_ = nullptr;
+  broker_auth_thread* thread_ = nullptr;
+};
+
+// A directory for the auth tests: the service account kReaderDn (password
+// "reader-secret") under dc=qm,dc=test and one user, lara (password "lara-pw"), member of
+// kScannersGroup through her memberOf attribute.
+inline constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
+inline constexpr const char* kScannersGroup = "cn=scanners,ou=groups,dc=qm,dc=test";
+std::unique_ptr<Slapd> start_directory();
 
 // The issuer NKey of the seed at seed_path (made when missing).
 std::string issuer_nkey(const std::string& seed_path);

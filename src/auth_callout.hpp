@@ -1,0 +1,51 @@
+// nats-server's auth callout: reading the request token it sends for every client login,
+// deciding, and the signed answer.
+#pragma once
+
+#include <nats/nats.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "auth_decision.hpp"
+#include "qm_cpp.hpp"
+
+struct auth_jwt_ctx;
+
+// What a callout request (the JWT nats-server sends) says about the connecting client.
+struct auth_request_t {
+  std::string user;
+  qm::secret_string password;
+  std::string server_id;
+  std::string user_nkey;
+  bool has_user = false;
+  bool has_password = false;
+};
+
+// Reads the claims of the request token (not verified: the subject's access control is
+// trusted). False when there is no "nats" object or no user or password; server id and
+// user NKey found so far stay in req for the refusal. Every copy of the claims made on
+// the way is wiped.
+bool extract_auth_request(std::string_view token, auth_request_t& req);
+
+enum auth_callout_read_t {
+  AUTH_CALLOUT_EMPTY = 0,      // no payload: dropped without an answer
+  AUTH_CALLOUT_MALFORMED = 1,  // answered with auth_callout_refuse_malformed
+  AUTH_CALLOUT_REQUEST = 2,    // req holds the client's user and password
+};
+
+// Reads the request in msg's payload into req, then wipes the payload (it carries the
+// client's password).
+auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req);
+
+// The signed answer to a request that can be decided without waiting (auth_decide_now);
+// nothing when only the directory can tell: auth_callout_answer then, on a thread that
+// may wait. An empty token means signing failed: no answer is sent, and nats-server
+// refuses the client when its wait runs out.
+std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_jwt_ctx* jwt,
+                                                   const auth_request_t& req);
+std::string auth_callout_answer(auth_decider_t* decider, const auth_jwt_ctx* jwt, const auth_request_t& req);
+
+// The signed refusal of a request without "nats" claims, user or password.
+std::string auth_callout_refuse_malformed(const auth_jwt_ctx* jwt, const auth_request_t& req);

@@ -1,0 +1,133 @@
+// The auth service's one decision path, without nats-server: what the cache may answer
+// for whom, and refreshes that end before the decider does.
+#include "auth_decision.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+
+#include "auth_ldap.hpp"
+#include "auth_ldap_testing.hpp"
+#include "auth_profile.hpp"
+#include "callout_fixture.hpp"
+#include "gw_auth_cache.hpp"
+#include "gw_credential_store.hpp"
+#include "test_support.hpp"
+
+namespace {
+
+using cache_ptr = qm::c_ptr<gw_auth_cache_t, gw_auth_cache_destroy>;
+using creds_ptr = qm::c_ptr<gw_credential_store_t, gw_credential_store_free>;
+using profiles_ptr = qm::c_ptr<auth_profile_store_t, auth_profile_destroy>;
+using decider_ptr = qm::c_ptr<auth_decider_t, auth_decider_destroy>;
+using ldap_ptr = qm::c_ptr<auth_ldap_ctx_t, auth_ldap_destroy>;
+
+std::atomic<int64_t> g_now_ms{1'000'000};
+int64_t fake_clock() { return g_now_ms.load(); }
+
+const qm::secret_string kBobPassword("builder");
+
+class AuthDecision : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gw_auth_cache_set_clock_for_testing(fake_clock);
+    qmtest::write_file(dir_.file("users.conf"), "user: \"bob\"\npassword: \"builder\"\n");
+    qmtest::write_file(dir_.file("permissions.json"),
+                       R"j({"profiles": {"restricted": {"publish": {"allow": [">"], "deny": ["forbidden.>"]}}},
+                            "file_user_map": [{"user": "bob", "profile": "restricted"}]})j");
+    creds_.reset(gw_credential_store_load(dir_.file("users.conf").c_str()));
+    profiles_.reset(auth_profile_load(dir_.file("permissions.json").c_str()));
+    cache_.reset(gw_auth_cache_create(64, 120, 10, 50));
+    ASSERT_TRUE(creds_ && profiles_ && cache_);
+  }
+  void TearDown() override { gw_auth_cache_set_clock_for_testing(nullptr); }
+
+  decider_ptr decider(auth_ldap_ctx_t* ldap = nullptr) {
+    return decider_ptr(auth_decider_create(creds_.get(), ldap, profiles_.get(), cache_.get()));
+  }
+
+  qmtest::TempDir dir_;
+  creds_ptr creds_;
+  profiles_ptr profiles_;
+  cache_ptr cache_;
+};
+
+const char* profile_name(const auth_verdict& v) {
+  const char* name = auth_profile_name(v.profile);
+  return name ? name : "(built-in)";
+}
+
+// However a grant for bob got into the cache, a NATS login of his gets his profile: a
+// verify answer resolves it too, and a grant recorded without one is, for the callout,
+// a miss that is checked live and then recorded with the profile.
+TEST_F(AuthDecision, ACalloutGetsTheUsersProfileWhateverPutTheGrantInTheCache) {
+  const std::string bob = "bob";
+  struct route {
+    const char* name;
+    void (*put)(gw_auth_cache_t*, auth_decider_t*);
+    auth_verdict_source_t first_callout;
+  };
+  const route routes[] = {
+      {"verify endpoint",
+       [](gw_auth_cache_t*, auth_decider_t* d) {
+         EXPECT_TRUE(auth_decide(d, {AUTH_ASKER_VERIFY, "bob", kBobPassword}).granted);
+       },
+       AUTH_VERDICT_CACHED},
+      {"HTTP-style grant",
+       [](gw_auth_cache_t* c, auth_decider_t*) { gw_auth_cache_insert_grant(c, "bob", "builder"); },
+       AUTH_VERDICT_LIVE},
+      {"HTTP-style grant, refreshed by the HTTP frontend",
+       [](gw_auth_cache_t* c, auth_decider_t*) {
+         gw_auth_cache_insert_grant(c, "bob", "builder");
+         unsigned char hash[GW_AUTH_CACHE_HASH_BYTES];
+         uint32_t gen = 0;
+         g_now_ms += 61'000;
+         ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c, "bob", "builder", hash, &gen));
+         gw_auth_cache_complete_refresh(c, hash, gen, GW_REFRESH_GRANTED);
+       },
+       AUTH_VERDICT_LIVE},
+  };
+  for (const route& r : routes) {
+    SCOPED_TRACE(r.name);
+    SetUp();
+    decider_ptr d = decider();
+    r.put(cache_.get(), d.get());
+    const auth_verdict first = auth_decide(d.get(), {AUTH_ASKER_CALLOUT, bob, kBobPassword});
+    EXPECT_TRUE(first.granted);
+    EXPECT_EQ(first.source, r.first_callout);
+    EXPECT_STREQ(profile_name(first), "restricted");
+    const auth_verdict second = auth_decide(d.get(), {AUTH_ASKER_CALLOUT, bob, kBobPassword});
+    EXPECT_EQ(second.source, AUTH_VERDICT_CACHED);
+    EXPECT_STREQ(profile_name(second), "restricted");
+    // The verify endpoint's answer is the cache's, as before.
+    EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_VERIFY, bob, kBobPassword}).source, AUTH_VERDICT_CACHED);
+  }
+}
+
+// A refresh stuck in the directory holds up the decider's end: it must never outlive
+// the directory context, the profiles or the cache it uses.
+TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
+  auto directory = qmtest::start_directory();
+  ldap_ptr ldap(auth_ldap_init(directory->url().c_str(), "dc=qm,dc=test", qmtest::kReaderDn, "reader-secret", nullptr,
+                               nullptr, nullptr, nullptr, nullptr, nullptr, 1, 300, "memberOf", nullptr));
+  ASSERT_NE(ldap, nullptr);
+  auth_ldap_set_timeouts(ldap.get(), {1000, 3000});
+  decider_ptr d = decider(ldap.get());
+  const std::string lara = "lara";
+  const qm::secret_string password("lara-pw");
+  ASSERT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, lara, password}).backend, std::string("ldap"));
+
+  g_now_ms += 61'000;  // past the refresh threshold
+  directory->pause();
+  EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, lara, password}).source, AUTH_VERDICT_CACHED);
+  // The refresh's search has reached the stopped directory: it is running, not queued.
+  ASSERT_TRUE(qmtest::wait_until([&] { return directory->unread_request_bytes() > 0; }, std::chrono::seconds(10)));
+  EXPECT_EQ(auth_decider_drain_refreshes(d.get(), 100), -1);
+  d.reset();
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(cache_.get(), 0), 0);
+  ldap.reset();
+  directory->resume();
+}
+
+}  // namespace
