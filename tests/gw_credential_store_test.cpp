@@ -177,7 +177,8 @@ TEST_F(CredentialFile, ValidationTakesAsLongWhereverAGuessGoesWrong) {
     }
   }
   const auto [fastest, slowest] = std::minmax({best[0], best[1], best[2]});
-  EXPECT_LT((slowest - fastest) * 20, fastest) << "right: " << best[0].count() << " ns, first byte wrong: "
+  // An early exit shows as a many-fold difference; a third of slack keeps a loaded machine quiet.
+  EXPECT_LT((slowest - fastest) * 3, fastest) << "right: " << best[0].count() << " ns, first byte wrong: "
                                                << best[1].count() << " ns, last byte wrong: " << best[2].count()
                                                << " ns";
 }
