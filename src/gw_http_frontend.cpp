@@ -567,9 +567,10 @@ intptr_t s_fn_value(Fn fn) {
 MHD_Daemon* s_start_daemon(gw_http_frontend& fe, uint16_t port, bool tls) {
   // MHD_USE_ITC: without it libmicrohttpd cannot quiesce a threaded daemon.
   unsigned flags = MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC;
+  // The logger first: libmicrohttpd warns about any option before it.
   std::vector<MHD_OptionItem> options = {
-      {MHD_OPTION_NOTIFY_COMPLETED, s_fn_value(&on_request_completed), &fe},
       {MHD_OPTION_EXTERNAL_LOGGER, s_fn_value(&mhd_logger), &fe},
+      {MHD_OPTION_NOTIFY_COMPLETED, s_fn_value(&on_request_completed), &fe},
       {MHD_OPTION_LISTEN_BACKLOG_SIZE, static_cast<intptr_t>(static_cast<unsigned>(fe.cfg->listen_backlog)), nullptr},
       {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(s_inactivity_timeout_s()), nullptr},
   };
