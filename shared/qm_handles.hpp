@@ -72,6 +72,7 @@ using ldap_values_ptr = c_ptr<berval*, detail::ldap_free_values>;
 using curl_ptr = c_ptr<CURL, curl_easy_cleanup>;
 using curl_url_ptr = c_ptr<CURLU, curl_url_cleanup>;
 using curl_slist_ptr = c_ptr<curl_slist, curl_slist_free_all>;
+using curl_mime_ptr = c_ptr<curl_mime, curl_mime_free>;
 
 // libarchive
 using archive_read_ptr = c_ptr<archive, archive_read_free>;

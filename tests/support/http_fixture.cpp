@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -26,10 +27,8 @@ std::string s_header(CURL* easy, const char* name) {
   return header->value;
 }
 
-using mime_ptr = qm::c_ptr<curl_mime, curl_mime_free>;
-
-mime_ptr s_form(CURL* easy, const HttpRequest& request) {
-  mime_ptr form(curl_mime_init(easy));
+qm::curl_mime_ptr s_form(CURL* easy, const HttpRequest& request) {
+  qm::curl_mime_ptr form(curl_mime_init(easy));
   for (const auto& [name, value] : request.fields) {
     curl_mimepart* part = curl_mime_addpart(form.get());
     curl_mime_name(part, name.c_str());
@@ -61,12 +60,13 @@ HttpResponse HttpClient::send(const HttpRequest& request) {
   qm::curl_slist_ptr headers(curl_slist_append(nullptr, "Expect:"));
   if (!request.target.empty())
     headers.reset(curl_slist_append(headers.release(), ("X-Target-Service: " + request.target).c_str()));
-  mime_ptr form;
+  qm::curl_mime_ptr form;
   if (request.raw_body) {
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.raw_body->data());
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.raw_body->size()));
     // "Content-Type:" alone: no such header at all.
-    headers.reset(curl_slist_append(headers.release(), (request.content_type.empty() ? "Content-Type:" : "Content-Type: " + request.content_type).c_str()));
+    const std::string type = request.content_type.empty() ? "Content-Type:" : "Content-Type: " + request.content_type;
+    headers.reset(curl_slist_append(headers.release(), type.c_str()));
   } else if (!request.fields.empty()) {
     form = s_form(easy, request);
     curl_easy_setopt(easy, CURLOPT_MIMEPOST, form.get());
@@ -102,24 +102,18 @@ bool RawClient::send(const std::string& bytes) {
   return true;
 }
 
-std::string RawClient::read_until_close(std::chrono::milliseconds timeout) {
+std::string RawClient::read(std::chrono::milliseconds timeout) {
   std::string received;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!closed_) {
+  char buf[65536];
+  for (pollfd p{fd_, POLLIN, 0}; !closed_; p.revents = 0) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    pollfd p{fd_, POLLIN, 0};
-    if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
-    char buf[65536];
+    if (poll(&p, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) break;
     const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-    if (n <= 0) closed_ = true;
+    closed_ = n <= 0;
     if (n > 0) received.append(buf, static_cast<size_t>(n));
   }
   return received;
-}
-
-bool RawClient::closed_within(std::chrono::milliseconds timeout) {
-  read_until_close(timeout);
-  return closed_;
 }
 
 namespace {
@@ -137,7 +131,7 @@ CalloutOptions s_callout_options(const user_list& verify_users, std::vector<std:
 
 HttpScanEnv::HttpScanEnv(const user_list& verify_users, std::vector<std::string> broker_args, int tracelevel)
     : callout_(s_callout_options(verify_users, std::move(broker_args), tracelevel)),
-      worker_(callout_.url(), "scan", false, tracelevel >= 5 ? 5 : tracelevel, kWorkerUser, kWorkerPassword) {}
+      worker_(callout_.url(), "scan", false, tracelevel >= 5 ? 5 : 4, kWorkerUser, kWorkerPassword) {}
 
 gw_config_t HttpScanEnv::relay_config() const {
   gw_config_t cfg;
@@ -151,16 +145,17 @@ void HttpDoor::drain_and_destroy(gw_auth_cache_t* cache) {
   if (gw_auth_cache_wait_inflight_drain(cache, 6000) == 0) gw_auth_cache_destroy(cache);
 }
 
-HttpDoor::HttpDoor(const gw_config_t& relay_config, const DoorOptions& options) : cfg_(relay_config) {
+HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users,
+                   const std::function<void(gw_config_t&)>& tweak)
+    : cfg_(relay_config) {
   cfg_.http_enabled = true;
   cfg_.http_listen_host = "127.0.0.1";
   cfg_.http_listen_port = free_port();
-  if (options.tweak) options.tweak(cfg_);
-  write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(options.local_users));
+  if (tweak) tweak(cfg_);
+  write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(local_users));
   creds_.reset(gw_credential_store_load(dir_.file("credentials.conf").c_str()));
   relay_.reset(gw_nats_relay_create(&cfg_));
-  if (options.cache)
-    cache_.reset(gw_auth_cache_create(1024, options.grant_ttl_s, options.deny_ttl_s, options.refresh_pct));
+  cache_.reset(gw_auth_cache_create(1024, 120, 10, 50));
   fe_.reset(gw_http_frontend_create(&cfg_, creds_.get(), relay_.get(), cache_.get()));
   if (!fe_ || gw_http_frontend_start(fe_.get()) != 0) throw std::runtime_error("the HTTP door did not start");
 }

@@ -69,10 +69,9 @@ class RawClient {
   RawClient& operator=(const RawClient&) = delete;
   // False once the server has closed the connection.
   bool send(const std::string& bytes);
-  // Everything the server sends until it closes (or timeout passes: then what came so far).
-  std::string read_until_close(std::chrono::milliseconds timeout);
-  // True when the server closed the connection within timeout.
-  bool closed_within(std::chrono::milliseconds timeout);
+  // What the server sends until it closes or `timeout` passes; closed() tells which.
+  std::string read(std::chrono::milliseconds timeout);
+  bool closed() const { return closed_; }
 
  private:
   int fd_ = -1;
@@ -89,8 +88,7 @@ class HttpScanEnv {
 
   // verify_users: admitted by the broker's callout and its verify endpoint. broker_args:
   // extra broker options (its own HTTP door, say).
-  explicit HttpScanEnv(const user_list& verify_users = {}, std::vector<std::string> broker_args = {},
-                       int tracelevel = 6);
+  explicit HttpScanEnv(const user_list& verify_users, std::vector<std::string> broker_args = {}, int tracelevel = 6);
   CalloutEnv& callout() { return callout_; }
   // What an in-process relay needs to reach this server as the gateway user.
   gw_config_t relay_config() const;
@@ -100,20 +98,13 @@ class HttpScanEnv {
   ScanWorker worker_;
 };
 
-struct DoorOptions {
-  user_list local_users;  // the door's own credentials file
-  bool cache = true;
-  int grant_ttl_s = 120;
-  int deny_ttl_s = 10;
-  int refresh_pct = 50;
-  std::function<void(gw_config_t&)> tweak;  // listener, TLS, limits, relay time-outs
-};
-
-// A front door in this process: relay, credentials, cache and frontend, started on a
-// free port; throws when it does not start. Torn down in the broker's order.
+// A front door in this process with its own relay, credentials file (local_users) and
+// auth cache, started on a free port after `tweak` adjusted its configuration; throws
+// when it does not start. Torn down in the broker's order.
 class HttpDoor {
  public:
-  HttpDoor(const gw_config_t& relay_config, const DoorOptions& options = {});
+  HttpDoor(const gw_config_t& relay_config, const user_list& local_users,
+           const std::function<void(gw_config_t&)>& tweak = {});
   HttpDoor(const HttpDoor&) = delete;
   HttpDoor& operator=(const HttpDoor&) = delete;
 
