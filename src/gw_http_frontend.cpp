@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -542,7 +543,8 @@ std::optional<qm::secret_string> slurp_file(const char* path) {
   try {
     text.resize(static_cast<size_t>(size));
   } catch (const std::exception&) {
-    log_warn("http_frontend: malloc(%ld) failed for %s", size + 1, path);
+    // A directory reports the largest offset there is.
+    log_warn("http_frontend: malloc(%ld) failed for %s", size < LONG_MAX ? size + 1 : size, path);
     return std::nullopt;
   }
   const size_t got = fread(text.data(), 1, text.size(), file.get());

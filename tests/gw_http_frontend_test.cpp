@@ -260,6 +260,7 @@ TEST_F(HttpDoorTest, TlsFromPemFilesAndStartRefusals) {
       {certs.cert_file, std::nullopt, 0, together},
       {std::nullopt, certs.key_file, 0, together},
       {dir.file("absent.pem"), certs.key_file, 0, "cannot open " + dir.file("absent.pem")},
+      {certs.cert_file, dir.path().string(), 0, "http_frontend: could not load TLS cert or key"},
       {dir.file("garbage.pem"), certs.key_file, 0, "(tls=yes) — port in use? cert/key malformed?"},
       {std::nullopt, std::nullopt, door_->port(), "(tls=no) — port in use? cert/key malformed?"},
       {std::nullopt, std::nullopt, 70000, "MHD_start_daemon failed on port 70000 (tls=no)"},
