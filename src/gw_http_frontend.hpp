@@ -30,8 +30,9 @@ int gw_http_frontend_start(gw_http_frontend_t* fe);
 // No-op when not started.
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);
 
-// Stops the daemon and waits for its connection threads. No-op when not started; start
-// may follow (the PEM files are read again).
+// Stops the daemon and waits for its connection threads (requests in flight finish
+// first), so not from a signal handler or a connection thread. No-op when not started;
+// start may follow (the PEM files are read again).
 void gw_http_frontend_stop(gw_http_frontend_t* fe);
 
 // Stops, waits for background refreshes still using the relay and the cache, and frees

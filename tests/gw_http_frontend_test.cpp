@@ -292,6 +292,7 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   EXPECT_EQ(http_send(as(kLocal, kLocalPassword)).curl, CURLE_COULDNT_CONNECT);
   EXPECT_EQ(in_flight.get().status, 200);
   EXPECT_TRUE(log_.contains("stopped accepting new connections — in-flight requests still draining"));
+  EXPECT_FALSE(log_.contains("[MHD]")) << log_.text();
 
   gw_http_frontend_stop(door_->frontend());
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);
