@@ -182,11 +182,15 @@ TEST_F(BrokerMainTest, UnreachableNotifySocketIsAWarningOnly) {
 }
 
 TEST_F(BrokerMainTest, DaemonModeIsSilentAndTheLogFileGetsTheLines) {
-  qmtest::Child silent(args_with({"--trace-to-screen", "0"}));
+  const std::string pid_file = dir_.file("silent.pid");
+  qmtest::Child silent(args_with({"--trace-to-screen", "0", "--pid-file", pid_file}));
   const std::string log_file = dir_.file("broker.log");
   qmtest::Child logging(args_with({"--trace-to-screen", "0", "--tracefile", log_file, "--tracelevel", "6"}));
   ASSERT_TRUE(qmtest::wait_until(
       [&] { return qmtest::read_file(log_file).find("qm-av-broker ready") != std::string::npos; }, 30s));
+  // The silent one says nothing; its pid file, written after the signal handlers are in
+  // place, tells that a SIGTERM will be handled rather than kill it.
+  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(pid_file).empty(); }, 30s));
   silent.signal(SIGTERM);
   logging.signal(SIGTERM);
   EXPECT_EQ(silent.wait(30s), 0);
