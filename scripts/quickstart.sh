@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds the broker and runs it in the foreground on a local
 # default: a supervised nats-server with JetStream on 127.0.0.1, its state under .state/,
-# and two demo scan workers (service "scan", and the work queue of service "scanjs").
+# two demo scan workers (service "scan", and the work queue of service "scanjs") and the
+# REST front door in plain HTTP on a free port from 8080.
 # Ctrl-C (or SIGTERM) stops the broker, its nats-server and the workers.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -20,6 +21,17 @@ while port_taken "$port"; do
   port=$((port + 1))
   [ "$port" -lt 4300 ] || { echo "quickstart: no free port in 4222-4299" >&2; exit 1; }
 done
+
+# The REST front door's port: the first free one from 8080.
+first_free_port() { # from, to (exclusive)
+  local p=$1
+  while port_taken "$p"; do
+    p=$((p + 1))
+    [ "$p" -lt "$2" ] || { echo "quickstart: no free port in $1-$(($2 - 1))" >&2; return 1; }
+  done
+  echo "$p"
+}
+http_port=$(first_free_port 8080 8180)
 
 random_password() { head -c 24 /dev/urandom | base64 | tr -d '/+=\n'; }
 
@@ -89,7 +101,7 @@ broker_log="$state/qm-av-broker.log"
   --gw-nats-user qm-gateway --gw-nats-password "$gw_password" \
   --js-work-services scanjs \
   --amqp-enabled false \
-  --http-enabled false \
+  --http-enabled true --http-listen-host 127.0.0.1 --http-listen-port "$http_port" \
   --update-binary false \
   "$@" &
 broker_pid=$!
@@ -126,5 +138,7 @@ echo "quickstart: nats-server on nats://127.0.0.1:$port, state in $state"
 echo "quickstart: demo workers for scan and (work queue) scanjs ready; logs in $state/scan-worker-*.log"
 echo "quickstart: log in as demo / $demo_password, for example:"
 echo "  printf 'CONNECT {\"user\":\"demo\",\"pass\":\"$demo_password\"}\\r\\nPING\\r\\n' | nc -q 1 127.0.0.1 $port"
+echo "quickstart: REST front door on http://127.0.0.1:$http_port/vsi, for example:"
+echo "  curl -u 'demo:$demo_password' -H 'X-Target-Service: scan' -F 'request={\"scan\":1}' -F payload=@README.md http://127.0.0.1:$http_port/vsi"
 echo "quickstart: to send a scan by hand, see \"A scan by hand\" in README.md (DEMO_PASSWORD=$demo_password PORT=$port)"
 wait "$broker_pid"

@@ -21,6 +21,7 @@
 #include "broker_sd_notify.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
+#include "gw_http_frontend.hpp"
 #include "gw_nats_relay.hpp"
 #include "log.hpp"
 #include "qm_nats_conn.hpp"
@@ -29,6 +30,7 @@ volatile sig_atomic_t g_shutdown_requested = 0;
 volatile sig_atomic_t g_reload_requested = 0;
 broker_auth_watcher_t* g_auth_watcher = nullptr;
 gw_auth_cache_t* g_auth_cache = nullptr;
+gw_http_frontend_t* g_http_fe = nullptr;
 
 namespace {
 
@@ -60,6 +62,9 @@ void signal_handler(int sig) {
   } else {
     g_shutdown_requested = 1;
     auth_service_stop(g_auth_svc.load());
+    // The HTTP frontend is not stopped from here: stopping libmicrohttpd joins its
+    // threads, and this handler may be running on one of them. The main thread, woken
+    // below, stops it early in the teardown.
     // SIGINT from a terminal reaches the child through the process group anyway.
     if (sig == SIGTERM) {
       if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGTERM);
@@ -291,6 +296,32 @@ void s_stop_auth_callout() {
   auth_service_destroy(g_auth_svc.exchange(nullptr));
 }
 
+// The REST front door, when enabled; it checks credentials through the shared cache.
+bool s_start_http_frontend(broker_app& app) {
+  const gw_config_t& gw = *app.cfg->gw;
+  if (!gw.http_enabled) {
+    log_info("HTTP frontend: disabled");
+    return true;
+  }
+  const char* host = qm::cstr(gw.http_listen_host);
+  g_http_fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache);
+  if (g_http_fe == nullptr || gw_http_frontend_start(g_http_fe) != 0) {
+    log_fatal("Failed to start HTTP frontend on %s:%d", host, gw.http_listen_port);
+    return false;
+  }
+  log_info("HTTP frontend started on %s:%d", host, gw.http_listen_port);
+  return true;
+}
+
+// Waits for its requests in flight and its background refreshes, which use the relay
+// and the cache torn down after it.
+void s_stop_http_frontend() {
+  if (g_http_fe == nullptr) return;
+  log_debug("Stopping HTTP frontend");
+  gw_http_frontend_destroy(g_http_fe);
+  g_http_fe = nullptr;
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -308,7 +339,9 @@ bool s_start(broker_app& app) {
   if (!s_connect_relay(app)) return false;
   s_create_auth_cache(*cfg.gw);
   if (!s_start_auth_callout(app)) return false;
-  // Then SASL, the AMQP acceptor, the HTTPS frontend and the update thread.
+  // Then SASL and the AMQP acceptor.
+  if (!s_start_http_frontend(app)) return false;
+  // Then the update thread.
 
   log_info("%s ready", kProgramName);
   if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
@@ -361,6 +394,7 @@ void s_shutdown(broker_app& app) {
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
   }
+  s_stop_http_frontend();
   if (app.relay != nullptr) {
     log_debug("Tearing down NATS relay");
     gw_nats_relay_destroy(app.relay);
