@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds the broker and runs it in the foreground on a local
 # default: a supervised nats-server with JetStream on 127.0.0.1, its state under .state/,
-# and two demo scan workers (service "scan", and the work queue of service "scanjs").
+# two demo scan workers (service "scan", and the work queue of service "scanjs"), and the
+# AMQP front door on 127.0.0.1.
 # Ctrl-C (or SIGTERM) stops the broker, its nats-server and the workers.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j2 --target qm-av-broker qm-scan-worker
+cmake --build build -j2 --target qm-av-broker qm-scan-worker qm-amqp-scan
 
 state="$root/.state"
 mkdir -p "$state/jetstream"
@@ -19,6 +20,13 @@ port=4222
 while port_taken "$port"; do
   port=$((port + 1))
   [ "$port" -lt 4300 ] || { echo "quickstart: no free port in 4222-4299" >&2; exit 1; }
+done
+
+# The AMQP front door: 5672, or the next free port.
+amqp_port=5672
+while port_taken "$amqp_port"; do
+  amqp_port=$((amqp_port + 1))
+  [ "$amqp_port" -lt 5772 ] || { echo "quickstart: no free port in 5672-5771" >&2; exit 1; }
 done
 
 random_password() { head -c 24 /dev/urandom | base64 | tr -d '/+=\n'; }
@@ -88,7 +96,7 @@ broker_log="$state/qm-av-broker.log"
   --auth-nats-user qm-auth --auth-nats-password "$auth_password" \
   --gw-nats-user qm-gateway --gw-nats-password "$gw_password" \
   --js-work-services scanjs \
-  --amqp-enabled false \
+  --amqp-enabled true --amqp-listen-host 127.0.0.1 --amqp-listen-port "$amqp_port" \
   --http-enabled false \
   --update-binary false \
   "$@" &
@@ -127,4 +135,6 @@ echo "quickstart: demo workers for scan and (work queue) scanjs ready; logs in $
 echo "quickstart: log in as demo / $demo_password, for example:"
 echo "  printf 'CONNECT {\"user\":\"demo\",\"pass\":\"$demo_password\"}\\r\\nPING\\r\\n' | nc -q 1 127.0.0.1 $port"
 echo "quickstart: to send a scan by hand, see \"A scan by hand\" in README.md (DEMO_PASSWORD=$demo_password PORT=$port)"
+echo "quickstart: AMQP front door on amqp://127.0.0.1:$amqp_port; scan a file through it with:"
+echo "  QM_AMQP_PASSWORD=$demo_password ./build/qm-amqp-scan --url amqp://127.0.0.1:$amqp_port --user demo --service scan --file FILE"
 wait "$broker_pid"

@@ -32,7 +32,9 @@ struct ScanEnvOptions {
 // One demo worker; waits until it logs that it is ready (throws when it does not).
 class ScanWorker {
  public:
-  ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel);
+  // user/password: the worker's NATS login (none when user is empty).
+  ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
+             const std::string& user = "", const std::string& password = "");
   Child& child() { return *child_; }
   // What the worker has logged so far.
   std::string log() const { return child_->err(); }

@@ -66,6 +66,11 @@ class Child {
   std::optional<int> status_;
 };
 
+// Writes ca.pem (a CA made for one test), server.pem and server.key (a certificate for
+// IP 127.0.0.1 issued by it) into `dir`; throws std::runtime_error when the openssl
+// command fails.
+void make_loopback_certificates(const TempDir& dir);
+
 // The broker binary built with the tests.
 std::string broker_binary();
 
