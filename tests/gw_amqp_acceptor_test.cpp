@@ -34,6 +34,16 @@ std::string scan(ScanClient& c, const proton::message& request) {
   return reply ? reply_json(*reply) : "";
 }
 
+// Sends payload with "echo": the worker hands it back; the reply's strings.
+std::vector<std::string> echoed(ScanClient& c, const std::string& payload) {
+  const int ticket = c.client.send(c.sender, scan_request("", "{\"echo\":true}", &payload, c.reply_address, "echo"));
+  if (c.client.outcome(ticket, kWait) != Outcome::accepted) return {};
+  auto reply = c.client.receive(kWait);
+  std::vector<std::string> parts;
+  if (reply) proton::get(reply->body(), parts);
+  return parts;
+}
+
 proton::message request_with_body(const proton::value& body, const std::string& reply_to) {
   proton::message msg;
   msg.body(body);
@@ -86,12 +96,7 @@ TEST(AmqpScan, RepliesWithDataComeAsASecondString) {
   AmqpEnv env;
   ScanClient c(env);
   const std::string payload = test_payload(600000);
-  const int ticket = c.client.send(c.sender, scan_request("", "{\"echo\":true}", &payload, c.reply_address, "echo-1"));
-  ASSERT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
-  auto reply = c.client.receive(kWait);
-  ASSERT_TRUE(reply);
-  std::vector<std::string> parts;
-  proton::get(reply->body(), parts);
+  const std::vector<std::string> parts = echoed(c, payload);
   ASSERT_EQ(parts.size(), 2u);
   EXPECT_EQ(json_member(parts[0], "sha256"), sha256_hex(payload));
   EXPECT_EQ(parts[1], payload);
@@ -333,12 +338,7 @@ TEST(AmqpAcceptorLocal, NoCapWhenTheMaximumIsZero) {
   LocalAcceptor acceptor([](gw_config_t& cfg) { cfg.max_msg_size_bytes = 0; });
   ScanClient c(acceptor.port(), acceptor.login());
   const std::string payload = test_payload(3 * 1048576);
-  const int ticket = c.client.send(c.sender, scan_request("", "{\"echo\":true}", &payload, c.reply_address, "big"));
-  ASSERT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
-  auto reply = c.client.receive(kWait);
-  ASSERT_TRUE(reply);
-  std::vector<std::string> parts;
-  proton::get(reply->body(), parts);
+  const std::vector<std::string> parts = echoed(c, payload);
   ASSERT_EQ(parts.size(), 2u);
   EXPECT_EQ(parts[1], payload);
 }
