@@ -55,6 +55,11 @@ struct pending_reply_t {
 };
 
 using relay_pool_ptr = qm::c_ptr<gw_relay_pool_t, gw_relay_pool_destroy>;
+using sasl_steps_ptr = qm::c_ptr<gw_amqp_cyrus_steps_t, gw_amqp_cyrus_steps_destroy>;
+
+// Password checks running at once, off the event loop; each may wait seconds for the
+// auth service.
+constexpr int kSaslStepThreads = 4;
 
 }  // namespace
 
@@ -70,6 +75,7 @@ struct gw_amqp_acceptor {
   // host-name helpers are not thread-safe.
   std::string host_fqdn;
   bool own_cyrus_binding = false;
+  sasl_steps_ptr sasl_steps;  // with the gateway's own Cyrus binding only
   // Listeners and connections still open; the final drain waits for them.
   int live_endpoints = 0;
   // A signal handler may stop the loop, but waking the proactor takes its locks: the
@@ -586,7 +592,8 @@ void s_set_up_transport(gw_amqp_acceptor& acc, pn_transport_t* t) {
   if (acc.sasl_config_dir) pn_sasl_config_path(sasl, acc.sasl_config_dir->c_str());
   pn_sasl_allowed_mechs(sasl, "PLAIN");
   pn_sasl_set_allow_insecure_mechs(sasl, !tls);
-  if (acc.own_cyrus_binding && gw_amqp_cyrus_attach(t, acc.host_fqdn.empty() ? nullptr : acc.host_fqdn.c_str()) != 0) {
+  if (acc.own_cyrus_binding && gw_amqp_cyrus_attach(t, acc.host_fqdn.empty() ? nullptr : acc.host_fqdn.c_str(),
+                                                     acc.sasl_steps.get()) != 0) {
     log_error("amqp_acceptor: out of memory accepting connection");
     s_close_transport(t);
   }
@@ -652,6 +659,7 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
   }
   --acc.live_endpoints;
   if (ctx == nullptr) return;
+  if (acc.own_cyrus_binding) gw_amqp_cyrus_detach(t);
   gw_relay_conn_handle_close(ctx->relay_handle);
   gw_relay_conn_handle_release(ctx->relay_handle);
   pn_connection_set_context(conn, nullptr);
@@ -760,8 +768,11 @@ void handle_event(gw_amqp_acceptor& acc, pn_event_t* e) {
       break;
     }
     case PN_CONNECTION_WAKE: {
-      conn_context_t* ctx = s_context(pn_event_connection(e));
-      if (ctx != nullptr) handle_completed_jobs(*ctx, pn_event_connection(e));
+      pn_connection_t* conn = pn_event_connection(e);
+      conn_context_t* ctx = s_context(conn);
+      if (ctx == nullptr) break;
+      if (acc.own_cyrus_binding) gw_amqp_cyrus_resume(pn_connection_transport(conn));
+      handle_completed_jobs(*ctx, conn);
       break;
     }
     case PN_TRANSPORT_ERROR: {
@@ -820,6 +831,13 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
       log_error("amqp_acceptor: failed to start relay worker pool (workers=%d)", workers);
       return nullptr;
     }
+    if (acc->own_cyrus_binding) {
+      acc->sasl_steps.reset(gw_amqp_cyrus_steps_create(kSaslStepThreads));
+      if (!acc->sasl_steps) {
+        log_error("amqp_acceptor: failed to start SASL step threads (threads=%d)", kSaslStepThreads);
+        return nullptr;
+      }
+    }
     acc->waker = std::thread(s_waker_main, acc.get());
   } catch (const std::exception&) {
     return nullptr;
@@ -862,6 +880,7 @@ void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;
   std::unique_ptr<gw_amqp_acceptor> owned(acc);
   acc->stop_waker();
+  acc->sasl_steps.reset();
   acc->relay_pool.reset();
   acc->proactor.reset();
 }

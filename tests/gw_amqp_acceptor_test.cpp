@@ -9,7 +9,9 @@
 #include <proton/types.hpp>
 #include <proton/uuid.hpp>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 #include <map>
 #include <set>
 #include <string>
@@ -146,6 +148,29 @@ TEST(AmqpLogin, AuthServiceDownAsksTheClientToTryAgain) {
   EXPECT_EQ(client.sasl_outcome(), 4);  // sys-temp: try again later
   EXPECT_TRUE(env.wait_for_log("sasl_checkpass: qm.auth.verify failed for user='scanner' (relay rc=-1) \u2014 asking "
                                "client to retry"));
+}
+
+// The password check runs off the event loop: while one login waits for the auth
+// service, another connection's scans go on.
+TEST(AmqpLogin, AWaitingPasswordCheckHoldsUpNoOtherConnection) {
+  AmqpEnvOptions options;
+  options.callout_service = false;
+  AmqpEnv env(options);
+  NatsLogin verifier = nats_login(env.nats_url(), CalloutEnv::kAuthUser, CalloutEnv::kAuthPassword);
+  ASSERT_EQ(verifier.status, NATS_OK) << verifier.error;
+  VerifyEndpoint verify(verifier.conn, {{AmqpEnv::kUser, AmqpEnv::kPassword}});
+  ScanClient early(env);
+  verify.hold();
+  std::atomic<bool> late_open{false};
+  std::thread late_login([&] { late_open = AmqpClient(env.port(), env.login()).is_open(); });
+  ASSERT_TRUE(wait_until([&] { return verify.requests() == 2; }, kWait));
+  const std::string payload = "meanwhile";
+  EXPECT_EQ(json_member(scan(early, scan_request("", "{}", &payload, early.reply_address, "m-1")), "sha256"),
+            sha256_hex(payload));
+  EXPECT_FALSE(late_open.load());
+  verify.release();
+  late_login.join();
+  EXPECT_TRUE(late_open.load());
 }
 
 TEST(AmqpLimits, OversizeMessagesAreRejectedAndTheLinkCarriesOn) {

@@ -74,7 +74,7 @@ std::optional<int> AmqpEnv::stop_broker() {
   return broker().wait(60s);
 }
 
-VerifyEndpoint::VerifyEndpoint(natsConnection* nc, user_list users) : users_(std::move(users)) {
+VerifyEndpoint::VerifyEndpoint(natsConnection* nc, user_list users) : nc_(nc), users_(std::move(users)) {
   natsSubscription* sub = nullptr;
   if (natsConnection_QueueSubscribe(&sub, nc, "qm.auth.verify", "qm-auth-verify", s_on_request, this) != NATS_OK ||
       natsConnection_Flush(nc) != NATS_OK) {
@@ -97,6 +97,18 @@ void VerifyEndpoint::set_reply(const std::string& text) {
 void VerifyEndpoint::set_delay(std::chrono::milliseconds delay) {
   std::lock_guard<std::mutex> lock(mu_);
   delay_ = delay;
+}
+
+void VerifyEndpoint::hold() {
+  std::lock_guard<std::mutex> lock(mu_);
+  holding_ = true;
+}
+
+void VerifyEndpoint::release() {
+  std::lock_guard<std::mutex> lock(mu_);
+  holding_ = false;
+  for (const auto& [inbox, answer] : held_) natsConnection_PublishString(nc_, inbox.c_str(), answer.c_str());
+  held_.clear();
 }
 
 int VerifyEndpoint::requests() const {
@@ -122,6 +134,10 @@ void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg
   ++self->requests_;
   self->last_password_ = password;
   if (!self->fixed_reply_.empty()) reply = self->fixed_reply_;
+  if (self->holding_) {
+    self->held_.emplace_back(natsMsg_GetReply(msg), reply);
+    return;
+  }
   if (self->delay_.count() == 0) {
     natsConnection_PublishString(nc, natsMsg_GetReply(msg), reply.c_str());
     return;

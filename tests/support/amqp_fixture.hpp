@@ -80,6 +80,9 @@ class VerifyEndpoint {
   void set_reply(const std::string& text);
   // Every answer from now on comes this late (requests are answered in parallel).
   void set_delay(std::chrono::milliseconds delay);
+  // Holds every answer back from now on, until release() sends them all.
+  void hold();
+  void release();
   int requests() const;
   // The "password" of the last request.
   std::string last_password() const;
@@ -87,6 +90,7 @@ class VerifyEndpoint {
  private:
   static void s_on_request(natsConnection* nc, natsSubscription* sub, natsMsg* msg, void* closure);
 
+  natsConnection* nc_;
   user_list users_;
   mutable std::mutex mu_;
   std::string fixed_reply_;
@@ -94,6 +98,8 @@ class VerifyEndpoint {
   int requests_ = 0;
   std::string last_password_;
   std::vector<std::thread> late_answers_;
+  bool holding_ = false;
+  std::vector<std::pair<std::string, std::string>> held_;  // inbox, answer
   qm::nats_subscription_ptr sub_;
 };
 
