@@ -138,9 +138,15 @@ TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
   gw_sasl_teardown();
 }
 
-TEST(SaslSetup, RefusesARuntimeDirectoryThatIsNotAPlainDirectory) {
+TEST(SaslSetup, AnExistingRuntimeDirectoryIsMadePrivateASymlinkIsRefused) {
   VerifyEnv env;
   LogCapture log;
+  fs::create_directory(env.runtime_dir());
+  fs::permissions(env.runtime_dir(), fs::perms(0755));
+  ASSERT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
+  EXPECT_EQ(mode_of(env.runtime_dir()), 0700u);
+  gw_sasl_teardown();
+
   fs::create_directory_symlink(env.dir.path(), env.runtime_dir());
   EXPECT_EQ(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
   EXPECT_TRUE(log.contains("sasl_setup: mkdir(" + env.runtime_dir() + ") failed: "));
