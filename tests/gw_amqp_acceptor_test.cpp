@@ -289,9 +289,7 @@ TEST(AmqpConnections, AClientClosingMidScanLeavesNothingBehind) {
 
   const std::string runtime_dir = "/tmp/qm-av-broker-" + std::to_string(env.broker().pid());
   EXPECT_TRUE(std::filesystem::exists(runtime_dir));
-  EXPECT_EQ(env.stop_broker(), 0);
-  const std::string log = env.broker_log();
-  EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << log.substr(log.find("Sanitizer") - 200);
+  EXPECT_EQ(env.stop_broker(), 0);  // what the sanitizers find at exit fails the test as well
   EXPECT_FALSE(std::filesystem::exists(runtime_dir));
 }
 
@@ -347,8 +345,8 @@ TEST(AmqpTls, AmqpsWithTheTestCa) {
 // ---- the acceptor in this process ----------------------------------------------------
 
 TEST(AmqpAcceptorLocal, StopAcceptingClosesNewConnectionsAndServesExistingOnes) {
-  LocalAcceptor acceptor;
   LogCapture log(QMLOG_INFO);
+  LocalAcceptor acceptor;
   ScanClient existing(acceptor.port(), acceptor.login());
   gw_amqp_acceptor_stop_accepting(acceptor.get());
   AmqpClient refused(acceptor.port(), acceptor.login());

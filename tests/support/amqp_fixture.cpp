@@ -48,7 +48,12 @@ AmqpEnv::AmqpEnv(AmqpEnvOptions options) : port_(free_port()), tls_(options.tls)
   }
 }
 
+// The broker stops first, so that what its sanitizers find at exit fails the test.
 AmqpEnv::~AmqpEnv() {
+  if (broker().running()) stop_broker();
+  const std::string log = broker_log();
+  const size_t report = log.find("Sanitizer");
+  EXPECT_EQ(report, std::string::npos) << log.substr(report == std::string::npos ? 0 : report);
   if (worker_) {
     worker_->child().signal(SIGTERM);
     worker_->child().wait(10s);
