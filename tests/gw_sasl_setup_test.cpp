@@ -240,7 +240,7 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
   gw_sasl_teardown();
 }
 
-TEST(SaslCallbacks, NamesPassThroughAndLogLevelsMap) {
+TEST(SaslCallbacks, NamesPassThroughUnchangedAndTruncated) {
   LogCapture log(QMLOG_TRACE);
   char out[5];
   unsigned out_len = 0;
@@ -258,18 +258,6 @@ TEST(SaslCallbacks, NamesPassThroughAndLogLevelsMap) {
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, nullptr, 8, &out_len), SASL_BADPARAM);
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, wide, sizeof wide, nullptr), SASL_BADPARAM);
 
-  const struct {
-    int level;
-    const char* shown;
-  } levels[] = {{SASL_LOG_ERR, "ERROR"}, {SASL_LOG_FAIL, "ERROR"}, {SASL_LOG_WARN, "WARN"}, {SASL_LOG_NOTE, "INFO"},
-                {SASL_LOG_DEBUG, "DEBUG"}, {SASL_LOG_TRACE, "TRACE"}, {SASL_LOG_PASS, "TRACE"}};
-  for (const auto& l : levels) {
-    log.clear();
-    EXPECT_EQ(sasl_log_cb(nullptr, l.level, "hello"), SASL_OK);
-    const std::string line = log.text();
-    EXPECT_NE(line.find(l.shown), std::string::npos) << l.level << ": " << line;
-    EXPECT_NE(line.find("sasl_cb: hello"), std::string::npos);
-  }
   log.clear();
   EXPECT_EQ(sasl_log_cb(nullptr, SASL_LOG_ERR, nullptr), SASL_OK);
   EXPECT_EQ(log.text(), "");

@@ -30,18 +30,6 @@
 
 namespace qmtest {
 
-const char* outcome_name(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::pending: return "pending";
-    case Outcome::accepted: return "accepted";
-    case Outcome::rejected: return "rejected";
-    case Outcome::released: return "released";
-    case Outcome::settled: return "settled";
-    case Outcome::failed: return "failed";
-  }
-  return "?";
-}
-
 // Lives on the container's thread; the public calls reach it through the container's
 // work queue and wait on its condition variable.
 class AmqpClient::Handler : public proton::messaging_handler {

@@ -28,7 +28,6 @@ struct AmqpLogin {
 };
 
 enum class Outcome { pending, accepted, rejected, released, settled, failed };
-const char* outcome_name(Outcome outcome);
 
 class AmqpClient {
  public:
