@@ -80,7 +80,7 @@ struct gw_amqp_acceptor {
   int live_endpoints = 0;
   // A signal handler may stop the loop, but waking the proactor takes its locks: the
   // handler only writes this eventfd, and the waker thread interrupts the proactor.
-  int stop_fd = -1;
+  qm::unique_fd stop_fd;
   std::atomic<bool> waker_quit{false};
   std::thread waker;
 
@@ -88,14 +88,11 @@ struct gw_amqp_acceptor {
     if (!waker.joinable()) return;
     waker_quit.store(true);
     const uint64_t one = 1;
-    (void)!write(stop_fd, &one, sizeof one);
+    (void)!write(stop_fd.get(), &one, sizeof one);
     waker.join();
   }
 
-  ~gw_amqp_acceptor() {
-    stop_waker();
-    if (stop_fd >= 0) close(stop_fd);
-  }
+  ~gw_amqp_acceptor() { stop_waker(); }
 };
 
 namespace {
@@ -130,7 +127,7 @@ std::string s_bytes_text(pn_bytes_t b) { return b.start != nullptr ? std::string
 void s_waker_main(gw_amqp_acceptor* acc) {
   uint64_t count = 0;
   while (!acc->waker_quit.load()) {
-    if (read(acc->stop_fd, &count, sizeof count) < 0 && errno != EINTR) return;
+    if (read(acc->stop_fd.get(), &count, sizeof count) < 0 && errno != EINTR) return;
     if (!acc->waker_quit.load()) pn_proactor_interrupt(acc->proactor.get());
   }
 }
@@ -824,8 +821,8 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
     acc->host_fqdn = qm::or_text(qmhlp_GetMyFQDN(), "");
     acc->own_cyrus_binding = gw_amqp_cyrus_needed();
     acc->proactor.reset(pn_proactor());
-    acc->stop_fd = eventfd(0, EFD_CLOEXEC);
-    if (!acc->proactor || acc->stop_fd < 0) return nullptr;
+    acc->stop_fd.reset(eventfd(0, EFD_CLOEXEC));
+    if (!acc->proactor || !acc->stop_fd) return nullptr;
     acc->relay_pool.reset(gw_relay_pool_create(relay, workers));
     if (!acc->relay_pool) {
       log_error("amqp_acceptor: failed to start relay worker pool (workers=%d)", workers);
@@ -869,7 +866,7 @@ void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;
   acc->running.store(0);
   const uint64_t one = 1;
-  (void)!write(acc->stop_fd, &one, sizeof one);
+  (void)!write(acc->stop_fd.get(), &one, sizeof one);
 }
 
 void gw_amqp_acceptor_stop_accepting(gw_amqp_acceptor_t* acc) {

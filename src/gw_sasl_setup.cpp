@@ -120,18 +120,9 @@ bool s_make_private_dir(const std::string& path) {
 // levels. The file is opened with O_NOFOLLOW, so that a symlink planted at the path is
 // not followed.
 bool write_sasl_conf(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    log_error("sasl_setup: cannot write %s: %m", path.c_str());
-    return false;
-  }
+  const qm::unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
   const size_t len = sizeof kSaslConf - 1;
-  const bool written = write(fd, kSaslConf, len) == static_cast<ssize_t>(len);
-  const int saved_errno = errno;
-  const bool private_mode = fchmod(fd, 0600) == 0;
-  close(fd);
-  if (!written || !private_mode) {
-    errno = written ? errno : saved_errno;
+  if (!fd || write(fd.get(), kSaslConf, len) != static_cast<ssize_t>(len) || fchmod(fd.get(), 0600) != 0) {
     log_error("sasl_setup: cannot write %s: %m", path.c_str());
     return false;
   }
