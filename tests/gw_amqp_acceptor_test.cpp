@@ -330,6 +330,25 @@ TEST(AmqpTls, AmqpsWithTheTestCa) {
   plaintext.ca_file.clear();
   AmqpClient refused(env.port(), plaintext);
   EXPECT_FALSE(refused.is_open());
+
+  // The client tool of the README, over amqps with the same CA.
+  TempDir files;
+  write_file(files.file("hello.txt"), "hello scanner\n");
+  const auto tool = [&](const std::string& password) {
+    auto child = std::make_unique<Child>(
+        std::vector<std::string>{QM_AMQP_SCAN_BINARY, "--url", "amqps://127.0.0.1:" + std::to_string(env.port()),
+                                 "--ca", env.login().ca_file, "--user", AmqpEnv::kUser, "--service",
+                                 AmqpEnv::kService, "--file", files.file("hello.txt")},
+        std::vector<std::string>{"QM_AMQP_PASSWORD=" + password});
+    child->wait(kWait);
+    return child;
+  };
+  auto scanned = tool(AmqpEnv::kPassword);
+  EXPECT_EQ(scanned->wait(0ms), 0) << scanned->err();
+  EXPECT_EQ(json_member(scanned->out(), "sha256"), sha256_hex("hello scanner\n"));
+  auto refused_tool = tool("wrong");
+  EXPECT_EQ(refused_tool->wait(0ms), 1);
+  EXPECT_NE(refused_tool->err().find("amqp:unauthorized-access"), std::string::npos) << refused_tool->err();
 }
 
 // ---- the acceptor in this process ----------------------------------------------------
