@@ -13,6 +13,9 @@
 #include <microhttpd.h>
 #include <nats/nats.h>
 #include <openssl/evp.h>
+#include <proton/message.h>
+#include <proton/proactor.h>
+#include <proton/ssl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -78,6 +81,11 @@ using curl_mime_ptr = c_ptr<curl_mime, curl_mime_free>;
 using archive_read_ptr = c_ptr<archive, archive_read_free>;
 using archive_write_ptr = c_ptr<archive, archive_write_free>;
 using archive_entry_ptr = c_ptr<archive_entry, archive_entry_free>;
+
+// Qpid Proton
+using pn_message_ptr = c_ptr<pn_message_t, pn_message_free>;
+using pn_proactor_ptr = c_ptr<pn_proactor_t, pn_proactor_free>;
+using pn_ssl_domain_ptr = c_ptr<pn_ssl_domain_t, pn_ssl_domain_free>;
 
 // stdio, directory streams
 using file_ptr = c_ptr<FILE, detail::fclose_file>;

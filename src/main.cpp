@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <system_error>
+#include <thread>
 
 #include "auth_handler.hpp"
 #include "broker_auth_thread.hpp"
@@ -19,10 +21,12 @@
 #include "broker_kv_bootstrap.hpp"
 #include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
+#include "gw_amqp_acceptor.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "gw_http_frontend.hpp"
 #include "gw_nats_relay.hpp"
+#include "gw_sasl_setup.hpp"
 #include "log.hpp"
 #include "qm_nats_conn.hpp"
 
@@ -43,6 +47,8 @@ std::atomic<broker_natsd_t*> g_natsd{nullptr};
 // The auth-callout service and its thread; the signal handler stops the service.
 std::atomic<auth_service_t*> g_auth_svc{nullptr};
 broker_auth_thread_t* g_auth_thr = nullptr;
+// The AMQP acceptor; the signal handler stops its event loop.
+std::atomic<gw_amqp_acceptor_t*> g_amqp_acc{nullptr};
 
 // The logger borrows the file name; this copy outlives the configuration, which is
 // freed before the last log line.
@@ -52,6 +58,9 @@ struct broker_app {
   broker_config_t* cfg = nullptr;
   gw_credential_store_t* credentials = nullptr;
   gw_nats_relay_t* relay = nullptr;
+  // Owned by the SASL set-up; empty until it succeeded.
+  std::string sasl_config_dir;
+  std::thread amqp_thread;
   int rc = 0;
 };
 
@@ -62,6 +71,7 @@ void signal_handler(int sig) {
   } else {
     g_shutdown_requested = 1;
     auth_service_stop(g_auth_svc.load());
+    gw_amqp_acceptor_stop(g_amqp_acc.load());
     // The HTTP frontend is not stopped from here: stopping libmicrohttpd joins its
     // threads, and this handler may be running on one of them. The main thread, woken
     // below, stops it early in the teardown.
@@ -322,6 +332,54 @@ void s_stop_http_frontend() {
   g_http_fe = nullptr;
 }
 
+// The runtime directory is named after our pid; those of dead broker processes go first.
+bool s_set_up_sasl(broker_app& app) {
+  char runtime_dir[128];
+  snprintf(runtime_dir, sizeof runtime_dir, "/tmp/qm-av-broker-%d", static_cast<int>(getpid()));
+  sweep_stale_sasl_runtime_dirs();
+  const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_dir, app.relay);
+  if (config_dir == nullptr) {
+    log_fatal("Failed to initialize SASL authentication");
+    return false;
+  }
+  app.sasl_config_dir = config_dir;
+  log_info("SASL ready (config_dir=%s, appname=%s)", config_dir, GW_SASL_SERVICE_NAME);
+  return true;
+}
+
+// The AMQP event loop runs on a thread of its own until shutdown stops it.
+bool s_start_amqp(broker_app& app) {
+  const gw_config_t& gw = *app.cfg->gw;
+  if (!gw.amqp_enabled) {
+    log_info("AMQP acceptor: disabled");
+    return true;
+  }
+  const char* host = qm::cstr(gw.amqp_listen_host);
+  gw_amqp_acceptor_t* acc = gw_amqp_acceptor_create(&gw, app.relay, app.sasl_config_dir.c_str());
+  if (acc == nullptr) {
+    log_fatal("Failed to create AMQP acceptor on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
+    return false;
+  }
+  g_amqp_acc.store(acc);
+  try {
+    app.amqp_thread = std::thread([acc] { (void)gw_amqp_acceptor_run(acc); });
+  } catch (const std::system_error&) {
+    log_fatal("Failed to start AMQP acceptor thread");
+    return false;
+  }
+  log_info("AMQP acceptor thread started on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
+  return true;
+}
+
+void s_stop_amqp(broker_app& app) {
+  gw_amqp_acceptor_t* acc = g_amqp_acc.exchange(nullptr);
+  if (acc == nullptr) return;
+  log_debug("Stopping AMQP acceptor");
+  gw_amqp_acceptor_stop(acc);
+  if (app.amqp_thread.joinable()) app.amqp_thread.join();
+  gw_amqp_acceptor_destroy(acc);
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -339,7 +397,8 @@ bool s_start(broker_app& app) {
   if (!s_connect_relay(app)) return false;
   s_create_auth_cache(*cfg.gw);
   if (!s_start_auth_callout(app)) return false;
-  // Then SASL and the AMQP acceptor.
+  if (!s_set_up_sasl(app)) return false;
+  if (!s_start_amqp(app)) return false;
   if (!s_start_http_frontend(app)) return false;
   // Then the update thread.
 
@@ -395,6 +454,7 @@ void s_shutdown(broker_app& app) {
     g_auth_watcher = nullptr;
   }
   s_stop_http_frontend();
+  s_stop_amqp(app);
   if (app.relay != nullptr) {
     log_debug("Tearing down NATS relay");
     gw_nats_relay_destroy(app.relay);
@@ -402,6 +462,7 @@ void s_shutdown(broker_app& app) {
   }
   s_stop_auth_callout();
   s_destroy_auth_cache();
+  gw_sasl_teardown();
   gw_credential_store_free(app.credentials);
   app.credentials = nullptr;
   if (broker_natsd_t* natsd = g_natsd.exchange(nullptr)) {

@@ -57,7 +57,7 @@ Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
   std::filesystem::create_directory(dir_.path() / "db");
   if (options_.tls) {
     ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
-    make_certificates();
+    make_test_certificates(dir_, "qmtest slapd CA");
   }
   write_config();
   load_ldif();
@@ -75,8 +75,6 @@ Slapd::~Slapd() {
 pid_t Slapd::pid() const { return child_ ? child_->pid() : -1; }
 
 std::string Slapd::ca_file() const { return options_.tls ? dir_.file("ca.pem") : std::string(); }
-
-void Slapd::make_certificates() const { make_test_certificates(dir_, "qmtest slapd CA"); }
 
 void Slapd::write_config() const {
   std::ostringstream conf;
