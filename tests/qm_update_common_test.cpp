@@ -9,6 +9,8 @@
 #include <ctime>
 #include <filesystem>
 #include <future>
+#include <iterator>
+#include <sstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -89,7 +91,10 @@ class UpdateLayout : public ::testing::Test {
     qmtest::write_file(outside + "/sentinel", "untouched");
     qmtest::write_file(outside + "/evil.sh", "#!/bin/sh\ntouch " + outside + "/ran\n");
   }
-  void TearDown() override { qm_update_set_extract_limits(512ull << 20, 10000); }
+  void TearDown() override {
+    qm_update_set_extract_limits(512ull << 20, 10000);
+    qm_update_set_install_time_limit_ms(0);
+  }
 
   // Installs the package `entries` named `filename` into a new version directory.
   int install(const std::string& filename, const std::vector<ZipEntry>& entries, bool truncate = false) {
@@ -98,14 +103,14 @@ class UpdateLayout : public ::testing::Test {
     if (truncate) fs::resize_file(pkg, fs::file_size(pkg) / 2);
     return install_made_package(filename);
   }
-  int install_made_package(const std::string& filename) {
+  int install_made_package(const std::string& filename, qm_update_abort_fn abort = nullptr, void* udata = nullptr) {
     qm_upd_pkg_info_t info;
     pkg_info_init(&info);
     info.filename = filename;
     info.pkg_file = work + "/" + filename;
     fs::create_directories(new_dir);
     return update_ver_dir_content(base.c_str(), tempdir.c_str(), nullptr, new_dir.c_str(), "bin", true, &info,
-                                  "broker");
+                                  "broker", abort, udata);
   }
 
   qmtest::TempDir tmp;
@@ -200,6 +205,59 @@ TEST_F(UpdateLayout, ZipBombStopsAtTheExtractionBudget) {
     EXPECT_TRUE(log.contains("Update package expands beyond what it may write to " + extract_dir)) << log.text();
     EXPECT_FALSE(fs::exists(extract_dir));
     EXPECT_FALSE(fs::exists(pkg));
+    fs::remove_all(new_dir);
+  }
+}
+
+bool process_gone(pid_t pid) {
+  const std::string stat = qmtest::read_file("/proc/" + std::to_string(pid) + "/stat");
+  const size_t state = stat.rfind(") ");
+  return stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z');
+}
+
+// An install.sh that hangs, with a child of its own, is ended with that child, when the
+// update thread stops and when it overruns its time (even ignoring SIGTERM); the
+// installation fails cleanly.
+TEST_F(UpdateLayout, AHangingInstallScriptIsEndedWithItsChildren) {
+  const std::string pids = outside + "/pids";
+  struct Case {
+    const char* what;
+    const char* trap;
+    bool stop;
+    const char* expected_log;
+  };
+  const std::vector<Case> cases = {
+      {"stop requested", "", true, "ended because the update thread is stopping"},
+      {"time limit, SIGTERM ignored", "trap '' TERM\n", false, "ended because it ran longer than allowed"},
+  };
+  auto stop_requested = [](void* flag) { return static_cast<std::atomic<bool>*>(flag)->load(); };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    fs::remove(pids);
+    qm_update_set_install_time_limit_ms(c.stop ? 0 : 500);
+    const std::string script = std::string("#!/bin/sh\n") + c.trap + "sleep 600 &\necho $! >> '" + pids +
+                               "'\necho $$ >> '" + pids + "'\nwait\n";
+    pkg = work + "/pkg_20250301001.zip";
+    make_zip(pkg, {{"install.sh", script}});
+    qmtest::LogCapture log(QMLOG_ERROR);
+    std::atomic<bool> stop{false};
+    auto result = std::async(std::launch::async,
+                             [&] { return install_made_package("pkg_20250301001.zip", stop_requested, &stop); });
+    std::vector<pid_t> started;
+    ASSERT_TRUE(qmtest::wait_until(
+        [&] {
+          std::istringstream lines(qmtest::read_file(pids));
+          started.assign(std::istream_iterator<pid_t>(lines), std::istream_iterator<pid_t>());
+          return started.size() == 2;
+        },
+        std::chrono::seconds(30)));
+    stop = c.stop;
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(result.get(), -1);
+    EXPECT_TRUE(log.contains(c.expected_log)) << log.text();
+    for (pid_t pid : started) EXPECT_TRUE(qmtest::wait_until([&] { return process_gone(pid); }, std::chrono::seconds(10)));
+    EXPECT_FALSE(fs::exists(pkg));
+    EXPECT_FALSE(fs::exists(extract_dir));
     fs::remove_all(new_dir);
   }
 }
