@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -21,6 +23,7 @@
 #include "broker_kv_bootstrap.hpp"
 #include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
+#include "broker_update_thread.hpp"
 #include "gw_amqp_acceptor.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
@@ -29,6 +32,7 @@
 #include "gw_sasl_setup.hpp"
 #include "log.hpp"
 #include "qm_nats_conn.hpp"
+#include "qmerror.hpp"
 
 volatile sig_atomic_t g_shutdown_requested = 0;
 volatile sig_atomic_t g_reload_requested = 0;
@@ -49,6 +53,8 @@ std::atomic<auth_service_t*> g_auth_svc{nullptr};
 broker_auth_thread_t* g_auth_thr = nullptr;
 // The AMQP acceptor; the signal handler stops its event loop.
 std::atomic<gw_amqp_acceptor_t*> g_amqp_acc{nullptr};
+// The update thread's parameters; the signal handler asks the thread to stop.
+std::atomic<broker_update_thread_params_t*> g_update_thr{nullptr};
 
 // The logger borrows the file name; this copy outlives the configuration, which is
 // freed before the last log line.
@@ -72,6 +78,7 @@ void signal_handler(int sig) {
     g_shutdown_requested = 1;
     auth_service_stop(g_auth_svc.load());
     gw_amqp_acceptor_stop(g_amqp_acc.load());
+    broker_update_thread_request_stop(g_update_thr.load());
     // The HTTP frontend is not stopped from here: stopping libmicrohttpd joins its
     // threads, and this handler may be running on one of them. The main thread, woken
     // below, stops it early in the teardown.
@@ -380,6 +387,41 @@ void s_stop_amqp(broker_app& app) {
   gw_amqp_acceptor_destroy(acc);
 }
 
+// Always started: with --update-binary false the thread only waits for the stop. Neither
+// failure is fatal; the broker then runs without self-update.
+void s_start_update_thread(broker_app& app) {
+  std::unique_ptr<broker_update_thread_params_t> params;
+  try {
+    params = std::make_unique<broker_update_thread_params_t>();
+  } catch (const std::bad_alloc&) {
+    log_error("OOM allocating update thread params \u2014 auto-update DISABLED");
+    return;
+  }
+  params->cfg = app.cfg;
+  params->relay = app.relay;
+  params->amqp_acc = g_amqp_acc.load();
+  params->http_fe = g_http_fe;
+  params->natsd = g_natsd.load();
+  params->targetstatus = READY;
+  if (broker_update_thread_start(params.get()) != 0) {
+    log_error("Failed to start broker update thread (errno=%d %s) \u2014 auto-update DISABLED", errno,
+              QMstrerror(errno));
+    return;
+  }
+  const qm_update_config_t& update = app.cfg->update_config;
+  log_info("Broker update polling thread started (update_binary=%s, interval=%ldmin)",
+           update.update_binary ? "true" : "false", update.update_check_interval);
+  g_update_thr.store(params.release());
+}
+
+// Joined before the front doors go: an activation in progress ends the process itself.
+void s_stop_update_thread() {
+  std::unique_ptr<broker_update_thread_params_t> params(g_update_thr.exchange(nullptr));
+  if (!params) return;
+  log_debug("Joining update polling thread");
+  broker_update_thread_join(params.get());
+}
+
 // Start-up after the command line: every step in its fixed order. A fatal step sets
 // rc = 1 and returns false; shutdown then tears down whatever exists.
 bool s_start(broker_app& app) {
@@ -400,7 +442,7 @@ bool s_start(broker_app& app) {
   if (!s_set_up_sasl(app)) return false;
   if (!s_start_amqp(app)) return false;
   if (!s_start_http_frontend(app)) return false;
-  // Then the update thread.
+  s_start_update_thread(app);
 
   log_info("%s ready", kProgramName);
   if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
@@ -453,6 +495,7 @@ void s_shutdown(broker_app& app) {
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
   }
+  s_stop_update_thread();
   s_stop_http_frontend();
   s_stop_amqp(app);
   if (app.relay != nullptr) {
