@@ -45,12 +45,6 @@ time_t today_at(int hour, int minute) {
   return mktime(&local);
 }
 
-std::set<std::string> listing(const std::string& dir) {
-  std::set<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
-  return names;
-}
-
 // An installed layout with version A active, and the thread's parameters pointing at it.
 // The thread requires a relay but never uses one: a token stands in for it.
 class UpdateThread : public ::testing::Test {
@@ -105,8 +99,7 @@ class UpdateThread : public ::testing::Test {
     qmtest::Child zipper({"/bin/sh", "-c", "cd \"$0\" && zip -q -r \"$1\" install.sh bin", stage, zip});
     ASSERT_EQ(zipper.wait(60s), 0) << zipper.err();
     server.add_file(name, qmtest::read_file(zip));
-    server.plan(R"({"/v1/update": {"status": 302, "location": "/files/)" + name + R"("}, "/files/)" + name +
-                R"(": {"body": ")" + name + R"("}})");
+    server.plan_package(name);
   }
 
   qmtest::TempDir tmp;
@@ -182,7 +175,7 @@ TEST_F(UpdateThread, FirstCycleComesOneIntervalAfterStartAndPrunes) {
   EXPECT_GE(qm::monotonic_ms() - started_ms, interval_ms());
   EXPECT_EQ(server.requests().substr(0, server.requests().find('\n')),
             std::string("/v1/update?component=") + kComponent + "&version=latest&ssl=1&have=" + kVersionA);
-  EXPECT_TRUE(qmtest::wait_until([&] { return listing(workdir) == std::set<std::string>{kActive, "latest"}; }, 30s));
+  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::dir_entries(workdir) == std::set<std::string>{kActive, "latest"}; }, 30s));
   EXPECT_EQ(params.status, WAITING);
 }
 
@@ -209,7 +202,7 @@ TEST_F(UpdateThread, AFailedInstallationLeavesNoVersionDirectoryAndRetriesAnInte
   EXPECT_GE(qm::monotonic_ms() - started_ms, 2 * interval_ms());
   EXPECT_TRUE(log.contains("exit status 1"));
   ASSERT_TRUE(join_within(20s));
-  EXPECT_EQ(listing(workdir), (std::set<std::string>{kActive, "latest"}));
+  EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
   EXPECT_EQ(params.status, WAITING);
   EXPECT_FALSE(params.update_deployed_to);
 }
@@ -246,7 +239,7 @@ TEST_F(UpdateThread, StopEndsAHangingInstallScript) {
   const pid_t script = std::stoi(qmtest::read_file(pid_file));
   ASSERT_TRUE(join_within(20s));
   EXPECT_NE(kill(script, 0), 0);
-  EXPECT_EQ(listing(workdir), (std::set<std::string>{kActive, "latest"}));
+  EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
   EXPECT_FALSE(params.update_deployed_to);
 }
 

@@ -73,12 +73,6 @@ bool other_can_lock(const std::string& path) {
   return qmtest::Child({"/usr/bin/flock", "-n", path, "true"}).wait(std::chrono::seconds(30)) == 0;
 }
 
-std::set<std::string> listing(const std::string& dir) {
-  std::set<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
-  return names;
-}
-
 // The installed layout below a base directory whose name has a blank (install.sh's
 // arguments must stay whole), a private temporary directory, and a directory outside of
 // both that no package may touch.
@@ -172,7 +166,7 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
        "Failed to extract update package",
        true},
   };
-  const auto before = listing(outside);
+  const auto before = qmtest::dir_entries(outside);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     qmtest::LogCapture log(QMLOG_TRACE);
@@ -181,7 +175,7 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
     EXPECT_FALSE(fs::exists(pkg));
     EXPECT_FALSE(fs::exists(extract_dir));
     EXPECT_FALSE(fs::exists(tempdir + "/escape"));
-    EXPECT_EQ(listing(outside), before);
+    EXPECT_EQ(qmtest::dir_entries(outside), before);
     EXPECT_EQ(qmtest::read_file(outside + "/sentinel"), "untouched");
     fs::remove_all(new_dir);
   }
@@ -299,7 +293,7 @@ TEST_F(UpdateLayout, VersionFileAndLatestLink) {
   ASSERT_EQ(update_latest_link(work.c_str(), new_dir.c_str()), 0);
   EXPECT_EQ(fs::read_symlink(work + "/latest"), new_dir);
   EXPECT_EQ(get_curr_ver((work + "/latest").c_str(), "bin"), "20250301001");
-  EXPECT_EQ(listing(work), (std::set<std::string>{"1700000001", "latest"}));
+  EXPECT_EQ(qmtest::dir_entries(work), (std::set<std::string>{"1700000001", "latest"}));
 }
 
 TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
@@ -309,7 +303,7 @@ TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
   fs::create_symlink(work + "/gone", work + "/1700000009");  // dangling links are no obstacle
   const std::string latest = work + "/latest";
   EXPECT_EQ(clean_old_versions(work.c_str(), latest.c_str(), 2), -1);  // no link: nothing removed
-  EXPECT_EQ(listing(work).size(), 7u);
+  EXPECT_EQ(qmtest::dir_entries(work).size(), 7u);
 
   fs::create_symlink(work + "/1700000003", latest);
   const fs::path cwd = fs::current_path();
@@ -317,7 +311,7 @@ TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
   EXPECT_EQ(clean_old_versions("qm-av-broker", "qm-av-broker/latest", 2), 0);
   EXPECT_EQ(fs::current_path(), base);
   fs::current_path(cwd);
-  EXPECT_EQ(listing(work), (std::set<std::string>{"1700000002", "1700000003", "abc", "17000000001", "latest",
+  EXPECT_EQ(qmtest::dir_entries(work), (std::set<std::string>{"1700000002", "1700000003", "abc", "17000000001", "latest",
                                                   "temp.dwnld", "1700000009"}));
   fs::remove(latest);
   fs::create_symlink(work + "/1700000002/", latest);
@@ -432,7 +426,7 @@ TEST_F(Download, RedirectNamesThePackage) {
   ASSERT_EQ(download(server, &info), 1);
   EXPECT_EQ(info.filename, "/pkg_20250301001.zip");
   EXPECT_EQ(info.size, body.size());
-  EXPECT_EQ(listing(work), std::set<std::string>{"pkg_20250301001.zip"});
+  EXPECT_EQ(qmtest::dir_entries(work), std::set<std::string>{"pkg_20250301001.zip"});
   EXPECT_EQ(qmtest::read_file(work + "/pkg_20250301001.zip"), body);
   EXPECT_EQ(server.requests(), "/v1/update?component=" + std::string(kComponent) +
                                    "&version=latest&ssl=1&have=20240101001\n/files/pkg_20250301001.zip\n");
