@@ -25,8 +25,6 @@ constexpr const char* kComponent = "qm-av-broker_nats-bin-linux-glibc2.28.amd64"
 constexpr const char* kVersionA = "20250101001";
 constexpr const char* kVersionB = "20250301002";
 constexpr const char* kStampA = "1700000000";
-// The update thread's minute, shortened for the test.
-const std::string kShortMinute = "QM_AV_BROKER_TEST_MINUTE_MS=300";
 
 // <base>/qm-av-broker/<stamp A>/bin with version A and "latest" pointing at it; with
 // `binaries` the broker and nats-server are installed there too.
@@ -52,7 +50,7 @@ class InstalledLayout {
   std::vector<std::string> update_args(const UpdateServer& server) const {
     return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1"};
   }
-  std::vector<std::string> env() const { return {kShortMinute, "TMPDIR=" + dir_.file("tmp")}; }
+  std::vector<std::string> env() const { return {"QM_AV_BROKER_TEST_MINUTE_MS=300", "TMPDIR=" + dir_.file("tmp")}; }
 
  private:
   TempDir dir_;
@@ -89,6 +87,7 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
   options.broker_args = layout.update_args(server);
   options.broker_args.insert(options.broker_args.end(),
                              {"--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "10",
+                              "--pid-file", layout.base() + "/broker.pid",
                               "--http-enabled", "true", "--http-listen-port", std::to_string(http_port)});
   AmqpEnv env(options);
   ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker_log();
@@ -125,6 +124,7 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
   EXPECT_EQ(active.parent_path(), layout.workdir());
   EXPECT_EQ(read_file(layout.latest_bin() + "/.version.qm"), kVersionB);
   EXPECT_TRUE(fs::exists(layout.version_a()));  // kept as a backup
+  EXPECT_FALSE(fs::exists(layout.base() + "/broker.pid"));
 
   CalloutOptions again;
   again.bin_dir = layout.latest_bin();
