@@ -154,13 +154,13 @@ TEST_F(UpdateThread, StagedVersionWaitsForTheMaintenanceWindow) {
   ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("\"02:00-03:00\" not open \u2014 deferring activation", 30s, 3)) << log.text();
   EXPECT_TRUE(log.contains("Released the cluster update lock (waiting for the maintenance window)"));
+  EXPECT_EQ(request_count(), 1u);
+  ASSERT_TRUE(join_within(20s));
   ASSERT_TRUE(params.update_deployed_to);
   EXPECT_EQ(qmtest::read_file(workdir + "/" + *params.update_deployed_to + "/bin/.version.qm"), "20250301002");
   EXPECT_EQ(qmtest::read_file(workdir + "/" + *params.update_deployed_to + "/bin/tool"), "tool B");
   EXPECT_EQ(params.status, FILES_READY);
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
-  EXPECT_EQ(request_count(), 1u);
-  ASSERT_TRUE(join_within(20s));
   EXPECT_FALSE(qm_update_cluster_lock_is_held());
 }
 
