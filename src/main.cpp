@@ -319,6 +319,12 @@ void s_reload(broker_app& app) {
   log_info("SIGHUP: reloading credential store + forwarding to nats-server");
   if (gw_credential_store_reload(app.credentials) != 0) {
     log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
+  } else if (g_auth_cache != nullptr) {
+    // A user removed from the file, or given a new password, must not go on logging in
+    // from a grant decided on the old table.
+    const size_t dropped = gw_auth_cache_invalidate(g_auth_cache);
+    log_info("SIGHUP: dropped %zu cached auth verdict(s); each user's next login is checked against the new table",
+             dropped);
   }
   if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
 }

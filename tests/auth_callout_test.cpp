@@ -569,6 +569,22 @@ TEST(CalloutBroker, RenamedCredentialsFileAdmitsANewUserAndSighupReachesTheChild
       [&] { return env.server_log().find("Reloaded server configuration") != std::string::npos; }, 10s));
 }
 
+// A user taken out of the file, or given a new password, is refused from the reload on,
+// though the cache still held a grant for the old password.
+TEST(CalloutBroker, AReloadedFileOverridesGrantsTheCacheHeld) {
+  CalloutEnv env(file_users());
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+  ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  ASSERT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache", 5s));
+  qmtest::write_file(env.credentials_path(), CalloutEnv::credentials_text({{"bob", "rebuilt"}}));
+  env.broker().signal(SIGHUP);
+  ASSERT_TRUE(env.broker().wait_for_err("SIGHUP: dropped 2 cached auth verdict(s)", 10s)) << env.broker().err();
+  EXPECT_NE(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+  EXPECT_NE(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  EXPECT_EQ(nats_login(env.url(), "bob", "rebuilt").status, NATS_OK);
+  EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=alice backend=none reason=invalid-credentials", 5s));
+}
+
 // The child and the broker get SIGTERM at once, so the callout connection loses its server
 // while the service stops: the shutdown must not wait for a server that is gone.
 class CalloutShutdown : public ::testing::TestWithParam<bool> {};
