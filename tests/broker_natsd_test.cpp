@@ -337,18 +337,12 @@ TEST_F(NatsdTest, SignalsReachTheChildAndForwardedSigtermIsNoCrash) {
 // The broker blocks its process signals in every thread and ignores SIGPIPE: the
 // children, the first and those the supervisor restarts, must start with neither.
 TEST_F(NatsdTest, ChildrenStartWithACleanSignalMask) {
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) sigaddset(&blocked, sig);
-  sigset_t previous;
-  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-  signal(SIGPIPE, SIG_IGN);
   broker_natsd_options_t o = scripted(write_script(dir_, "sleeper", "exec sleep 600"));
   NatsdPtr natsd(broker_natsd_create(&o));
-  const bool started = broker_natsd_start(natsd.get()) == 0;  // the supervisor inherits the mask
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  signal(SIGPIPE, SIG_DFL);
-  ASSERT_TRUE(started);
+  {
+    const qmtest::BrokerSignalState as_in_the_broker;
+    ASSERT_EQ(broker_natsd_start(natsd.get()), 0);  // the supervisor inherits the mask
+  }
 
   // The first child comes from the caller's thread, the second from the supervisor's.
   pid_t previous_child = -1;
@@ -370,30 +364,31 @@ TEST_F(NatsdTest, ChildrenStartWithACleanSignalMask) {
   }
 }
 
+// A start that fails leaves no child. A child that is gone will never answer: the probe
+// ends there, not at its deadline.
 TEST_F(NatsdTest, StartFailsAndLeavesNoChildWhenTheServerNeverAnswers) {
-  qmtest::LogCapture log;
+  const struct {
+    const char* script;
+    int ready_timeout_sec;
+    const char* logged;
+    const char* not_logged;
+  } cases[] = {
+      {"exec sleep 600", 1, "nats-server: readiness probe timed out after 1s (last status: ", "exited before"},
+      {"exit 3", 600, " exited before it was ready", "timed out"},
+  };
   const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  broker_natsd_options_t o = scripted(write_script(dir_, "sleeper", "exec sleep 600"));
-  o.nats_url = url.c_str();
-  o.ready_timeout_sec = 1;
-  NatsdPtr natsd(broker_natsd_create(&o));
-  EXPECT_EQ(broker_natsd_start(natsd.get()), -1);
-  EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
-  EXPECT_TRUE(log.contains("nats-server: readiness probe timed out after 1s (last status: "));
-}
-
-// A child that is gone will never answer: the probe ends there, not at its deadline.
-TEST_F(NatsdTest, StartFailsAtOnceWhenTheChildExitsDuringTheProbe) {
-  qmtest::LogCapture log;
-  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  broker_natsd_options_t o = scripted(write_script(dir_, "fails", "exit 3"));
-  o.nats_url = url.c_str();
-  o.ready_timeout_sec = 600;
-  NatsdPtr natsd(broker_natsd_create(&o));
-  EXPECT_EQ(broker_natsd_start(natsd.get()), -1);
-  EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
-  EXPECT_TRUE(log.contains(" exited before it was ready")) << log.text();
-  EXPECT_FALSE(log.contains("timed out"));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.script);
+    qmtest::LogCapture log;
+    broker_natsd_options_t o = scripted(write_script(dir_, "child", c.script));
+    o.nats_url = url.c_str();
+    o.ready_timeout_sec = c.ready_timeout_sec;
+    NatsdPtr natsd(broker_natsd_create(&o));
+    EXPECT_EQ(broker_natsd_start(natsd.get()), -1);
+    EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
+    EXPECT_TRUE(log.contains(c.logged)) << log.text();
+    EXPECT_FALSE(log.contains(c.not_logged));
+  }
 }
 
 // The same after a restart: the dead child is reaped between probe attempts and counts

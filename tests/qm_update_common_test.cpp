@@ -146,16 +146,10 @@ TEST_F(UpdateLayout, TheInstallScriptStartsWithACleanSignalState) {
                         "#!/bin/sh\nwhile read -r key value; do\n  case $key in SigBlk:|SigIgn:) echo \"$key$value\";; "
                         "esac\ndone < /proc/$$/status > \"$3/signals\"\n",
                         'f', 0644};
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) sigaddset(&blocked, sig);
-  sigset_t previous;
-  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-  signal(SIGPIPE, SIG_IGN);
-  const int rc = install("pkg_20250301001.zip", {script, kTool});
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  signal(SIGPIPE, SIG_DFL);
-  ASSERT_EQ(rc, 0);
+  {
+    const qmtest::BrokerSignalState as_in_the_broker;
+    ASSERT_EQ(install("pkg_20250301001.zip", {script, kTool}), 0);
+  }
   const std::string seen = qmtest::read_file(new_dir + "/bin/signals");
   ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
   EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
