@@ -2,7 +2,13 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <functional>
+#include <latch>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 namespace qmbench {
@@ -26,6 +32,46 @@ inline double percentile(std::vector<double> samples, double p) {
 inline double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values.empty() ? 0 : values[values.size() / 2];
+}
+
+struct run_result {
+  double seconds = 0;
+  std::vector<double> latencies_ms;  // of each call that succeeded
+  int failures = 0;
+};
+
+// `requests` calls of `one` spread over `threads` threads that start together. State a
+// thread needs of its own (a keep-alive connection) can live in a thread_local of `one`.
+inline run_result run(int requests, int threads, const std::function<bool()>& one) {
+  using steady = std::chrono::steady_clock;
+  run_result result;
+  std::atomic<int> next{0};
+  std::mutex merge;
+  std::latch start(threads + 1);
+  std::vector<std::thread> clients;
+  for (int t = 0; t < threads; ++t) {
+    clients.emplace_back([&] {
+      std::vector<double> latencies;
+      int failures = 0;
+      start.arrive_and_wait();
+      while (next++ < requests) {
+        const auto began = steady::now();
+        if (one()) {
+          latencies.push_back(std::chrono::duration<double, std::milli>(steady::now() - began).count());
+        } else {
+          ++failures;
+        }
+      }
+      std::lock_guard<std::mutex> lock(merge);
+      result.latencies_ms.insert(result.latencies_ms.end(), latencies.begin(), latencies.end());
+      result.failures += failures;
+    });
+  }
+  const auto began = steady::now();
+  start.arrive_and_wait();
+  for (auto& client : clients) client.join();
+  result.seconds = std::chrono::duration<double>(steady::now() - began).count();
+  return result;
 }
 
 // The report of a measurement made once, when the first benchmark asks for it; `print`

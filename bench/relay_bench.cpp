@@ -24,51 +24,11 @@
 
 namespace {
 
-using steady = std::chrono::steady_clock;
-
 constexpr int kDefaultRequests = 4000;
 constexpr int kDefaultThreads = 8;
 constexpr int kRounds = 3;
 constexpr int kWorkerTraceLevel = 2;  // errors only: the worker's log would be measured too
 constexpr const char* kRequest = R"({"SCANTIMEOUT":10000,"client":"bench"})";
-
-struct run_result {
-  double seconds = 0;
-  std::vector<double> latencies_ms;
-  int failures = 0;
-};
-
-// `requests` calls of `one` spread over `threads` threads that start together.
-run_result s_run(int requests, int threads, const std::function<bool()>& one) {
-  run_result result;
-  std::atomic<int> next{0};
-  std::mutex merge;
-  std::latch start(threads + 1);
-  std::vector<std::thread> clients;
-  for (int t = 0; t < threads; ++t) {
-    clients.emplace_back([&] {
-      std::vector<double> latencies;
-      int failures = 0;
-      start.arrive_and_wait();
-      while (next++ < requests) {
-        const auto began = steady::now();
-        if (one()) {
-          latencies.push_back(std::chrono::duration<double, std::milli>(steady::now() - began).count());
-        } else {
-          ++failures;
-        }
-      }
-      std::lock_guard<std::mutex> lock(merge);
-      result.latencies_ms.insert(result.latencies_ms.end(), latencies.begin(), latencies.end());
-      result.failures += failures;
-    });
-  }
-  const auto began = steady::now();
-  start.arrive_and_wait();
-  for (auto& client : clients) client.join();
-  result.seconds = std::chrono::duration<double>(steady::now() - began).count();
-  return result;
-}
 
 struct route {
   route(std::string route_name, std::function<bool()> request) : name(std::move(route_name)), one(std::move(request)) {}
@@ -112,10 +72,10 @@ bench_report s_measure() {
                              });
     report.routes.emplace_back("relay core", [&] { return qmtest::relay_request(r, "scan", body).rc == 0; });
     report.routes.emplace_back("relay JetStream", [&] { return qmtest::relay_request(r, "scanjs", body).rc == 0; });
-    for (route& rt : report.routes) s_run(200, report.threads, rt.one);  // warm-up
+    for (route& rt : report.routes) qmbench::run(200, report.threads, rt.one);  // warm-up
     for (int round = 0; round < kRounds && report.error.empty(); ++round) {
       for (route& rt : report.routes) {
-        run_result run = s_run(report.requests, report.threads, rt.one);
+        qmbench::run_result run = qmbench::run(report.requests, report.threads, rt.one);
         if (run.failures > 0) {
           report.error = rt.name + ": " + std::to_string(run.failures) + " requests failed";
           break;

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds the broker and runs it in the foreground on a local
 # default: a supervised nats-server with JetStream on 127.0.0.1, its state under .state/,
-# and two demo scan workers (service "scan", and the work queue of service "scanjs").
+# two demo scan workers (service "scan", and the work queue of service "scanjs"), the
+# AMQP front door on 127.0.0.1 and the REST front door in plain HTTP on a free port from 8080.
 # Ctrl-C (or SIGTERM) stops the broker, its nats-server and the workers.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j2 --target qm-av-broker qm-scan-worker
+cmake --build build -j2 --target qm-av-broker qm-scan-worker qm-amqp-scan
 
 state="$root/.state"
 mkdir -p "$state/jetstream"
@@ -19,6 +20,24 @@ port=4222
 while port_taken "$port"; do
   port=$((port + 1))
   [ "$port" -lt 4300 ] || { echo "quickstart: no free port in 4222-4299" >&2; exit 1; }
+done
+
+# The REST front door's port: the first free one from 8080.
+first_free_port() { # from, to (exclusive)
+  local p=$1
+  while port_taken "$p"; do
+    p=$((p + 1))
+    [ "$p" -lt "$2" ] || { echo "quickstart: no free port in $1-$(($2 - 1))" >&2; return 1; }
+  done
+  echo "$p"
+}
+http_port=$(first_free_port 8080 8180)
+
+# The AMQP front door: 5672, or the next free port.
+amqp_port=5672
+while port_taken "$amqp_port"; do
+  amqp_port=$((amqp_port + 1))
+  [ "$amqp_port" -lt 5772 ] || { echo "quickstart: no free port in 5672-5771" >&2; exit 1; }
 done
 
 random_password() { head -c 24 /dev/urandom | base64 | tr -d '/+=\n'; }
@@ -88,8 +107,8 @@ broker_log="$state/qm-av-broker.log"
   --auth-nats-user qm-auth --auth-nats-password "$auth_password" \
   --gw-nats-user qm-gateway --gw-nats-password "$gw_password" \
   --js-work-services scanjs \
-  --amqp-enabled false \
-  --http-enabled false \
+  --amqp-enabled true --amqp-listen-host 127.0.0.1 --amqp-listen-port "$amqp_port" \
+  --http-enabled true --http-listen-host 127.0.0.1 --http-listen-port "$http_port" \
   --update-binary false \
   "$@" &
 broker_pid=$!
@@ -126,5 +145,9 @@ echo "quickstart: nats-server on nats://127.0.0.1:$port, state in $state"
 echo "quickstart: demo workers for scan and (work queue) scanjs ready; logs in $state/scan-worker-*.log"
 echo "quickstart: log in as demo / $demo_password, for example:"
 echo "  printf 'CONNECT {\"user\":\"demo\",\"pass\":\"$demo_password\"}\\r\\nPING\\r\\n' | nc -q 1 127.0.0.1 $port"
+echo "quickstart: REST front door on http://127.0.0.1:$http_port/vsi, for example:"
+echo "  curl -u 'demo:$demo_password' -H 'X-Target-Service: scan' -F 'request={\"scan\":1}' -F payload=@README.md http://127.0.0.1:$http_port/vsi"
 echo "quickstart: to send a scan by hand, see \"A scan by hand\" in README.md (DEMO_PASSWORD=$demo_password PORT=$port)"
+echo "quickstart: AMQP front door on amqp://127.0.0.1:$amqp_port; scan a file through it with:"
+echo "  QM_AMQP_PASSWORD=$demo_password ./build/qm-amqp-scan --url amqp://127.0.0.1:$amqp_port --user demo --service scan --file FILE"
 wait "$broker_pid"

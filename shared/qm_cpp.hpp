@@ -25,6 +25,9 @@ inline bool has_text(const opt_string& s) { return s && !s->empty(); }
 
 inline opt_string from_cstr(const char* text) { return text ? opt_string(text) : std::nullopt; }
 
+// `text`, or `fallback` in its place when it is NULL (for log lines: "(null)", "(none)").
+inline const char* or_text(const char* text, const char* fallback) { return text != nullptr ? text : fallback; }
+
 // Milliseconds of the monotonic clock: for deadlines and ages, never for wall time.
 int64_t monotonic_ms();
 

@@ -10,11 +10,16 @@
 #include <dirent.h>
 #include <json-c/json.h>
 #include <ldap.h>
+#include <microhttpd.h>
 #include <nats/nats.h>
 #include <openssl/evp.h>
+#include <proton/message.h>
+#include <proton/proactor.h>
+#include <proton/ssl.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "qm_cpp.hpp"
@@ -26,6 +31,11 @@ inline void fclose_file(FILE* f) { std::fclose(f); }
 inline void close_dir(DIR* d) { closedir(d); }
 inline void ldap_unbind(LDAP* ld) { ldap_unbind_ext_s(ld, nullptr, nullptr); }
 inline void ldap_free_values(berval** values) { ldap_value_free_len(values); }
+// Strings libmicrohttpd hands out that hold secrets (the Basic-auth password).
+inline void mhd_free_wiped(char* s) {
+  OPENSSL_cleanse(s, std::strlen(s));
+  MHD_free(s);
+}
 }  // namespace detail
 
 // nats.c
@@ -44,6 +54,13 @@ using js_pub_ack_ptr = c_ptr<jsPubAck, jsPubAck_Destroy>;
 using json_ptr = c_ptr<json_object, json_object_put>;
 using json_tokener_ptr = c_ptr<json_tokener, json_tokener_free>;
 
+// libmicrohttpd
+using mhd_daemon_ptr = c_ptr<MHD_Daemon, MHD_stop_daemon>;
+using mhd_response_ptr = c_ptr<MHD_Response, MHD_destroy_response>;
+using mhd_post_processor_ptr = c_ptr<MHD_PostProcessor, MHD_destroy_post_processor>;
+using mhd_string_ptr = c_ptr<char, MHD_free>;
+using mhd_secret_ptr = c_ptr<char, detail::mhd_free_wiped>;
+
 // OpenSSL
 using evp_pkey_ptr = c_ptr<EVP_PKEY, EVP_PKEY_free>;
 using evp_md_ctx_ptr = c_ptr<EVP_MD_CTX, EVP_MD_CTX_free>;
@@ -58,11 +75,17 @@ using ldap_values_ptr = c_ptr<berval*, detail::ldap_free_values>;
 using curl_ptr = c_ptr<CURL, curl_easy_cleanup>;
 using curl_url_ptr = c_ptr<CURLU, curl_url_cleanup>;
 using curl_slist_ptr = c_ptr<curl_slist, curl_slist_free_all>;
+using curl_mime_ptr = c_ptr<curl_mime, curl_mime_free>;
 
 // libarchive
 using archive_read_ptr = c_ptr<archive, archive_read_free>;
 using archive_write_ptr = c_ptr<archive, archive_write_free>;
 using archive_entry_ptr = c_ptr<archive_entry, archive_entry_free>;
+
+// Qpid Proton
+using pn_message_ptr = c_ptr<pn_message_t, pn_message_free>;
+using pn_proactor_ptr = c_ptr<pn_proactor_t, pn_proactor_free>;
+using pn_ssl_domain_ptr = c_ptr<pn_ssl_domain_t, pn_ssl_domain_free>;
 
 // stdio, directory streams
 using file_ptr = c_ptr<FILE, detail::fclose_file>;

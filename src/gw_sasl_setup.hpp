@@ -1,5 +1,32 @@
-// SASL set-up for AMQP logins, and clean-up of runtime directories left by earlier runs.
+// SASL set-up for AMQP logins: the generated Cyrus SASL configuration file in a private
+// runtime directory, Cyrus's server library initialised with the gateway's callbacks, and
+// the PLAIN password check, which asks the auth service on "qm.auth.verify" through the
+// NATS relay. Also the clean-up of runtime directories left by earlier runs.
 #pragma once
+
+#include "gw_nats_relay.hpp"
+
+// The application name: it names the generated "<name>.conf" and every AMQP transport
+// asks Cyrus for the same name.
+inline constexpr const char* GW_SASL_SERVICE_NAME = "quillmere-av-scangateway";
+
+// Makes runtime_dir and "<runtime_dir>/sasl" (mode 0700), writes
+// "<runtime_dir>/sasl/<service_name>.conf" (mode 0600) and initialises Cyrus SASL's
+// server library (process-global) with the gateway's callbacks; password checks go
+// through `relay` (not owned; it must outlive gw_sasl_teardown). Returns the
+// configuration directory, owned by this module, or NULL (logged). A second call
+// returns the same directory and changes nothing.
+const char* gw_sasl_setup(const char* service_name, const char* runtime_dir, gw_nats_relay_t* relay);
+
+// Shuts Cyrus's server library down and removes the file and both directories. Safe
+// after a set-up that failed half-way, and when set-up never ran.
+void gw_sasl_teardown();
+
+// The verdict of the last password check made on the calling thread (SASL_OK,
+// SASL_BADAUTH or SASL_TRYAGAIN), or 0 when none was made since the last call; clears
+// it. Cyrus replaces a refusal by its own fallback's code, so the AMQP side asks here
+// whether the auth service could not decide and the client should try again later.
+int gw_sasl_take_checkpass_verdict();
 
 // Removes "/tmp/qm-av-broker-<pid>" runtime directories (and their "sasl" subdirectory)
 // whose pid no longer exists. Live pids, pids below 1 and non-numeric suffixes are kept.

@@ -23,9 +23,12 @@
 #include "broker_kv_bootstrap.hpp"
 #include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
+#include "gw_amqp_acceptor.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
+#include "gw_http_frontend.hpp"
 #include "gw_nats_relay.hpp"
+#include "gw_sasl_setup.hpp"
 #include "log.hpp"
 #include "qm_cpp.hpp"
 #include "qm_nats_conn.hpp"
@@ -34,6 +37,7 @@ std::atomic<bool> g_shutdown_requested{false};
 std::atomic<bool> g_reload_requested{false};
 broker_auth_watcher_t* g_auth_watcher = nullptr;
 gw_auth_cache_t* g_auth_cache = nullptr;
+std::atomic<gw_http_frontend_t*> g_http_fe{nullptr};
 
 namespace {
 
@@ -49,6 +53,8 @@ std::atomic<broker_natsd_t*> g_natsd{nullptr};
 // The auth-callout service and its thread; a shutdown signal stops the service.
 std::atomic<auth_service_t*> g_auth_svc{nullptr};
 broker_auth_thread_t* g_auth_thr = nullptr;
+// The AMQP acceptor; a shutdown signal stops its event loop.
+std::atomic<gw_amqp_acceptor_t*> g_amqp_acc{nullptr};
 // Ends the start-up's long waits (readiness probe, KV bootstrap's retries) at a stop.
 qm::stop_flag g_startup_stop;
 // nats-server supervision has given up: the broker shuts down with exit code 1, so that
@@ -63,6 +69,9 @@ struct broker_app {
   broker_config_t* cfg = nullptr;
   gw_credential_store_t* credentials = nullptr;
   gw_nats_relay_t* relay = nullptr;
+  // Owned by the SASL set-up; empty until it succeeded.
+  std::string sasl_config_dir;
+  std::thread amqp_thread;
   int rc = 0;
 };
 
@@ -90,14 +99,16 @@ void s_wake_main() { pthread_kill(g_main_thread, kWakeSignal); }
 bool s_stopping() { return g_shutdown_requested.load(); }
 
 // What a shutdown asks of every long-lived object that exists, in this order: one line
-// each (the AMQP acceptor, the HTTPS frontend and the update thread's target status
-// follow the auth service). Every request returns at once; the teardown does the
-// waiting. A signal during the teardown asks again, so each object's global is cleared
-// before the object is destroyed.
+// each (the update thread's target status joins them). The teardown does the rest of
+// the waiting. A signal during the teardown asks again, so each object's global is
+// cleared before the object is destroyed.
 void s_request_stops(bool forward_sigterm) {
   g_shutdown_requested = true;
   g_startup_stop.request();
   auth_service_stop(g_auth_svc.load());
+  gw_amqp_acceptor_stop(g_amqp_acc.load());
+  // Waits for the requests in flight; never runs on one of its connection threads here.
+  gw_http_frontend_stop(g_http_fe.load());
   // SIGINT from a terminal reaches the child through the process group anyway.
   if (broker_natsd_t* natsd = g_natsd.load(); natsd != nullptr && forward_sigterm)
     (void)broker_natsd_signal(natsd, SIGTERM);
@@ -324,16 +335,77 @@ bool s_start_auth_callout(broker_app& app) {
   return true;
 }
 
+// The runtime directory is named after our pid; those of dead broker processes go first.
+bool s_set_up_sasl(broker_app& app) {
+  char runtime_dir[128];
+  snprintf(runtime_dir, sizeof runtime_dir, "/tmp/qm-av-broker-%d", static_cast<int>(getpid()));
+  sweep_stale_sasl_runtime_dirs();
+  const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_dir, app.relay);
+  if (config_dir == nullptr) {
+    log_fatal("Failed to initialize SASL authentication");
+    return false;
+  }
+  app.sasl_config_dir = config_dir;
+  log_info("SASL ready (config_dir=%s, appname=%s)", config_dir, GW_SASL_SERVICE_NAME);
+  return true;
+}
+
+// The AMQP event loop runs on a thread of its own until shutdown stops it.
+bool s_start_amqp(broker_app& app) {
+  const gw_config_t& gw = *app.cfg->gw;
+  if (!gw.amqp_enabled) {
+    log_info("AMQP acceptor: disabled");
+    return true;
+  }
+  const char* host = qm::cstr(gw.amqp_listen_host);
+  gw_amqp_acceptor_t* acc = gw_amqp_acceptor_create(&gw, app.relay, app.sasl_config_dir.c_str());
+  if (acc == nullptr) {
+    log_fatal("Failed to create AMQP acceptor on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
+    return false;
+  }
+  g_amqp_acc.store(acc);
+  // A stop that came before the store above must reach the acceptor too.
+  if (s_stopping()) gw_amqp_acceptor_stop(acc);
+  try {
+    app.amqp_thread = std::thread([acc] { (void)gw_amqp_acceptor_run(acc); });
+  } catch (const std::system_error&) {
+    log_fatal("Failed to start AMQP acceptor thread");
+    return false;
+  }
+  log_info("AMQP acceptor thread started on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
+  return true;
+}
+
+// The REST front door, when enabled; it checks credentials through the shared cache. It is
+// published only once started: a shutdown signal may stop it from then on.
+bool s_start_http_frontend(broker_app& app) {
+  const gw_config_t& gw = *app.cfg->gw;
+  if (!gw.http_enabled) {
+    log_info("HTTP frontend: disabled");
+    return true;
+  }
+  const char* host = qm::cstr(gw.http_listen_host);
+  gw_http_frontend_t* fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache);
+  if (fe == nullptr || gw_http_frontend_start(fe) != 0) {
+    gw_http_frontend_destroy(fe);
+    log_fatal("Failed to start HTTP frontend on %s:%d", host, gw.http_listen_port);
+    return false;
+  }
+  g_http_fe.store(fe);
+  log_info("HTTP frontend started on %s:%d", host, gw.http_listen_port);
+  return true;
+}
+
 enum class startup_result { ready, failed, stopped };
 
 using startup_step = bool (*)(broker_app&);
 
-// Start-up after the command line, in its fixed order; the SASL set-up, the AMQP
-// acceptor, the HTTPS frontend and the update thread follow the auth callout. A stop
-// asked for meanwhile ends it after the step under way.
+// Start-up after the command line, in its fixed order (the update thread follows the
+// HTTPS frontend). A stop asked for meanwhile ends it after the step under way.
 constexpr startup_step kStartupSteps[] = {
-    s_start_nats_server, s_provision_jetstream, s_load_credentials,  s_start_auth_watcher,
-    s_connect_relay,     s_create_auth_cache,   s_start_auth_callout,
+    s_start_nats_server,  s_provision_jetstream, s_load_credentials, s_start_auth_watcher,
+    s_connect_relay,      s_create_auth_cache,   s_start_auth_callout, s_set_up_sasl,
+    s_start_amqp,         s_start_http_frontend,
 };
 
 startup_result s_start(broker_app& app) {
@@ -414,6 +486,24 @@ void s_stop_auth_watcher(broker_app&) {
   g_auth_watcher = nullptr;
 }
 
+// Waits for its requests in flight and its background refreshes, which use the relay
+// and the cache torn down after it.
+void s_stop_http_frontend(broker_app&) {
+  gw_http_frontend_t* fe = g_http_fe.exchange(nullptr);
+  if (fe == nullptr) return;
+  log_debug("Stopping HTTP frontend");
+  gw_http_frontend_destroy(fe);
+}
+
+void s_stop_amqp(broker_app& app) {
+  gw_amqp_acceptor_t* acc = g_amqp_acc.exchange(nullptr);
+  if (acc == nullptr) return;
+  log_debug("Stopping AMQP acceptor");
+  gw_amqp_acceptor_stop(acc);
+  if (app.amqp_thread.joinable()) app.amqp_thread.join();
+  gw_amqp_acceptor_destroy(acc);
+}
+
 void s_stop_relay(broker_app& app) {
   if (app.relay == nullptr) return;
   log_debug("Tearing down NATS relay");
@@ -442,6 +532,8 @@ void s_destroy_auth_cache(broker_app&) {
   g_auth_cache = nullptr;
 }
 
+void s_tear_down_sasl(broker_app&) { gw_sasl_teardown(); }
+
 void s_free_credentials(broker_app& app) {
   gw_credential_store_free(app.credentials);
   app.credentials = nullptr;
@@ -460,8 +552,8 @@ using teardown_step = void (*)(broker_app&);
 // auth thread and service, auth cache, SASL, credentials, nats-server child. Each step
 // only for what was started.
 constexpr teardown_step kTeardownSteps[] = {
-    s_stop_auth_watcher, s_stop_relay, s_stop_auth_callout, s_destroy_auth_cache, s_free_credentials,
-    s_stop_nats_server,
+    s_stop_auth_watcher,  s_stop_http_frontend, s_stop_amqp,        s_stop_relay,       s_stop_auth_callout,
+    s_destroy_auth_cache, s_tear_down_sasl,     s_free_credentials, s_stop_nats_server,
 };
 
 void s_shutdown(broker_app& app) {

@@ -18,3 +18,6 @@ extern broker_auth_watcher_t* g_auth_watcher;
 struct gw_auth_cache;
 // The auth result cache, shared by the callout service and the HTTP frontend; NULL when disabled.
 extern gw_auth_cache* g_auth_cache;
+struct gw_http_frontend;
+// The REST front door, once started; NULL unless --http-enabled.
+extern std::atomic<gw_http_frontend*> g_http_fe;

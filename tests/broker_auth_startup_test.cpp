@@ -49,7 +49,8 @@ class BrokerCredentials : public ::testing::Test {
   std::vector<std::string> args(std::vector<std::string> extra = {}) {
     std::vector<std::string> argv = {qmtest::broker_binary(),  "--nats-server-managed", "false",
                                      "--nats-url",             nats_.url(),             "--auth-file",
-                                     credentials_,             "--auth-signing-key",    dir_.file("issuer.seed")};
+                                     credentials_,             "--auth-signing-key",    dir_.file("issuer.seed"),
+                                     "--amqp-enabled",         "false"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     return argv;
   }

@@ -36,6 +36,9 @@ struct CalloutOptions {
   bool jetstream = true;
   // The broker's --tracelevel; full tracing helps a failing test, a benchmark wants quiet.
   int tracelevel = 6;
+  // false: the broker runs without its callout service (--auth-callout-enabled false), so
+  // nothing answers logins or "qm.auth.verify" unless the test does.
+  bool callout_service = true;
 };
 
 class CalloutEnv {

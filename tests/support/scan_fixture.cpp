@@ -17,10 +17,12 @@ using namespace std::chrono_literals;
 
 std::string scan_worker_binary() { return QM_SCAN_WORKER_BINARY; }
 
-ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel) {
+ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
+                       const std::string& user, const std::string& password) {
   std::vector<std::string> argv = {scan_worker_binary(), "--nats-url", url, "--service", service, "--tracelevel",
                                    std::to_string(tracelevel)};
   if (work_queue) argv.emplace_back("--work-queue");
+  if (!user.empty()) argv.insert(argv.end(), {"--user", user, "--password", password});
   child_ = std::make_unique<Child>(argv);
   // Below info level the worker does not say that it is ready: it answers a request then.
   qm::nats_connection_ptr probe;

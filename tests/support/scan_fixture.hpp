@@ -30,9 +30,11 @@ struct ScanEnvOptions {
 };
 
 // One demo worker; waits until it logs that it is ready (throws when it does not).
+// With a user it logs in as that user (a server whose logins go to the auth callout).
 class ScanWorker {
  public:
-  ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel);
+  ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
+             const std::string& user = "", const std::string& password = "");
   Child& child() { return *child_; }
   // What the worker has logged so far.
   std::string log() const { return child_->err(); }

@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "test_certificates.hpp"
+
 namespace qmtest {
 
 namespace {
@@ -55,7 +57,7 @@ Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
   std::filesystem::create_directory(dir_.path() / "db");
   if (options_.tls) {
     ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
-    make_certificates();
+    make_test_certificates(dir_, "qmtest slapd CA");
   }
   write_config();
   load_ldif();
@@ -73,25 +75,6 @@ Slapd::~Slapd() {
 pid_t Slapd::pid() const { return child_ ? child_->pid() : -1; }
 
 std::string Slapd::ca_file() const { return options_.tls ? dir_.file("ca.pem") : std::string(); }
-
-void Slapd::make_certificates() const {
-  const std::string openssl = "/usr/bin/openssl";
-  const std::string ec = "ec_paramgen_curve:P-256";
-  write_file(dir_.file("server.ext"), "subjectAltName=IP:127.0.0.1\n");
-  const std::vector<std::vector<std::string>> steps = {
-      {openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir_.file("ca.key"), "-out",
-       dir_.file("ca.pem"), "-days", "2", "-subj", "/CN=qmtest slapd CA"},
-      {openssl, "req", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir_.file("server.key"), "-out",
-       dir_.file("server.csr"), "-subj", "/CN=127.0.0.1"},
-      {openssl, "x509", "-req", "-in", dir_.file("server.csr"), "-CA", dir_.file("ca.pem"), "-CAkey",
-       dir_.file("ca.key"), "-CAcreateserial", "-out", dir_.file("server.pem"), "-days", "2", "-extfile",
-       dir_.file("server.ext")},
-  };
-  for (const auto& step : steps) {
-    Child run(step);
-    if (run.wait(std::chrono::seconds(30)) != 0) throw std::runtime_error("openssl failed: " + run.err());
-  }
-}
 
 void Slapd::write_config() const {
   std::ostringstream conf;

@@ -68,7 +68,6 @@ class Slapd {
   std::string output() const;
 
  private:
-  void make_certificates() const;
   void write_config() const;
   void load_ldif() const;
   bool answers() const;

@@ -16,6 +16,10 @@
 
 extern char** environ;
 
+// Sanitizer settings of every test binary, whether ctest or a person runs it.
+extern "C" const char* __lsan_default_options() { return "suppressions=" QM_SOURCE_DIR "/tests/lsan.supp"; }
+extern "C" const char* __ubsan_default_options() { return "print_stacktrace=1:halt_on_error=1"; }
+
 namespace qmtest {
 
 TempDir::TempDir() {

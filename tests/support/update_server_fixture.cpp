@@ -4,32 +4,16 @@
 #include <stdexcept>
 #include <vector>
 
-namespace qmtest {
+#include "test_certificates.hpp"
 
-void make_loopback_certificates(const TempDir& dir) {
-  const std::string openssl = "/usr/bin/openssl";
-  const std::string ec = "ec_paramgen_curve:P-256";
-  write_file(dir.file("server.ext"), "subjectAltName=IP:127.0.0.1\n");
-  const std::vector<std::vector<std::string>> steps = {
-      {openssl, "req", "-x509", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir.file("ca.key"), "-out",
-       dir.file("ca.pem"), "-days", "2", "-subj", "/CN=qmtest CA"},
-      {openssl, "req", "-newkey", "ec", "-pkeyopt", ec, "-nodes", "-keyout", dir.file("server.key"), "-out",
-       dir.file("server.csr"), "-subj", "/CN=127.0.0.1"},
-      {openssl, "x509", "-req", "-in", dir.file("server.csr"), "-CA", dir.file("ca.pem"), "-CAkey", dir.file("ca.key"),
-       "-CAcreateserial", "-out", dir.file("server.pem"), "-days", "2", "-extfile", dir.file("server.ext")},
-  };
-  for (const auto& step : steps) {
-    Child run(step);
-    if (run.wait(std::chrono::seconds(30)) != 0) throw std::runtime_error("openssl failed: " + run.err());
-  }
-}
+namespace qmtest {
 
 UpdateServer::UpdateServer(bool tls) : tls_(tls) {
   plan("{}");
   std::vector<std::string> argv = {"/usr/bin/python3", std::string(QM_SOURCE_DIR) + "/tests/support/update_server.py",
                                    dir_.path().string()};
   if (tls_) {
-    make_loopback_certificates(dir_);
+    make_test_certificates(dir_, "qmtest update CA");
     argv.push_back(dir_.file("server.pem"));
     argv.push_back(dir_.file("server.key"));
   }

@@ -10,10 +10,6 @@
 
 namespace qmtest {
 
-// Writes ca.pem (a CA made for one test), server.pem and server.key (a certificate for
-// IP 127.0.0.1 issued by it) into `dir`; throws std::runtime_error when openssl fails.
-void make_loopback_certificates(const TempDir& dir);
-
 class UpdateServer {
  public:
   // tls: serve HTTPS with a certificate from a CA made for this server alone.

@@ -1,0 +1,166 @@
+// The REST front door against direct requests: the broker binary with its door on (its
+// callout deciding the demo worker's login) and a demo worker. 8 or 32 client threads,
+// each with its own keep-alive connection, post a small request or a 1 MiB payload; the
+// direct route makes the same requests with the relay's request call in this process
+// (nats.c, payloads staged in the bucket exactly as the door stages them). Door and
+// direct take turns for a few rounds. Last, 32 clients post 16 MiB payloads and the
+// broker's peak resident memory is read. A table follows the benchmark output.
+//
+// QM_HTTP_BENCH_REQUESTS overrides the small requests per round (1 MiB rows send a tenth).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bench_stats.hpp"
+#include "http_fixture.hpp"
+
+namespace {
+
+constexpr const char* kUser = "bench";
+constexpr const char* kPassword = "bench-secret";
+constexpr const char* kRequest = R"({"scan":1})";
+constexpr size_t kMiB = 1048576;
+constexpr int kRounds = 3;
+constexpr int kDefaultSmallRequests = 4000;
+constexpr int kBigClients = 32;
+constexpr int kBigRequests = 64;  // two per client
+constexpr int kQuiet = 2;         // errors only: the broker's log would be measured too
+
+struct route {
+  std::vector<double> rates;
+  std::vector<double> latencies_ms;
+  int failures = 0;
+  double rate() const { return qmbench::median(rates); }
+  void add(const qmbench::run_result& run, int requests) {
+    rates.push_back(requests / run.seconds);
+    latencies_ms.insert(latencies_ms.end(), run.latencies_ms.begin(), run.latencies_ms.end());
+    failures += run.failures;
+  }
+};
+
+struct row {
+  int clients;
+  bool big;  // 1 MiB payloads, else none
+  route door, direct;
+  std::string name() const { return std::to_string(clients) + " clients, " + (big ? "1 MiB" : "small"); }
+};
+
+struct bench_report {
+  std::string error;
+  int small_requests = 0;
+  std::vector<row> rows;
+  route big;  // 32 clients, 16 MiB
+  double rss_before_mib = 0, peak_rss_mib = 0;
+};
+
+// A field of the process's /proc status in MiB ("VmRSS", "VmHWM").
+double s_status_mib(pid_t pid, const std::string& field) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind(field + ":", 0) == 0) return atof(line.c_str() + field.size() + 1) / 1024;
+  return 0;
+}
+
+bench_report s_measure() {
+  bench_report report;
+  report.small_requests = qmbench::env_int("QM_HTTP_BENCH_REQUESTS", kDefaultSmallRequests, 10);
+  try {
+    const int port = qmtest::free_port();
+    qmtest::HttpScanEnv env({{kUser, kPassword}}, {"--http-enabled", "true", "--http-listen-port",
+                                                   std::to_string(port), "--relay-timeout-ms", "120000"}, kQuiet);
+    const gw_config_t relay_cfg = env.relay_config();
+    qmtest::relay_ptr relay(gw_nats_relay_create(&relay_cfg));
+    qmtest::HttpRequest request;
+    request.url = "http://127.0.0.1:" + std::to_string(port) + "/vsi";
+    request.basic = {kUser, kPassword};
+    std::string payload;
+    auto door = [&] {
+      thread_local qmtest::HttpClient client;  // one keep-alive connection per client thread
+      qmtest::HttpRequest mine = request;
+      mine.fields = {{"request", kRequest}};
+      if (!payload.empty()) mine.fields.emplace_back("payload", payload);
+      return client.send(mine).status == 200;
+    };
+    auto direct = [&] { return qmtest::relay_request(relay.get(), "scan", kRequest, payload).rc == 0; };
+    for (int clients : {8, 32})
+      for (bool big : {false, true}) report.rows.push_back({clients, big, {}, {}});
+    const std::string one_mib = qmtest::test_payload(kMiB);
+    for (int round = 0; round < kRounds; ++round) {
+      for (row& r : report.rows) {
+        payload = r.big ? one_mib : "";
+        const int requests = r.big ? report.small_requests / 10 : report.small_requests;
+        r.door.add(qmbench::run(requests, r.clients, door), requests);
+        r.direct.add(qmbench::run(requests, r.clients, direct), requests);
+      }
+    }
+    const pid_t broker = env.callout().broker().pid();
+    std::ofstream("/proc/" + std::to_string(broker) + "/clear_refs") << "5";  // VmHWM back to VmRSS
+    report.rss_before_mib = s_status_mib(broker, "VmRSS");
+    payload = qmtest::test_payload(16 * kMiB);
+    report.big.add(qmbench::run(kBigRequests, kBigClients, door), kBigRequests);
+    report.peak_rss_mib = s_status_mib(broker, "VmHWM");
+  } catch (const std::exception& e) {
+    report.error = e.what();
+  }
+  return report;
+}
+
+void s_print_table(const bench_report& report) {
+  printf("\nREST front door against direct relay requests to one demo worker: %d rounds, taking turns; %d small "
+         "requests or %d of 1 MiB per route and round\n",
+         kRounds, report.small_requests, report.small_requests / 10);
+  printf("%-20s %12s %12s %9s %17s %17s %8s\n", "load", "door req/s", "direct req/s", "door/dir",
+         "door p50/p99 ms", "direct p50/p99 ms", "failures");
+  for (const row& r : report.rows) {
+    printf("%-20s %12.0f %12.0f %9.2f %8.1f/%-8.1f %8.1f/%-8.1f %8d\n", r.name().c_str(), r.door.rate(),
+           r.direct.rate(), r.door.rate() / r.direct.rate(), qmbench::percentile(r.door.latencies_ms, 50),
+           qmbench::percentile(r.door.latencies_ms, 99), qmbench::percentile(r.direct.latencies_ms, 50),
+           qmbench::percentile(r.direct.latencies_ms, 99), r.door.failures + r.direct.failures);
+  }
+  printf("32 clients posting 16 MiB payloads through the door (%d requests, %d failed): broker RSS %.0f MiB before, "
+         "peak %.0f MiB\n",
+         kBigRequests, report.big.failures, report.rss_before_mib, report.peak_rss_mib);
+  fflush(stdout);
+}
+
+const bench_report& s_report() { return qmbench::measure_once(s_measure, s_print_table); }
+
+void s_report_route(benchmark::State& state, const route& r, int requests) {
+  for (auto _ : state) state.SetIterationTime(requests / r.rate());
+  state.counters["requests/s"] = r.rate();
+  state.counters["p50_ms"] = qmbench::percentile(r.latencies_ms, 50);
+  state.counters["p99_ms"] = qmbench::percentile(r.latencies_ms, 99);
+  state.counters["failures"] = r.failures;
+}
+
+// Argument: the row; 0 the door, 1 direct.
+void BM_Scan(benchmark::State& state) {
+  const bench_report& report = s_report();
+  const size_t index = static_cast<size_t>(state.range(0));
+  if (!report.error.empty() || index >= report.rows.size()) {
+    state.SkipWithError(report.error.empty() ? "no such row" : report.error.c_str());
+    return;
+  }
+  const row& r = report.rows[index];
+  state.SetLabel((state.range(1) == 0 ? "door " : "direct ") + r.name());
+  s_report_route(state, state.range(1) == 0 ? r.door : r.direct,
+                 r.big ? report.small_requests / 10 : report.small_requests);
+}
+BENCHMARK(BM_Scan)->ArgsProduct({{0, 1, 2, 3}, {0, 1}})->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void BM_Door32Clients16MiB(benchmark::State& state) {
+  const bench_report& report = s_report();
+  if (!report.error.empty()) {
+    state.SkipWithError(report.error.c_str());
+    return;
+  }
+  s_report_route(state, report.big, kBigRequests);
+  state.counters["rss_before_MiB"] = report.rss_before_mib;
+  state.counters["peak_rss_MiB"] = report.peak_rss_mib;
+}
+BENCHMARK(BM_Door32Clients16MiB)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace

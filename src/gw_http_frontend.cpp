@@ -1,0 +1,683 @@
+#include "gw_http_frontend.hpp"
+
+#include <microhttpd.h>
+#include <pthread.h>
+#include <sodium.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "gw_subject_rewrite.hpp"
+#include "log.hpp"
+#include "qm_handles.hpp"
+
+namespace {
+
+constexpr const char* kRealm = "quillmere-av-scangateway";
+constexpr const char* kVerifySubject = "qm.auth.verify";
+// Live checks wait this long whatever the relay's own default is.
+constexpr unsigned long kVerifyTimeoutMs = 5000;
+constexpr size_t kPostProcessorBufferBytes = 16384;
+constexpr size_t kRequestJsonCapBytes = 1048576;
+constexpr size_t kFirstBufferBytes = 4096;
+// A connection silent this long is closed; without it an idle client would hold its
+// thread for ever.
+constexpr unsigned kInactivityTimeoutS = 60;
+// Refresh threads end within the verify wait plus a little back-off.
+constexpr auto kRefreshDrainTimeout = std::chrono::milliseconds(6000);
+constexpr size_t kLoggerLineBytes = 512;
+
+std::atomic<unsigned> s_inactivity_timeout_override{0};
+
+}  // namespace
+
+struct gw_http_frontend {
+  const gw_config_t* cfg = nullptr;
+  gw_credential_store_t* creds = nullptr;
+  gw_nats_relay_t* relay = nullptr;
+  qm::mhd_daemon_ptr daemon;
+  std::optional<qm::secret_string> tls_cert_pem;
+  std::optional<qm::secret_string> tls_key_pem;
+  gw_auth_cache_t* auth_cache = nullptr;
+  // The listening socket that quiescing hands back: shut down at once so that new
+  // connections are refused, closed only after the daemon's threads are gone so that
+  // its number cannot be reused under them.
+  int quiesced_listen_fd = -1;
+  // Detached refresh threads still running; they use the relay and the cache, so the
+  // frontend waits for them before it goes.
+  std::mutex refresh_mu;
+  std::condition_variable refresh_done;
+  int refreshes_running = 0;
+};
+
+namespace {
+
+// ---- one request ----
+
+// A growable NUL-terminated field value.
+struct field_buffer {
+  qm::malloc_ptr<char> data;
+  size_t len = 0;
+  size_t cap = 0;  // bytes allocated
+};
+
+struct req_ctx_t {
+  qm::mhd_post_processor_ptr pp;
+  field_buffer request_json;
+  field_buffer payload;
+  size_t payload_cap_bytes = 0;  // 0: uncapped
+  bool overflow = false;
+  bool bad_field = false;
+};
+
+// Appends n bytes unless the total would pass max (0: no cap). The buffer doubles from
+// 4096 bytes and never grows beyond max + 1.
+bool buf_append(field_buffer& buf, const char* data, size_t n, size_t max) {
+  if (max != 0 && (n > max || buf.len > max - n)) return false;
+  if (n > SIZE_MAX - 1 - buf.len) return false;
+  const size_t needed = buf.len + n + 1;
+  if (needed > buf.cap) {
+    size_t size = buf.cap != 0 ? buf.cap : kFirstBufferBytes;
+    while (size < needed) size = size > SIZE_MAX / 2 ? needed : size * 2;
+    if (max != 0 && size > max + 1) size = max + 1;
+    char* grown = static_cast<char*>(realloc(buf.data.get(), size));
+    if (grown == nullptr) return false;
+    (void)buf.data.release();
+    buf.data.reset(grown);
+    buf.cap = size;
+  }
+  if (n > 0) memcpy(buf.data.get() + buf.len, data, n);
+  buf.len += n;
+  buf.data.get()[buf.len] = '\0';
+  return true;
+}
+
+MHD_Result on_post_field(void* cls, MHD_ValueKind, const char* key, const char*, const char*, const char*,
+                         const char* data, uint64_t, size_t size) noexcept {
+  auto* ctx = static_cast<req_ctx_t*>(cls);
+  if (key == nullptr || *key == '\0') {
+    ctx->bad_field = true;
+  } else if (strcmp(key, "request") == 0) {
+    if (!buf_append(ctx->request_json, data, size, kRequestJsonCapBytes)) ctx->overflow = true;
+  } else if (strcmp(key, "payload") == 0) {
+    if (!buf_append(ctx->payload, data, size, ctx->payload_cap_bytes)) ctx->overflow = true;
+  } else {
+    // Once per request: a body of thousands of stray parts must not flood the log.
+    if (!ctx->bad_field) log_debug("http_frontend: ignoring unexpected multipart field '%s'", key);
+    ctx->bad_field = true;
+  }
+  // Always on to the end of the body: the verdict is given at the final call.
+  return MHD_YES;
+}
+
+MHD_Result queue_simple(MHD_Connection* conn, unsigned status, const char* text) {
+  qm::mhd_response_ptr response(
+      MHD_create_response_from_buffer(strlen(text), const_cast<char*>(text), MHD_RESPMEM_MUST_COPY));
+  if (!response) return MHD_NO;
+  return MHD_queue_response(conn, status, response.get());
+}
+
+MHD_Result queue_auth_required(MHD_Connection* conn) {
+  qm::mhd_response_ptr response(MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
+  if (!response) return MHD_NO;
+  return MHD_queue_basic_auth_fail_response(conn, kRealm, response.get());
+}
+
+// ---- authentication ----
+
+struct verify_verdict {
+  bool ok = false;
+  qm::opt_string reason;
+  qm::opt_string backend;
+};
+
+void s_wipe_json_string(json_object* value) {
+  sodium_memzero(const_cast<char*>(json_object_get_string(value)), static_cast<size_t>(json_object_get_string_len(value)));
+}
+
+// The verify request {"user","password","method":"basic"[,"revalidate":true]} as text.
+// json-c keeps its own copies of the password (the string and the serialisation
+// buffer): they are wiped before the document is released.
+std::optional<qm::secret_string> s_verify_request_text(const char* user, const char* password, bool revalidate) {
+  qm::json_ptr doc(json_object_new_object());
+  qm::json_ptr user_value(json_object_new_string(user));
+  qm::json_ptr password_value(json_object_new_string(password));
+  qm::json_ptr method_value(json_object_new_string("basic"));
+  qm::json_ptr revalidate_value(revalidate ? json_object_new_boolean(1) : nullptr);
+  if (!doc || !user_value || !password_value || !method_value || (revalidate && !revalidate_value)) {
+    if (password_value) s_wipe_json_string(password_value.get());
+    return std::nullopt;
+  }
+  json_object* password_ref = password_value.get();
+  json_object_object_add(doc.get(), "user", user_value.release());
+  json_object_object_add(doc.get(), "password", password_value.release());
+  json_object_object_add(doc.get(), "method", method_value.release());
+  if (revalidate) json_object_object_add(doc.get(), "revalidate", revalidate_value.release());
+  size_t len = 0;
+  const char* text = json_object_to_json_string_length(doc.get(), JSON_C_TO_STRING_PLAIN, &len);
+  std::optional<qm::secret_string> request;
+  if (text != nullptr) {
+    request.emplace(std::string(text, len));
+    sodium_memzero(const_cast<char*>(text), len);
+  }
+  s_wipe_json_string(password_ref);
+  return request;
+}
+
+// "ok" counts only as a JSON true; nullopt when the reply is not JSON.
+std::optional<verify_verdict> s_parse_verdict(const char* reply) {
+  qm::json_ptr doc(json_tokener_parse(reply));
+  if (!doc) return std::nullopt;
+  verify_verdict verdict;
+  json_object* value = nullptr;
+  if (json_object_object_get_ex(doc.get(), "ok", &value) && json_object_is_type(value, json_type_boolean))
+    verdict.ok = json_object_get_boolean(value);
+  if (json_object_object_get_ex(doc.get(), "reason", &value) && json_object_is_type(value, json_type_string))
+    verdict.reason = json_object_get_string(value);
+  if (json_object_object_get_ex(doc.get(), "backend", &value) && json_object_is_type(value, json_type_string))
+    verdict.backend = json_object_get_string(value);
+  return verdict;
+}
+
+// One request on "qm.auth.verify"; *rc is the relay's result, the reply NULL when none came.
+qm::malloc_ptr<char> s_ask_verify(gw_http_frontend& fe, const qm::secret_string& request, int* rc) {
+  char* reply = nullptr;
+  *rc = gw_nats_relay_request(fe.relay, kVerifySubject, request.c_str(), nullptr, 0, kVerifyTimeoutMs, &reply,
+                              nullptr, nullptr);
+  qm::malloc_ptr<char> owned(reply);
+  if (*rc != 0) owned.reset();
+  return owned;
+}
+
+const char* s_or(const qm::opt_string& text, const char* fallback) { return text ? text->c_str() : fallback; }
+
+// Tier 3: the auth service decides. Only a deliberate answer is cached; an outage or an
+// unreadable reply denies this request alone.
+bool s_verify_live(gw_http_frontend& fe, const char* user, const char* password) {
+  const std::optional<qm::secret_string> request = s_verify_request_text(user, password, false);
+  if (!request) {
+    log_error("http_frontend: OOM building auth request");
+    return false;
+  }
+  int rc = 0;
+  const qm::malloc_ptr<char> reply = s_ask_verify(fe, *request, &rc);
+  if (!reply) {
+    log_warn("http_frontend: auth DENY user=%s via=nats (relay rc=%d, no reply — is authenticator running?)", user,
+             rc);
+    return false;
+  }
+  const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
+  if (!verdict) {
+    log_warn("http_frontend: auth DENY user=%s via=nats (unparseable reply — treating as deny but NOT poisoning cache)",
+             user);
+    return false;
+  }
+  if (verdict->ok) {
+    log_info("http_frontend: auth GRANT user=%s via=nats backend=%s", user, s_or(verdict->backend, "(unknown)"));
+    gw_auth_cache_insert_grant(fe.auth_cache, user, password);
+    return true;
+  }
+  log_warn("http_frontend: auth DENY user=%s via=nats backend=%s reason=%s", user, s_or(verdict->backend, "(unknown)"),
+           s_or(verdict->reason, "(none)"));
+  gw_auth_cache_insert_deny(fe.auth_cache, user);
+  return false;
+}
+
+// ---- background refresh ----
+
+struct refresh_ctx_t {
+  gw_http_frontend* fe = nullptr;
+  std::string user;
+  qm::secret_string password;  // wiped when the context goes
+  unsigned char hash[GW_AUTH_CACHE_HASH_BYTES] = {};
+  uint32_t gen = 0;
+};
+
+void refresh_ctx_free(refresh_ctx_t* ctx) {
+  if (ctx == nullptr) return;
+  sodium_memzero(ctx->hash, sizeof ctx->hash);
+  std::unique_ptr<refresh_ctx_t> owned(ctx);
+}
+
+struct refresh_ctx_deleter {
+  void operator()(refresh_ctx_t* ctx) const noexcept { refresh_ctx_free(ctx); }
+};
+using refresh_ctx_ptr = std::unique_ptr<refresh_ctx_t, refresh_ctx_deleter>;
+
+void s_refresh_finished(gw_http_frontend& fe) {
+  std::lock_guard<std::mutex> guard(fe.refresh_mu);
+  --fe.refreshes_running;
+  // Notified under the lock: destroy may free the frontend as soon as it sees zero.
+  fe.refresh_done.notify_all();
+}
+
+gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx) {
+  const std::optional<qm::secret_string> request = s_verify_request_text(ctx.user.c_str(), ctx.password.c_str(), true);
+  if (!request) {
+    log_error("http_frontend: refresh OOM building request user=%s", ctx.user.c_str());
+    return GW_REFRESH_ABORTED;
+  }
+  int rc = 0;
+  const qm::malloc_ptr<char> reply = s_ask_verify(fe, *request, &rc);
+  if (!reply) {
+    log_warn("http_frontend: refresh ABORTED user=%s (relay rc=%d)", ctx.user.c_str(), rc);
+    return GW_REFRESH_ABORTED;
+  }
+  // Harsher than the foreground path: an unreadable answer revokes the grant.
+  const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
+  if (verdict && verdict->ok) {
+    log_debug("http_frontend: refresh GRANTED user=%s", ctx.user.c_str());
+    return GW_REFRESH_GRANTED;
+  }
+  log_info("http_frontend: refresh DENIED user=%s — invalidating cache (password changed or account disabled?)",
+           ctx.user.c_str());
+  return GW_REFRESH_DENIED;
+}
+
+void* refresh_worker(void* arg) {
+  refresh_ctx_ptr ctx(static_cast<refresh_ctx_t*>(arg));
+  gw_http_frontend& fe = *ctx->fe;
+  gw_refresh_outcome_t outcome = GW_REFRESH_ABORTED;
+  try {
+    outcome = s_revalidate(fe, *ctx);
+  } catch (...) {
+    outcome = GW_REFRESH_ABORTED;
+  }
+  // Exactly one completion per claim, whatever happened above.
+  gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, outcome);
+  ctx.reset();
+  s_refresh_finished(fe);
+  return nullptr;
+}
+
+// The context for a claimed refresh; on failure the claim is completed as aborted.
+refresh_ctx_ptr s_new_refresh_ctx(gw_http_frontend& fe, const char* user, const char* password,
+                                  const unsigned char* hash, uint32_t gen) {
+  refresh_ctx_ptr ctx;
+  try {
+    ctx.reset(std::make_unique<refresh_ctx_t>().release());
+  } catch (const std::bad_alloc&) {
+    log_warn("http_frontend: refresh OOM allocating ctx user=%s", user);
+    gw_auth_cache_complete_refresh(fe.auth_cache, hash, gen, GW_REFRESH_ABORTED);
+    return nullptr;
+  }
+  try {
+    ctx->user = user;
+    ctx->password = qm::secret_string(password);
+  } catch (const std::bad_alloc&) {
+    log_warn("http_frontend: refresh OOM duplicating credentials user=%s", user);
+    gw_auth_cache_complete_refresh(fe.auth_cache, hash, gen, GW_REFRESH_ABORTED);
+    return nullptr;
+  }
+  ctx->fe = &fe;
+  memcpy(ctx->hash, hash, sizeof ctx->hash);
+  ctx->gen = gen;
+  return ctx;
+}
+
+// Starts a background re-verification of a stale grant unless one already runs for it.
+void dispatch_refresh(gw_http_frontend& fe, const char* user, const char* password) {
+  if (fe.auth_cache == nullptr) return;
+  unsigned char hash[GW_AUTH_CACHE_HASH_BYTES];
+  uint32_t gen = 0;
+  if (!gw_auth_cache_try_claim_refresh(fe.auth_cache, user, password, hash, &gen)) return;
+  refresh_ctx_ptr ctx = s_new_refresh_ctx(fe, user, password, hash, gen);
+  sodium_memzero(hash, sizeof hash);
+  if (!ctx) return;
+  {
+    std::lock_guard<std::mutex> guard(fe.refresh_mu);
+    ++fe.refreshes_running;
+  }
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  const int rc = pthread_create(&thread, &attr, refresh_worker, ctx.get());
+  pthread_attr_destroy(&attr);
+  if (rc != 0) {
+    log_warn("http_frontend: refresh pthread_create failed (rc=%d) user=%s", rc, user);
+    gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, GW_REFRESH_ABORTED);
+    ctx.reset();
+    s_refresh_finished(fe);
+    return;
+  }
+  (void)ctx.release();  // the thread owns it now
+  log_trace("http_frontend: refresh dispatched user=%s", user);
+}
+
+// Cache, then the credentials file, then the auth service. A stale cached grant is
+// honoured at once and re-verified in the background.
+bool authenticate(gw_http_frontend& fe, const char* user, const char* password) {
+  if (user == nullptr || *user == '\0' || password == nullptr) {
+    log_debug("http_frontend: authenticate() called with empty credentials");
+    return false;
+  }
+  switch (gw_auth_cache_lookup(fe.auth_cache, user, password)) {
+    case GW_AUTH_CACHE_GRANT:
+      log_debug("http_frontend: auth GRANT user=%s via=cache", user);
+      return true;
+    case GW_AUTH_CACHE_GRANT_STALE:
+      log_debug("http_frontend: auth GRANT user=%s via=cache (stale, scheduling refresh)", user);
+      dispatch_refresh(fe, user, password);
+      return true;
+    case GW_AUTH_CACHE_DENY:
+      log_debug("http_frontend: auth DENY user=%s via=neg-cache", user);
+      return false;
+    case GW_AUTH_CACHE_MISS:
+      break;
+  }
+  // The file check is cheap: its grants are not cached.
+  if (gw_credential_store_validate(fe.creds, user, password)) {
+    log_debug("http_frontend: auth GRANT user=%s via=local", user);
+    return true;
+  }
+  return s_verify_live(fe, user, password);
+}
+
+// ---- request handling ----
+
+const char* s_servlet_path(const gw_http_frontend& fe) { return s_or(fe.cfg->http_servlet_path, ""); }
+
+// First call: method, path and content type; a context with a post processor when the
+// body is a form.
+MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const char* url, const char* method,
+                           void** con_cls) {
+  if (strcmp(method, MHD_HTTP_METHOD_POST) != 0) {
+    log_debug("http_frontend: method %s not allowed on %s", method, url);
+    return queue_simple(conn, MHD_HTTP_METHOD_NOT_ALLOWED, "method not allowed\n");
+  }
+  if (strcmp(url, s_servlet_path(fe)) != 0) {
+    log_debug("http_frontend: path %s not found (expected %s)", url, s_servlet_path(fe));
+    return queue_simple(conn, MHD_HTTP_NOT_FOUND, "not found\n");
+  }
+  auto owned = std::make_unique<req_ctx_t>();
+  req_ctx_t* ctx = owned.get();
+  ctx->payload_cap_bytes = fe.cfg->max_msg_size_bytes;
+  *con_cls = owned.release();  // on_request_completed frees it, also after a 415
+  ctx->pp.reset(MHD_create_post_processor(conn, kPostProcessorBufferBytes, on_post_field, ctx));
+  if (!ctx->pp) {
+    const char* content_type = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
+    log_debug("http_frontend: rejecting non-multipart request (content-type=%s)",
+              content_type != nullptr ? content_type : "(absent)");
+    return queue_simple(conn, MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "expected multipart/form-data\n");
+  }
+  log_trace("http_frontend: %s %s (new multipart request)", method, url);
+  return MHD_YES;
+}
+
+// The worker's reply as the 200 response; the response takes the text over.
+MHD_Result s_queue_reply(MHD_Connection* conn, const char* target, qm::malloc_ptr<char> reply_json) {
+  const size_t len = strlen(reply_json.get());
+  qm::mhd_response_ptr response(MHD_create_response_from_buffer(len, reply_json.get(), MHD_RESPMEM_MUST_FREE));
+  if (!response) return MHD_NO;
+  (void)reply_json.release();
+  if (MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "application/json") != MHD_YES)
+    return MHD_NO;
+  log_trace("http_frontend: 200 OK target=%s reply_len=%zu", target, len);
+  return MHD_queue_response(conn, MHD_HTTP_OK, response.get());
+}
+
+// Authenticated caller, complete body: relay to the service the header names.
+MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, const char* user,
+                   qm::mhd_secret_ptr& password) {
+  const char* target = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "X-Target-Service");
+  if (target == nullptr || *target == '\0') {
+    log_warn("http_frontend: user=%s authenticated but missing X-Target-Service", user);
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing X-Target-Service\n");
+  }
+  const qm::malloc_ptr<char> subject(gw_subject_rewrite_ingress_to_nats(target));
+  if (!subject) {
+    log_error("http_frontend: OOM rewriting target subject");
+    return queue_simple(conn, MHD_HTTP_INTERNAL_SERVER_ERROR, "oom\n");
+  }
+  if (strcmp(subject.get(), target) != 0) log_trace("http_frontend: subject rewrite '%s' -> '%s'", target, subject.get());
+  log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", user, target,
+            ctx.request_json.len, ctx.payload.len);
+  char* reply_json = nullptr;
+  char* reply_data = nullptr;
+  size_t reply_data_len = 0;
+  const bool has_payload = ctx.payload.len > 0;
+  const int rc = gw_nats_relay_request(fe.relay, subject.get(), ctx.request_json.data.get(),
+                                       has_payload ? ctx.payload.data.get() : nullptr, has_payload ? ctx.payload.len : 0,
+                                       gw_nats_relay_default_timeout_ms(fe.relay), &reply_json, &reply_data,
+                                       &reply_data_len);
+  password.reset();
+  qm::malloc_ptr<char> owned_json(reply_json);
+  const qm::malloc_ptr<char> discarded(reply_data);  // a binary reply has no place in the response
+  if (rc == 0 && owned_json) return s_queue_reply(conn, target, std::move(owned_json));
+  log_warn("http_frontend: relay failed target=%s rc=%d reply_json=%s", target, rc, owned_json ? "set" : "null");
+  return queue_simple(conn, MHD_HTTP_BAD_GATEWAY, "upstream relay failed\n");
+}
+
+// Final call: the verdict on the whole body, then credentials, then the relay.
+MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx) {
+  // Only ending the post processor tells a body cut off inside a part from a complete one.
+  if (ctx.pp && MHD_destroy_post_processor(ctx.pp.release()) != MHD_YES) ctx.bad_field = true;
+  if (ctx.overflow) {
+    log_warn("http_frontend: rejecting oversized multipart (request_json_len=%zu payload_len=%zu)",
+             ctx.request_json.len, ctx.payload.len);
+    return queue_simple(conn, MHD_HTTP_CONTENT_TOO_LARGE, "payload too large\n");
+  }
+  if (ctx.bad_field) {
+    log_warn("http_frontend: rejecting request with bad/unknown multipart field");
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "malformed multipart body\n");
+  }
+  if (ctx.request_json.len == 0) {
+    log_warn("http_frontend: rejecting request with empty 'request' field");
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing 'request' multipart field\n");
+  }
+  char* raw_password = nullptr;
+  const qm::mhd_string_ptr user(MHD_basic_auth_get_username_password(conn, &raw_password));
+  qm::mhd_secret_ptr password(raw_password);
+  if (!user || !password) {
+    log_debug("http_frontend: no Basic credentials presented");
+    return queue_auth_required(conn);
+  }
+  if (!authenticate(fe, user.get(), password.get())) return queue_auth_required(conn);
+  return s_relay(fe, conn, ctx, user.get(), password);
+}
+
+MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const char* method, const char*,
+                      const char* upload_data, size_t* upload_data_size, void** con_cls) noexcept {
+  try {
+    auto& fe = *static_cast<gw_http_frontend*>(cls);
+    if (*con_cls == nullptr) return s_begin_request(fe, conn, url, method, con_cls);
+    auto& ctx = *static_cast<req_ctx_t*>(*con_cls);
+    if (*upload_data_size != 0) {
+      if (ctx.pp && MHD_post_process(ctx.pp.get(), upload_data, *upload_data_size) != MHD_YES) ctx.bad_field = true;
+      *upload_data_size = 0;
+      return MHD_YES;
+    }
+    return s_finish_request(fe, conn, ctx);
+  } catch (...) {
+    return MHD_NO;  // out of memory: the daemon drops the connection
+  }
+}
+
+void on_request_completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) noexcept {
+  if (*con_cls == nullptr) return;
+  std::unique_ptr<req_ctx_t> ctx(static_cast<req_ctx_t*>(*con_cls));
+  *con_cls = nullptr;
+}
+
+void mhd_logger(void*, const char* fmt, va_list ap) noexcept {
+  char line[kLoggerLineBytes];
+  vsnprintf(line, sizeof line, fmt, ap);
+  const size_t len = strlen(line);
+  if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';
+  log_warn("http_frontend [MHD]: %s", line);
+}
+
+// ---- start-up ----
+
+// The whole file as text; nullopt (logged) when it cannot be read.
+std::optional<qm::secret_string> slurp_file(const char* path) {
+  const qm::file_ptr file(fopen(path, "rbe"));
+  if (!file) {
+    log_warn("http_frontend: cannot open %s: %m", path);
+    return std::nullopt;
+  }
+  long size = -1;
+  if (fseek(file.get(), 0, SEEK_END) == 0) size = ftell(file.get());
+  if (size < 0) {
+    log_warn("http_frontend: ftell(%s) failed", path);
+    return std::nullopt;
+  }
+  rewind(file.get());
+  std::string text;
+  try {
+    text.resize(static_cast<size_t>(size));
+  } catch (const std::exception&) {
+    // A directory reports the largest offset there is.
+    log_warn("http_frontend: malloc(%ld) failed for %s", size < LONG_MAX ? size + 1 : size, path);
+    return std::nullopt;
+  }
+  const size_t got = fread(text.data(), 1, text.size(), file.get());
+  qm::secret_string owned(std::move(text));  // the key file: wiped whatever happens next
+  if (got != owned.size()) {
+    log_warn("http_frontend: short read of %s", path);
+    return std::nullopt;
+  }
+  return owned;
+}
+
+unsigned s_inactivity_timeout_s() {
+  const unsigned override_s = s_inactivity_timeout_override.load();
+  return override_s != 0 ? override_s : kInactivityTimeoutS;
+}
+
+template <class Fn>
+intptr_t s_fn_value(Fn fn) {
+  return reinterpret_cast<intptr_t>(fn);
+}
+
+MHD_Daemon* s_start_daemon(gw_http_frontend& fe, uint16_t port, bool tls) {
+  // MHD_USE_ITC: without it libmicrohttpd cannot quiesce a threaded daemon.
+  unsigned flags = MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC;
+  // The logger first: libmicrohttpd warns about any option before it.
+  std::vector<MHD_OptionItem> options = {
+      {MHD_OPTION_EXTERNAL_LOGGER, s_fn_value(&mhd_logger), &fe},
+      {MHD_OPTION_NOTIFY_COMPLETED, s_fn_value(&on_request_completed), &fe},
+      {MHD_OPTION_LISTEN_BACKLOG_SIZE, static_cast<intptr_t>(static_cast<unsigned>(fe.cfg->listen_backlog)), nullptr},
+      {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(s_inactivity_timeout_s()), nullptr},
+  };
+  if (tls) {
+    flags |= MHD_USE_TLS;
+    options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(fe.tls_cert_pem->c_str())});
+    options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(fe.tls_key_pem->c_str())});
+    options.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>("NORMAL")});
+  }
+  options.push_back({MHD_OPTION_END, 0, nullptr});
+  return MHD_start_daemon(flags, port, nullptr, nullptr, &on_request, &fe, MHD_OPTION_ARRAY, options.data(),
+                          MHD_OPTION_END);
+}
+
+bool s_load_pems(gw_http_frontend& fe) {
+  fe.tls_cert_pem = slurp_file(fe.cfg->http_tls_cert->c_str());
+  fe.tls_key_pem = slurp_file(fe.cfg->http_tls_key->c_str());
+  if (fe.tls_cert_pem && fe.tls_key_pem) return true;
+  log_fatal("http_frontend: could not load TLS cert or key");
+  fe.tls_cert_pem.reset();
+  fe.tls_key_pem.reset();
+  return false;
+}
+
+}  // namespace
+
+gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credential_store_t* creds,
+                                            gw_nats_relay_t* relay, gw_auth_cache_t* auth_cache) {
+  if (cfg == nullptr || creds == nullptr || relay == nullptr) {
+    log_error("http_frontend: create called with NULL dependency");
+    return nullptr;
+  }
+  try {
+    auto fe = std::make_unique<gw_http_frontend>();
+    fe->cfg = cfg;
+    fe->creds = creds;
+    fe->relay = relay;
+    fe->auth_cache = auth_cache;
+    return fe.release();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+int gw_http_frontend_start(gw_http_frontend_t* fe) {
+  if (fe == nullptr) return -1;
+  if (fe->daemon) return 0;
+  const gw_config_t& cfg = *fe->cfg;
+  const bool has_cert = qm::has_text(cfg.http_tls_cert);
+  if (has_cert != qm::has_text(cfg.http_tls_key)) {
+    log_fatal("http_frontend: HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start");
+    return -1;
+  }
+  const bool tls = has_cert;
+  if (tls && !s_load_pems(*fe)) return -1;
+  const unsigned port = static_cast<unsigned>(cfg.http_listen_port);
+  if (cfg.http_listen_port >= 0 && cfg.http_listen_port <= UINT16_MAX)
+    fe->daemon.reset(s_start_daemon(*fe, static_cast<uint16_t>(port), tls));
+  if (!fe->daemon) {
+    log_fatal("http_frontend: MHD_start_daemon failed on port %u (tls=%s) — port in use? cert/key malformed?", port,
+              tls ? "yes" : "no");
+    fe->tls_cert_pem.reset();
+    fe->tls_key_pem.reset();
+    return -1;
+  }
+  log_info("http_frontend: listening on %s:%u%s path=%s backlog=%u requested, capped by net.core.somaxconn",
+           s_or(cfg.http_listen_host, ""), port, tls ? " [TLS]" : "", s_servlet_path(*fe),
+           static_cast<unsigned>(cfg.listen_backlog));
+  return 0;
+}
+
+void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {
+  if (fe == nullptr || !fe->daemon) return;
+  const MHD_socket listen_fd = MHD_quiesce_daemon(fe->daemon.get());
+  if (listen_fd != MHD_INVALID_SOCKET) {
+    shutdown(listen_fd, SHUT_RDWR);
+    fe->quiesced_listen_fd = listen_fd;
+  }
+  log_info("http_frontend: stopped accepting new connections — in-flight requests still draining");
+}
+
+void gw_http_frontend_stop(gw_http_frontend_t* fe) {
+  if (fe == nullptr || !fe->daemon) return;
+  fe->daemon.reset();
+  if (fe->quiesced_listen_fd >= 0) close(fe->quiesced_listen_fd);
+  fe->quiesced_listen_fd = -1;
+  fe->tls_cert_pem.reset();
+  fe->tls_key_pem.reset();
+  log_info("http_frontend: stopped");
+}
+
+void gw_http_frontend_destroy(gw_http_frontend_t* fe) {
+  if (fe == nullptr) return;
+  gw_http_frontend_stop(fe);
+  {
+    std::unique_lock<std::mutex> lock(fe->refresh_mu);
+    if (!fe->refresh_done.wait_for(lock, kRefreshDrainTimeout, [&] { return fe->refreshes_running == 0; })) {
+      log_warn("http_frontend: %d background refresh(es) still running; the frontend stays allocated for them",
+               fe->refreshes_running);
+      return;
+    }
+  }
+  fe->auth_cache = nullptr;
+  std::unique_ptr<gw_http_frontend> owned(fe);
+}
+
+void gw_http_frontend_set_inactivity_timeout_for_testing(unsigned seconds) {
+  s_inactivity_timeout_override.store(seconds);
+}

@@ -1,0 +1,44 @@
+// The gateway's REST front door: HTTPS (or plain HTTP without a certificate) POSTs of a
+// multipart scan request (field "request": the JSON, field "payload": the file) with
+// Basic credentials, relayed to the worker service named by "X-Target-Service". The
+// worker's JSON reply is the response body. Credentials go through the auth result
+// cache, the credentials file and "qm.auth.verify"; a stale cached grant is served at
+// once while a detached thread re-verifies it.
+#pragma once
+
+#include "gw_auth_cache.hpp"
+#include "gw_config.hpp"
+#include "gw_credential_store.hpp"
+#include "gw_nats_relay.hpp"
+
+struct gw_http_frontend;
+using gw_http_frontend_t = gw_http_frontend;
+
+// cfg, creds and relay are borrowed and must be non-NULL (else NULL, logged); they and
+// auth_cache (may be NULL: no caching, no background refresh) must outlive the
+// frontend. Nothing is started.
+gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credential_store_t* creds,
+                                            gw_nats_relay_t* relay, gw_auth_cache_t* auth_cache);
+
+// Starts listening on cfg->http_listen_port (every local address), with TLS when both
+// the certificate and the key file are configured. 0 on success or when already
+// started; -1 (logged at FATAL) when only one of the two files is set, a file cannot be
+// read, or the daemon does not start. A failed start leaves nothing running.
+int gw_http_frontend_start(gw_http_frontend_t* fe);
+
+// Quiesce: new connections are refused from now on, requests in flight complete.
+// No-op when not started.
+void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);
+
+// Stops the daemon and waits for its connection threads (requests in flight finish
+// first), so not from a signal handler or a connection thread. No-op when not started;
+// start may follow (the PEM files are read again).
+void gw_http_frontend_stop(gw_http_frontend_t* fe);
+
+// Stops, waits for background refreshes still using the relay and the cache, and frees
+// the frontend (not the cache). Accepts NULL.
+void gw_http_frontend_destroy(gw_http_frontend_t* fe);
+
+// Test seam: the inactivity time-out of connections in seconds for daemons started from
+// now on (0 restores the 60 s default). Process-wide.
+void gw_http_frontend_set_inactivity_timeout_for_testing(unsigned seconds);

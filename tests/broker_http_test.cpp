@@ -1,0 +1,53 @@
+// The broker binary with its REST front door on: a scan by the curl command over TLS,
+// the door's place in the teardown, and a half TLS configuration refused at start-up.
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "http_fixture.hpp"
+#include "test_certificates.hpp"
+
+namespace {
+
+using namespace qmtest;
+using namespace std::chrono_literals;
+
+TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
+  TempDir dir;
+  const TestCertificates certs = make_test_certificates(dir, "qmtest broker CA");
+  const std::string port = std::to_string(free_port());
+  HttpScanEnv env({{"demo", "demo-secret"}}, {"--http-enabled", "true", "--http-listen-port", port, "--http-tls-cert",
+                                              certs.cert_file, "--http-tls-key", certs.key_file});
+  Child& broker = env.callout().broker();
+  write_file(dir.file("hello.txt"), "hello scanner\n");
+  Child curl({"/usr/bin/curl", "-sS", "--cacert", certs.ca_file, "-u", "demo:demo-secret", "-H",
+              "X-Target-Service: scan", "-F", R"(request={"scan":1})", "-F", "payload=@" + dir.file("hello.txt"),
+              "https://127.0.0.1:" + port + "/vsi"});
+  ASSERT_EQ(curl.wait(60s), 0) << curl.err();
+  EXPECT_EQ(json_member(curl.out(), "sha256"), sha256_hex("hello scanner\n")) << curl.out();
+
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0);
+  const std::string log = broker.err();
+  EXPECT_NE(log.find("HTTP frontend started on 0.0.0.0:" + port), std::string::npos) << log;
+  const size_t door_stopped = log.find("http_frontend: stopped");
+  ASSERT_NE(door_stopped, std::string::npos) << log;
+  EXPECT_LT(door_stopped, log.find("Tearing down NATS relay"));
+}
+
+TEST(BrokerHttp, CertificateWithoutKeyIsFatal) {
+  NatsServer nats;
+  TempDir dir;
+  write_file(dir.file("users.conf"), "");
+  Child broker({broker_binary(), "--nats-server-managed", "false", "--nats-url", nats.url(), "--auth-file",
+                dir.file("users.conf"), "--auth-signing-key", dir.file("issuer.seed"), "--amqp-enabled", "false",
+                "--update-binary", "false", "--http-enabled", "true", "--http-listen-port",
+                std::to_string(free_port()), "--http-tls-cert", dir.file("server.pem")});
+  ASSERT_EQ(broker.wait(60s), 1) << broker.err();
+  const std::string log = broker.err();
+  EXPECT_NE(log.find("HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start"), std::string::npos);
+  EXPECT_NE(log.find("Failed to start HTTP frontend on 0.0.0.0:"), std::string::npos) << log;
+  EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
+}
+
+}  // namespace

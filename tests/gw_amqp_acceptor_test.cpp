@@ -1,0 +1,391 @@
+// The AMQP front door: the real broker binary with a nats-server that sends logins to its
+// auth callout and the demo scan worker, driven by Proton's C++ client; and the acceptor
+// in this process for what the broker cannot be asked to do from outside.
+#include <gtest/gtest.h>
+#include <proton/binary.hpp>
+#include <proton/codec/map.hpp>
+#include <proton/codec/vector.hpp>
+#include <proton/message.hpp>
+#include <proton/types.hpp>
+#include <proton/uuid.hpp>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "amqp_fixture.hpp"
+#include "log_capture.hpp"
+#include "qmhlp_network.hpp"
+
+namespace qmtest {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kWait = 60s;
+
+// Sends one request and returns the reply's JSON ("" when none came).
+std::string scan(ScanClient& c, const proton::message& request) {
+  const int ticket = c.client.send(c.sender, request);
+  if (c.client.outcome(ticket, kWait) != Outcome::accepted) return "";
+  auto reply = c.client.receive(kWait);
+  return reply ? reply_json(*reply) : "";
+}
+
+// Sends payload with "echo": the worker hands it back; the reply's strings.
+std::vector<std::string> echoed(ScanClient& c, const std::string& payload) {
+  const int ticket = c.client.send(c.sender, scan_request("", "{\"echo\":true}", &payload, c.reply_address, "echo"));
+  if (c.client.outcome(ticket, kWait) != Outcome::accepted) return {};
+  auto reply = c.client.receive(kWait);
+  std::vector<std::string> parts;
+  if (reply) proton::get(reply->body(), parts);
+  return parts;
+}
+
+proton::message request_with_body(const proton::value& body, const std::string& reply_to) {
+  proton::message msg;
+  msg.body(body);
+  msg.reply_to(reply_to);
+  return msg;
+}
+
+TEST(AmqpScan, RepliesCarryTheVerdictAndTheRequestId) {
+  AmqpEnv env;
+  ScanClient c(env);
+  const pid_t broker_pid = env.broker().pid();
+  EXPECT_TRUE(env.wait_for_log("SASL ready (config_dir=/tmp/qm-av-broker-" + std::to_string(broker_pid) +
+                               "/sasl, appname=quillmere-av-scangateway)"));
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: listening on 127.0.0.1:" + std::to_string(env.port()) +
+                               " (tls=no, backlog=65535 requested, capped by net.core.somaxconn)"));
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: authenticated user 'scanner' via PLAIN"));
+
+  // Payload sizes around a chunk, each with another kind of message id; some name the
+  // service in `to`, the others leave it to the link's target.
+  const struct {
+    size_t size;
+    proton::message_id id;
+    const char* to;
+  } cases[] = {
+      {0, proton::message_id(std::string("id-empty")), ""},
+      {1, proton::message_id(uint64_t{42}), "scan"},
+      {524289, proton::message_id(proton::uuid::random()), ""},
+      {17, proton::message_id(proton::binary(std::string("bin-id"))), "scan"},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.size);
+    const std::string payload = test_payload(k.size);
+    const int ticket = c.client.send(c.sender, scan_request(k.to, "{}", &payload, c.reply_address, k.id));
+    ASSERT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
+    auto reply = c.client.receive(kWait);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->correlation_id(), k.id);
+    EXPECT_EQ(reply->to(), c.reply_address);
+    EXPECT_EQ(proton::get<std::string>(reply->id()).rfind("gw-reply." + std::to_string(broker_pid) + ".", 0), 0u);
+    EXPECT_EQ(json_member(reply_json(*reply), "size"), std::to_string(k.size));
+    EXPECT_EQ(json_member(reply_json(*reply), "sha256"), sha256_hex(payload));
+  }
+
+  // A bare string is the whole request; a message without id gets a reply without one.
+  const std::string reply = scan(c, request_with_body(proton::value(std::string("{\"SCANTIMEOUT\":5000}")), c.reply_address));
+  EXPECT_EQ(json_member(reply, "size"), "0");
+}
+
+TEST(AmqpLogin, WrongPasswordAndUnknownUserAreRefusedBySaslOutcome) {
+  AmqpEnv env;
+  const struct {
+    const char* user;
+    const char* password;
+  } cases[] = {{AmqpEnv::kUser, "wrong-secret"}, {"nobody", "whatever"}};
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.user);
+    AmqpClient client(env.port(), env.login(k.user, k.password));
+    EXPECT_FALSE(client.is_open());
+    EXPECT_EQ(client.sasl_outcome(), 1);  // auth: bad credentials
+    EXPECT_NE(client.error().find("amqp:unauthorized-access"), std::string::npos) << client.error();
+    EXPECT_TRUE(env.wait_for_log("sasl_checkpass: DENY user='" + std::string(k.user) + "'"));
+  }
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: connection closed unauthenticated (sasl_outcome=1 sasl_mech=PLAIN", 20s, 2));
+  EXPECT_EQ(LogCapture::count_in(env.broker_log(), "amqp_acceptor: authenticated user"), 0u);
+}
+
+TEST(AmqpLogin, ClientsWithoutPlainAreRefused) {
+  AmqpEnv env;
+  AmqpLogin anonymous = env.login("", "");
+  anonymous.mechanisms = "ANONYMOUS";
+  AmqpLogin no_sasl = env.login();
+  no_sasl.sasl = false;
+  for (const AmqpLogin& login : {anonymous, no_sasl}) {
+    AmqpClient client(env.port(), login);
+    EXPECT_FALSE(client.is_open());
+    EXPECT_FALSE(client.error().empty());
+  }
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: connection closed unauthenticated", 20s, 2));
+  EXPECT_EQ(LogCapture::count_in(env.broker_log(), "sasl_checkpass:"), 0u);
+  EXPECT_EQ(LogCapture::count_in(env.broker_log(), "amqp_acceptor: authenticated user"), 0u);
+}
+
+TEST(AmqpLogin, AuthServiceDownAsksTheClientToTryAgain) {
+  AmqpEnvOptions options;
+  options.callout_service = false;
+  options.worker = false;
+  AmqpEnv env(options);
+  AmqpClient client(env.port(), env.login());
+  EXPECT_FALSE(client.is_open());
+  EXPECT_EQ(client.sasl_outcome(), 4);  // sys-temp: try again later
+  EXPECT_TRUE(env.wait_for_log("sasl_checkpass: qm.auth.verify failed for user='scanner' (relay rc=-1) \u2014 asking "
+                               "client to retry"));
+}
+
+// The password check runs off the event loop: while one login waits for the auth
+// service, another connection's scans go on.
+TEST(AmqpLogin, AWaitingPasswordCheckHoldsUpNoOtherConnection) {
+  AmqpEnvOptions options;
+  options.callout_service = false;
+  AmqpEnv env(options);
+  NatsLogin verifier = nats_login(env.nats_url(), CalloutEnv::kAuthUser, CalloutEnv::kAuthPassword);
+  ASSERT_EQ(verifier.status, NATS_OK) << verifier.error;
+  VerifyEndpoint verify(verifier.conn, {{AmqpEnv::kUser, AmqpEnv::kPassword}});
+  ScanClient early(env);
+  verify.hold();
+  std::atomic<bool> late_open{false};
+  std::thread late_login([&] { late_open = AmqpClient(env.port(), env.login()).is_open(); });
+  ASSERT_TRUE(wait_until([&] { return verify.requests() == 2; }, kWait));
+  const std::string payload = "meanwhile";
+  EXPECT_EQ(json_member(scan(early, scan_request("", "{}", &payload, early.reply_address, "m-1")), "sha256"),
+            sha256_hex(payload));
+  EXPECT_FALSE(late_open.load());
+  verify.release();
+  late_login.join();
+  EXPECT_TRUE(late_open.load());
+}
+
+TEST(AmqpLimits, OversizeMessagesAreRejectedAndTheLinkCarriesOn) {
+  AmqpEnvOptions options;
+  options.broker_args = {"--max-msg-size-mb", "1"};
+  AmqpEnv env(options);
+  ScanClient c(env);
+  // Complete when it crosses the cap: rejected, and its credit stays spent.
+  const std::string just_over = test_payload(1048576);
+  int ticket = c.client.send(c.sender, scan_request("", "{}", &just_over, c.reply_address, "just-over"));
+  EXPECT_EQ(c.client.outcome(ticket, kWait), Outcome::rejected);
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: rejecting delivery with pending="));
+  EXPECT_EQ(c.client.credit(c.sender), 9);
+  // Crossing the cap while still arriving: read away, rejected, credit given back.
+  const std::string far_over = test_payload(3 * 1048576);
+  ticket = c.client.send(c.sender, scan_request("", "{}", &far_over, c.reply_address, "far-over"));
+  EXPECT_EQ(c.client.outcome(ticket, kWait), Outcome::rejected);
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: rejecting oversize partial delivery (pending="));
+  EXPECT_EQ(c.client.credit(c.sender), 9);
+
+  const std::string small = "fits";
+  EXPECT_EQ(json_member(scan(c, scan_request("", "{}", &small, c.reply_address, "small")), "size"), "4");
+}
+
+TEST(AmqpLimits, BodiesWithoutJsonAreRejected) {
+  AmqpEnv env;
+  ScanClient c(env);
+  const std::vector<proton::value> garbage = {
+      proton::value(std::map<std::string, std::string>{{"json", "{}"}}),
+      proton::value(int32_t{7}),
+      proton::value(std::vector<proton::value>{proton::value(int32_t{1}), proton::value(int32_t{2})}),
+      proton::value(std::vector<proton::value>{proton::value(int32_t{1}), proton::value(std::string("{}"))}),
+      proton::value(std::vector<proton::value>{}),
+  };
+  for (const proton::value& body : garbage) {
+    SCOPED_TRACE(proton::to_string(body));
+    EXPECT_EQ(c.client.outcome(c.client.send(c.sender, request_with_body(body, c.reply_address)), kWait),
+              Outcome::rejected);
+  }
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: could not extract JSON body from delivery on 'scan' \u2014 rejecting",
+                               20s, garbage.size()));
+
+  // Neither `to` nor a link target: nowhere to send it.
+  const int anonymous = c.client.open_sender("");
+  const std::string payload = "x";
+  EXPECT_EQ(c.client.outcome(c.client.send(anonymous, scan_request("", "{}", &payload, c.reply_address, "lost")), kWait),
+            Outcome::rejected);
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: delivery has no target address \u2014 rejecting"));
+}
+
+TEST(AmqpLimits, RejectedDeliveriesSpendCreditAcceptedOnesDoNot) {
+  AmqpEnv env;
+  ScanClient c(env);
+  const std::string payload = "x";
+  std::vector<int> tickets;
+  for (int i = 0; i < 10; ++i)
+    tickets.push_back(c.client.send(c.sender, scan_request("", "{}", &payload, c.reply_address, "ok-" + std::to_string(i))));
+  for (int t : tickets) EXPECT_EQ(c.client.outcome(t, kWait), Outcome::accepted);
+  EXPECT_EQ(c.client.credit(c.sender), 10);
+
+  const int fresh = c.client.open_sender(AmqpEnv::kService);
+  tickets.clear();
+  for (int i = 0; i < 10; ++i) tickets.push_back(c.client.send(fresh, request_with_body(proton::value(int32_t{i}), "")));
+  for (int t : tickets) EXPECT_EQ(c.client.outcome(t, kWait), Outcome::rejected);
+  EXPECT_EQ(c.client.credit(fresh), 0);
+}
+
+TEST(AmqpReplies, AReplyWaitsForAReceiverAttachedAfterTheScanEnded) {
+  AmqpEnv env;
+  ScanClient c(env);
+  const std::string payload = "late";
+  const int ticket = c.client.send(c.sender, scan_request("", "{}", &payload, "late-replies", "late-1"));
+  ASSERT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
+  ASSERT_TRUE(env.wait_for_log("amqp_acceptor: queued reply for 'late-replies'"));
+  EXPECT_EQ(c.client.open_receiver("late-replies"), "late-replies");
+  auto reply = c.client.receive(kWait);
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->correlation_id(), proton::message_id(std::string("late-1")));
+  EXPECT_EQ(json_member(reply_json(*reply), "sha256"), sha256_hex(payload));
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: flushed queued reply on link to 'late-replies'"));
+}
+
+TEST(AmqpReplies, AWorkerThatTimesOutGetsASyntheticReply) {
+  AmqpEnvOptions options;
+  options.broker_args = {"--relay-timeout-ms", "1000"};
+  AmqpEnv env(options);
+  ScanClient c(env);
+  const std::string payload = "slow";
+  const std::string reply = scan(c, scan_request("", "{\"delay_ms\":4000}", &payload, c.reply_address, "slow-1"));
+  const char* host = qmhlp_GetMyFQDN();
+  ASSERT_NE(host, nullptr);
+  EXPECT_EQ(reply, "{\"ReturnCode\":-1000,\"Error\":\"gateway " + std::string(host) + ": relay to scan failed (rc=-1)\"}");
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: relay job failed user=scanner subject=scan (rc=-1) \u2014 sending "
+                               "synthetic SCAN_ERROR reply to " + c.reply_address));
+
+  // Without a reply address the failure is only logged.
+  const int ticket = c.client.send(c.sender, scan_request("", "{\"delay_ms\":4000}", &payload, "", "slow-2"));
+  EXPECT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: relay job failed user=scanner subject=scan (rc=-1, no reply_to)"));
+}
+
+TEST(AmqpConnections, AClientClosingMidScanLeavesNothingBehind) {
+  AmqpEnv env;
+  {
+    ScanClient c(env);
+    const std::string payload = test_payload(700000);
+    const int ticket = c.client.send(c.sender, scan_request("", "{\"delay_ms\":1500}", &payload, c.reply_address, "gone"));
+    ASSERT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
+  }
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: connection closed (user=scanner)"));
+  ScanClient after(env);
+  const std::string payload = "still here";
+  EXPECT_EQ(json_member(scan(after, scan_request("", "{}", &payload, after.reply_address, "after")), "sha256"),
+            sha256_hex(payload));
+  after.client.close();
+
+  const std::string runtime_dir = "/tmp/qm-av-broker-" + std::to_string(env.broker().pid());
+  EXPECT_TRUE(std::filesystem::exists(runtime_dir));
+  EXPECT_EQ(env.stop_broker(), 0);  // what the sanitizers find at exit fails the test as well
+  EXPECT_FALSE(std::filesystem::exists(runtime_dir));
+}
+
+// 20 connections with 50 requests each, all in flight at once: every reply comes back on
+// the connection that asked, for the request it names, with that request's digest.
+TEST(AmqpConnections, AThousandConcurrentRequestsOverTwentyConnections) {
+  AmqpEnvOptions options;
+  options.tracelevel = 4;
+  AmqpEnv env(options);
+  constexpr int kConnections = 20;
+  constexpr int kPerConnection = 50;
+  std::vector<std::unique_ptr<ScanClient>> clients;
+  for (int i = 0; i < kConnections; ++i) clients.push_back(std::make_unique<ScanClient>(env));
+  std::vector<std::map<std::string, std::string>> digests(kConnections);
+  for (int i = 0; i < kConnections; ++i) {
+    for (int j = 0; j < kPerConnection; ++j) {
+      const std::string id = "c" + std::to_string(i) + "-r" + std::to_string(j);
+      const std::string payload = "payload of " + id;
+      digests[i][id] = sha256_hex(payload);
+      ASSERT_GT(clients[i]->client.send(clients[i]->sender, scan_request("", "{}", &payload, clients[i]->reply_address, id)), 0);
+    }
+  }
+  for (int i = 0; i < kConnections; ++i) {
+    std::set<std::string> seen;
+    for (int j = 0; j < kPerConnection; ++j) {
+      auto reply = clients[i]->client.receive(kWait);
+      ASSERT_TRUE(reply) << "connection " << i << " got " << j << " replies";
+      const std::string id = proton::get<std::string>(reply->correlation_id());
+      ASSERT_EQ(digests[i].count(id), 1u) << id << " arrived on connection " << i;
+      EXPECT_EQ(json_member(reply_json(*reply), "sha256"), digests[i][id]) << id;
+      EXPECT_TRUE(seen.insert(id).second) << id << " twice";
+    }
+    EXPECT_FALSE(clients[i]->client.receive(0ms));
+  }
+}
+
+TEST(AmqpTls, AmqpsWithTheTestCa) {
+  AmqpEnvOptions options;
+  options.tls = true;
+  AmqpEnv env(options);
+  EXPECT_TRUE(env.wait_for_log("(tls=yes, backlog=65535 requested"));
+  ScanClient c(env);
+  const std::string payload = test_payload(1000);
+  EXPECT_EQ(json_member(scan(c, scan_request("", "{}", &payload, c.reply_address, "tls-1")), "sha256"),
+            sha256_hex(payload));
+
+  AmqpLogin plaintext = env.login();
+  plaintext.ca_file.clear();
+  AmqpClient refused(env.port(), plaintext);
+  EXPECT_FALSE(refused.is_open());
+
+  // The client tool of the README, over amqps with the same CA.
+  TempDir files;
+  write_file(files.file("hello.txt"), "hello scanner\n");
+  const auto tool = [&](const std::string& password) {
+    auto child = std::make_unique<Child>(
+        std::vector<std::string>{QM_AMQP_SCAN_BINARY, "--url", "amqps://127.0.0.1:" + std::to_string(env.port()),
+                                 "--ca", env.login().ca_file, "--user", AmqpEnv::kUser, "--service",
+                                 AmqpEnv::kService, "--file", files.file("hello.txt")},
+        std::vector<std::string>{"QM_AMQP_PASSWORD=" + password});
+    child->wait(kWait);
+    return child;
+  };
+  auto scanned = tool(AmqpEnv::kPassword);
+  EXPECT_EQ(scanned->wait(0ms), 0) << scanned->err();
+  EXPECT_EQ(json_member(scanned->out(), "sha256"), sha256_hex("hello scanner\n"));
+  auto refused_tool = tool("wrong");
+  EXPECT_EQ(refused_tool->wait(0ms), 1);
+  EXPECT_NE(refused_tool->err().find("amqp:unauthorized-access"), std::string::npos) << refused_tool->err();
+}
+
+// ---- the acceptor in this process ----------------------------------------------------
+
+TEST(AmqpAcceptorLocal, StopAcceptingClosesNewConnectionsAndServesExistingOnes) {
+  LogCapture log(QMLOG_INFO);
+  LocalAcceptor acceptor;
+  ScanClient existing(acceptor.port(), acceptor.login());
+  gw_amqp_acceptor_stop_accepting(acceptor.get());
+  AmqpClient refused(acceptor.port(), acceptor.login());
+  EXPECT_FALSE(refused.is_open());
+  EXPECT_TRUE(log.wait_for("amqp_acceptor: refusing new connection \u2014 broker is draining for auto-update", 20s));
+  const std::string payload = "draining";
+  EXPECT_EQ(json_member(scan(existing, scan_request("", "{}", &payload, existing.reply_address, "d-1")), "sha256"),
+            sha256_hex(payload));
+}
+
+// Without a cap a 3 MiB request goes through, and its echo comes back as the reply's
+// second string.
+TEST(AmqpAcceptorLocal, NoCapWhenTheMaximumIsZero) {
+  LocalAcceptor acceptor([](gw_config_t& cfg) { cfg.max_msg_size_bytes = 0; });
+  ScanClient c(acceptor.port(), acceptor.login());
+  const std::string payload = test_payload(3 * 1048576);
+  const std::vector<std::string> parts = echoed(c, payload);
+  ASSERT_EQ(parts.size(), 2u);
+  EXPECT_EQ(parts[1], payload);
+}
+
+TEST(AmqpAcceptorLocal, StopClosesOpenConnectionsAndDestroyFinishesTheirJobs) {
+  LocalAcceptor acceptor;
+  ScanClient c(acceptor.port(), acceptor.login());
+  const std::string payload = "in flight";
+  const int ticket = c.client.send(c.sender, scan_request("", "{\"delay_ms\":500}", &payload, c.reply_address, "f-1"));
+  ASSERT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
+  acceptor.stop();
+  EXPECT_TRUE(c.client.wait_closed(kWait));
+}
+
+}  // namespace
+}  // namespace qmtest

@@ -1,0 +1,363 @@
+// The REST front door in this process, against a real nats-server, the broker's verify
+// endpoint (or, with the broker held, a scripted one) and the demo scan worker; libcurl
+// and raw sockets are the clients.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <future>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "http_fixture.hpp"
+#include "log_capture.hpp"
+#include "test_certificates.hpp"
+
+namespace {
+
+using namespace qmtest;
+using namespace std::chrono_literals;
+using tweak_fn = std::function<void(gw_config_t&)>;
+
+constexpr const char* kLocal = "local-user";  // in the door's own credentials file
+constexpr const char* kLocalPassword = "local-secret";
+constexpr const char* kRemote = "verify-user";  // known to the broker alone
+constexpr const char* kRemotePassword = "verify-secret";
+constexpr size_t kPayloadCap = 65536;
+
+// The auth cache's clock, moved forward by the tests that age grants.
+std::atomic<int64_t> s_now_ms{1000000};
+int64_t s_fake_clock() { return s_now_ms.load(); }
+
+std::string s_scan_reply(const std::string& payload) {
+  return R"({"ReturnCode":0,"size":)" + std::to_string(payload.size()) + R"(,"sha256":")" + sha256_hex(payload) +
+         R"(","infected":false})";
+}
+
+class HttpDoorTest : public ::testing::Test {
+ protected:
+  ~HttpDoorTest() override {
+    door_.reset();
+    broker().signal(SIGCONT);
+    gw_auth_cache_set_clock_for_testing(nullptr);
+    gw_http_frontend_set_inactivity_timeout_for_testing(0);
+  }
+  void open(tweak_fn tweak = {}) {
+    door_ = std::make_unique<HttpDoor>(env_.relay_config(), user_list{{kLocal, kLocalPassword}}, tweak);
+    natsSubscription* raw = nullptr;
+    ASSERT_EQ(natsConnection_Subscribe(&raw, tap_.conn, "qm.auth.verify", on_verify, this), NATS_OK);
+    tap_sub_.reset(raw);
+    natsConnection_Flush(tap_.conn);
+  }
+  HttpRequest as(const std::string& user, const std::string& password, const std::function<void(HttpRequest&)>& change = {}) {
+    HttpRequest request = door_->request(user, password);
+    if (change) change(request);
+    return request;
+  }
+  long status_of(const std::string& user, const std::string& password) { return http_send(as(user, password)).status; }
+  gw_auth_cache_result_t cached(const char* user, const char* password) {
+    return gw_auth_cache_lookup(door_->cache(), user, password);
+  }
+  Child& broker() { return env_.callout().broker(); }
+  // Holds the broker and answers verify requests in its stead, per user (others get
+  // nothing). No replies: the broker answers again.
+  void script_verify(std::map<std::string, std::string> replies) {
+    broker().signal(replies.empty() ? SIGCONT : SIGSTOP);
+    std::lock_guard<std::mutex> guard(mu_);
+    replies_ = std::move(replies);
+  }
+  // Every verify request the server carried so far, once there are at least `count`.
+  std::vector<std::string> verify_requests(size_t count = 0) {
+    wait_until([&] { std::lock_guard<std::mutex> guard(mu_); return requests_.size() >= count; }, 10s);
+    std::lock_guard<std::mutex> guard(mu_);
+    return requests_;
+  }
+
+  LogCapture log_{QMLOG_TRACE};
+  // The broker's own cache off: its verdicts are those of the credentials file of the moment.
+  HttpScanEnv env_{{{kRemote, kRemotePassword}}, {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"}};
+  std::unique_ptr<HttpDoor> door_;
+
+ private:
+  static void on_verify(natsConnection* nc, natsSubscription*, natsMsg* raw, void* closure) {
+    qm::nats_msg_ptr msg(raw);
+    auto* self = static_cast<HttpDoorTest*>(closure);
+    const std::string body(natsMsg_GetData(raw), static_cast<size_t>(natsMsg_GetDataLength(raw)));
+    std::lock_guard<std::mutex> guard(self->mu_);
+    self->requests_.push_back(body);
+    const auto reply = self->replies_.find(json_member(body, "user"));
+    if (reply != self->replies_.end()) natsConnection_PublishString(nc, natsMsg_GetReply(raw), reply->second.c_str());
+  }
+
+  std::mutex mu_;
+  std::map<std::string, std::string> replies_;
+  std::vector<std::string> requests_;
+  NatsLogin tap_ = nats_login(env_.callout().url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+  qm::nats_subscription_ptr tap_sub_;
+};
+
+TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
+  open([](gw_config_t& cfg) {
+    cfg.max_msg_size_bytes = kPayloadCap;
+    cfg.relay_timeout_ms = 1500;
+  });
+  const std::string malformed = "malformed multipart body\n", missing = "missing 'request' multipart field\n";
+  const std::string too_large = "payload too large\n", relay_failed = "upstream relay failed\n";
+  const std::string json_1mib = "{\"pad\":\"" + std::string(1048576 - 10, 'x') + "\"}";
+  const std::string at_cap = test_payload(kPayloadCap);
+  const std::string urlencoded = "application/x-www-form-urlencoded";
+  struct {
+    const char* what;
+    std::function<void(HttpRequest&)> change;
+    long status;
+    std::string body;
+  } const rows[] = {
+      {"GET", [](HttpRequest& r) { r.method = "GET"; r.fields.clear(); }, 405, "method not allowed\n"},
+      {"PUT elsewhere: method first", [&](HttpRequest& r) { r.method = "PUT"; r.url = door_->url("/x"); }, 405,
+       "method not allowed\n"},
+      {"trailing slash", [&](HttpRequest& r) { r.url = door_->url("/vsi/"); }, 404, "not found\n"},
+      {"JSON body", [](HttpRequest& r) { r.raw_body = "{}"; r.content_type = "application/json"; }, 415,
+       "expected multipart/form-data\n"},
+      {"no Content-Type", [](HttpRequest& r) { r.raw_body = "x"; }, 415, "expected multipart/form-data\n"},
+      {"url-encoded", [&](HttpRequest& r) { r.raw_body = "request=%7B%7D"; r.content_type = urlencoded; }, 200,
+       s_scan_reply("")},
+      {"url-encoded extra field", [&](HttpRequest& r) { r.raw_body = "request=1&file=x"; r.content_type = urlencoded; },
+       400, malformed},
+      {"extra multipart field", [](HttpRequest& r) { r.fields.emplace_back("file", "x"); }, 400, malformed},
+      {"over a cap and unknown: cap first",
+       [](HttpRequest& r) { r.fields = {{"file", "x"}, {"payload", test_payload(kPayloadCap + 1)}}; }, 413, too_large},
+      {"request of 1 MiB", [&](HttpRequest& r) { r.fields = {{"request", json_1mib}}; }, 200, s_scan_reply("")},
+      {"request of 1 MiB + 1", [&](HttpRequest& r) { r.fields = {{"request", json_1mib + " "}}; }, 413, too_large},
+      {"payload at the cap", [&](HttpRequest& r) { r.fields.emplace_back("payload", at_cap); }, 200, s_scan_reply(at_cap)},
+      {"payload at the cap + 1", [&](HttpRequest& r) { r.fields.emplace_back("payload", at_cap + "x"); }, 413, too_large},
+      {"empty payload", [](HttpRequest& r) { r.fields.emplace_back("payload", ""); }, 200, s_scan_reply("")},
+      {"no request field", [](HttpRequest& r) { r.fields = {{"payload", "abc"}}; }, 400, missing},
+      {"empty request field", [](HttpRequest& r) { r.fields = {{"request", ""}}; }, 400, missing},
+      {"no credentials", [](HttpRequest& r) { r.basic.reset(); }, 401, ""},
+      {"wrong password", [](HttpRequest& r) { r.basic = {{kRemote, "wrong"}}; }, 401, ""},
+      {"no X-Target-Service", [](HttpRequest& r) { r.target.clear(); }, 400, "missing X-Target-Service\n"},
+      {"worker too slow", [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":4000})"}}; }, 502, relay_failed},
+      {"quarantine without worker", [](HttpRequest& r) { r.target = "qm-av-quarantine_scan"; }, 502, relay_failed},
+  };
+  for (const auto& row : rows) {
+    const HttpResponse response = http_send(as(kLocal, kLocalPassword, row.change));
+    EXPECT_EQ(response.status, row.status) << row.what;
+    EXPECT_EQ(response.body, row.body) << row.what;
+    EXPECT_EQ(response.www_authenticate, row.status == 401 ? "Basic realm=\"quillmere-av-scangateway\"" : "") << row.what;
+    EXPECT_EQ(response.content_type, row.status == 200 ? "application/json" : "") << row.what;
+  }
+  EXPECT_TRUE(log_.contains("subject rewrite 'qm-av-quarantine_scan' -> 'qm-av-quarantine.scan'"));
+}
+
+TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
+  open();
+  EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
+  EXPECT_EQ(status_of("", kLocalPassword), 401);
+  const std::vector<std::string> seen = verify_requests(1);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0], R"({"user":"verify-user","password":"verify-secret","method":"basic"})");
+  EXPECT_EQ(cached(kLocal, kLocalPassword), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
+  EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=file"));
+  EXPECT_TRUE(log_.contains("authenticate() called with empty credentials"));
+}
+
+TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
+  gw_auth_cache_set_clock_for_testing(s_fake_clock);
+  open();
+  ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
+  s_now_ms += 61000;  // past half of the 120 s grant
+  broker().signal(SIGSTOP);  // the refresh waits; the callers must not
+  std::vector<std::future<long>> callers;
+  for (int i = 0; i < 6; ++i) callers.push_back(std::async(std::launch::async, [&] { return status_of(kRemote, kRemotePassword); }));
+  for (auto& caller : callers) EXPECT_EQ(caller.get(), 200);
+  EXPECT_EQ(json_member(verify_requests(2).at(1), "revalidate"), "true");
+  broker().signal(SIGCONT);
+  EXPECT_TRUE(log_.wait_for("refresh GRANTED user=verify-user", 10s)) << log_.text();
+  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(log_.count("refresh dispatched"), 1u);
+  EXPECT_EQ(verify_requests().size(), 2u);
+}
+
+TEST_F(HttpDoorTest, DeniedRefreshRevokesTheGrant) {
+  gw_auth_cache_set_clock_for_testing(s_fake_clock);
+  open();
+  ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
+  write_file(env_.callout().credentials_path(),
+             CalloutEnv::credentials_text({{kRemote, "changed"}, {HttpScanEnv::kWorkerUser, HttpScanEnv::kWorkerPassword}}));
+  broker().signal(SIGHUP);
+  ASSERT_TRUE(broker().wait_for_err("credential_store: reloaded", 10s)) << broker().err();
+  s_now_ms += 61000;
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // still served; the refresh learns the news
+  ASSERT_TRUE(wait_until([&] { return cached(kRemote, kRemotePassword) == GW_AUTH_CACHE_MISS; }, 10s));
+  EXPECT_TRUE(log_.contains("refresh DENIED user=verify-user — invalidating cache (password changed or account disabled?)"));
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 401);
+  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_DENY);
+}
+
+TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
+  gw_auth_cache_set_clock_for_testing(s_fake_clock);
+  open();
+  script_verify({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
+                 {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
+                 {"flaky", R"({"ok":true})"}});
+  struct {
+    const char *user, *password;
+    long status;
+    gw_auth_cache_result_t cached;
+    const char* log;
+  } const rows[] = {
+      {"granted", "pw", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=granted via=nats backend=ldap"},
+      {"empty-object", "pw", 401, GW_AUTH_CACHE_DENY, "DENY user=empty-object via=nats backend=(unknown) reason=(none)"},
+      {"string-ok", "pw", 401, GW_AUTH_CACHE_DENY, "auth DENY user=string-ok via=nats"},
+      {"garbage", "pw", 401, GW_AUTH_CACHE_MISS, "(unparseable reply — treating as deny but NOT poisoning cache)"},
+      {"refused", "pw", 401, GW_AUTH_CACHE_DENY, "auth DENY user=refused via=nats backend=(unknown) reason=locked"},
+      {"blank", "", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=blank via=nats backend=(unknown)"},
+      {"flaky", "pw", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=flaky"},
+      {kRemote, kRemotePassword, 401, GW_AUTH_CACHE_MISS,
+       "DENY user=verify-user via=nats (relay rc=-1, no reply — is authenticator running?)"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(status_of(row.user, row.password), row.status) << row.user;
+    EXPECT_EQ(cached(row.user, row.password), row.cached) << row.user;
+    EXPECT_TRUE(log_.contains(row.log)) << row.user;
+  }
+  script_verify({});
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // the outage left no refusal behind
+  // In a refresh an unreadable reply revokes the grant.
+  script_verify({{"flaky", "<html>"}});
+  s_now_ms += 61000;
+  EXPECT_EQ(status_of("flaky", "pw"), 200);
+  EXPECT_TRUE(wait_until([&] { return cached("flaky", "pw") == GW_AUTH_CACHE_MISS; }, 10s));
+  EXPECT_TRUE(log_.contains("refresh DENIED user=flaky"));
+}
+
+TEST_F(HttpDoorTest, TlsFromPemFilesAndStartRefusals) {
+  TempDir dir;
+  const TestCertificates certs = make_test_certificates(dir, "qmtest http CA");
+  open([&](gw_config_t& cfg) {
+    cfg.http_tls_cert = certs.cert_file;
+    cfg.http_tls_key = certs.key_file;
+  });
+  HttpRequest request = as(kLocal, kLocalPassword, [&](HttpRequest& r) { r.ca_file = certs.ca_file; });
+  EXPECT_EQ(http_send(request).body, s_scan_reply(""));
+  request.ca_file.clear();  // the system's CAs do not know ours
+  EXPECT_EQ(http_send(request).curl, CURLE_PEER_FAILED_VERIFICATION);
+  request.url = "http://127.0.0.1:" + std::to_string(door_->port()) + "/vsi";
+  EXPECT_NE(http_send(request).status, 200);
+  EXPECT_TRUE(log_.contains(" [TLS] path=/vsi backlog=65535 requested, capped by net.core.somaxconn"));
+  EXPECT_FALSE(log_.contains("is not the first option"));
+
+  write_file(dir.file("garbage.pem"), "-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n");
+  const std::string together = "HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start";
+  struct {
+    qm::opt_string cert, key;
+    int port;
+    std::string log;
+  } const rows[] = {
+      {certs.cert_file, std::nullopt, 0, together},
+      {std::nullopt, certs.key_file, 0, together},
+      {dir.file("absent.pem"), certs.key_file, 0, "cannot open " + dir.file("absent.pem")},
+      {certs.cert_file, dir.path().string(), 0, "http_frontend: could not load TLS cert or key"},
+      {dir.file("garbage.pem"), certs.key_file, 0, "(tls=yes) — port in use? cert/key malformed?"},
+      {std::nullopt, std::nullopt, door_->port(), "(tls=no) — port in use? cert/key malformed?"},
+      {std::nullopt, std::nullopt, 70000, "MHD_start_daemon failed on port 70000 (tls=no)"},
+  };
+  const gw_config_t relay_cfg = env_.relay_config();
+  relay_ptr relay(gw_nats_relay_create(&relay_cfg));
+  qm::c_ptr<gw_credential_store_t, gw_credential_store_free> creds(
+      gw_credential_store_load(env_.callout().credentials_path().c_str()));
+  for (const auto& row : rows) {
+    gw_config_t cfg;
+    cfg.http_tls_cert = row.cert;
+    cfg.http_tls_key = row.key;
+    cfg.http_listen_port = row.port != 0 ? row.port : free_port();
+    qm::c_ptr<gw_http_frontend_t, gw_http_frontend_destroy> fe(
+        gw_http_frontend_create(&cfg, creds.get(), relay.get(), nullptr));
+    EXPECT_EQ(gw_http_frontend_start(fe.get()), -1) << row.log;
+    EXPECT_TRUE(log_.contains(row.log)) << row.log;
+  }
+  EXPECT_TRUE(log_.contains("http_frontend: could not load TLS cert or key"));
+  EXPECT_EQ(gw_http_frontend_create(&relay_cfg, nullptr, relay.get(), nullptr), nullptr);
+}
+
+TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
+  open();
+  auto slow = as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":1500})"}}; });
+  auto in_flight = std::async(std::launch::async, [&] { return http_send(slow); });
+  ASSERT_TRUE(log_.wait_for("http_frontend: relay user=local-user", 10s));
+  gw_http_frontend_stop_accepting(door_->frontend());
+  EXPECT_EQ(http_send(as(kLocal, kLocalPassword)).curl, CURLE_COULDNT_CONNECT);
+  EXPECT_EQ(in_flight.get().status, 200);
+  EXPECT_TRUE(log_.contains("stopped accepting new connections — in-flight requests still draining"));
+  EXPECT_FALSE(log_.contains("[MHD]")) << log_.text();
+
+  gw_http_frontend_stop(door_->frontend());
+  ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);
+  ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);  // already running
+  EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
+  EXPECT_TRUE(log_.contains("http_frontend: stopped"));
+}
+
+TEST_F(HttpDoorTest, SilenceClosesAConnectionSlowClientsAndLongScansAreNotCut) {
+  gw_http_frontend_set_inactivity_timeout_for_testing(2);
+  open();
+  ASSERT_EQ(status_of(kLocal, kLocalPassword), 200);
+  const int threads = thread_count();
+  RawClient slow(door_->port());
+  const std::string head = "POST /vsi HTTP/1.1\r\n";
+  for (size_t i = 0; i < 4; ++i) {  // a byte a second: never silent for the whole time-out
+    ASSERT_TRUE(slow.send(head.substr(i, 1))) << "cut after " << i << " bytes";
+    EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);  // everyone else is served meanwhile
+    std::this_thread::sleep_for(1s);  // the client's pace, not a wait for the server
+  }
+  slow.read(0ms);
+  EXPECT_FALSE(slow.closed());
+  slow.read(15s);
+  EXPECT_TRUE(slow.closed());  // then silent: closed
+  EXPECT_EQ(http_send(as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":3000})"}}; })).status, 200);
+  EXPECT_TRUE(wait_until([&] { return thread_count() <= threads; }, 10s)) << thread_count() << " > " << threads;
+}
+
+TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
+  open();
+  ASSERT_EQ(status_of(kLocal, kLocalPassword), 200);
+  const int threads = thread_count();
+  auto raw = [](const std::string& body, const std::string& boundary) {
+    return "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\nAuthorization: Basic "
+           "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQ=\r\nContent-Type: multipart/form-data; boundary=" + boundary +
+           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  };
+  auto part = [](const std::string& boundary, const char* name, const std::string& value) {
+    return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+  };
+  const std::string b70(70, 'b');
+  std::string tiny_parts;
+  for (int i = 0; i < 10000; ++i) tiny_parts += part("QmB", "p", "x");
+  struct {
+    const char* what;
+    std::string bytes;
+    const char* answer;  // the start of the status line; "" when a close is enough
+  } const rows[] = {
+      {"body ends inside a part", raw(part("QmB", "request", "{}").substr(0, 60), "QmB"), "HTTP/1.1 400"},
+      {"70-character boundary", raw(part(b70, "request", "{}") + "--" + b70 + "--\r\n", b70), "HTTP/1.1 200"},
+      {"10,000 tiny parts", raw(tiny_parts + "--QmB--\r\n", "QmB"), "HTTP/1.1 400"},
+      {"binary garbage as multipart", raw(test_payload(100000), "QmB"), "HTTP/1.1 400"},
+      {"64 KiB header block", "POST /vsi HTTP/1.1\r\nX-Big: " + std::string(65536, 'h') + "\r\n\r\n", "HTTP/1.1 4"},
+      {"binary garbage instead of HTTP", test_payload(4096), ""},
+  };
+  RawClient(door_->port()).send(raw(part("QmB", "request", "{}"), "QmB").substr(0, 200));  // then gone
+  for (const auto& row : rows) {
+    RawClient client(door_->port());
+    client.send(row.bytes);
+    const std::string answer = client.read(30s);
+    EXPECT_TRUE(client.closed()) << row.what;
+    EXPECT_EQ(answer.substr(0, strlen(row.answer)), row.answer) << row.what << ": " << answer.substr(0, 100);
+  }
+  EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
+  EXPECT_TRUE(wait_until([&] { return thread_count() <= threads; }, 10s)) << thread_count() << " > " << threads;
+}
+
+}  // namespace

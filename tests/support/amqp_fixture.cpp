@@ -1,0 +1,202 @@
+#include "amqp_fixture.hpp"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <stdexcept>
+
+#include "gw_sasl_setup.hpp"
+#include "log_capture.hpp"
+#include "qm_handles.hpp"
+#include "qmhlp_network.hpp"
+#include "test_certificates.hpp"
+
+namespace qmtest {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+bool s_port_open(int port) {
+  char error[QMHLP_ERROR_BUFFER_SIZE];
+  return qmhlp_CheckConnect("127.0.0.1", std::to_string(port).c_str(), error) == 0;
+}
+
+}  // namespace
+
+AmqpEnv::AmqpEnv(AmqpEnvOptions options) : port_(free_port()), tls_(options.tls) {
+  CalloutOptions callout;
+  callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
+  callout.tracelevel = options.tracelevel;
+  callout.callout_service = options.callout_service;
+  callout.broker_args = {"--amqp-enabled", "true", "--amqp-listen-host", "127.0.0.1", "--amqp-listen-port",
+                         std::to_string(port_)};
+  if (tls_) {
+    make_test_certificates(certs_, "qmtest amqp CA");
+    callout.broker_args.insert(callout.broker_args.end(), {"--amqp-tls-cert", certs_.file("server.pem"),
+                                                           "--amqp-tls-key", certs_.file("server.key")});
+  }
+  callout.broker_args.insert(callout.broker_args.end(), options.broker_args.begin(), options.broker_args.end());
+  callout_ = std::make_unique<CalloutEnv>(callout);
+  if (!wait_until([&] { return !broker().running() || s_port_open(port_); }, 60s) || !broker().running()) {
+    throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
+  }
+  if (options.worker) {
+    const bool via_callout = options.callout_service;
+    worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, 5,
+                                           via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
+                                           via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
+  }
+}
+
+// The broker stops first, so that what its sanitizers find at exit fails the test.
+AmqpEnv::~AmqpEnv() {
+  if (broker().running()) stop_broker();
+  const std::string log = broker_log();
+  const size_t report = log.find("Sanitizer");
+  EXPECT_EQ(report, std::string::npos) << log.substr(report == std::string::npos ? 0 : report);
+  if (worker_) {
+    worker_->child().signal(SIGTERM);
+    worker_->child().wait(10s);
+  }
+  worker_.reset();
+  callout_.reset();
+}
+
+bool AmqpEnv::wait_for_log(const std::string& text, std::chrono::milliseconds timeout, size_t times) {
+  return wait_until([&] { return LogCapture::count_in(broker_log(), text) >= times; }, timeout);
+}
+
+AmqpLogin AmqpEnv::login(const std::string& user, const std::string& password) const {
+  AmqpLogin login;
+  login.user = user;
+  login.password = password;
+  if (tls_) login.ca_file = certs_.file("ca.pem");
+  return login;
+}
+
+std::optional<int> AmqpEnv::stop_broker() {
+  broker().signal(SIGTERM);
+  return broker().wait(60s);
+}
+
+VerifyEndpoint::VerifyEndpoint(natsConnection* nc, user_list users) : nc_(nc), users_(std::move(users)) {
+  natsSubscription* sub = nullptr;
+  if (natsConnection_QueueSubscribe(&sub, nc, "qm.auth.verify", "qm-auth-verify", s_on_request, this) != NATS_OK ||
+      natsConnection_Flush(nc) != NATS_OK) {
+    throw std::runtime_error("cannot answer qm.auth.verify");
+  }
+  sub_.reset(sub);
+}
+
+// A handler still running would touch a destroyed endpoint: drain before going.
+VerifyEndpoint::~VerifyEndpoint() {
+  if (natsSubscription_Drain(sub_.get()) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub_.get(), 5000);
+  for (std::thread& t : late_answers_) t.join();
+}
+
+void VerifyEndpoint::set_reply(const std::string& text) {
+  std::lock_guard<std::mutex> lock(mu_);
+  fixed_reply_ = text;
+}
+
+void VerifyEndpoint::set_delay(std::chrono::milliseconds delay) {
+  std::lock_guard<std::mutex> lock(mu_);
+  delay_ = delay;
+}
+
+void VerifyEndpoint::hold() {
+  std::lock_guard<std::mutex> lock(mu_);
+  holding_ = true;
+}
+
+void VerifyEndpoint::release() {
+  std::lock_guard<std::mutex> lock(mu_);
+  holding_ = false;
+  for (const auto& [inbox, answer] : held_) natsConnection_PublishString(nc_, inbox.c_str(), answer.c_str());
+  held_.clear();
+}
+
+int VerifyEndpoint::requests() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return requests_;
+}
+
+std::string VerifyEndpoint::last_password() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return last_password_;
+}
+
+void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
+  qm::nats_msg_ptr owned(msg);
+  auto* self = static_cast<VerifyEndpoint*>(closure);
+  const std::string request(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
+  const std::string user = json_member(request, "user");
+  const std::string password = json_member(request, "password");
+  bool ok = false;
+  for (const auto& [known_user, known_password] : self->users_) ok = ok || (user == known_user && password == known_password);
+  std::string reply = std::string("{\"ok\":") + (ok ? "true" : "false") + ",\"backend\":\"test\"}";
+  std::lock_guard<std::mutex> lock(self->mu_);
+  ++self->requests_;
+  self->last_password_ = password;
+  if (!self->fixed_reply_.empty()) reply = self->fixed_reply_;
+  if (self->holding_) {
+    self->held_.emplace_back(natsMsg_GetReply(msg), reply);
+    return;
+  }
+  if (self->delay_.count() == 0) {
+    natsConnection_PublishString(nc, natsMsg_GetReply(msg), reply.c_str());
+    return;
+  }
+  // A thread per late answer, so that one slow answer does not hold up the next request.
+  self->late_answers_.emplace_back([nc, inbox = std::string(natsMsg_GetReply(msg)), reply, delay = self->delay_] {
+    std::this_thread::sleep_for(delay);
+    natsConnection_PublishString(nc, inbox.c_str(), reply.c_str());
+  });
+}
+
+LocalAcceptor::LocalAcceptor(const std::function<void(gw_config_t&)>& tweak, user_list users)
+    : verify_(scan_.nc(), std::move(users)), cfg_(scan_.relay_config()) {
+  scan_.start_worker(AmqpEnv::kService);
+  cfg_.amqp_listen_host = "127.0.0.1";
+  cfg_.amqp_listen_port = free_port();
+  if (tweak) tweak(cfg_);
+  relay_ = scan_.make_relay();
+  const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_.file("rt").c_str(), relay_.get());
+  if (config_dir == nullptr) throw std::runtime_error("SASL set-up failed");
+  acceptor_ = gw_amqp_acceptor_create(&cfg_, relay_.get(), config_dir);
+  if (acceptor_ == nullptr) throw std::runtime_error("acceptor not created");
+  loop_ = std::thread([this] { gw_amqp_acceptor_run(acceptor_); });
+  if (!wait_until([&] { return s_port_open(port()); }, 30s)) throw std::runtime_error("AMQP listener did not open");
+}
+
+LocalAcceptor::~LocalAcceptor() {
+  stop();
+  gw_amqp_acceptor_destroy(acceptor_);
+  relay_.reset();
+  gw_sasl_teardown();
+}
+
+void LocalAcceptor::stop() {
+  gw_amqp_acceptor_stop(acceptor_);
+  if (loop_.joinable()) loop_.join();
+}
+
+AmqpLogin LocalAcceptor::login() const {
+  AmqpLogin login;
+  login.user = AmqpEnv::kUser;
+  login.password = AmqpEnv::kPassword;
+  return login;
+}
+
+ScanClient::ScanClient(AmqpEnv& env) : ScanClient(env.port(), env.login()) {}
+
+ScanClient::ScanClient(int port, const AmqpLogin& login) : client(port, login) {
+  EXPECT_TRUE(client.is_open()) << client.error();
+  reply_address = client.open_receiver();
+  EXPECT_FALSE(reply_address.empty());
+  sender = client.open_sender(AmqpEnv::kService);
+  EXPECT_GE(sender, 0);
+}
+
+}  // namespace qmtest

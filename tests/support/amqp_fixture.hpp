@@ -1,0 +1,144 @@
+// The broker with its AMQP front door open on 127.0.0.1, on a nats-server whose logins go
+// to the broker's auth callout (CalloutEnv), and a demo scan worker on "scan". Optionally
+// amqps with a CA made for the test, or without the callout service so that the test
+// answers "qm.auth.verify" itself (or nothing does).
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "amqp_client.hpp"
+#include "callout_fixture.hpp"
+#include "gw_amqp_acceptor.hpp"
+#include "scan_fixture.hpp"
+
+namespace qmtest {
+
+struct AmqpEnvOptions {
+  // Extra broker options (--max-msg-size-mb, --relay-timeout-ms ...).
+  std::vector<std::string> broker_args;
+  bool tls = false;
+  // false: no callout service in the broker; the worker logs in as the gateway user.
+  bool callout_service = true;
+  bool worker = true;
+  int tracelevel = 6;
+};
+
+class AmqpEnv {
+ public:
+  static constexpr const char* kUser = "scanner";
+  static constexpr const char* kPassword = "scanner-secret";
+  static constexpr const char* kWorkerUser = "worker";
+  static constexpr const char* kWorkerPassword = "worker-secret";
+  static constexpr const char* kService = "scan";
+
+  // Starts everything and waits until the AMQP port accepts connections; throws with the
+  // broker's output when it does not.
+  explicit AmqpEnv(AmqpEnvOptions options = {});
+  ~AmqpEnv();
+  AmqpEnv(const AmqpEnv&) = delete;
+  AmqpEnv& operator=(const AmqpEnv&) = delete;
+
+  int port() const { return port_; }
+  std::string nats_url() const { return callout_->url(); }
+  CalloutEnv& callout() { return *callout_; }
+  Child& broker() { return callout_->broker(); }
+  std::string broker_log() { return broker().err(); }
+  bool wait_for_log(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(20),
+                    size_t times = 1);
+  // The login of the test's AMQP user (with the test CA under TLS).
+  AmqpLogin login(const std::string& user = kUser, const std::string& password = kPassword) const;
+
+  // SIGTERM to the broker; its exit status (nullopt when it did not end in time).
+  std::optional<int> stop_broker();
+
+ private:
+  TempDir certs_;
+  int port_ = 0;
+  bool tls_ = false;
+  std::unique_ptr<CalloutEnv> callout_;
+  std::unique_ptr<ScanWorker> worker_;
+};
+
+// Answers "qm.auth.verify" on a connection (queue group "qm-auth-verify") as the callout
+// service would: grants exactly `users`, with backend "test"; or, after set_reply, answers
+// every request with that text. Counts the requests it saw.
+class VerifyEndpoint {
+ public:
+  VerifyEndpoint(natsConnection* nc, user_list users);
+  ~VerifyEndpoint();
+  VerifyEndpoint(const VerifyEndpoint&) = delete;
+  VerifyEndpoint& operator=(const VerifyEndpoint&) = delete;
+
+  // "" goes back to answering from the users.
+  void set_reply(const std::string& text);
+  // Every answer from now on comes this late (requests are answered in parallel).
+  void set_delay(std::chrono::milliseconds delay);
+  // Holds every answer back from now on, until release() sends them all.
+  void hold();
+  void release();
+  int requests() const;
+  // The "password" of the last request.
+  std::string last_password() const;
+
+ private:
+  static void s_on_request(natsConnection* nc, natsSubscription* sub, natsMsg* msg, void* closure);
+
+  natsConnection* nc_;
+  user_list users_;
+  mutable std::mutex mu_;
+  std::string fixed_reply_;
+  std::chrono::milliseconds delay_{0};
+  int requests_ = 0;
+  std::string last_password_;
+  std::vector<std::thread> late_answers_;
+  bool holding_ = false;
+  std::vector<std::pair<std::string, std::string>> held_;  // inbox, answer
+  qm::nats_subscription_ptr sub_;
+};
+
+// The acceptor in this process, for what the broker binary cannot be asked to do: a
+// ScanEnv with a demo worker on "scan", a relay, the SASL set-up (its runtime directory in
+// a temporary directory) and a verify endpoint this fixture answers from `users`, the
+// event loop on a thread of its own. Everything stops with the object.
+class LocalAcceptor {
+ public:
+  explicit LocalAcceptor(const std::function<void(gw_config_t&)>& tweak = {},
+                         user_list users = {{AmqpEnv::kUser, AmqpEnv::kPassword}});
+  ~LocalAcceptor();
+  LocalAcceptor(const LocalAcceptor&) = delete;
+  LocalAcceptor& operator=(const LocalAcceptor&) = delete;
+
+  gw_amqp_acceptor_t* get() { return acceptor_; }
+  int port() const { return cfg_.amqp_listen_port; }
+  AmqpLogin login() const;
+  // Stops the loop and waits for its thread (destroy follows in the destructor).
+  void stop();
+
+ private:
+  ScanEnv scan_;
+  TempDir runtime_;
+  VerifyEndpoint verify_;
+  gw_config_t cfg_;
+  relay_ptr relay_;
+  gw_amqp_acceptor_t* acceptor_ = nullptr;
+  std::thread loop_;
+};
+
+// A client of env logged in as its test user, with a reply receiver on a dynamic node and
+// a sender to "scan". Asserts (gtest) that each step worked.
+struct ScanClient {
+  explicit ScanClient(AmqpEnv& env);
+  ScanClient(int port, const AmqpLogin& login);
+  AmqpClient client;
+  std::string reply_address;
+  int sender = -1;
+};
+
+}  // namespace qmtest

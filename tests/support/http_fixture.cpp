@@ -1,0 +1,182 @@
+#include "http_fixture.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <stdexcept>
+
+namespace qmtest {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+size_t s_append(char* data, size_t size, size_t count, void* out) {
+  static_cast<std::string*>(out)->append(data, size * count);
+  return size * count;
+}
+
+std::string s_header(CURL* easy, const char* name) {
+  curl_header* header = nullptr;
+  if (curl_easy_header(easy, name, 0, CURLH_HEADER, -1, &header) != CURLHE_OK) return "";
+  return header->value;
+}
+
+qm::curl_mime_ptr s_form(CURL* easy, const HttpRequest& request) {
+  qm::curl_mime_ptr form(curl_mime_init(easy));
+  for (const auto& [name, value] : request.fields) {
+    curl_mimepart* part = curl_mime_addpart(form.get());
+    curl_mime_name(part, name.c_str());
+    curl_mime_data(part, value.data(), value.size());
+    if (name == "payload") curl_mime_filename(part, "sample.bin");
+  }
+  return form;
+}
+
+}  // namespace
+
+HttpClient::HttpClient() : easy_(curl_easy_init()) {
+  if (!easy_) throw std::runtime_error("curl_easy_init failed");
+}
+
+HttpResponse HttpClient::send(const HttpRequest& request) {
+  CURL* easy = easy_.get();
+  curl_easy_reset(easy);  // keeps the connection
+  HttpResponse response;
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, 120000L);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, s_append);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &response.body);
+  if (!request.ca_file.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, request.ca_file.c_str());
+  if (request.basic) {
+    curl_easy_setopt(easy, CURLOPT_USERNAME, request.basic->first.c_str());
+    curl_easy_setopt(easy, CURLOPT_PASSWORD, request.basic->second.c_str());
+  }
+  qm::curl_slist_ptr headers(curl_slist_append(nullptr, "Expect:"));
+  if (!request.target.empty())
+    headers.reset(curl_slist_append(headers.release(), ("X-Target-Service: " + request.target).c_str()));
+  qm::curl_mime_ptr form;
+  if (request.raw_body) {
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.raw_body->data());
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.raw_body->size()));
+    // "Content-Type:" alone: no such header at all.
+    const std::string type = request.content_type.empty() ? "Content-Type:" : "Content-Type: " + request.content_type;
+    headers.reset(curl_slist_append(headers.release(), type.c_str()));
+  } else if (!request.fields.empty()) {
+    form = s_form(easy, request);
+    curl_easy_setopt(easy, CURLOPT_MIMEPOST, form.get());
+  }
+  if (request.method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers.get());
+  response.curl = curl_easy_perform(easy);
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
+  response.content_type = s_header(easy, "Content-Type");
+  response.www_authenticate = s_header(easy, "WWW-Authenticate");
+  return response;
+}
+
+HttpResponse http_send(const HttpRequest& request) { return HttpClient().send(request); }
+
+RawClient::RawClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  if (fd_ < 0 || connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+    throw std::runtime_error("cannot connect to port " + std::to_string(port));
+}
+
+RawClient::~RawClient() { close(fd_); }
+
+bool RawClient::send(const std::string& bytes) {
+  for (size_t sent = 0; sent < bytes.size();) {
+    const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+std::string RawClient::read(std::chrono::milliseconds timeout) {
+  std::string received;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  char buf[65536];
+  for (pollfd p{fd_, POLLIN, 0}; !closed_; p.revents = 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (poll(&p, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) break;
+    const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+    closed_ = n <= 0;
+    if (n > 0) received.append(buf, static_cast<size_t>(n));
+  }
+  return received;
+}
+
+namespace {
+
+CalloutOptions s_callout_options(const user_list& verify_users, std::vector<std::string> broker_args, int tracelevel) {
+  CalloutOptions options;
+  options.users = verify_users;
+  options.users.emplace_back(HttpScanEnv::kWorkerUser, HttpScanEnv::kWorkerPassword);
+  options.broker_args = std::move(broker_args);
+  options.tracelevel = tracelevel;
+  return options;
+}
+
+}  // namespace
+
+HttpScanEnv::HttpScanEnv(const user_list& verify_users, std::vector<std::string> broker_args, int tracelevel)
+    : callout_(s_callout_options(verify_users, std::move(broker_args), tracelevel)),
+      worker_(callout_.url(), "scan", false, tracelevel >= 5 ? 5 : 4, kWorkerUser, kWorkerPassword) {}
+
+gw_config_t HttpScanEnv::relay_config() const {
+  gw_config_t cfg;
+  cfg.nats_url = callout_.url();
+  cfg.nats_user = CalloutEnv::kGatewayUser;
+  cfg.nats_password = CalloutEnv::kGatewayPassword;
+  return cfg;
+}
+
+void HttpDoor::drain_and_destroy(gw_auth_cache_t* cache) {
+  if (gw_auth_cache_wait_inflight_drain(cache, 6000) == 0) gw_auth_cache_destroy(cache);
+}
+
+HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users,
+                   const std::function<void(gw_config_t&)>& tweak)
+    : cfg_(relay_config) {
+  cfg_.http_enabled = true;
+  cfg_.http_listen_host = "127.0.0.1";
+  cfg_.http_listen_port = free_port();
+  if (tweak) tweak(cfg_);
+  write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(local_users));
+  creds_.reset(gw_credential_store_load(dir_.file("credentials.conf").c_str()));
+  relay_.reset(gw_nats_relay_create(&cfg_));
+  cache_.reset(gw_auth_cache_create(1024, 120, 10, 50));
+  fe_.reset(gw_http_frontend_create(&cfg_, creds_.get(), relay_.get(), cache_.get()));
+  if (!fe_ || gw_http_frontend_start(fe_.get()) != 0) throw std::runtime_error("the HTTP door did not start");
+}
+
+std::string HttpDoor::url(const std::string& path) const {
+  const bool tls = qm::has_text(cfg_.http_tls_cert);
+  return (tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port()) + path;
+}
+
+HttpRequest HttpDoor::request(const std::string& user, const std::string& password) const {
+  HttpRequest request;
+  request.url = url();
+  request.basic = {user, password};
+  request.fields = {{"request", R"({"scan":1})"}};
+  return request;
+}
+
+int thread_count() {
+  int n = 0;
+  for ([[maybe_unused]] const auto& task : std::filesystem::directory_iterator("/proc/self/task")) ++n;
+  return n;
+}
+
+}  // namespace qmtest

@@ -1,0 +1,133 @@
+// The REST front door's surroundings for tests and benchmarks: a callout environment
+// (nats-server deciding logins through the broker binary, which also answers
+// "qm.auth.verify") with a demo scan worker logged in through it; a front door running
+// in this process on top of any such server; and HTTP clients (libcurl, and a raw
+// socket for bodies no well-behaved client sends).
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "callout_fixture.hpp"
+#include "gw_auth_cache.hpp"
+#include "gw_credential_store.hpp"
+#include "gw_http_frontend.hpp"
+#include "qm_handles.hpp"
+#include "scan_fixture.hpp"
+
+namespace qmtest {
+
+// ---- clients ----
+
+struct HttpRequest {
+  std::string url;
+  std::string method = "POST";
+  std::optional<std::pair<std::string, std::string>> basic;  // user, password
+  std::string target = "scan";                                // X-Target-Service; empty: not sent
+  // Multipart fields in this order; a field named "payload" is sent as a file part.
+  std::vector<std::pair<std::string, std::string>> fields;
+  // Instead of multipart: this body with this Content-Type ("" sends none).
+  std::optional<std::string> raw_body;
+  std::string content_type;
+  std::string ca_file;  // trust for https://
+};
+
+struct HttpResponse {
+  CURLcode curl = CURLE_OK;
+  long status = 0;
+  std::string body;
+  std::string content_type;
+  std::string www_authenticate;
+};
+
+// One connection reused for every send (keep-alive).
+class HttpClient {
+ public:
+  HttpClient();
+  HttpResponse send(const HttpRequest& request);
+
+ private:
+  qm::curl_ptr easy_;
+};
+
+// A one-off send on a fresh connection.
+HttpResponse http_send(const HttpRequest& request);
+
+// A TCP connection to 127.0.0.1:port for hand-made requests.
+class RawClient {
+ public:
+  explicit RawClient(int port);
+  ~RawClient();
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+  // False once the server has closed the connection.
+  bool send(const std::string& bytes);
+  // What the server sends until it closes or `timeout` passes; closed() tells which.
+  std::string read(std::chrono::milliseconds timeout);
+  bool closed() const { return closed_; }
+
+ private:
+  int fd_ = -1;
+  bool closed_ = false;
+};
+
+// ---- servers ----
+
+// CalloutEnv plus a demo worker for "scan" that logs in as kWorkerUser.
+class HttpScanEnv {
+ public:
+  static constexpr const char* kWorkerUser = "scan-worker";
+  static constexpr const char* kWorkerPassword = "scan-worker-secret";
+
+  // verify_users: admitted by the broker's callout and its verify endpoint. broker_args:
+  // extra broker options (its own HTTP door, say).
+  explicit HttpScanEnv(const user_list& verify_users, std::vector<std::string> broker_args = {}, int tracelevel = 6);
+  CalloutEnv& callout() { return callout_; }
+  // What an in-process relay needs to reach this server as the gateway user.
+  gw_config_t relay_config() const;
+
+ private:
+  CalloutEnv callout_;
+  ScanWorker worker_;
+};
+
+// A front door in this process with its own relay, credentials file (local_users) and
+// auth cache, started on a free port after `tweak` adjusted its configuration; throws
+// when it does not start. Torn down in the broker's order.
+class HttpDoor {
+ public:
+  HttpDoor(const gw_config_t& relay_config, const user_list& local_users,
+           const std::function<void(gw_config_t&)>& tweak = {});
+  HttpDoor(const HttpDoor&) = delete;
+  HttpDoor& operator=(const HttpDoor&) = delete;
+
+  int port() const { return cfg_.http_listen_port; }
+  std::string url(const std::string& path = "/vsi") const;
+  gw_http_frontend_t* frontend() { return fe_.get(); }
+  gw_auth_cache_t* cache() { return cache_.get(); }
+  // A scan request with these credentials: {"scan":1} and no payload, to "scan".
+  HttpRequest request(const std::string& user, const std::string& password) const;
+
+ private:
+  static void drain_and_destroy(gw_auth_cache_t* cache);
+
+  // Declared in the reverse of the teardown order.
+  TempDir dir_;
+  gw_config_t cfg_;
+  qm::c_ptr<gw_credential_store_t, gw_credential_store_free> creds_;
+  relay_ptr relay_;
+  qm::c_ptr<gw_auth_cache_t, drain_and_destroy> cache_;
+  qm::c_ptr<gw_http_frontend_t, gw_http_frontend_destroy> fe_;
+};
+
+// Threads of this process.
+int thread_count();
+
+}  // namespace qmtest
