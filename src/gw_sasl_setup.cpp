@@ -140,10 +140,12 @@ void s_remove(const std::string& path, bool is_dir) {
 
 // The request's text holds the password in clear: it is wiped with the buffers it was
 // built in.
-qm::secret_string s_verify_request(const char* user, const char* password) {
+// The password goes with its length: a NUL byte in it must reach the auth service, which
+// refuses it, rather than cut the password short.
+qm::secret_string s_verify_request(const char* user, const char* password, unsigned password_len) {
   qm::json_ptr request(json_object_new_object());
   if (!request) return qm::secret_string();
-  json_object* password_value = json_object_new_string(password);
+  json_object* password_value = json_object_new_string_len(password, static_cast<int>(password_len));
   json_object_object_add(request.get(), "user", json_object_new_string(user));
   json_object_object_add(request.get(), "password", password_value);
   json_object_object_add(request.get(), "method", json_object_new_string("plain"));
@@ -151,7 +153,7 @@ qm::secret_string s_verify_request(const char* user, const char* password) {
   qm::secret_string copy(text != nullptr ? text : "");
   if (text != nullptr) OPENSSL_cleanse(const_cast<char*>(text), strlen(text));
   if (password_value != nullptr) {
-    OPENSSL_cleanse(const_cast<char*>(json_object_get_string(password_value)), strlen(password));
+    OPENSSL_cleanse(const_cast<char*>(json_object_get_string(password_value)), password_len);
   }
   return copy;
 }
@@ -160,9 +162,10 @@ qm::secret_string s_verify_request(const char* user, const char* password) {
 int s_verdict_of(const char* user, const char* reply_json) {
   qm::json_ptr reply(json_tokener_parse(reply_json));
   if (!reply) {
-    log_warn("sasl_checkpass: malformed qm.auth.verify reply for user='%s' \u2014 treating as transient and asking "
-             "client to retry",
-             user);
+    log_warn(
+        "sasl_checkpass: malformed qm.auth.verify reply for user='%s' \u2014 treating as transient and asking "
+        "client to retry",
+        log_safe(user).c_str());
     return SASL_TRYAGAIN;
   }
   json_object* ok = nullptr;
@@ -174,10 +177,10 @@ int s_verdict_of(const char* user, const char* reply_json) {
                                  ? json_object_get_string(backend)
                                  : "(unknown)";
   if (granted) {
-    log_info("sasl_checkpass: GRANT user='%s' backend=%s", user, backend_name);
+    log_info("sasl_checkpass: GRANT user='%s' backend=%s", log_safe(user).c_str(), backend_name);
     return SASL_OK;
   }
-  log_warn("sasl_checkpass: DENY user='%s' backend=%s", user, backend_name);
+  log_warn("sasl_checkpass: DENY user='%s' backend=%s", log_safe(user).c_str(), backend_name);
   return SASL_BADAUTH;
 }
 
@@ -249,19 +252,19 @@ int sasl_log_cb(void*, int level, const char* message) {
   switch (level) {
     case SASL_LOG_ERR:
     case SASL_LOG_FAIL:
-      log_error("sasl_cb: %s", message);
+      log_error("sasl_cb: %s", log_safe(message).c_str());
       break;
     case SASL_LOG_WARN:
-      log_warn("sasl_cb: %s", message);
+      log_warn("sasl_cb: %s", log_safe(message).c_str());
       break;
     case SASL_LOG_NOTE:
-      log_info("sasl_cb: %s", message);
+      log_info("sasl_cb: %s", log_safe(message).c_str());
       break;
     case SASL_LOG_DEBUG:
-      log_debug("sasl_cb: %s", message);
+      log_debug("sasl_cb: %s", log_safe(message).c_str());
       break;
     default:
-      log_trace("sasl_cb: %s", message);
+      log_trace("sasl_cb: %s", log_safe(message).c_str());
       break;
   }
   return SASL_OK;
@@ -277,8 +280,8 @@ int sasl_canon_user_cb(sasl_conn_t*, void*, const char* in, unsigned inlen, unsi
                        char* out, unsigned out_max, unsigned* out_len) {
   if (in == nullptr || out == nullptr || out_len == nullptr || out_max == 0) return SASL_BADPARAM;
   const char* label = (flags & SASL_CU_AUTHID) ? "authid" : (flags & SASL_CU_AUTHZID) ? "authzid" : "user";
-  log_info("sasl_canon: %s='%.*s' realm_param='%s' (passing through verbatim)", label, static_cast<int>(inlen), in,
-           qm::or_text(user_realm, "(null)"));
+  log_info("sasl_canon: %s='%s' realm_param='%s' (passing through verbatim)", label,
+           log_safe(std::string_view(in, inlen)).c_str(), log_safe(user_realm).c_str());
   const unsigned n = inlen < out_max - 1 ? inlen : out_max - 1;
   memmove(out, in, n);  // Cyrus may hand in the output buffer itself
   out[n] = '\0';
@@ -294,20 +297,22 @@ int auth_checkpass_cb(sasl_conn_t*, void*, const char* user, const char* passwor
   }
   gw_nats_relay_t* relay = g_relay.load();
   if (relay == nullptr) {
-    log_error("sasl_checkpass: no relay configured \u2014 denying user='%s'", user);
+    log_error("sasl_checkpass: no relay configured \u2014 denying user='%s'", log_safe(user).c_str());
     return s_set_verdict(SASL_TRYAGAIN);
   }
   if (password_len >= kPasswordLimit) {
-    log_warn("sasl_checkpass: password length %u exceeds limit \u2014 denying user='%s'", password_len, user);
+    log_warn("sasl_checkpass: password length %u exceeds limit \u2014 denying user='%s'", password_len,
+             log_safe(user).c_str());
     return s_set_verdict(SASL_BADAUTH);
   }
   qm::secret_bytes password_buf(kPasswordLimit);
   memcpy(password_buf.data(), password, password_len);
   password_buf.data()[password_len] = '\0';
-  qm::secret_string request = s_verify_request(user, reinterpret_cast<const char*>(password_buf.data()));
+  qm::secret_string request =
+      s_verify_request(user, reinterpret_cast<const char*>(password_buf.data()), password_len);
   password_buf.wipe();
   if (request.empty()) {
-    log_error("sasl_checkpass: OOM building request for user='%s'", user);
+    log_error("sasl_checkpass: OOM building request for user='%s'", log_safe(user).c_str());
     return s_set_verdict(SASL_TRYAGAIN);
   }
   char* reply_json = nullptr;
@@ -319,8 +324,8 @@ int auth_checkpass_cb(sasl_conn_t*, void*, const char* user, const char* passwor
   qm::malloc_ptr<char> owned_reply(reply_json);
   qm::malloc_ptr<char> owned_data(reply_data);
   if (rc != 0 || reply_json == nullptr) {
-    log_warn("sasl_checkpass: qm.auth.verify failed for user='%s' (relay rc=%d) \u2014 asking client to retry", user,
-             rc);
+    log_warn("sasl_checkpass: qm.auth.verify failed for user='%s' (relay rc=%d) \u2014 asking client to retry",
+             log_safe(user).c_str(), rc);
     return s_set_verdict(SASL_TRYAGAIN);
   }
   return s_set_verdict(s_verdict_of(user, reply_json));
