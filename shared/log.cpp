@@ -127,6 +127,96 @@ void log_log(int level, const char* func, const char* file, int line, const char
   if (L.filename != nullptr && L.filename[0] != '\0') s_write_file(stamp, level, func, file, line, message);
 }
 
+namespace {
+
+// The length of the well-formed UTF-8 sequence at `at` (0 when there is none) and its
+// code point: no overlong forms, no surrogates, nothing above U+10FFFF.
+size_t s_utf8_sequence(std::string_view s, size_t at, char32_t& cp) {
+  const auto lead = static_cast<unsigned char>(s[at]);
+  size_t len = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    len = 2;
+    cp = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    len = 3;
+    cp = lead & 0x0F;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    len = 4;
+    cp = lead & 0x07;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (len > s.size() - at) return 0;
+  for (size_t i = 1; i < len; ++i) {
+    const auto next = static_cast<unsigned char>(s[at + i]);
+    if (next < (i == 1 ? low : 0x80) || next > (i == 1 ? high : 0xBF)) return 0;
+    cp = (cp << 6) | (next & 0x3F);
+  }
+  return len;
+}
+
+// The logged form of the character at `at`; `consumed` says how many bytes it took.
+std::string s_escape_one(std::string_view s, size_t at, size_t& consumed) {
+  const auto byte = static_cast<unsigned char>(s[at]);
+  consumed = 1;
+  char escaped[8];
+  switch (byte) {
+    case '\n':
+      return "\\n";
+    case '\r':
+      return "\\r";
+    case '\t':
+      return "\\t";
+    case '\\':
+      return "\\\\";
+    default:
+      break;
+  }
+  if (byte < 0x20 || byte == 0x7F) {
+    snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+    return escaped;
+  }
+  if (byte < 0x80) return std::string(1, static_cast<char>(byte));
+  char32_t cp = 0;
+  const size_t len = s_utf8_sequence(s, at, cp);
+  if (len == 0) {
+    snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+    return escaped;
+  }
+  consumed = len;
+  if ((cp >= 0x80 && cp <= 0x9F) || cp == 0x2028 || cp == 0x2029) {
+    snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(cp));
+    return escaped;
+  }
+  return std::string(s.substr(at, len));
+}
+
+}  // namespace
+
+std::string log_safe(std::string_view value) {
+  std::string out;
+  size_t at = 0;
+  while (at < value.size()) {
+    size_t consumed = 0;
+    const std::string piece = s_escape_one(value, at, consumed);
+    if (out.size() + piece.size() > LOG_SAFE_MAX_BYTES) break;
+    out += piece;
+    at += consumed;
+  }
+  if (at < value.size()) out += "...(" + std::to_string(value.size()) + " bytes)";
+  return out;
+}
+
+std::string log_safe(const char* value) {
+  return value == nullptr ? std::string("(null)") : log_safe(std::string_view(value));
+}
+
 void log_set_level(int level) { L.level = level; }
 int log_get_level() { return L.level; }
 void log_set_quiet(int enable) { L.quiet = enable ? 1 : 0; }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <string_view>
 
 enum log_level_t {
   QMLOG_OFF = 0,
@@ -37,6 +39,20 @@ size_t log_get_maxsize();
 void log_set_udata(void* udata);
 void* log_get_udata();
 void log_set_lock(log_LockFn fn);
+
+// Most bytes of one value that log_safe lets into a line (its escapes included).
+inline constexpr size_t LOG_SAFE_MAX_BYTES = 256;
+
+// Wrap every value that came from outside (a user name, a subject, an address, a method,
+// a reason a peer or a server sent, a request body) in log_safe before it goes into a log
+// line: log_info("GRANT user=%s", log_safe(user).c_str()). Control characters and
+// backslashes are escaped (\n, \r, \t, \\, \xHH; the C1 controls and the Unicode line and
+// paragraph separators as \uHHHH), bytes that are not UTF-8 become \xHH, and at most
+// LOG_SAFE_MAX_BYTES of the result are kept, followed by "...(N bytes)" when the value
+// was cut. So no value can forge a line, colour the terminal or flood the log. The
+// const char* form shows NULL as "(null)".
+std::string log_safe(std::string_view value);
+std::string log_safe(const char* value);
 
 #define log_fatal(...) log_log(QMLOG_FATAL, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
 #define log_error(...) log_log(QMLOG_ERROR, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)

@@ -1,6 +1,7 @@
 #include "qm_cpp.hpp"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 
@@ -19,6 +20,25 @@ void sleep_ms(int64_t ms) {
   timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
+}
+
+void stop_flag::request() {
+  {
+    std::lock_guard guard(mutex_);
+    requested_ = true;
+  }
+  wake_.notify_all();
+}
+
+bool stop_flag::requested() const {
+  std::lock_guard guard(mutex_);
+  return requested_;
+}
+
+bool stop_flag::sleep_for(int64_t ms) const {
+  std::unique_lock guard(mutex_);
+  wake_.wait_for(guard, std::chrono::milliseconds(ms > 0 ? ms : 0), [this] { return requested_; });
+  return !requested_;
 }
 
 }  // namespace qm

@@ -4,8 +4,10 @@
 
 #include <openssl/crypto.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +33,25 @@ int64_t monotonic_ms();
 
 // Sleeps ms milliseconds, resuming after signal interruptions.
 void sleep_ms(int64_t ms);
+
+// A one-way stop request that long waits watch: one thread asks, the waiting ones give
+// up at once instead of sleeping out their pause. Never reset.
+class stop_flag {
+ public:
+  stop_flag() = default;
+  stop_flag(const stop_flag&) = delete;
+  stop_flag& operator=(const stop_flag&) = delete;
+
+  void request();
+  bool requested() const;
+  // Sleeps ms milliseconds, or less when a stop is requested meanwhile: false then.
+  bool sleep_for(int64_t ms) const;
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::condition_variable wake_;
+  bool requested_ = false;
+};
 
 // unique_ptr for a C handle with its destroy function: qm::c_ptr<natsOptions, natsOptions_Destroy>.
 template <auto DestroyFn>

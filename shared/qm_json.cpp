@@ -12,6 +12,13 @@ const char* json_string_member(json_object* obj, const char* key) {
   return json_object_is_type(member, json_type_string) ? json_object_get_string(member) : nullptr;
 }
 
+std::optional<std::string_view> json_string_bytes(json_object* obj, const char* key) {
+  json_object* member = nullptr;
+  if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return std::nullopt;
+  if (!json_object_is_type(member, json_type_string)) return std::nullopt;
+  return std::string_view(json_object_get_string(member), static_cast<size_t>(json_object_get_string_len(member)));
+}
+
 json_object* json_object_member(json_object* obj, const char* key) {
   json_object* member = nullptr;
   if (obj == nullptr || !json_object_object_get_ex(obj, key, &member)) return nullptr;

@@ -4,6 +4,7 @@
 
 #include <json-c/json.h>
 
+#include <optional>
 #include <string_view>
 
 #include "qm_cpp.hpp"
@@ -11,7 +12,10 @@
 namespace qm {
 
 // The member `key` of obj when it is of that type, else NULL (also for a NULL obj).
+// json_string_member's text ends at the first NUL byte a JSON string may carry as \u0000;
+// json_string_bytes gives all of it, for values that are compared or passed on.
 const char* json_string_member(json_object* obj, const char* key);
+std::optional<std::string_view> json_string_bytes(json_object* obj, const char* key);
 json_object* json_object_member(json_object* obj, const char* key);
 
 // Overwrites every string value in the document (nested objects and arrays included).

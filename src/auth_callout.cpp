@@ -37,7 +37,8 @@ std::string s_sign(const auth_jwt_ctx_t* jwt, const auth_request_t& req, const a
 }
 
 void s_log_verdict(const auth_request_t& req, const auth_verdict& v) {
-  const char* user = req.user.c_str();
+  const std::string safe_user = log_safe(req.user);
+  const char* user = safe_user.c_str();
   switch (v.source) {
     case AUTH_VERDICT_CACHED:
       log_info("auth_callout: GRANT user=%s via=cache profile=%s", user, s_profile_label(v.profile));
@@ -77,12 +78,12 @@ bool extract_auth_request(std::string_view token, auth_request_t& req) {
   if (const char* id = qm::json_string_member(qm::json_object_member(nats, "server_id"), "id")) req.server_id = id;
   if (const char* nkey = qm::json_string_member(nats, "user_nkey")) req.user_nkey = nkey;
   json_object* connect_opts = qm::json_object_member(nats, "connect_opts");
-  if (const char* user = qm::json_string_member(connect_opts, "user")) {
-    req.user = user;
+  if (const std::optional<std::string_view> user = qm::json_string_bytes(connect_opts, "user")) {
+    req.user = *user;
     req.has_user = true;
   }
-  if (const char* pass = qm::json_string_member(connect_opts, "pass")) {
-    req.password = qm::secret_string(pass);
+  if (const std::optional<std::string_view> pass = qm::json_string_bytes(connect_opts, "pass")) {
+    req.password = qm::secret_string(std::string(*pass));
     req.has_password = true;
   }
   return req.has_user && req.has_password;
@@ -95,9 +96,9 @@ auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req) {
   const bool complete = extract_auth_request(std::string_view(data, static_cast<size_t>(len)), req);
   qm_nats_msg_wipe(msg);
   if (!complete) return AUTH_CALLOUT_MALFORMED;
-  log_trace("auth_callout: request user=%s server=%s user_nkey=%.12s...", req.user.c_str(),
-            req.server_id.empty() ? "(null)" : req.server_id.c_str(),
-            req.user_nkey.empty() ? "(null)" : req.user_nkey.c_str());
+  log_trace("auth_callout: request user=%s server=%s user_nkey=%s...", log_safe(req.user).c_str(),
+            req.server_id.empty() ? "(null)" : log_safe(req.server_id).c_str(),
+            req.user_nkey.empty() ? "(null)" : log_safe(std::string_view(req.user_nkey).substr(0, 12)).c_str());
   return AUTH_CALLOUT_REQUEST;
 }
 

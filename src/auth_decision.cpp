@@ -76,6 +76,10 @@ struct auth_decider {
 
 namespace {
 
+// No credential holds a NUL byte, and every tier behind the decider reads C strings,
+// which would end at it: "pw\0junk" would be checked as "pw". Refused before any tier.
+bool s_holds_nul(const std::string& text) { return text.find('\0') != std::string::npos; }
+
 // An empty user or password is never looked up in, nor stored into, the cache.
 bool s_cacheable(const auth_decider& d, const auth_question& q) {
   return d.cache != nullptr && !q.user.empty() && !q.password.empty();
@@ -105,13 +109,13 @@ class refresh_job final : public auth_job {
     if (auth_dispatch_validate_ext(decider_.creds, decider_.ldap, user_.c_str(), password_.c_str(), &backend,
                                    &groups.info)) {
       const auth_profile_t* profile = s_resolve(decider_, user_, &groups);
-      log_debug("auth_refresh: GRANTED user=%s backend=%s profile=%s groups=%d", user_.c_str(), backend,
+      log_debug("auth_refresh: GRANTED user=%s backend=%s profile=%s groups=%d", log_safe(user_).c_str(), backend,
                 s_profile_label(profile), groups.info.n_groups);
       gw_auth_cache_complete_refresh_ex(decider_.cache, hash_, gen_, GW_REFRESH_GRANTED, s_user_data(profile));
     } else {
       log_info("auth_refresh: dispatcher returned false user=%s backend=%s \u2014 treating as ABORTED to avoid "
                "invalidating on transient LDAP failure",
-               user_.c_str(), backend);
+               log_safe(user_).c_str(), backend);
       gw_auth_cache_complete_refresh(decider_.cache, hash_, gen_, GW_REFRESH_ABORTED);
     }
   }
@@ -137,16 +141,16 @@ void s_dispatch_refresh(auth_decider& d, const auth_question& q) {
   try {
     job = std::make_unique<refresh_job>(d, q.user, q.password, hash, gen);
   } catch (const std::bad_alloc&) {
-    log_warn("auth_refresh: OOM allocating ctx user=%s", q.user.c_str());
+    log_warn("auth_refresh: OOM allocating ctx user=%s", log_safe(q.user).c_str());
     gw_auth_cache_complete_refresh(d.cache, hash, gen, GW_REFRESH_ABORTED);
   }
   sodium_memzero(hash, sizeof hash);
   if (!job) return;
   if (auth_workers_submit(d.refreshes.get(), std::move(job)))
-    log_trace("auth_refresh: dispatched user=%s", q.user.c_str());
+    log_trace("auth_refresh: dispatched user=%s", log_safe(q.user).c_str());
   else
     log_debug("auth_refresh: no room for another refresh (or stopping) user=%s \u2014 left to a later lookup",
-              q.user.c_str());
+              log_safe(q.user).c_str());
 }
 
 // ---- the steps of a decision ----
@@ -204,13 +208,14 @@ std::optional<auth_verdict> s_join(auth_decider& d, const auth_question& q) {
       const auto* profile = static_cast<const auth_profile_t*>(again.user_data);
       return auth_verdict{true, AUTH_VERDICT_COALESCED, "coalesced", profile, 0};
     }
-    log_debug("auth_callout: coalesce wake-then-lookup MISS user=%s \u2014 running uncoalesced live verify", user);
+    log_debug("auth_callout: coalesce wake-then-lookup MISS user=%s \u2014 running uncoalesced live verify",
+              log_safe(q.user).c_str());
     return std::nullopt;
   }
   if (q.asker == AUTH_ASKER_CALLOUT)
-    log_debug("auth_callout: coalesce wait MISS user=%s \u2014 running live verify", user);
+    log_debug("auth_callout: coalesce wait MISS user=%s \u2014 running live verify", log_safe(q.user).c_str());
   else
-    log_debug("auth_verify: coalesce wait MISS user=%s \u2014 running live verify", user);
+    log_debug("auth_verify: coalesce wait MISS user=%s \u2014 running live verify", log_safe(q.user).c_str());
   return std::nullopt;
 }
 
@@ -282,7 +287,7 @@ auth_decider_t* auth_decider_create(gw_credential_store_t* creds, auth_ldap_ctx_
 }
 
 std::optional<auth_verdict> auth_decide_now(auth_decider_t* d, const auth_question& q) {
-  if (d == nullptr) return auth_verdict{};
+  if (d == nullptr || s_holds_nul(q.user) || s_holds_nul(q.password.str())) return auth_verdict{};
   if (std::optional<auth_verdict> cached = s_from_cache(*d, q)) return cached;
   return s_from_file(*d, q);
 }

@@ -127,7 +127,8 @@ void s_log_diagnostic(LDAP* ld, const char* label) {
   char* raw = nullptr;
   if (ldap_get_option(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE, &raw) != LDAP_OPT_SUCCESS) return;
   const ldap_string message(raw);
-  if (message && message.get()[0] != '\0') log_error("auth_ldap: %s diagnostic: %s", label, message.get());
+  if (message && message.get()[0] != '\0')
+    log_error("auth_ldap: %s diagnostic: %s", label, log_safe(message.get()).c_str());
 }
 
 void s_apply_tls_options(const auth_ldap_ctx_t& ctx, LDAP* ld, const std::string& url) {
@@ -393,7 +394,7 @@ bool s_user_bind(const auth_ldap_ctx_t& ctx, const std::string& url, const std::
   if (!ld) return false;
   const int rc = s_simple_bind(ld.get(), dn.c_str(), password);
   if (rc == LDAP_SUCCESS) return true;
-  log_warn("auth_ldap: user bind as %s failed: %s", dn.c_str(), ldap_err2string(rc));
+  log_warn("auth_ldap: user bind as %s failed: %s", log_safe(dn).c_str(), ldap_err2string(rc));
   s_log_diagnostic(ld.get(), "user bind");
   return false;
 }

@@ -18,9 +18,11 @@ verify_request s_parse(std::string_view body) {
   verify_request req;
   qm::secret_json_ptr root = qm::json_parse_secret(body);
   if (!root || !json_object_is_type(root.get(), json_type_object)) return req;
-  if (const char* user = qm::json_string_member(root.get(), "user")) req.user = user;
-  if (const char* password = qm::json_string_member(root.get(), "password")) req.password.emplace(password);
-  if (const char* method = qm::json_string_member(root.get(), "method")) req.method = method;
+  if (const std::optional<std::string_view> user = qm::json_string_bytes(root.get(), "user")) req.user.emplace(*user);
+  if (const std::optional<std::string_view> password = qm::json_string_bytes(root.get(), "password"))
+    req.password.emplace(std::string(*password));
+  if (const std::optional<std::string_view> method = qm::json_string_bytes(root.get(), "method"))
+    req.method.emplace(*method);
   json_object* revalidate = nullptr;
   if (json_object_object_get_ex(root.get(), "revalidate", &revalidate) &&
       json_object_is_type(revalidate, json_type_boolean))
@@ -41,8 +43,8 @@ std::optional<verify_answer> s_refuse_unanswerable(auth_decider_t* decider, int 
                                                    const verify_request& req) {
   if (!req.user || !req.password) {
     log_warn("auth_verify: malformed request (user=%s password=%s method=%s)",
-             req.user ? req.user->c_str() : "(absent)", req.password ? "(set)" : "(absent)",
-             req.method ? req.method->c_str() : "(absent)");
+             req.user ? log_safe(*req.user).c_str() : "(absent)", req.password ? "(set)" : "(absent)",
+             req.method ? log_safe(*req.method).c_str() : "(absent)");
     return verify_answer{false, "missing user or password", "none"};
   }
   if (auth_decider_creds(decider) == nullptr && auth_decider_ldap(decider) == nullptr) {
@@ -54,8 +56,10 @@ std::optional<verify_answer> s_refuse_unanswerable(auth_decider_t* decider, int 
 }
 
 verify_answer s_answer(const verify_request& req, const auth_verdict& v) {
-  const char* user = req.user->c_str();
-  const char* method = req.method ? req.method->c_str() : "(unspecified)";
+  const std::string safe_user = log_safe(*req.user);
+  const std::string safe_method = req.method ? log_safe(*req.method) : std::string("(unspecified)");
+  const char* user = safe_user.c_str();
+  const char* method = safe_method.c_str();
   switch (v.source) {
     case AUTH_VERDICT_CACHED:
       log_info("auth_verify: GRANT user='%s' via=cache method=%s", user, method);
@@ -93,11 +97,11 @@ verify_request auth_verify_read(natsMsg* msg) {
   verify_request req;
   if (data != nullptr && len > 0) req = s_parse(std::string_view(data, static_cast<size_t>(len)));
   qm_nats_msg_wipe(msg);
-  log_trace("auth_verify: request user=%s method=%s", req.user ? req.user->c_str() : "(absent)",
-            req.method ? req.method->c_str() : "(absent)");
+  log_trace("auth_verify: request user=%s method=%s", req.user ? log_safe(*req.user).c_str() : "(absent)",
+            req.method ? log_safe(*req.method).c_str() : "(absent)");
   if (req.revalidate && req.user && req.password)
     log_debug("auth_verify: revalidate requested user='%s' \u2014 bypassing cache, consulting live backend",
-              req.user->c_str());
+              log_safe(*req.user).c_str());
   return req;
 }
 

@@ -1,7 +1,5 @@
 #include "broker_auth_thread.hpp"
 
-#include <signal.h>
-
 #include <atomic>
 #include <memory>
 #include <new>
@@ -30,21 +28,12 @@ broker_auth_thread_t* broker_auth_thread_create(auth_service_t* svc) {
 
 int broker_auth_thread_start(broker_auth_thread_t* t) {
   if (t == nullptr || t->svc == nullptr || t->running) return -1;
-  // The NATS library's delivery threads are born from this one: none of them may take
-  // the process signals meant for the main thread.
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) sigaddset(&blocked, sig);
-  sigset_t previous;
-  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
   try {
     t->thread = std::thread([t] { t->rc = auth_service_run(t->svc); });
   } catch (const std::system_error&) {
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     log_fatal("auth-callout: failed to spawn worker thread");
     return -1;
   }
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   t->running = true;
   // A broker that cannot adjudicate logins must not go on to say it is ready.
   if (auth_service_wait_serving(t->svc) != 0) {

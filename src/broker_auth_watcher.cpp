@@ -34,22 +34,6 @@ bool s_take_signature(const std::string& path, file_signature_t& sig) {
   return true;
 }
 
-sigset_t s_process_signals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGHUP);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGUSR1);
-  return set;
-}
-
-// Process signals belong to the main thread; a watcher must never take them.
-void s_block_process_signals() {
-  const sigset_t set = s_process_signals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-}
-
 }  // namespace
 
 struct broker_auth_watcher {
@@ -89,7 +73,6 @@ struct broker_auth_watcher {
   }
 
   void poll_loop() {
-    s_block_process_signals();
     log_debug("auth-watcher: polling %s every %ds", path.c_str(), interval_sec);
     while (wait_interval()) check_once();
     log_debug("auth-watcher: stopping");
@@ -116,19 +99,13 @@ broker_auth_watcher_t* broker_auth_watcher_create(const char* path, int interval
 int broker_auth_watcher_start(broker_auth_watcher_t* w) {
   if (w == nullptr || w->running) return -1;
   w->stop = false;
-  // Created with the signals already blocked, so there is no window before the thread blocks them itself.
-  const sigset_t blocked = s_process_signals();
-  sigset_t previous;
-  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
   try {
     w->thread = std::thread([w] { w->poll_loop(); });
   } catch (const std::system_error& e) {
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     errno = e.code().value();
     log_error("auth-watcher: pthread_create failed: %m");
     return -1;
   }
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   w->running = true;
   log_info("auth-watcher: watching %s for external changes (poll interval %ds)", w->path.c_str(), w->interval_sec);
   return 0;

@@ -246,6 +246,7 @@ struct s_bootstrap_params {
   bool allow_direct = true;
   bool memory = true;
   const broker_workqueue_opts* wq = nullptr;
+  const qm::stop_flag* stop = nullptr;  // start-up's: ends the retries
 };
 
 int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_def& bucket, const s_bootstrap_params& params) {
@@ -421,6 +422,17 @@ int s_ensure_work_queues(jsCtx* js, const s_bootstrap_params& params) {
 
 // ---- One attempt and the retry loop ----------------------------------------------------
 
+bool s_stopping(const s_bootstrap_params& params) { return params.stop != nullptr && params.stop->requested(); }
+
+// The pause between attempts; false when a stop came meanwhile.
+bool s_pause(const s_bootstrap_params& params, int ms) {
+  if (params.stop == nullptr) {
+    qm::sleep_ms(ms);
+    return true;
+  }
+  return params.stop->sleep_for(ms);
+}
+
 int s_bootstrap_once(natsOptions* opts, const s_bootstrap_params& params) {
   natsConnection* raw_nc = nullptr;
   const natsStatus connected = natsConnection_Connect(&raw_nc, opts);
@@ -439,7 +451,7 @@ int s_bootstrap_once(natsOptions* opts, const s_bootstrap_params& params) {
   }
   int result = 0;
   for (const s_bucket_def& bucket : kBuckets) {
-    if (s_ensure_kv_bucket(nc.get(), js.get(), bucket, params) != 0) {
+    if (s_stopping(params) || s_ensure_kv_bucket(nc.get(), js.get(), bucket, params) != 0) {
       result = -1;
       break;
     }
@@ -469,6 +481,7 @@ int s_bootstrap(const char* nats_url, const char* user, const char* password, co
   for (;;) {
     ++attempt;
     if (s_bootstrap_once(opts.get(), params) == 0) break;
+    if (s_stopping(params)) return -1;
     const int64_t now_ms = qm::monotonic_ms();
     if (now_ms - start_ms >= timing.budget_ms) {
       log_fatal("KV bootstrap: '%s' still not ready after %d attempts over %ds — giving up", kScanDataBucket, attempt,
@@ -481,7 +494,7 @@ int s_bootstrap(const char* nats_url, const char* user, const char* password, co
                attempt, budget_sec);
       last_note_ms = now_ms;
     }
-    qm::sleep_ms(delay_ms);
+    if (!s_pause(params, delay_ms)) return -1;
     delay_ms = std::min(delay_ms * 2, timing.max_delay_ms);
   }
   if (attempt >= 2) log_info("KV bootstrap: succeeded on attempt %d", attempt);
@@ -492,7 +505,7 @@ int s_bootstrap(const char* nats_url, const char* user, const char* password, co
 
 int broker_kv_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                         int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
-                        const broker_workqueue_opts* opts) {
+                        const broker_workqueue_opts* opts, const qm::stop_flag* stop) {
   if (nats_url == nullptr) {
     log_error("KV bootstrap: nats_url is NULL");
     return -1;
@@ -503,6 +516,7 @@ int broker_kv_bootstrap(const char* nats_url, const char* user, const char* pass
     params.allow_direct = kv_scandata_allow_direct;
     params.memory = js_transient_memory;
     params.wq = opts;
+    params.stop = stop;
     return s_bootstrap(nats_url, user, password, cert_path, params);
   } catch (const std::exception& e) {
     log_error("KV bootstrap: %s", e.what());

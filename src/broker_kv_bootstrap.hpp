@@ -8,6 +8,10 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace qm {
+class stop_flag;
+}
+
 struct broker_workqueue_opts {
   const char* work_services = nullptr;  // comma-separated service names; NULL or empty = none
   int64_t ackwait_ns = 0;               // consumer AckWait; 0 = server default
@@ -20,9 +24,10 @@ struct broker_workqueue_opts {
 // Connects as user/password (user NULL = anonymous) and makes sure every bucket, stream
 // and consumer exists, retrying for up to 300 s while JetStream is not ready (a cluster
 // electing its meta leader). 0 when everything exists, -1 otherwise. `opts` may be NULL.
+// A request on `stop` ends the retries at once with -1, without a message.
 int broker_kv_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                         int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
-                        const broker_workqueue_opts* opts);
+                        const broker_workqueue_opts* opts, const qm::stop_flag* stop = nullptr);
 
 // Names, written into buf (size n) and truncated silently to fit:
 // "jobs.<service>" with the name as given.

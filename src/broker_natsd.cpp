@@ -1,5 +1,6 @@
 #include "broker_natsd.hpp"
 
+#include <fcntl.h>
 #include <nats/nats.h>
 #include <nats/version.h>
 #include <pthread.h>
@@ -8,9 +9,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -22,6 +25,7 @@
 #include "log.hpp"
 #include "qm_nats_conn.hpp"
 #include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 #include "qmerror.hpp"
 
 namespace {
@@ -33,10 +37,12 @@ constexpr int kDefaultRestartMax = 5;
 constexpr int kDefaultBackoffInitialMs = 500;
 constexpr int kDefaultBackoffMaxMs = 30000;
 constexpr int kDefaultStopGraceMs = 10000;
+constexpr int kDefaultCrashWindowMs = 600000;
 constexpr int kStopPollMs = 100;
 
 std::atomic<int> s_stop_grace_ms{kDefaultStopGraceMs};
-
+std::atomic<int> s_crash_window_ms{kDefaultCrashWindowMs};
+std::atomic<void (*)(broker_natsd_t*)> s_before_respawn_hook{nullptr};
 
 }  // namespace
 
@@ -54,20 +60,19 @@ struct broker_natsd {
   int restart_backoff_ms_initial = kDefaultBackoffInitialMs;
   int restart_backoff_ms_max = kDefaultBackoffMaxMs;
   int stop_grace_ms = kDefaultStopGraceMs;
+  int crash_window_ms = kDefaultCrashWindowMs;
+  void (*on_give_up)(void*) = nullptr;
+  void* on_give_up_arg = nullptr;
 
-  // Written under `lock`; atomic so that a signal handler may read it without the lock.
+  // Written under `lock`, together with the stop check; atomic so that readers need no lock.
   std::atomic<pid_t> child_pid{-1};
+  int64_t child_spawned_ms = 0;  // supervisor thread only, once started
   std::mutex lock;
   std::condition_variable wake;  // ends the supervisor's sleep before a restart
   std::thread sup_thread;
   std::atomic<bool> shutting_down{false};
   std::atomic<bool> sup_thread_alive{false};
   bool started = false;
-
-  // A failed kill seen in signal-handler context, reported later from a normal thread.
-  std::atomic<int> failed_kill_errno{0};
-  std::atomic<pid_t> failed_kill_pid{0};
-  std::atomic<int> failed_kill_sig{0};
 };
 
 namespace {
@@ -77,11 +82,19 @@ void s_set_child(broker_natsd_t& natsd, pid_t pid) {
   natsd.child_pid.store(pid);
 }
 
-void s_report_failed_kill(broker_natsd_t& natsd) {
-  const int err = natsd.failed_kill_errno.exchange(0);
-  if (err == 0) return;
-  log_warn("nats-server: kill(%d, %d) failed: %s", static_cast<int>(natsd.failed_kill_pid.load()),
-           natsd.failed_kill_sig.load(), QMstrerror(err));
+// nats-server leaves its pid file behind; once its process is reaped the file names
+// nobody (or, later, a stranger). A file that names another pid is not ours to remove.
+void s_remove_pid_file(const broker_natsd_t& natsd, pid_t reaped) {
+  if (!natsd.pid_file) return;
+  const qm::unique_fd fd(open(natsd.pid_file->c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) return;
+  char text[32] = {};
+  const ssize_t n = read(fd.get(), text, sizeof text - 1);
+  if (n <= 0) return;
+  char* end = nullptr;
+  const long pid = strtol(text, &end, 10);
+  while (end != nullptr && isspace(static_cast<unsigned char>(*end))) ++end;
+  if (end != nullptr && *end == '\0' && pid == static_cast<long>(reaped)) unlink(natsd.pid_file->c_str());
 }
 
 struct s_probe_target {
@@ -91,6 +104,15 @@ struct s_probe_target {
   const char* cert_path = nullptr;
   int timeout_sec = 0;
 };
+
+// What ends a probe early besides success and its deadline.
+struct s_probe_watch {
+  const std::atomic<bool>* shutting_down = nullptr;  // the supervisor's own stop
+  const qm::stop_flag* stop = nullptr;               // the caller's stop (start-up)
+  pid_t child = -1;                                  // a child whose exit makes waiting pointless
+};
+
+enum class s_probe_result { ready, timed_out, stopped, child_exited, failed };
 
 enum class s_probe_options_result { built, no_memory, bad_tls };
 
@@ -118,9 +140,30 @@ s_probe_options_result s_build_probe_options(const s_probe_target& target, qm::n
   return s_probe_options_result::built;
 }
 
-// Probes until a connection succeeds or the deadline passes. `cancel`, when given, ends
-// the wait early (the supervisor stops probing once shutdown begins).
-int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) {
+// True once the child has exited; it is left for the supervisor's wait to reap.
+bool s_child_exited(pid_t pid) {
+  siginfo_t si{};
+  return waitid(P_PID, static_cast<id_t>(pid), &si, WEXITED | WNOHANG | WNOWAIT) == 0 && si.si_pid == pid;
+}
+
+bool s_stop_asked(const s_probe_watch& watch) {
+  return (watch.shutting_down != nullptr && watch.shutting_down->load()) ||
+         (watch.stop != nullptr && watch.stop->requested());
+}
+
+// The pause between attempts; false when a stop came meanwhile.
+bool s_probe_pause(const s_probe_watch& watch) {
+  if (watch.stop != nullptr) {
+    if (!watch.stop->sleep_for(kProbeIntervalMs)) return false;
+  } else {
+    qm::sleep_ms(kProbeIntervalMs);
+  }
+  return !s_stop_asked(watch);
+}
+
+// Probes until a connection succeeds, the deadline passes, the child dies or a stop is
+// asked for.
+s_probe_result s_wait_ready(const s_probe_target& target, const s_probe_watch& watch) {
   const int64_t start_ms = qm::monotonic_ms();
   for (;;) {
     qm::nats_options_ptr opts;
@@ -129,9 +172,9 @@ int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) 
         break;
       case s_probe_options_result::no_memory:
         log_error("nats-server: readiness probe failed to allocate natsOptions");
-        return -1;
+        return s_probe_result::failed;
       case s_probe_options_result::bad_tls:
-        return -1;
+        return s_probe_result::failed;
     }
     natsConnection* raw = nullptr;
     const natsStatus s = natsConnection_Connect(&raw, opts.get());
@@ -139,28 +182,29 @@ int s_wait_ready(const s_probe_target& target, const std::atomic<bool>* cancel) 
     if (s == NATS_OK) {
       natsConnection_Close(conn.get());
       log_info("nats-server: ready (probe to %s succeeded)", target.url.c_str());
-      return 0;
+      return s_probe_result::ready;
     }
+    if (s_stop_asked(watch)) return s_probe_result::stopped;
+    if (watch.child > 0 && s_child_exited(watch.child)) return s_probe_result::child_exited;
     if (qm::monotonic_ms() - start_ms >= static_cast<int64_t>(target.timeout_sec) * 1000) {
       log_fatal("nats-server: readiness probe timed out after %ds (last status: %s)", target.timeout_sec,
                 natsStatus_GetText(s));
-      return -1;
+      return s_probe_result::timed_out;
     }
     log_debug("nats-server: readiness probe not ready yet (%s), retrying in %dms", natsStatus_GetText(s),
               kProbeIntervalMs);
-    qm::sleep_ms(kProbeIntervalMs);
-    if (cancel != nullptr && cancel->load()) return -1;
+    if (!s_probe_pause(watch)) return s_probe_result::stopped;
   }
 }
 
-int s_probe_child(const broker_natsd_t& natsd) {
+s_probe_result s_probe_child(const broker_natsd_t& natsd, pid_t child, const qm::stop_flag* stop) {
   s_probe_target target;
   target.url = natsd.nats_url;
   target.user = qm::cstr(natsd.probe_user);
   target.password = natsd.has_probe_password ? natsd.probe_password.c_str() : nullptr;
   target.cert_path = qm::cstr(natsd.cert_path);
   target.timeout_sec = natsd.ready_timeout_sec;
-  return s_wait_ready(target, &natsd.shutting_down);
+  return s_wait_ready(target, s_probe_watch{&natsd.shutting_down, stop, child});
 }
 
 // Forks and execs the server. Everything the child needs is prepared before the fork,
@@ -182,7 +226,8 @@ pid_t s_spawn_child(const broker_natsd_t& natsd) {
     return -1;
   }
   if (pid == 0) {
-    // The broker blocks and ignores signals the server must see in their default state.
+    // The broker blocks its process signals in every thread and ignores SIGPIPE; the
+    // server must see all of them in their default state.
     sigset_t none;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
@@ -204,6 +249,20 @@ pid_t s_spawn_child(const broker_natsd_t& natsd) {
   return pid;
 }
 
+// Spawns and publishes the child in one step with the stop check, under the lock that
+// stop takes to set its flag: a stop that comes first spawns nothing (0), one that comes
+// after finds the pid to signal. -1 when the spawn failed.
+pid_t s_spawn_unless_stopping(broker_natsd_t& natsd) {
+  std::lock_guard<std::mutex> guard(natsd.lock);
+  if (natsd.shutting_down.load()) return 0;
+  const pid_t pid = s_spawn_child(natsd);
+  if (pid > 0) {
+    natsd.child_pid.store(pid);
+    natsd.child_spawned_ms = qm::monotonic_ms();
+  }
+  return pid;
+}
+
 // Ends a child that never became ready.
 void s_terminate_and_reap(broker_natsd_t& natsd, pid_t pid) {
   kill(pid, SIGTERM);
@@ -211,6 +270,7 @@ void s_terminate_and_reap(broker_natsd_t& natsd, pid_t pid) {
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   s_set_child(natsd, -1);
+  s_remove_pid_file(natsd, pid);
 }
 
 struct s_exit_info {
@@ -241,6 +301,7 @@ s_wait_result s_wait_child(broker_natsd_t& natsd, pid_t pid, s_exit_info& info) 
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
+  s_remove_pid_file(natsd, pid);
   if (WIFSIGNALED(status)) {
     info.signalled = true;
     info.code = WTERMSIG(status);
@@ -250,77 +311,123 @@ s_wait_result s_wait_child(broker_natsd_t& natsd, pid_t pid, s_exit_info& info) 
   return s_wait_result::exited;
 }
 
-void s_supervise(broker_natsd_t& natsd) {
+// The crash count and back-off of one supervisor run. A child that stayed up for the
+// crash window starts both afresh: crashes months apart never add up to a budget.
+struct s_crash_budget {
   int crashes = 0;
-  int backoff_ms = natsd.restart_backoff_ms_initial;
+  int backoff_ms = 0;
+};
+
+void s_log_exit(const broker_natsd_t& natsd, const s_exit_info& info, int crashes) {
+  const int budget_shown = natsd.restart_max < 0 ? 0 : natsd.restart_max;
+  if (info.signalled) {
+    log_warn("nats-server: child died from signal %d (crash #%d/%d)", info.code, crashes, budget_shown);
+  } else {
+    log_warn("nats-server: child exited with status %d (crash #%d/%d)", info.code, crashes, budget_shown);
+  }
+}
+
+void s_count_crash(const broker_natsd_t& natsd, s_crash_budget& budget) {
+  const int64_t ran_ms = qm::monotonic_ms() - natsd.child_spawned_ms;
+  const bool fresh = budget.crashes == 0 && budget.backoff_ms == natsd.restart_backoff_ms_initial;
+  if (ran_ms >= natsd.crash_window_ms && !fresh) {
+    log_info("nats-server: child ran %llds; crash count and restart back-off start afresh",
+             static_cast<long long>(ran_ms / 1000));
+    budget.crashes = 0;
+    budget.backoff_ms = natsd.restart_backoff_ms_initial;
+  }
+  ++budget.crashes;
+}
+
+void s_grow_backoff(const broker_natsd_t& natsd, s_crash_budget& budget) {
+  if (budget.backoff_ms < natsd.restart_backoff_ms_max) {
+    budget.backoff_ms = budget.backoff_ms > natsd.restart_backoff_ms_max / 2 ? natsd.restart_backoff_ms_max
+                                                                            : budget.backoff_ms * 2;
+  }
+}
+
+enum class s_restart_result { restarted, stopping, gave_up };
+
+// After a crash: the budget check, the pause, the respawn and its readiness probe. A
+// child that dies during the probe is left for the next wait, which reaps it at once.
+s_restart_result s_restart(broker_natsd_t& natsd, s_crash_budget& budget) {
+  if (natsd.restart_max > 0 && budget.crashes > natsd.restart_max) {
+    log_fatal("nats-server: exceeded restart budget (%d) — giving up", natsd.restart_max);
+    return s_restart_result::gave_up;
+  }
+  log_info("nats-server: restarting in %dms", budget.backoff_ms);
+  if (!s_sleep_unless_stopping(natsd, budget.backoff_ms)) return s_restart_result::stopping;
+  s_grow_backoff(natsd, budget);
+  if (auto hook = s_before_respawn_hook.load()) hook(&natsd);
+  const pid_t pid = s_spawn_unless_stopping(natsd);
+  if (pid == 0) return s_restart_result::stopping;
+  if (pid < 0) {
+    log_fatal("nats-server: respawn failed — giving up");
+    return s_restart_result::gave_up;
+  }
+  if (s_probe_child(natsd, pid, nullptr) == s_probe_result::timed_out)
+    log_fatal("nats-server: post-restart readiness probe failed");
+  return s_restart_result::restarted;
+}
+
+// True when supervision ended on its own (not for a stop).
+bool s_supervise_until_done(broker_natsd_t& natsd) {
+  s_crash_budget budget{0, natsd.restart_backoff_ms_initial};
   for (;;) {
     // A child that is still there during shutdown is waited for: stop is about to end
     // it, and it must be reaped here rather than left to linger until the SIGKILL.
     const pid_t pid = natsd.child_pid.load();
-    if (pid < 1) break;
+    if (pid < 1) return false;
     s_exit_info info;
     const s_wait_result waited = s_wait_child(natsd, pid, info);
-    s_report_failed_kill(natsd);
     if (waited == s_wait_result::interrupted) continue;
-    if (waited == s_wait_result::failed) break;
+    if (waited == s_wait_result::failed) return !natsd.shutting_down.load();
     if (natsd.shutting_down.load()) {
       if (info.signalled) {
         log_info("nats-server: child exited via signal %d during shutdown", info.code);
       } else {
         log_info("nats-server: child exited with status %d during shutdown", info.code);
       }
-      break;
+      return false;
     }
     // A clean exit counts too: nats-server is never supposed to leave on its own.
-    ++crashes;
-    const int budget_shown = natsd.restart_max < 0 ? 0 : natsd.restart_max;
-    if (info.signalled) {
-      log_warn("nats-server: child died from signal %d (crash #%d/%d)", info.code, crashes, budget_shown);
-    } else {
-      log_warn("nats-server: child exited with status %d (crash #%d/%d)", info.code, crashes, budget_shown);
-    }
-    if (natsd.restart_max > 0 && crashes > natsd.restart_max) {
-      log_fatal("nats-server: exceeded restart budget (%d) — giving up", natsd.restart_max);
-      break;
-    }
-    log_info("nats-server: restarting in %dms", backoff_ms);
-    if (!s_sleep_unless_stopping(natsd, backoff_ms)) break;
-    if (backoff_ms < natsd.restart_backoff_ms_max) {
-      backoff_ms = backoff_ms > natsd.restart_backoff_ms_max / 2 ? natsd.restart_backoff_ms_max : backoff_ms * 2;
-    }
-    const pid_t new_pid = s_spawn_child(natsd);
-    if (new_pid < 0) {
-      log_fatal("nats-server: respawn failed — giving up");
-      break;
-    }
-    s_set_child(natsd, new_pid);
-    if (s_probe_child(natsd) != 0 && !natsd.shutting_down.load()) {
-      log_fatal("nats-server: post-restart readiness probe failed");
+    s_count_crash(natsd, budget);
+    s_log_exit(natsd, info, budget.crashes);
+    switch (s_restart(natsd, budget)) {
+      case s_restart_result::restarted:
+        break;
+      case s_restart_result::stopping:
+        return false;
+      case s_restart_result::gave_up:
+        return true;
     }
   }
-  natsd.sup_thread_alive.store(false);
 }
 
-// The supervisor must never be the thread that takes the broker's process signals:
-// it is created with them blocked and keeps that mask.
+void s_supervise(broker_natsd_t& natsd) {
+  const bool gave_up = s_supervise_until_done(natsd);
+  natsd.sup_thread_alive.store(false);
+  if (gave_up && natsd.on_give_up != nullptr) natsd.on_give_up(natsd.on_give_up_arg);
+}
+
 bool s_start_supervisor(broker_natsd_t& natsd, std::string& error) {
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) sigaddset(&blocked, sig);
-  sigset_t previous;
-  pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-  bool ok = true;
   try {
     natsd.sup_thread = std::thread([&natsd] { s_supervise(natsd); });
   } catch (const std::system_error& e) {
     error = e.what();
-    ok = false;
+    return false;
   }
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  return ok;
+  return true;
 }
 
 int s_positive_or(int value, int fallback) { return value < 1 ? fallback : value; }
+
+// A start probe that failed: why, unless the caller stopped it.
+void s_log_start_probe_failure(const broker_natsd_t& natsd, s_probe_result result, pid_t pid,
+                               const qm::stop_flag* stop) {
+  if (result != s_probe_result::child_exited || natsd.shutting_down.load() || (stop && stop->requested())) return;
+  log_error("nats-server: child pid=%d exited before it was ready", static_cast<int>(pid));
+}
 
 }  // namespace
 
@@ -343,19 +450,23 @@ broker_natsd_t* broker_natsd_create(const broker_natsd_options_t* opts) {
     natsd->restart_backoff_ms_initial = s_positive_or(opts->restart_backoff_ms_initial, kDefaultBackoffInitialMs);
     natsd->restart_backoff_ms_max = s_positive_or(opts->restart_backoff_ms_max, kDefaultBackoffMaxMs);
     natsd->stop_grace_ms = s_stop_grace_ms.load();
+    natsd->crash_window_ms = s_crash_window_ms.load();
+    natsd->on_give_up = opts->on_give_up;
+    natsd->on_give_up_arg = opts->on_give_up_arg;
     return natsd.release();
   } catch (...) {
     return nullptr;
   }
 }
 
-int broker_natsd_start(broker_natsd_t* natsd) {
+int broker_natsd_start(broker_natsd_t* natsd, const qm::stop_flag* stop) {
   if (natsd == nullptr || natsd->started) return -1;
   try {
-    const pid_t pid = s_spawn_child(*natsd);
-    if (pid < 0) return -1;
-    s_set_child(*natsd, pid);
-    if (s_probe_child(*natsd) != 0) {
+    const pid_t pid = s_spawn_unless_stopping(*natsd);
+    if (pid < 1) return -1;
+    const s_probe_result probed = s_probe_child(*natsd, pid, stop);
+    if (probed != s_probe_result::ready) {
+      s_log_start_probe_failure(*natsd, probed, pid, stop);
       s_terminate_and_reap(*natsd, pid);
       return -1;
     }
@@ -375,7 +486,7 @@ int broker_natsd_start(broker_natsd_t* natsd) {
 }
 
 int broker_natsd_wait_ready(const char* url, const char* user, const char* password, const char* cert_path,
-                            int timeout_sec) {
+                            int timeout_sec, const qm::stop_flag* stop) {
   if (url == nullptr) return -1;
   try {
     s_probe_target target;
@@ -384,7 +495,7 @@ int broker_natsd_wait_ready(const char* url, const char* user, const char* passw
     target.password = password;
     target.cert_path = cert_path;
     target.timeout_sec = timeout_sec;
-    return s_wait_ready(target, nullptr);
+    return s_wait_ready(target, s_probe_watch{nullptr, stop, -1}) == s_probe_result::ready ? 0 : -1;
   } catch (...) {
     return -1;
   }
@@ -392,16 +503,19 @@ int broker_natsd_wait_ready(const char* url, const char* user, const char* passw
 
 int broker_natsd_signal(broker_natsd_t* natsd, int sig) {
   if (natsd == nullptr) return 0;
-  const pid_t pid = natsd->child_pid.load();
-  if (pid < 1) return 0;
-  // The broker forwards SIGTERM only when it is going down itself: the exit that
-  // follows is no crash and must not be restarted.
-  if (sig == SIGTERM) natsd->shutting_down.store(true);
-  if (kill(pid, sig) == 0) return 0;
-  // No logging here: this runs inside signal handlers.
-  natsd->failed_kill_pid.store(pid);
-  natsd->failed_kill_sig.store(sig);
-  natsd->failed_kill_errno.store(errno);
+  pid_t pid = -1;
+  int failure = 0;
+  {
+    // The broker forwards SIGTERM only when it is going down itself: the exit that
+    // follows is no crash and must not be restarted, nor may a restart begin after it.
+    std::lock_guard<std::mutex> guard(natsd->lock);
+    if (sig == SIGTERM) natsd->shutting_down.store(true);
+    pid = natsd->child_pid.load();
+    if (pid > 0 && kill(pid, sig) != 0) failure = errno;
+  }
+  if (sig == SIGTERM) natsd->wake.notify_all();
+  if (failure == 0) return 0;
+  log_warn("nats-server: kill(%d, %d) failed: %s", static_cast<int>(pid), sig, QMstrerror(failure));
   return -1;
 }
 
@@ -412,7 +526,6 @@ void broker_natsd_stop(broker_natsd_t* natsd) {
     natsd->shutting_down.store(true);
   }
   natsd->wake.notify_all();
-  s_report_failed_kill(*natsd);
   const pid_t pid = natsd->child_pid.load();
   if (pid > 0) {
     log_info("nats-server: sending SIGTERM to pid=%d", static_cast<int>(pid));
@@ -450,3 +563,9 @@ pid_t broker_natsd_pid(const broker_natsd_t* natsd) { return natsd == nullptr ? 
 void broker_natsd_set_stop_grace_ms(int grace_ms) {
   s_stop_grace_ms.store(grace_ms < 1 ? kDefaultStopGraceMs : grace_ms);
 }
+
+void broker_natsd_set_crash_window_ms(int window_ms) {
+  s_crash_window_ms.store(window_ms < 1 ? kDefaultCrashWindowMs : window_ms);
+}
+
+void broker_natsd_set_before_respawn_hook(void (*hook)(broker_natsd_t*)) { s_before_respawn_hook.store(hook); }

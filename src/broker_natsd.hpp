@@ -5,6 +5,10 @@
 
 #include <sys/types.h>
 
+namespace qm {
+class stop_flag;
+}
+
 struct broker_natsd_options {
   const char* binary_path = nullptr;     // nats-server executable (required)
   const char* config_path = nullptr;     // its configuration file, passed with -c (required)
@@ -17,6 +21,11 @@ struct broker_natsd_options {
   int restart_max = 5;                   // crash budget; below 1 becomes 5
   int restart_backoff_ms_initial = 500;  // below 1 becomes 500
   int restart_backoff_ms_max = 30000;    // below 1 becomes 30000
+  // Called once, on the supervisor thread, when supervision gives up while no stop was
+  // asked for: the crash budget is spent, a respawn failed or the child could not be
+  // waited for. The broker has no server from then on; main starts its shutdown here.
+  void (*on_give_up)(void* arg) = nullptr;
+  void* on_give_up_arg = nullptr;
 };
 using broker_natsd_options_t = broker_natsd_options;
 
@@ -27,23 +36,25 @@ using broker_natsd_t = broker_natsd;
 broker_natsd_t* broker_natsd_create(const broker_natsd_options_t* opts);
 
 // Spawns the child, probes it until ready and starts the supervisor thread; 0 or -1
-// (a child that never became ready is terminated again). Call once.
-int broker_natsd_start(broker_natsd_t* natsd);
+// (a child that never became ready is terminated again). A child that exits during the
+// probe ends it at once; so does a request on `stop` (quietly). Call once.
+int broker_natsd_start(broker_natsd_t* natsd, const qm::stop_flag* stop = nullptr);
 
 // Connects to `url` every 250 ms (250 ms connect timeout) until it succeeds (0) or
 // timeout_sec has passed (-1). tls:// and wss:// URLs use TLS with the host as the
-// expected name; cert_path, when not empty, is the trusted CA set.
+// expected name; cert_path, when not empty, is the trusted CA set. A request on `stop`
+// ends the wait with -1, without a message.
 int broker_natsd_wait_ready(const char* url, const char* user, const char* password, const char* cert_path,
-                            int timeout_sec);
+                            int timeout_sec, const qm::stop_flag* stop = nullptr);
 
-// Delivers `sig` to the child: 0 when delivered or when there is no child, -1 when the
-// delivery failed. Async-signal-safe, so that a signal handler may forward signals; the
-// warning about a failed delivery is logged later, outside the handler. Forwarding
-// SIGTERM marks the supervisor as shutting down: that child is not restarted.
+// Delivers `sig` to the child: 0 when delivered or when there is no child, -1 (logged)
+// when the delivery failed. Forwarding SIGTERM marks the supervisor as shutting down:
+// that child is not restarted.
 int broker_natsd_signal(broker_natsd_t* natsd, int sig);
 
 // SIGTERM to the child, SIGKILL when it is still there after 10 s, then joins the
-// supervisor thread. The child is not restarted afterwards.
+// supervisor thread. The child is not restarted afterwards. Its pid file is removed
+// whenever a child of ours has been reaped.
 void broker_natsd_stop(broker_natsd_t* natsd);
 
 // Stops, then frees. Accepts NULL.
@@ -55,3 +66,10 @@ pid_t broker_natsd_pid(const broker_natsd_t* natsd);
 // Tests only: how long stop waits after SIGTERM before SIGKILL (default 10000 ms);
 // values below 1 restore the default. Affects objects created afterwards.
 void broker_natsd_set_stop_grace_ms(int grace_ms);
+// Tests only: how long a child must have run for its exit to start the crash count and
+// the back-off afresh (default 600000 ms, ten minutes); values below 1 restore the
+// default. Affects objects created afterwards.
+void broker_natsd_set_crash_window_ms(int window_ms);
+// Tests only: called on the supervisor thread after the pause before a restart, just
+// before the stop check and the spawn; NULL removes it.
+void broker_natsd_set_before_respawn_hook(void (*hook)(broker_natsd_t* natsd));

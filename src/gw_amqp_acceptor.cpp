@@ -170,7 +170,8 @@ void flush_pending_replies(conn_context_t& ctx, pn_link_t* link) {
       continue;
     }
     s_send_presettled(link, it->bytes);
-    log_trace("amqp_acceptor: flushed queued reply on link to '%s' (%zu bytes)", address, it->bytes.size());
+    log_trace("amqp_acceptor: flushed queued reply on link to '%s' (%zu bytes)", log_safe(address).c_str(),
+              it->bytes.size());
     it = ctx.pending_replies.erase(it);
   }
 }
@@ -234,11 +235,11 @@ void s_queue_reply(conn_context_t& ctx, const std::string& reply_to, std::vector
   try {
     ctx.pending_replies.push_front(pending_reply_t{reply_to, std::move(bytes)});
   } catch (const std::bad_alloc&) {
-    log_error("amqp_acceptor: OOM queueing reply for '%s'", reply_to.c_str());
+    log_error("amqp_acceptor: OOM queueing reply for '%s'", log_safe(reply_to).c_str());
     return;
   }
   log_trace("amqp_acceptor: queued reply for '%s' (%zu bytes) \u2014 waiting for receiver link credit",
-            reply_to.c_str(), ctx.pending_replies.front().bytes.size());
+            log_safe(reply_to).c_str(), ctx.pending_replies.front().bytes.size());
 }
 
 void dispatch_reply(conn_context_t& ctx, pn_connection_t* conn, const qm::opt_string& reply_to, const char* json,
@@ -249,18 +250,19 @@ void dispatch_reply(conn_context_t& ctx, pn_connection_t* conn, const qm::opt_st
   const size_t hint = n + n / 2 + 4096;
   qm::pn_message_ptr msg = s_build_reply(*reply_to, json_text, data, data_len, cid);
   if (!msg) {
-    log_error("amqp_acceptor: pn_message() OOM building reply for '%s'", reply_to->c_str());
+    log_error("amqp_acceptor: pn_message() OOM building reply for '%s'", log_safe(*reply_to).c_str());
     return;
   }
   std::vector<char> bytes = encode_reply_grow(msg.get(), hint, ctx.acc->cfg->max_msg_size_bytes);
   if (bytes.empty()) {
-    log_warn("amqp_acceptor: failed to encode reply for '%s'", reply_to->c_str());
+    log_warn("amqp_acceptor: failed to encode reply for '%s'", log_safe(*reply_to).c_str());
     return;
   }
   pn_link_t* link = find_sender_for_address(conn, *reply_to);
   if (link != nullptr && pn_link_credit(link) > 0) {
     s_send_presettled(link, bytes);
-    log_trace("amqp_acceptor: reply sent on existing link to '%s' (%zu bytes)", reply_to->c_str(), bytes.size());
+    log_trace("amqp_acceptor: reply sent on existing link to '%s' (%zu bytes)", log_safe(*reply_to).c_str(),
+              bytes.size());
     return;
   }
   s_queue_reply(ctx, *reply_to, std::move(bytes));
@@ -274,14 +276,14 @@ void s_reply_to_job(conn_context_t& ctx, pn_connection_t* conn, gw_relay_job_t& 
   const char* user = s_user_or(&ctx, "(anon)");
   if (job.rc == 0 && job.reply_json) {
     log_trace("amqp_acceptor: relay returned subject=%s reply_json_len=%zu reply_data_len=%zu",
-              s_subject_or(job, "(null)"), strlen(job.reply_json.get()), job.reply_data_len);
+              log_safe(s_subject_or(job, "(null)")).c_str(), strlen(job.reply_json.get()), job.reply_data_len);
     dispatch_reply(ctx, conn, job.reply_to, job.reply_json.get(), job.reply_data.get(), job.reply_data_len,
                    job.cid_atom);
     return;
   }
   if (!qm::has_text(job.reply_to)) {
-    log_warn("amqp_acceptor: relay job failed user=%s subject=%s (rc=%d, no reply_to)", user,
-             s_subject_or(job, "(null)"), job.rc);
+    log_warn("amqp_acceptor: relay job failed user=%s subject=%s (rc=%d, no reply_to)", log_safe(user).c_str(),
+             log_safe(s_subject_or(job, "(null)")).c_str(), job.rc);
     return;
   }
   const std::string& host = ctx.acc->host_fqdn;
@@ -290,11 +292,13 @@ void s_reply_to_job(conn_context_t& ctx, pn_connection_t* conn, gw_relay_job_t& 
     error_json = "{\"ReturnCode\":-1000,\"Error\":\"gateway " + (host.empty() ? std::string("(unknown host)") : host) +
                  ": relay to " + s_subject_or(job, "(unknown)") + " failed (rc=" + std::to_string(job.rc) + ")\"}";
   } catch (const std::bad_alloc&) {
-    log_error("amqp_acceptor: OOM building error reply for '%s' \u2014 client will time out ", job.reply_to->c_str());
+    log_error("amqp_acceptor: OOM building error reply for '%s' \u2014 client will time out ",
+              log_safe(*job.reply_to).c_str());
     return;
   }
   log_warn("amqp_acceptor: relay job failed user=%s subject=%s (rc=%d) \u2014 sending synthetic SCAN_ERROR reply to %s",
-           user, s_subject_or(job, "(unknown)"), job.rc, job.reply_to->c_str());
+           log_safe(user).c_str(), log_safe(s_subject_or(job, "(unknown)")).c_str(), job.rc,
+           log_safe(*job.reply_to).c_str());
   dispatch_reply(ctx, conn, job.reply_to, error_json.c_str(), nullptr, 0, job.cid_atom);
 }
 
@@ -481,12 +485,13 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
     return;
   }
   const std::string address(to);
-  log_trace("handle_delivery: decoded address='%s' received=%zd bytes", address.c_str(), pending);
+  log_trace("handle_delivery: decoded address='%s' received=%zd bytes", log_safe(address).c_str(), pending);
 
   std::string json;
   pn_bytes_t payload{};
   if (!s_body_parts(msg.get(), json, payload)) {
-    log_warn("amqp_acceptor: could not extract JSON body from delivery on '%s' \u2014 rejecting", address.c_str());
+    log_warn("amqp_acceptor: could not extract JSON body from delivery on '%s' \u2014 rejecting",
+             log_safe(address).c_str());
     s_settle(d, PN_REJECTED);
     return;
   }
@@ -501,7 +506,8 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
     return;
   }
   if (address != subject.get()) {
-    log_trace("amqp_acceptor: subject rewrite '%s' -> '%s'", address.c_str(), subject.get());
+    log_trace("amqp_acceptor: subject rewrite '%s' -> '%s'", log_safe(address).c_str(),
+              log_safe(subject.get()).c_str());
   }
   const size_t json_len = json.size();
   const size_t bin_len = payload.size;
@@ -512,7 +518,8 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
     return;
   }
   log_trace("amqp_acceptor: submitting relay user=%s subject=%s json_len=%zu bin_len=%zu reply_to=%s",
-            s_user_or(&ctx, "(anon)"), subject.get(), json_len, bin_len, reply_to_text.c_str());
+            log_safe(s_user_or(&ctx, "(anon)")).c_str(), log_safe(subject.get()).c_str(), json_len, bin_len,
+            log_safe(reply_to_text).c_str());
   if (gw_relay_pool_submit(ctx.acc->relay_pool.get(), job) != 0) {
     log_error("amqp_acceptor: relay pool rejected job \u2014 pool shutting down or OOM");
     s_settle(d, PN_REJECTED);
@@ -599,8 +606,8 @@ void s_set_up_transport(gw_amqp_acceptor& acc, pn_transport_t* t) {
 void s_mark_authenticated(conn_context_t& ctx, const char* user, pn_sasl_t* sasl, const char* via) {
   ctx.username = user;
   ctx.authenticated = true;
-  log_info("amqp_acceptor: authenticated user '%s' via %s (%s)", user, qm::or_text(pn_sasl_get_mech(sasl), "unknown"),
-           via);
+  log_info("amqp_acceptor: authenticated user '%s' via %s (%s)", log_safe(user).c_str(),
+           log_safe(qm::or_text(pn_sasl_get_mech(sasl), "unknown")).c_str(), via);
 }
 
 void s_on_transport_authenticated(pn_event_t* e) {
@@ -614,7 +621,7 @@ void s_on_transport_authenticated(pn_event_t* e) {
     return;
   }
   log_warn("amqp_acceptor: SASL handshake produced outcome=%d user=%s \u2014 rejecting connection",
-           static_cast<int>(outcome), qm::or_text(user, "(none)"));
+           static_cast<int>(outcome), log_safe(qm::or_text(user, "(none)")).c_str());
   s_close_transport(t);
 }
 
@@ -630,10 +637,11 @@ void s_on_remote_open(pn_event_t* e) {
     s_mark_authenticated(*ctx, user, sasl, "PN_CONNECTION_REMOTE_OPEN");
     return;
   }
-  log_warn("amqp_acceptor: remote open on unauthenticated transport (transport_auth=%d sasl_outcome=%d user=%s "
-           "mech=%s) \u2014 closing",
-           transport_auth, static_cast<int>(outcome), qm::or_text(user, "(none)"),
-           qm::or_text(pn_sasl_get_mech(sasl), "(none)"));
+  log_warn(
+      "amqp_acceptor: remote open on unauthenticated transport (transport_auth=%d sasl_outcome=%d user=%s "
+      "mech=%s) \u2014 closing",
+      transport_auth, static_cast<int>(outcome), log_safe(qm::or_text(user, "(none)")).c_str(),
+      log_safe(qm::or_text(pn_sasl_get_mech(sasl), "(none)")).c_str());
   s_close_transport(t);
 }
 
@@ -642,17 +650,18 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
   pn_connection_t* conn = pn_event_connection(e);
   conn_context_t* ctx = s_context(conn);
   if (ctx != nullptr && ctx->authenticated) {
-    log_info("amqp_acceptor: connection closed (user=%s)", s_user_or(ctx, "anonymous"));
+    log_info("amqp_acceptor: connection closed (user=%s)", log_safe(s_user_or(ctx, "anonymous")).c_str());
   } else {
     pn_sasl_t* sasl = pn_sasl(t);
     pn_condition_t* cond = pn_transport_condition(t);
     const bool has_cond = pn_condition_is_set(cond);
-    log_warn("amqp_acceptor: connection closed unauthenticated (sasl_outcome=%d sasl_mech=%s sasl_user=%s "
-             "transport_cond=%s: %s)",
-             static_cast<int>(pn_sasl_outcome(sasl)), qm::or_text(pn_sasl_get_mech(sasl), "(none)"),
-             qm::or_text(pn_sasl_get_user(sasl), "(none)"),
-             has_cond ? qm::or_text(pn_condition_get_name(cond), "(none)") : "(no condition)",
-             has_cond ? qm::or_text(pn_condition_get_description(cond), "(none)") : "(none)");
+    log_warn(
+        "amqp_acceptor: connection closed unauthenticated (sasl_outcome=%d sasl_mech=%s sasl_user=%s "
+        "transport_cond=%s: %s)",
+        static_cast<int>(pn_sasl_outcome(sasl)), log_safe(qm::or_text(pn_sasl_get_mech(sasl), "(none)")).c_str(),
+        log_safe(qm::or_text(pn_sasl_get_user(sasl), "(none)")).c_str(),
+        has_cond ? qm::or_text(pn_condition_get_name(cond), "(none)") : "(no condition)",
+        log_safe(has_cond ? qm::or_text(pn_condition_get_description(cond), "(none)") : "(none)").c_str());
   }
   --acc.live_endpoints;
   if (ctx == nullptr) return;
@@ -677,7 +686,7 @@ void s_on_link_remote_open(conn_context_t* ctx, pn_link_t* link) {
     char address[128];
     gw_unique_id("qm-reply-dyn", address, sizeof address);
     pn_terminus_set_address(pn_link_source(link), address);
-    log_trace("amqp_acceptor: fulfilled dynamic reply node with address '%s'", address);
+    log_trace("amqp_acceptor: fulfilled dynamic reply node with address '%s'", log_safe(address).c_str());
   }
   pn_link_open(link);
   if (ctx != nullptr) flush_pending_replies(*ctx, link);

@@ -336,6 +336,20 @@ void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user) {
   s_insert(*c, SLOT_DENY, hash.bytes, nullptr, true);
 }
 
+size_t gw_auth_cache_invalidate(gw_auth_cache_t* c) {
+  if (c == nullptr) return 0;
+  size_t dropped = 0;
+  std::lock_guard guard(c->lock);
+  for (slot_t& s : c->slots) {
+    if (s.kind == SLOT_FREE) continue;
+    const uint32_t next_gen = s.gen + 1;  // a refresh claimed on the old entry must not match
+    sodium_memzero(&s, sizeof s);
+    s.gen = next_gen;
+    ++dropped;
+  }
+  return dropped;
+}
+
 bool gw_auth_cache_try_claim_refresh(gw_auth_cache_t* c, const char* user, const char* password,
                                      unsigned char* out_hash, uint32_t* out_gen) {
   if (c == nullptr || c->refresh_threshold_pct < 1 || c->ttl_grant_s < 1) return false;

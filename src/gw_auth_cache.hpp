@@ -57,6 +57,11 @@ void gw_auth_cache_insert_grant(gw_auth_cache_t* c, const char* user, const char
 // Records a denial of `user` whatever the password.
 void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user);
 
+// Forgets every grant and denial: the credentials they were decided on have changed, so
+// each user's next check is live. A refresh under way finds its entry gone when it
+// completes and changes nothing. Returns how many entries were dropped; 0 for NULL.
+size_t gw_auth_cache_invalidate(gw_auth_cache_t* c);
+
 // Claims the background refresh of a live grant. On true, out_hash (32 bytes) and
 // out_gen identify the entry for gw_auth_cache_complete_refresh, which must follow.
 bool gw_auth_cache_try_claim_refresh(gw_auth_cache_t* c, const char* user, const char* password,

@@ -2,15 +2,20 @@
 
 #include <pthread.h>
 #include <sodium.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "log.hpp"
@@ -93,65 +98,96 @@ struct gw_credential_store {
 
 namespace {
 
-constexpr size_t s_line_buffer_size = 1024;
+bool s_is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
-using s_file_ptr = qm::file_ptr;
-
-const char* s_skip_space(const char* p) {
-  while (*p != '\0' && isspace(static_cast<unsigned char>(*p))) ++p;
-  return p;
+std::string_view s_skip_space(std::string_view text) {
+  size_t at = 0;
+  while (at < text.size() && s_is_space(text[at])) ++at;
+  return text.substr(at);
 }
 
 // `key: "value"` at the first occurrence of key in the line; nullopt when that
-// occurrence is not followed by a colon and a closed, double-quoted value.
-std::optional<std::string> s_extract_value(const char* line, const char* key) {
-  const char* p = strstr(line, key);
-  if (p == nullptr) return std::nullopt;
-  p = s_skip_space(p + strlen(key));
-  if (*p != ':') return std::nullopt;
-  p = s_skip_space(p + 1);
-  if (*p != '"') return std::nullopt;
-  const char* value = p + 1;
-  const char* closing = strchr(value, '"');
-  if (closing == nullptr) return std::nullopt;
-  return std::string(value, static_cast<size_t>(closing - value));
+// occurrence is not followed by a colon and a closed, double-quoted value, or when the
+// value holds a NUL byte (no check could ever match it).
+std::optional<std::string_view> s_extract_value(std::string_view line, std::string_view key) {
+  const size_t found = line.find(key);
+  if (found == std::string_view::npos) return std::nullopt;
+  std::string_view rest = s_skip_space(line.substr(found + key.size()));
+  if (rest.empty() || rest.front() != ':') return std::nullopt;
+  rest = s_skip_space(rest.substr(1));
+  if (rest.empty() || rest.front() != '"') return std::nullopt;
+  rest.remove_prefix(1);
+  const size_t closing = rest.find('"');
+  if (closing == std::string_view::npos) return std::nullopt;
+  const std::string_view value = rest.substr(0, closing);
+  if (value.find('\0') != std::string_view::npos) return std::nullopt;
+  return value;
 }
 
-// The line scanner: one key per line, a user waits for the next password. Returns
-// false when the file cannot be opened (logged).
-bool s_parse_file(const std::string& path, const s_digest_key& key, credential_table& out) {
-  s_file_ptr file(fopen(path.c_str(), "re"));
-  if (!file) {
-    log_error("credential_store: cannot open %s: %m", path.c_str());
-    return false;
+// `#` starts a comment in nats-server's configuration language, and so does `//`.
+bool s_is_comment_or_blank(std::string_view text) {
+  return text.empty() || text.front() == '#' || text.starts_with("//");
+}
+
+// The whole file, in memory that is wiped when it goes: physical lines of any length are
+// read whole, and neither a stdio buffer nor a grown buffer leaves a password behind.
+bool s_read_whole(int fd, qm::secret_bytes& out) {
+  struct stat st {};
+  const size_t expected = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  qm::secret_bytes buffer(expected + 4096);
+  size_t used = 0;
+  for (;;) {
+    if (used == buffer.size()) {
+      qm::secret_bytes bigger(buffer.size() * 2);
+      memcpy(bigger.data(), buffer.data(), used);
+      buffer = std::move(bigger);
+    }
+    const ssize_t n = read(fd, buffer.data() + used, buffer.size() - used);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
   }
-  out.clear();
-  out.reserve(GW_CREDENTIAL_STORE_CAPACITY);
-  char line[s_line_buffer_size];
+  out = qm::secret_bytes(buffer.data(), used);
+  return true;
+}
+
+// The line scanner: one key per line, a user waits for the next password.
+void s_scan_lines(std::string_view content, const s_digest_key& key, credential_table& out) {
   std::optional<std::string> pending_user;
-  while (fgets(line, sizeof line, file.get()) != nullptr) {
+  while (!content.empty()) {
+    const size_t eol = content.find('\n');
+    const std::string_view line = content.substr(0, eol);
+    content.remove_prefix(eol == std::string_view::npos ? content.size() : eol + 1);
     if (out.size() >= static_cast<size_t>(GW_CREDENTIAL_STORE_CAPACITY)) break;
-    const char* text = s_skip_space(line);
-    if (*text == '#' || *text == '\n' || *text == '\0') continue;
-    if (auto user = s_extract_value(text, "user")) {
-      pending_user = std::move(user);
+    const std::string_view text = s_skip_space(line);
+    if (s_is_comment_or_blank(text)) continue;
+    if (const std::optional<std::string_view> user = s_extract_value(text, "user")) {
+      pending_user.emplace(*user);
       continue;
     }
-    auto password = s_extract_value(text, "password");
-    if (!password) continue;
-    qm::secret_string secret(std::move(*password));
-    if (!pending_user) continue;
+    const std::optional<std::string_view> password = s_extract_value(text, "password");
+    if (!password || !pending_user) continue;
+    qm::secret_string secret{std::string(*password)};
     s_digest user_digest = s_digest_of(key, pending_user->c_str());
     s_digest password_digest = s_digest_of(key, secret.c_str());
     out.push_back(credential_entry{std::move(*pending_user), std::move(secret), user_digest, password_digest});
     pending_user.reset();
   }
-  OPENSSL_cleanse(line, sizeof line);
-  // A read error (a directory, an I/O fault) is no empty file: the caller keeps what it has.
-  if (ferror(file.get())) {
+}
+
+// Reads the file into `out`. False when the file cannot be opened or read (logged): the
+// caller keeps what it has.
+bool s_parse_file(const std::string& path, const s_digest_key& key, credential_table& out) {
+  const qm::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  qm::secret_bytes content;
+  if (!fd || !s_read_whole(fd.get(), content)) {
     log_error("credential_store: cannot open %s: %m", path.c_str());
     return false;
   }
+  out.clear();
+  out.reserve(GW_CREDENTIAL_STORE_CAPACITY);
+  s_scan_lines(std::string_view(reinterpret_cast<const char*>(content.data()), content.size()), key, out);
   return true;
 }
 

@@ -70,7 +70,7 @@ std::string s_last_error_text() { return s_or(nats_GetLastError(nullptr), ""); }
 // " — <last error>" when the library has one, else "".
 std::string s_last_error_suffix() {
   const std::string text = s_last_error_text();
-  return text.empty() ? std::string() : " \u2014 " + text;
+  return text.empty() ? std::string() : " \u2014 " + log_safe(text);
 }
 
 uint64_t s_saturating_add(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
@@ -238,7 +238,7 @@ int gw_kv_put_chunks(natsConnection* nc, kvStore* kv, const char* key, const cha
   }
   const std::string refused = pipeline.finish();
   if (!refused.empty()) {
-    log_error("nats_relay: js_PublishAsyncComplete failed for key=%s: %s", key, refused.c_str());
+    log_error("nats_relay: js_PublishAsyncComplete failed for key=%s: %s", key, log_safe(refused).c_str());
     return -1;
   }
   const natsStatus s = s_put_manifest(pipeline.js(), kv, key, s_manifest_text(num_chunks, data_len), ttl);
@@ -384,14 +384,14 @@ bool s_stage(gw_nats_relay& relay, const char* subject, const char* key, const c
              int64_t ttl_ms) {
   for (int attempt = 1; attempt <= kStagingAttempts; ++attempt) {
     if (attempt > 1) {
-      log_debug("nats_relay: KV staging retry %d/%d for %s (key %s)", attempt - 1, kStagingAttempts - 1, subject,
-                key);
+      log_debug("nats_relay: KV staging retry %d/%d for %s (key %s)", attempt - 1, kStagingAttempts - 1,
+                log_safe(subject).c_str(), key);
       qm::sleep_ms(kStagingRetryPauseMs);
     }
     if (kvstore_put_chunked(relay.conn.get(), relay.kv.get(), key, data, data_len, ttl_ms) == 0) return true;
   }
   log_warn("nats_relay: KV staging of %zu bytes for %s failed after %d attempts \u2014 failing the request", data_len,
-           subject, kStagingAttempts);
+           log_safe(subject).c_str(), kStagingAttempts);
   return false;
 }
 
@@ -431,8 +431,8 @@ natsStatus gw_js_publish_and_wait(gw_nats_relay& relay, const char* subject, con
   qm::nats_subscription_ptr sub(raw_sub);
   if (s != NATS_OK) {
     const std::string detail = s_last_error_suffix();
-    log_warn("nats_relay: JS reply-inbox subscribe failed for %s: %s%s", subject, natsStatus_GetText(s),
-             detail.c_str());
+    log_warn("nats_relay: JS reply-inbox subscribe failed for %s: %s%s", log_safe(subject).c_str(),
+             natsStatus_GetText(s), detail.c_str());
     return s;
   }
   char wq_subject[kWqSubjectSize];
@@ -447,8 +447,8 @@ natsStatus gw_js_publish_and_wait(gw_nats_relay& relay, const char* subject, con
   qm::js_pub_ack_ptr ack(raw_ack);
   if (s != NATS_OK) {
     const std::string detail = s_last_error_suffix();
-    log_warn("nats_relay: JS publish to '%s' failed: %s%s (jerr=%d)", wq_subject, natsStatus_GetText(s),
-             detail.c_str(), static_cast<int>(jerr));
+    log_warn("nats_relay: JS publish to '%s' failed: %s%s (jerr=%d)", log_safe(wq_subject).c_str(),
+             natsStatus_GetText(s), detail.c_str(), static_cast<int>(jerr));
   } else {
     published = true;
     natsMsg* raw = nullptr;
@@ -503,7 +503,7 @@ void s_warn_wait_beyond_ackwait(const gw_nats_relay& relay, const char* subject,
   log_warn("nats_relay: scan budget for %s allows %lums but the JetStream work queue's AckWait is %lums \u2014 jobs "
            "running longer than AckWait get redelivered to another worker mid-scan. Raise --js-ackwait-ms above the "
            "largest expected scan.",
-           subject, wait, static_cast<unsigned long>(relay.js_ackwait_ms));
+           log_safe(subject).c_str(), wait, static_cast<unsigned long>(relay.js_ackwait_ms));
 }
 
 // Sends send_text by the route the subject's service uses; -1 (logged) when no JetStream
@@ -513,13 +513,15 @@ int s_exchange(gw_nats_relay& relay, const char* subject, const std::string& sen
   if (gw_service_uses_js(&relay, subject)) {
     std::optional<s_js_envelope> envelope = s_build_envelope(send_text);
     if (!envelope) {
-      log_error("nats_relay: failed to build JS envelope for %s", subject);
+      log_error("nats_relay: failed to build JS envelope for %s", log_safe(subject).c_str());
       return -1;
     }
     if (envelope->text.empty()) {
-      log_warn("nats_relay: could not build the JS envelope for %s \u2014 using core request/reply", subject);
+      log_warn("nats_relay: could not build the JS envelope for %s \u2014 using core request/reply",
+               log_safe(subject).c_str());
     } else {
-      log_debug("nats_relay: %s -> JS work queue (jobs.%s), reqid=%s", subject, subject, envelope->reqid.get());
+      log_debug("nats_relay: %s -> JS work queue (jobs.%s), reqid=%s", log_safe(subject).c_str(),
+                log_safe(subject).c_str(), envelope->reqid.get());
       s_warn_wait_beyond_ackwait(relay, subject, wait);
       bool published = false;
       status = s_js_exchange(relay, subject, envelope->text, envelope->reqid.get(), envelope->inbox.get(), wait,
@@ -527,7 +529,7 @@ int s_exchange(gw_nats_relay& relay, const char* subject, const std::string& sen
       if (status == NATS_OK || published) return 0;
       log_warn("nats_relay: JS work queue unusable for %s (%s) and the job never entered it \u2014 falling back to "
                "core request/reply",
-               subject, natsStatus_GetText(status));
+               log_safe(subject).c_str(), natsStatus_GetText(status));
     }
   }
   status = gw_core_request(relay, subject, send_text, wait, reply);
@@ -574,11 +576,12 @@ int s_request(gw_nats_relay& relay, const char* subject, const char* request_jso
   const char* key_text = key ? key.get() : "(none)";
   if (status != NATS_OK) {
     const std::string detail = s_last_error_suffix();
-    log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)", subject,
-             natsStatus_GetText(status), detail.c_str(), wait, static_cast<unsigned long>(scan_budget_ms), key_text);
+    log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)",
+             log_safe(subject).c_str(), natsStatus_GetText(status), detail.c_str(), wait,
+             static_cast<unsigned long>(scan_budget_ms), key_text);
     return -1;
   }
-  log_trace("nats_relay: request OK subject=%s kv_key=%s", subject, key_text);
+  log_trace("nats_relay: request OK subject=%s kv_key=%s", log_safe(subject).c_str(), key_text);
   staged.remove();
   const int body_len = natsMsg_GetDataLength(reply.get());
   if (body_len > 0) {
@@ -697,13 +700,13 @@ unsigned long gw_relay_wait_ms(const gw_wait_bounds& bounds, const char* subject
       log_warn("nats_relay: request to %s asks for %lums (SCANTIMEOUT=%lums + transfer) but the relay ceiling is "
                "%lums \u2014 clamping, so scans longer than that will fail with a gateway timeout even though the "
                "worker is still scanning. Raise --relay-max-timeout-ms to at least the largest SCANTIMEOUT in use.",
-               s_or(subject, "(null)"), static_cast<unsigned long>(wait), static_cast<unsigned long>(scan_timeout),
+               log_safe(subject).c_str(), static_cast<unsigned long>(wait), static_cast<unsigned long>(scan_timeout),
                bounds.ceiling_ms);
     }
     wait = bounds.ceiling_ms;
   }
   log_trace("nats_relay: %s wait=%lums (SCANTIMEOUT=%lums, bandwidth=%lu, payload=%zu, caller=%lums)",
-            s_or(subject, "(null)"), static_cast<unsigned long>(wait), static_cast<unsigned long>(scan_timeout),
+            log_safe(subject).c_str(), static_cast<unsigned long>(wait), static_cast<unsigned long>(scan_timeout),
             static_cast<unsigned long>(bandwidth), data_len, caller_timeout_ms);
   return static_cast<unsigned long>(wait);
 }
@@ -856,7 +859,7 @@ int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const cha
     return s_request(*relay, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
                      reply_data_len);
   } catch (const std::exception& e) {
-    log_error("nats_relay: request to %s failed: %s", subject, e.what());
+    log_error("nats_relay: request to %s failed: %s", log_safe(subject).c_str(), e.what());
     return -1;
   }
 }

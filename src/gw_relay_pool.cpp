@@ -74,8 +74,8 @@ void s_relay(gw_relay_pool& pool, gw_relay_job& job) {
   job.reply_data.reset(reply_data);
   job.reply_data_len = reply_data_len;
   if (job.rc != 0) {
-    log_warn("gw_relay_pool: relay failed subject=%s (rc=%d)", job.address.empty() ? "(null)" : job.address.c_str(),
-             job.rc);
+    log_warn("gw_relay_pool: relay failed subject=%s (rc=%d)",
+             job.address.empty() ? "(null)" : log_safe(job.address).c_str(), job.rc);
   }
 }
 

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <glob.h>
 #include <json-c/json.h>
 #include <sasl/sasl.h>
 #include <signal.h>
@@ -12,13 +11,13 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "gw_sasl_setup_testing.hpp"
 #include "log.hpp"
@@ -141,10 +140,12 @@ void s_remove(const std::string& path, bool is_dir) {
 
 // The request's text holds the password in clear: it is wiped with the buffers it was
 // built in.
-qm::secret_string s_verify_request(const char* user, const char* password) {
+// The password goes with its length: a NUL byte in it must reach the auth service, which
+// refuses it, rather than cut the password short.
+qm::secret_string s_verify_request(const char* user, const char* password, unsigned password_len) {
   qm::json_ptr request(json_object_new_object());
   if (!request) return qm::secret_string();
-  json_object* password_value = json_object_new_string(password);
+  json_object* password_value = json_object_new_string_len(password, static_cast<int>(password_len));
   json_object_object_add(request.get(), "user", json_object_new_string(user));
   json_object_object_add(request.get(), "password", password_value);
   json_object_object_add(request.get(), "method", json_object_new_string("plain"));
@@ -152,7 +153,7 @@ qm::secret_string s_verify_request(const char* user, const char* password) {
   qm::secret_string copy(text != nullptr ? text : "");
   if (text != nullptr) OPENSSL_cleanse(const_cast<char*>(text), strlen(text));
   if (password_value != nullptr) {
-    OPENSSL_cleanse(const_cast<char*>(json_object_get_string(password_value)), strlen(password));
+    OPENSSL_cleanse(const_cast<char*>(json_object_get_string(password_value)), password_len);
   }
   return copy;
 }
@@ -161,9 +162,10 @@ qm::secret_string s_verify_request(const char* user, const char* password) {
 int s_verdict_of(const char* user, const char* reply_json) {
   qm::json_ptr reply(json_tokener_parse(reply_json));
   if (!reply) {
-    log_warn("sasl_checkpass: malformed qm.auth.verify reply for user='%s' \u2014 treating as transient and asking "
-             "client to retry",
-             user);
+    log_warn(
+        "sasl_checkpass: malformed qm.auth.verify reply for user='%s' \u2014 treating as transient and asking "
+        "client to retry",
+        log_safe(user).c_str());
     return SASL_TRYAGAIN;
   }
   json_object* ok = nullptr;
@@ -175,19 +177,19 @@ int s_verdict_of(const char* user, const char* reply_json) {
                                  ? json_object_get_string(backend)
                                  : "(unknown)";
   if (granted) {
-    log_info("sasl_checkpass: GRANT user='%s' backend=%s", user, backend_name);
+    log_info("sasl_checkpass: GRANT user='%s' backend=%s", log_safe(user).c_str(), backend_name);
     return SASL_OK;
   }
-  log_warn("sasl_checkpass: DENY user='%s' backend=%s", user, backend_name);
+  log_warn("sasl_checkpass: DENY user='%s' backend=%s", log_safe(user).c_str(), backend_name);
   return SASL_BADAUTH;
 }
 
 
 constexpr char kRuntimeDirPrefix[] = "/tmp/qm-av-broker-";
 
-// The pid a runtime directory belongs to, or 0 when its suffix is not a whole positive number.
-long s_runtime_dir_pid(const char* path) {
-  const char* suffix = path + strlen(kRuntimeDirPrefix);
+// The pid a runtime directory's name ends in, or 0 when that suffix is not a whole
+// positive number.
+long s_runtime_dir_pid(const char* suffix) {
   if (*suffix < '0' || *suffix > '9') return 0;  // also rules out blanks and signs strtol would take
   char* end = nullptr;
   errno = 0;
@@ -199,22 +201,48 @@ long s_runtime_dir_pid(const char* path) {
 // Only a pid the kernel reports as absent is stale; EPERM means it lives under another user.
 bool s_process_gone(long pid) { return kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH; }
 
-// Empties "<dir>/sasl" (one level, no recursion) and removes it.
-void s_remove_sasl_dir(const char* dir) {
-  char sasl_dir[4096];
-  int n = snprintf(sasl_dir, sizeof sasl_dir, "%s/sasl", dir);
-  if (n < 0 || n >= static_cast<int>(sizeof sasl_dir)) return;
-  if (DIR* d = opendir(sasl_dir)) {
-    while (dirent* entry = readdir(d)) {
-      if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-      char file[4096];
-      n = snprintf(file, sizeof file, "%s/%s", sasl_dir, entry->d_name);
-      if (n < 0 || n >= static_cast<int>(sizeof file)) continue;
-      unlink(file);
-    }
-    closedir(d);
+// In a world-writable /tmp anyone can plant a name: only a real directory of this user's
+// is ours to empty.
+bool s_own_directory(const struct stat& st) { return S_ISDIR(st.st_mode) && st.st_uid == geteuid(); }
+
+// `name` below dir_fd, opened as a directory of ours without following a symbolic link;
+// closed when it is anything else, or was swapped between the look and the open.
+qm::unique_fd s_open_own_dir(int dir_fd, const char* name) {
+  struct stat seen {};
+  if (fstatat(dir_fd, name, &seen, AT_SYMLINK_NOFOLLOW) != 0 || !s_own_directory(seen)) return {};
+  qm::unique_fd fd(openat(dir_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat opened {};
+  if (!fd || fstat(fd.get(), &opened) != 0 || !s_own_directory(opened) || opened.st_dev != seen.st_dev ||
+      opened.st_ino != seen.st_ino)
+    return {};
+  return fd;
+}
+
+// The names in the directory open at dir_fd, "." and ".." left out.
+std::vector<std::string> s_entries(int dir_fd) {
+  std::vector<std::string> names;
+  const int listing_fd = dup(dir_fd);  // closedir closes its own descriptor
+  if (listing_fd < 0) return names;
+  qm::dir_ptr listing(fdopendir(listing_fd));
+  if (!listing) {
+    close(listing_fd);
+    return names;
   }
-  rmdir(sasl_dir);
+  while (const dirent* entry = readdir(listing.get())) {
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.emplace_back(entry->d_name);
+  }
+  return names;
+}
+
+// Empties "sasl" below the runtime directory (one level: entries are unlinked, links
+// included, never followed; a nested directory stays) and removes it.
+void s_remove_sasl_dir(int runtime_fd) {
+  {
+    const qm::unique_fd sasl = s_open_own_dir(runtime_fd, "sasl");
+    if (!sasl) return;
+    for (const std::string& name : s_entries(sasl.get())) unlinkat(sasl.get(), name.c_str(), 0);
+  }
+  unlinkat(runtime_fd, "sasl", AT_REMOVEDIR);
 }
 
 }  // namespace
@@ -224,19 +252,19 @@ int sasl_log_cb(void*, int level, const char* message) {
   switch (level) {
     case SASL_LOG_ERR:
     case SASL_LOG_FAIL:
-      log_error("sasl_cb: %s", message);
+      log_error("sasl_cb: %s", log_safe(message).c_str());
       break;
     case SASL_LOG_WARN:
-      log_warn("sasl_cb: %s", message);
+      log_warn("sasl_cb: %s", log_safe(message).c_str());
       break;
     case SASL_LOG_NOTE:
-      log_info("sasl_cb: %s", message);
+      log_info("sasl_cb: %s", log_safe(message).c_str());
       break;
     case SASL_LOG_DEBUG:
-      log_debug("sasl_cb: %s", message);
+      log_debug("sasl_cb: %s", log_safe(message).c_str());
       break;
     default:
-      log_trace("sasl_cb: %s", message);
+      log_trace("sasl_cb: %s", log_safe(message).c_str());
       break;
   }
   return SASL_OK;
@@ -252,8 +280,8 @@ int sasl_canon_user_cb(sasl_conn_t*, void*, const char* in, unsigned inlen, unsi
                        char* out, unsigned out_max, unsigned* out_len) {
   if (in == nullptr || out == nullptr || out_len == nullptr || out_max == 0) return SASL_BADPARAM;
   const char* label = (flags & SASL_CU_AUTHID) ? "authid" : (flags & SASL_CU_AUTHZID) ? "authzid" : "user";
-  log_info("sasl_canon: %s='%.*s' realm_param='%s' (passing through verbatim)", label, static_cast<int>(inlen), in,
-           qm::or_text(user_realm, "(null)"));
+  log_info("sasl_canon: %s='%s' realm_param='%s' (passing through verbatim)", label,
+           log_safe(std::string_view(in, inlen)).c_str(), log_safe(user_realm).c_str());
   const unsigned n = inlen < out_max - 1 ? inlen : out_max - 1;
   memmove(out, in, n);  // Cyrus may hand in the output buffer itself
   out[n] = '\0';
@@ -269,20 +297,22 @@ int auth_checkpass_cb(sasl_conn_t*, void*, const char* user, const char* passwor
   }
   gw_nats_relay_t* relay = g_relay.load();
   if (relay == nullptr) {
-    log_error("sasl_checkpass: no relay configured \u2014 denying user='%s'", user);
+    log_error("sasl_checkpass: no relay configured \u2014 denying user='%s'", log_safe(user).c_str());
     return s_set_verdict(SASL_TRYAGAIN);
   }
   if (password_len >= kPasswordLimit) {
-    log_warn("sasl_checkpass: password length %u exceeds limit \u2014 denying user='%s'", password_len, user);
+    log_warn("sasl_checkpass: password length %u exceeds limit \u2014 denying user='%s'", password_len,
+             log_safe(user).c_str());
     return s_set_verdict(SASL_BADAUTH);
   }
   qm::secret_bytes password_buf(kPasswordLimit);
   memcpy(password_buf.data(), password, password_len);
   password_buf.data()[password_len] = '\0';
-  qm::secret_string request = s_verify_request(user, reinterpret_cast<const char*>(password_buf.data()));
+  qm::secret_string request =
+      s_verify_request(user, reinterpret_cast<const char*>(password_buf.data()), password_len);
   password_buf.wipe();
   if (request.empty()) {
-    log_error("sasl_checkpass: OOM building request for user='%s'", user);
+    log_error("sasl_checkpass: OOM building request for user='%s'", log_safe(user).c_str());
     return s_set_verdict(SASL_TRYAGAIN);
   }
   char* reply_json = nullptr;
@@ -294,8 +324,8 @@ int auth_checkpass_cb(sasl_conn_t*, void*, const char* user, const char* passwor
   qm::malloc_ptr<char> owned_reply(reply_json);
   qm::malloc_ptr<char> owned_data(reply_data);
   if (rc != 0 || reply_json == nullptr) {
-    log_warn("sasl_checkpass: qm.auth.verify failed for user='%s' (relay rc=%d) \u2014 asking client to retry", user,
-             rc);
+    log_warn("sasl_checkpass: qm.auth.verify failed for user='%s' (relay rc=%d) \u2014 asking client to retry",
+             log_safe(user).c_str(), rc);
     return s_set_verdict(SASL_TRYAGAIN);
   }
   return s_set_verdict(s_verdict_of(user, reply_json));
@@ -360,20 +390,32 @@ void gw_sasl_teardown() {
 
 int gw_sasl_take_checkpass_verdict() { return std::exchange(t_checkpass_verdict, 0); }
 
-void sweep_stale_sasl_runtime_dirs() {
-  glob_t matches{};
-  const int rc = glob("/tmp/qm-av-broker-*", 0, nullptr, &matches);
-  if (rc != 0) {
-    globfree(&matches);
-    return;
+void sweep_stale_sasl_runtime_dirs() { sweep_stale_sasl_runtime_dirs_at(kRuntimeDirPrefix); }
+
+void sweep_stale_sasl_runtime_dirs_at(const char* prefix) {
+  if (prefix == nullptr) return;
+  try {
+    const std::string full(prefix);
+    const size_t slash = full.rfind('/');
+    if (slash == std::string::npos) return;
+    const std::string parent = slash == 0 ? "/" : full.substr(0, slash);
+    const std::string name_prefix = full.substr(slash + 1);
+    const qm::unique_fd parent_fd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parent_fd) return;
+    for (const std::string& name : s_entries(parent_fd.get())) {
+      if (name.compare(0, name_prefix.size(), name_prefix) != 0) continue;
+      const long pid = s_runtime_dir_pid(name.c_str() + name_prefix.size());
+      if (pid == 0 || !s_process_gone(pid)) continue;
+      {
+        const qm::unique_fd runtime = s_open_own_dir(parent_fd.get(), name.c_str());
+        if (!runtime) continue;
+        s_remove_sasl_dir(runtime.get());
+      }
+      if (unlinkat(parent_fd.get(), name.c_str(), AT_REMOVEDIR) == 0)
+        log_debug("sweep: removed stale SASL runtime dir %s (pid %ld no longer exists)",
+                  (full.substr(0, slash + 1) + name).c_str(), pid);
+    }
+  } catch (const std::bad_alloc&) {
+    // Nothing swept: the directories wait for the next start.
   }
-  for (size_t i = 0; i < matches.gl_pathc; ++i) {
-    const char* dir = matches.gl_pathv[i];
-    const long pid = s_runtime_dir_pid(dir);
-    if (pid == 0 || !s_process_gone(pid)) continue;
-    s_remove_sasl_dir(dir);
-    if (rmdir(dir) == 0)
-      log_debug("sweep: removed stale SASL runtime dir %s (pid %ld no longer exists)", dir, pid);
-  }
-  globfree(&matches);
 }

@@ -1,8 +1,10 @@
-// qm-av-broker: start-up in a fixed order, a signal-driven wait, and an orderly shutdown.
+// qm-av-broker: start-up in a fixed order, process signals taken on the main thread
+// alone, and an orderly shutdown.
 #include "main.hpp"
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,30 +33,39 @@
 #include "gw_nats_relay.hpp"
 #include "gw_sasl_setup.hpp"
 #include "log.hpp"
+#include "qm_cpp.hpp"
 #include "qm_nats_conn.hpp"
 #include "qmerror.hpp"
 
-volatile sig_atomic_t g_shutdown_requested = 0;
-volatile sig_atomic_t g_reload_requested = 0;
+std::atomic<bool> g_shutdown_requested{false};
+std::atomic<bool> g_reload_requested{false};
 broker_auth_watcher_t* g_auth_watcher = nullptr;
 gw_auth_cache_t* g_auth_cache = nullptr;
-gw_http_frontend_t* g_http_fe = nullptr;
+std::atomic<gw_http_frontend_t*> g_http_fe{nullptr};
 
 namespace {
 
 constexpr const char* kProgramName = "qm-av-broker";
+// Sent by a thread of the broker's own to the main thread when it has news for it (the
+// start-up has ended, supervision gave up); blocked like the process signals.
+constexpr int kWakeSignal = SIGUSR1;
 
 pthread_t g_main_thread;
 
-// The supervised nats-server child; the signal handler forwards SIGTERM to it.
+// The supervised nats-server child; a shutdown signal forwards SIGTERM to it.
 std::atomic<broker_natsd_t*> g_natsd{nullptr};
-// The auth-callout service and its thread; the signal handler stops the service.
+// The auth-callout service and its thread; a shutdown signal stops the service.
 std::atomic<auth_service_t*> g_auth_svc{nullptr};
 broker_auth_thread_t* g_auth_thr = nullptr;
-// The AMQP acceptor; the signal handler stops its event loop.
+// The AMQP acceptor; a shutdown signal stops its event loop.
 std::atomic<gw_amqp_acceptor_t*> g_amqp_acc{nullptr};
-// The update thread's parameters; the signal handler asks the thread to stop.
+// The update thread's parameters; a shutdown signal sets its target status to STOP.
 std::atomic<broker_update_thread_params_t*> g_update_thr{nullptr};
+// Ends the start-up's long waits (readiness probe, KV bootstrap's retries) at a stop.
+qm::stop_flag g_startup_stop;
+// nats-server supervision has given up: the broker shuts down with exit code 1, so that
+// the service manager starts it afresh.
+std::atomic<bool> g_supervision_gave_up{false};
 
 // The logger borrows the file name; this copy outlives the configuration, which is
 // freed before the last log line.
@@ -70,45 +81,73 @@ struct broker_app {
   int rc = 0;
 };
 
-void signal_handler(int sig) {
-  const int saved_errno = errno;
-  if (sig == SIGHUP) {
-    g_reload_requested = 1;
-  } else {
-    g_shutdown_requested = 1;
-    auth_service_stop(g_auth_svc.load());
-    gw_amqp_acceptor_stop(g_amqp_acc.load());
-    broker_update_thread_request_stop(g_update_thr.load());
-    // The HTTP frontend is not stopped from here: stopping libmicrohttpd joins its
-    // threads, and this handler may be running on one of them. The main thread, woken
-    // below, stops it early in the teardown.
-    // SIGINT from a terminal reaches the child through the process group anyway.
-    if (sig == SIGTERM) {
-      if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGTERM);
-    }
-  }
-  // The main thread waits in sigsuspend; a signal taken by another thread must wake it.
-  if (!pthread_equal(pthread_self(), g_main_thread)) pthread_kill(g_main_thread, SIGUSR1);
-  errno = saved_errno;
+// ---- signals ----
+
+sigset_t s_taken_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, kWakeSignal}) sigaddset(&set, sig);
+  return set;
 }
 
-void s_wake_handler(int) {}
-
-void s_install_signal_handlers() {
-  struct sigaction sa {};
-  sa.sa_handler = signal_handler;
-  sigemptyset(&sa.sa_mask);
-  sa.sa_flags = 0;  // no SA_RESTART: interrupted calls return EINTR
-  sigaction(SIGINT, &sa, nullptr);
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGHUP, &sa, nullptr);
-
-  struct sigaction wake {};
-  wake.sa_handler = s_wake_handler;
-  sigemptyset(&wake.sa_mask);
-  sigaction(SIGUSR1, &wake, nullptr);
-
+// Runs before any thread exists, so that every thread inherits the mask: the process
+// signals stay pending until the main thread takes them with sigwaitinfo, and no signal
+// handler ever runs on another thread (the NATS library's among them) or in the middle
+// of the teardown. Children unblock them before they exec.
+void s_block_process_signals() {
+  const sigset_t set = s_taken_signals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   signal(SIGPIPE, SIG_IGN);
+}
+
+void s_wake_main() { pthread_kill(g_main_thread, kWakeSignal); }
+
+bool s_stopping() { return g_shutdown_requested.load(); }
+
+// What a shutdown asks of every long-lived object that exists, in this order: one line
+// each (the update thread's target status joins them). The teardown does the rest of
+// the waiting. A signal during the teardown asks again, so each object's global is
+// cleared before the object is destroyed.
+void s_request_stops(bool forward_sigterm) {
+  g_shutdown_requested = true;
+  g_startup_stop.request();
+  auth_service_stop(g_auth_svc.load());
+  gw_amqp_acceptor_stop(g_amqp_acc.load());
+  broker_update_thread_request_stop(g_update_thr.load());
+  // Waits for the requests in flight; never runs on one of its connection threads here.
+  gw_http_frontend_stop(g_http_fe.load());
+  // SIGINT from a terminal reaches the child through the process group anyway.
+  if (broker_natsd_t* natsd = g_natsd.load(); natsd != nullptr && forward_sigterm)
+    (void)broker_natsd_signal(natsd, SIGTERM);
+}
+
+void s_on_signal(int sig) {
+  if (sig == SIGHUP) g_reload_requested = true;
+  if (sig == SIGINT || sig == SIGTERM) s_request_stops(sig == SIGTERM);
+  // kWakeSignal only wakes: the caller looks at what changed.
+}
+
+int s_take_signal() {
+  const sigset_t set = s_taken_signals();
+  for (;;) {
+    const int sig = sigwaitinfo(&set, nullptr);
+    if (sig > 0) return sig;
+  }
+}
+
+// Signals that came during the teardown only ask for the stops again.
+void s_take_pending_signals() {
+  const sigset_t set = s_taken_signals();
+  const timespec no_wait{0, 0};
+  for (int sig; (sig = sigtimedwait(&set, nullptr, &no_wait)) > 0;) {
+    if (sig == SIGINT || sig == SIGTERM) s_request_stops(sig == SIGTERM);
+  }
+}
+
+// The supervisor's thread calls this; the main thread does the rest.
+void s_on_supervision_gave_up(void*) {
+  g_supervision_gave_up = true;
+  s_wake_main();
 }
 
 void s_configure_logger(const broker_config_t& cfg) {
@@ -155,14 +194,17 @@ void s_write_pid_file(const std::string& path) {
   log_info("pid file: %s", path.c_str());
 }
 
+// ---- start-up steps: each true when the broker may go on ----
+
 // A credentials file changed by another program is reloaded through the SIGHUP path.
 // Without the watcher the broker runs on; only an operator's SIGHUP reloads then.
-void s_start_auth_watcher(const std::string& credential_file) {
+bool s_start_auth_watcher(broker_app& app) {
+  const std::string& credential_file = *app.cfg->gw->credential_file;
   g_auth_watcher = broker_auth_watcher_create(credential_file.c_str(), 0, g_main_thread);
   if (g_auth_watcher == nullptr) {
     log_warn("auth-watcher: create failed \u2014 continuing without file-change detection on %s",
              credential_file.c_str());
-    return;
+    return true;
   }
   if (broker_auth_watcher_start(g_auth_watcher) != 0) {
     log_warn("auth-watcher: start failed \u2014 continuing without file-change detection on %s",
@@ -170,20 +212,23 @@ void s_start_auth_watcher(const std::string& credential_file) {
     broker_auth_watcher_destroy(g_auth_watcher);
     g_auth_watcher = nullptr;
   }
+  return true;
+}
+
+bool s_probe_external_server(const broker_config_t& cfg) {
+  log_info("nats-server: external (--nats-server-managed=false); probing readiness");
+  if (broker_natsd_wait_ready(qm::cstr(cfg.nats_url), qm::cstr(cfg.auth->nats_user), qm::cstr(cfg.auth->nats_password),
+                              qm::cstr(cfg.nats_cert_path), cfg.nats_server_ready_timeout_sec,
+                              &g_startup_stop) == 0)
+    return true;
+  if (!s_stopping()) log_fatal("nats-server: external server not reachable at %s", qm::cstr(cfg.nats_url));
+  return false;
 }
 
 // The managed child, started and probed until ready, or an external server, probed.
-bool s_start_nats_server(const broker_config_t& cfg) {
-  if (!cfg.nats_server_managed) {
-    log_info("nats-server: external (--nats-server-managed=false); probing readiness");
-    if (broker_natsd_wait_ready(qm::cstr(cfg.nats_url), qm::cstr(cfg.auth->nats_user),
-                                qm::cstr(cfg.auth->nats_password), qm::cstr(cfg.nats_cert_path),
-                                cfg.nats_server_ready_timeout_sec) != 0) {
-      log_fatal("nats-server: external server not reachable at %s", qm::cstr(cfg.nats_url));
-      return false;
-    }
-    return true;
-  }
+bool s_start_nats_server(broker_app& app) {
+  const broker_config_t& cfg = *app.cfg;
+  if (!cfg.nats_server_managed) return s_probe_external_server(cfg);
   broker_natsd_options_t opts;
   opts.binary_path = qm::cstr(cfg.nats_server_binary);
   opts.config_path = qm::cstr(cfg.nats_server_config);
@@ -196,14 +241,15 @@ bool s_start_nats_server(const broker_config_t& cfg) {
   opts.restart_max = 5;
   opts.restart_backoff_ms_initial = 500;
   opts.restart_backoff_ms_max = 30000;
+  opts.on_give_up = s_on_supervision_gave_up;
   broker_natsd_t* natsd = broker_natsd_create(&opts);
   if (natsd == nullptr) {
     log_fatal("failed to allocate nats-server supervisor");
     return false;
   }
   g_natsd.store(natsd);
-  if (broker_natsd_start(natsd) != 0) {
-    log_fatal("nats-server supervisor failed to start");
+  if (broker_natsd_start(natsd, &g_startup_stop) != 0) {
+    if (!s_stopping()) log_fatal("nats-server supervisor failed to start");
     return false;
   }
   log_info("nats-server: running (pid=%d)", static_cast<int>(broker_natsd_pid(natsd)));
@@ -212,7 +258,8 @@ bool s_start_nats_server(const broker_config_t& cfg) {
 
 // Buckets and work queues exist before any front door opens; runs with or without work
 // services.
-bool s_provision_jetstream(const broker_config_t& cfg) {
+bool s_provision_jetstream(broker_app& app) {
+  const broker_config_t& cfg = *app.cfg;
   broker_workqueue_opts opts;
   opts.work_services = qm::cstr(cfg.js_work_services);
   opts.ackwait_ns = static_cast<int64_t>(cfg.js_ackwait_ms) * 1000000;
@@ -222,11 +269,10 @@ bool s_provision_jetstream(const broker_config_t& cfg) {
   opts.maxwaiting = cfg.js_maxwaiting;
   if (broker_kv_bootstrap(qm::cstr(cfg.nats_url), qm::cstr(cfg.gw->nats_user), qm::cstr(cfg.gw->nats_password),
                           qm::cstr(cfg.nats_cert_path), cfg.kv_replicas, cfg.kv_scandata_allow_direct,
-                          cfg.js_transient_memory, &opts) != 0) {
-    log_fatal("KV bootstrap failed — refusing to open front doors");
-    return false;
-  }
-  return true;
+                          cfg.js_transient_memory, &opts, &g_startup_stop) == 0)
+    return true;
+  if (!s_stopping()) log_fatal("KV bootstrap failed — refusing to open front doors");
+  return false;
 }
 
 bool s_load_credentials(broker_app& app) {
@@ -254,10 +300,11 @@ bool s_connect_relay(broker_app& app) {
 }
 
 // Not fatal: without a cache every check goes to the live backends.
-void s_create_auth_cache(const gw_config_t& gw) {
+bool s_create_auth_cache(broker_app& app) {
+  const gw_config_t& gw = *app.cfg->gw;
   if (gw.auth_cache_ttl_seconds < 1 && gw.auth_negative_cache_ttl_seconds < 1) {
     log_info("auth_cache: disabled by config (both TTLs == 0)");
-    return;
+    return true;
   }
   const size_t max_entries = gw.auth_cache_max_entries > 0 ? static_cast<size_t>(gw.auth_cache_max_entries) : 1024;
   const int refresh_pct = gw.auth_cache_ttl_seconds > 0 ? gw.auth_cache_refresh_threshold_pct : 0;
@@ -266,18 +313,7 @@ void s_create_auth_cache(const gw_config_t& gw) {
   if (g_auth_cache == nullptr) {
     log_warn("auth_cache: allocation failed; every auth request will hit the live LDAP/file path");
   }
-}
-
-// A refresh thread still inside the cache would touch freed memory: leak it instead.
-void s_destroy_auth_cache() {
-  if (g_auth_cache == nullptr) return;
-  log_debug("Draining auth_cache in-flight refreshes");
-  if (gw_auth_cache_wait_inflight_drain(g_auth_cache, 6000) == 0) {
-    gw_auth_cache_destroy(g_auth_cache);
-  } else {
-    log_warn("auth_cache: skipping destroy due to in-flight refresh drain timeout \u2014 leak accepted");
-  }
-  g_auth_cache = nullptr;
+  return true;
 }
 
 // The adjudicator runs on its own thread. Start-up waits until it serves: a broker that
@@ -295,6 +331,8 @@ bool s_start_auth_callout(broker_app& app) {
     return false;
   }
   g_auth_svc.store(svc);
+  // A stop that came before the store above must reach the service too.
+  if (s_stopping()) auth_service_stop(svc);
   g_auth_thr = broker_auth_thread_create(svc);
   if (g_auth_thr == nullptr || broker_auth_thread_start(g_auth_thr) != 0) {
     log_fatal("Failed to start auth-callout thread");
@@ -302,41 +340,6 @@ bool s_start_auth_callout(broker_app& app) {
   }
   log_info("auth-callout: thread started");
   return true;
-}
-
-void s_stop_auth_callout() {
-  if (g_auth_thr != nullptr) {
-    log_debug("Stopping auth-callout thread");
-    broker_auth_thread_destroy(g_auth_thr);
-    g_auth_thr = nullptr;
-  }
-  auth_service_destroy(g_auth_svc.exchange(nullptr));
-}
-
-// The REST front door, when enabled; it checks credentials through the shared cache.
-bool s_start_http_frontend(broker_app& app) {
-  const gw_config_t& gw = *app.cfg->gw;
-  if (!gw.http_enabled) {
-    log_info("HTTP frontend: disabled");
-    return true;
-  }
-  const char* host = qm::cstr(gw.http_listen_host);
-  g_http_fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache);
-  if (g_http_fe == nullptr || gw_http_frontend_start(g_http_fe) != 0) {
-    log_fatal("Failed to start HTTP frontend on %s:%d", host, gw.http_listen_port);
-    return false;
-  }
-  log_info("HTTP frontend started on %s:%d", host, gw.http_listen_port);
-  return true;
-}
-
-// Waits for its requests in flight and its background refreshes, which use the relay
-// and the cache torn down after it.
-void s_stop_http_frontend() {
-  if (g_http_fe == nullptr) return;
-  log_debug("Stopping HTTP frontend");
-  gw_http_frontend_destroy(g_http_fe);
-  g_http_fe = nullptr;
 }
 
 // The runtime directory is named after our pid; those of dead broker processes go first.
@@ -368,6 +371,8 @@ bool s_start_amqp(broker_app& app) {
     return false;
   }
   g_amqp_acc.store(acc);
+  // A stop that came before the store above must reach the acceptor too.
+  if (s_stopping()) gw_amqp_acceptor_stop(acc);
   try {
     app.amqp_thread = std::thread([acc] { (void)gw_amqp_acceptor_run(acc); });
   } catch (const std::system_error&) {
@@ -376,6 +381,161 @@ bool s_start_amqp(broker_app& app) {
   }
   log_info("AMQP acceptor thread started on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
   return true;
+}
+
+// The REST front door, when enabled; it checks credentials through the shared cache. It is
+// published only once started: a shutdown signal may stop it from then on.
+bool s_start_http_frontend(broker_app& app) {
+  const gw_config_t& gw = *app.cfg->gw;
+  if (!gw.http_enabled) {
+    log_info("HTTP frontend: disabled");
+    return true;
+  }
+  const char* host = qm::cstr(gw.http_listen_host);
+  gw_http_frontend_t* fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache);
+  if (fe == nullptr || gw_http_frontend_start(fe) != 0) {
+    gw_http_frontend_destroy(fe);
+    log_fatal("Failed to start HTTP frontend on %s:%d", host, gw.http_listen_port);
+    return false;
+  }
+  g_http_fe.store(fe);
+  log_info("HTTP frontend started on %s:%d", host, gw.http_listen_port);
+  return true;
+}
+
+// Always started: with --update-binary false the thread only waits for the stop. Neither
+// failure is fatal; the broker then runs without self-update.
+bool s_start_update_thread(broker_app& app) {
+  std::unique_ptr<broker_update_thread_params_t> params;
+  try {
+    params = std::make_unique<broker_update_thread_params_t>();
+  } catch (const std::bad_alloc&) {
+    log_error("OOM allocating update thread params \u2014 auto-update DISABLED");
+    return true;
+  }
+  params->cfg = app.cfg;
+  params->relay = app.relay;
+  params->amqp_acc = g_amqp_acc.load();
+  params->http_fe = g_http_fe.load();
+  params->natsd = g_natsd.load();
+  params->targetstatus = READY;
+  if (broker_update_thread_start(params.get()) != 0) {
+    log_error("Failed to start broker update thread (errno=%d %s) \u2014 auto-update DISABLED", errno,
+              QMstrerror(errno));
+    return true;
+  }
+  const qm_update_config_t& update = app.cfg->update_config;
+  log_info("Broker update polling thread started (update_binary=%s, interval=%ldmin)",
+           update.update_binary ? "true" : "false", update.update_check_interval);
+  g_update_thr.store(params.release());
+  return true;
+}
+
+enum class startup_result { ready, failed, stopped };
+
+using startup_step = bool (*)(broker_app&);
+
+// Start-up after the command line, in its fixed order. A stop asked for meanwhile ends it
+// after the step under way.
+constexpr startup_step kStartupSteps[] = {
+    s_start_nats_server,  s_provision_jetstream, s_load_credentials, s_start_auth_watcher,
+    s_connect_relay,      s_create_auth_cache,   s_start_auth_callout, s_set_up_sasl,
+    s_start_amqp,         s_start_http_frontend, s_start_update_thread,
+};
+
+startup_result s_start(broker_app& app) {
+  broker_config_t& cfg = *app.cfg;
+  log_info("%s starting (pid=%d)", kProgramName, static_cast<int>(getpid()));
+  log_info("config: nats_url=%s nats_server_managed=%s auth_callout=%s amqp=%s http=%s", qm::cstr(cfg.nats_url),
+           s_yes_no(cfg.nats_server_managed), s_yes_no(cfg.auth_callout_enabled), s_yes_no(cfg.gw->amqp_enabled),
+           s_yes_no(cfg.gw->http_enabled));
+  if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
+
+  for (const startup_step step : kStartupSteps) {
+    if (s_stopping()) return startup_result::stopped;
+    if (!step(app)) return s_stopping() ? startup_result::stopped : startup_result::failed;
+  }
+  if (s_stopping()) return startup_result::stopped;
+  log_info("%s ready", kProgramName);
+  if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
+  return startup_result::ready;
+}
+
+// ---- running ----
+
+void s_reload(broker_app& app) {
+  log_info("SIGHUP: reloading credential store + forwarding to nats-server");
+  if (gw_credential_store_reload(app.credentials) != 0) {
+    log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
+  } else if (g_auth_cache != nullptr) {
+    // A user removed from the file, or given a new password, must not go on logging in
+    // from a grant decided on the old table.
+    const size_t dropped = gw_auth_cache_invalidate(g_auth_cache);
+    log_info("SIGHUP: dropped %zu cached auth verdict(s); each user's next login is checked against the new table",
+             dropped);
+  }
+  if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
+}
+
+void s_note_supervision_gave_up() {
+  if (!g_supervision_gave_up.load() || s_stopping()) return;
+  log_fatal("nats-server: supervision gave up \u2014 shutting down so that the service manager restarts the broker");
+  s_request_stops(false);
+}
+
+// The start-up runs on a thread of its own while the main thread takes signals: a stop
+// during one of its long waits ends it at once. Then the main thread serves reloads
+// until a stop. Returns how the start-up ended.
+startup_result s_start_and_run(broker_app& app) {
+  std::atomic<bool> started{false};
+  startup_result result = startup_result::failed;
+  std::thread startup;
+  try {
+    startup = std::thread([&] {
+      result = s_start(app);
+      started = true;
+      s_wake_main();
+    });
+  } catch (const std::system_error& e) {
+    log_fatal("cannot start the start-up thread: %s", e.what());
+    return startup_result::failed;
+  }
+  for (;;) {
+    s_on_signal(s_take_signal());
+    s_note_supervision_gave_up();
+    if (startup.joinable()) {
+      if (!started.load()) continue;
+      startup.join();
+    }
+    if (result != startup_result::ready || s_stopping()) return result;
+    if (g_reload_requested.exchange(false)) s_reload(app);
+  }
+}
+
+// ---- shutdown ----
+
+void s_stop_auth_watcher(broker_app&) {
+  if (g_auth_watcher == nullptr) return;
+  log_debug("Stopping auth-file watcher");
+  broker_auth_watcher_destroy(g_auth_watcher);
+  g_auth_watcher = nullptr;
+}
+
+// Joined before the front doors go: an activation under way ends the process itself.
+void s_stop_update_thread(broker_app&) {
+  std::unique_ptr<broker_update_thread_params_t> params(g_update_thr.exchange(nullptr));
+  if (!params) return;
+  log_debug("Joining update polling thread");
+  broker_update_thread_join(params.get());
+}
+
+// Waits for its requests in flight and its background refreshes, which use the relay
+// and the cache torn down after it.
+void s_stop_http_frontend(broker_app&) {
+  gw_http_frontend_t* fe = g_http_fe.exchange(nullptr);
+  if (fe == nullptr) return;
+  log_debug("Stopping HTTP frontend");
+  gw_http_frontend_destroy(fe);
 }
 
 void s_stop_amqp(broker_app& app) {
@@ -387,131 +547,64 @@ void s_stop_amqp(broker_app& app) {
   gw_amqp_acceptor_destroy(acc);
 }
 
-// Always started: with --update-binary false the thread only waits for the stop. Neither
-// failure is fatal; the broker then runs without self-update.
-void s_start_update_thread(broker_app& app) {
-  std::unique_ptr<broker_update_thread_params_t> params;
-  try {
-    params = std::make_unique<broker_update_thread_params_t>();
-  } catch (const std::bad_alloc&) {
-    log_error("OOM allocating update thread params \u2014 auto-update DISABLED");
-    return;
-  }
-  params->cfg = app.cfg;
-  params->relay = app.relay;
-  params->amqp_acc = g_amqp_acc.load();
-  params->http_fe = g_http_fe;
-  params->natsd = g_natsd.load();
-  params->targetstatus = READY;
-  if (broker_update_thread_start(params.get()) != 0) {
-    log_error("Failed to start broker update thread (errno=%d %s) \u2014 auto-update DISABLED", errno,
-              QMstrerror(errno));
-    return;
-  }
-  const qm_update_config_t& update = app.cfg->update_config;
-  log_info("Broker update polling thread started (update_binary=%s, interval=%ldmin)",
-           update.update_binary ? "true" : "false", update.update_check_interval);
-  g_update_thr.store(params.release());
+void s_stop_relay(broker_app& app) {
+  if (app.relay == nullptr) return;
+  log_debug("Tearing down NATS relay");
+  gw_nats_relay_destroy(app.relay);
+  app.relay = nullptr;
 }
 
-// Joined before the front doors go: an activation in progress ends the process itself.
-void s_stop_update_thread() {
-  std::unique_ptr<broker_update_thread_params_t> params(g_update_thr.exchange(nullptr));
-  if (!params) return;
-  log_debug("Joining update polling thread");
-  broker_update_thread_join(params.get());
+void s_stop_auth_callout(broker_app&) {
+  if (g_auth_thr != nullptr) {
+    log_debug("Stopping auth-callout thread");
+    broker_auth_thread_destroy(g_auth_thr);
+    g_auth_thr = nullptr;
+  }
+  auth_service_destroy(g_auth_svc.exchange(nullptr));
 }
 
-// Start-up after the command line: every step in its fixed order. A fatal step sets
-// rc = 1 and returns false; shutdown then tears down whatever exists.
-bool s_start(broker_app& app) {
-  broker_config_t& cfg = *app.cfg;
-  log_info("%s starting (pid=%d)", kProgramName, static_cast<int>(getpid()));
-  log_info("config: nats_url=%s nats_server_managed=%s auth_callout=%s amqp=%s http=%s", qm::cstr(cfg.nats_url),
-           s_yes_no(cfg.nats_server_managed), s_yes_no(cfg.auth_callout_enabled), s_yes_no(cfg.gw->amqp_enabled),
-           s_yes_no(cfg.gw->http_enabled));
-  if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
-
-  if (!s_start_nats_server(cfg)) return false;
-  if (!s_provision_jetstream(cfg)) return false;
-  if (!s_load_credentials(app)) return false;
-  s_start_auth_watcher(*cfg.gw->credential_file);
-  if (!s_connect_relay(app)) return false;
-  s_create_auth_cache(*cfg.gw);
-  if (!s_start_auth_callout(app)) return false;
-  if (!s_set_up_sasl(app)) return false;
-  if (!s_start_amqp(app)) return false;
-  if (!s_start_http_frontend(app)) return false;
-  s_start_update_thread(app);
-
-  log_info("%s ready", kProgramName);
-  if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
-  return true;
+// A refresh thread still inside the cache would touch freed memory: leak it instead.
+void s_destroy_auth_cache(broker_app&) {
+  if (g_auth_cache == nullptr) return;
+  log_debug("Draining auth_cache in-flight refreshes");
+  if (gw_auth_cache_wait_inflight_drain(g_auth_cache, 6000) == 0) {
+    gw_auth_cache_destroy(g_auth_cache);
+  } else {
+    log_warn("auth_cache: skipping destroy due to in-flight refresh drain timeout \u2014 leak accepted");
+  }
+  g_auth_cache = nullptr;
 }
 
-void s_reload(broker_app& app) {
-  log_info("SIGHUP: reloading credential store + forwarding to nats-server");
-  if (gw_credential_store_reload(app.credentials) != 0) {
-    log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
-  }
-  if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
-}
+void s_tear_down_sasl(broker_app&) { gw_sasl_teardown(); }
 
-// Sleeps until SIGINT or SIGTERM; a SIGHUP on the way triggers a reload. The three
-// signals are blocked outside sigsuspend, so none can slip in between the flag test
-// and the wait.
-void s_wait_for_shutdown(broker_app& app) {
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, SIGINT);
-  sigaddset(&blocked, SIGTERM);
-  sigaddset(&blocked, SIGHUP);
-  sigaddset(&blocked, SIGUSR1);
-  sigset_t waiting;
-  pthread_sigmask(SIG_BLOCK, &blocked, &waiting);
-  sigdelset(&waiting, SIGINT);
-  sigdelset(&waiting, SIGTERM);
-  sigdelset(&waiting, SIGHUP);
-  sigdelset(&waiting, SIGUSR1);
-  while (!g_shutdown_requested) {
-    if (g_reload_requested) {
-      g_reload_requested = 0;
-      s_reload(app);
-      continue;
-    }
-    sigsuspend(&waiting);
-  }
-  // Signals go back to normal delivery for the teardown (a second SIGTERM only re-sets the flag).
-  pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
-}
-
-void s_shutdown(broker_app& app) {
-  // Teardown in reverse dependency order: watcher, update thread, HTTPS frontend, AMQP
-  // acceptor, relay, auth thread and service, auth cache, SASL, credentials, nats-server
-  // child; each step only for what was started.
-  const broker_config_t& cfg = *app.cfg;
-  if (g_auth_watcher != nullptr) {
-    log_debug("Stopping auth-file watcher");
-    broker_auth_watcher_destroy(g_auth_watcher);
-    g_auth_watcher = nullptr;
-  }
-  s_stop_update_thread();
-  s_stop_http_frontend();
-  s_stop_amqp(app);
-  if (app.relay != nullptr) {
-    log_debug("Tearing down NATS relay");
-    gw_nats_relay_destroy(app.relay);
-    app.relay = nullptr;
-  }
-  s_stop_auth_callout();
-  s_destroy_auth_cache();
-  gw_sasl_teardown();
+void s_free_credentials(broker_app& app) {
   gw_credential_store_free(app.credentials);
   app.credentials = nullptr;
+}
+
+void s_stop_nats_server(broker_app&) {
   if (broker_natsd_t* natsd = g_natsd.exchange(nullptr)) {
     log_debug("Stopping nats-server child");
     broker_natsd_destroy(natsd);
   }
+}
+
+using teardown_step = void (*)(broker_app&);
+
+// Reverse dependency order: watcher, update thread, HTTPS frontend, AMQP acceptor, relay,
+// auth thread and service, auth cache, SASL, credentials, nats-server child. Each step
+// only for what was started.
+constexpr teardown_step kTeardownSteps[] = {
+    s_stop_auth_watcher, s_stop_update_thread, s_stop_http_frontend, s_stop_amqp,         s_stop_relay,
+    s_stop_auth_callout, s_destroy_auth_cache, s_tear_down_sasl,     s_free_credentials,  s_stop_nats_server,
+};
+
+void s_shutdown(broker_app& app) {
+  for (const teardown_step step : kTeardownSteps) {
+    s_take_pending_signals();
+    step(app);
+  }
+  const broker_config_t& cfg = *app.cfg;
   if (qm::has_text(cfg.pid_file)) unlink(cfg.pid_file->c_str());
   broker_config_free(app.cfg);
   app.cfg = nullptr;
@@ -522,6 +615,7 @@ void s_shutdown(broker_app& app) {
 
 int main(int argc, char** argv) {
   g_main_thread = pthread_self();
+  s_block_process_signals();
   if (argc > 0 && argv[0] != nullptr) qm__progname = argv[0];
   const char* argv0 = qm__progname;
 
@@ -549,17 +643,18 @@ int main(int argc, char** argv) {
   }
   broker_config_finalize(app.cfg);
 
-  s_install_signal_handlers();
   s_configure_logger(*app.cfg);
   if (qm_nats_library_open() != 0) log_warn("NATS client library: could not set its lock spinning; using its defaults");
 
-  if (s_start(app)) {
-    s_wait_for_shutdown(app);
+  // A stop (a signal, or supervision giving up) is an orderly shutdown, also during the
+  // start-up; only a start-up step that failed on its own gives no STOPPING=1.
+  if (s_start_and_run(app) == startup_result::failed) {
+    app.rc = 1;
+  } else {
     log_info("%s shutting down", kProgramName);
     (void)broker_sd_notify("STOPPING=1");
-  } else {
-    app.rc = 1;
   }
+  if (g_supervision_gave_up.load()) app.rc = 1;
   s_shutdown(app);
   return app.rc;
 }

@@ -1,20 +1,23 @@
-// Process-wide state that main shares with its signal handler.
+// Process-wide state of main: the signal flags and the long-lived subsystems. Signals are
+// taken on the main thread alone.
 #pragma once
 
-#include <csignal>
+#include <atomic>
 
 #include "broker_auth_watcher.hpp"
 
-// Set by SIGINT/SIGTERM; main leaves its wait loop and shuts down.
-extern volatile sig_atomic_t g_shutdown_requested;
-// Set by SIGHUP; main reloads the credentials and forwards SIGHUP to the nats-server child.
-extern volatile sig_atomic_t g_reload_requested;
+// Set when SIGINT or SIGTERM is taken (or supervision gives up); main stops the start-up
+// or leaves its wait loop, and shuts down.
+extern std::atomic<bool> g_shutdown_requested;
+// Set when SIGHUP is taken; main reloads the credentials and forwards SIGHUP to the
+// nats-server child.
+extern std::atomic<bool> g_reload_requested;
 
-// Long-lived subsystems the signal handler and the teardown reach; NULL when not running.
+// Long-lived subsystems the signal path and the teardown reach; NULL when not running.
 extern broker_auth_watcher_t* g_auth_watcher;
 struct gw_auth_cache;
 // The auth result cache, shared by the callout service and the HTTP frontend; NULL when disabled.
 extern gw_auth_cache* g_auth_cache;
 struct gw_http_frontend;
-// The REST front door; NULL unless --http-enabled.
-extern gw_http_frontend* g_http_fe;
+// The REST front door, once started; NULL unless --http-enabled.
+extern std::atomic<gw_http_frontend*> g_http_fe;

@@ -446,6 +446,44 @@ TEST_F(VerifyEndpoint, RequestWithoutReplySubjectGetsNoAnswer) {
   EXPECT_EQ(ask(R"j({"user":"bob","password":"builder"})j"), R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
 }
 
+// ---- hostile strings from clients ----
+
+// A NUL byte ends a C string: "wonder\0junk" must never be checked as "wonder", neither
+// live nor against the grant the cache holds for the right password.
+TEST_F(VerifyEndpoint, ANulByteInUserOrPasswordIsRefusedNotCutShort) {
+  EXPECT_EQ(qmtest::raw_login(env_->url(), R"j({"user":"alice","pass":"wonder","verbose":false})j"), "PONG");
+  for (const char* connect : {R"j({"user":"alice","pass":"wonder\u0000junk","verbose":false})j",
+                              R"j({"user":"alice\u0000junk","pass":"wonder","verbose":false})j"}) {
+    EXPECT_EQ(qmtest::raw_login(env_->url(), connect), "-ERR 'Authorization Violation'") << connect;
+  }
+  const std::string refused = R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j";
+  EXPECT_EQ(ask(R"j({"user":"bob","password":"builder\u0000junk"})j"), refused);
+  EXPECT_EQ(ask(R"j({"user":"alice","password":"wonder\u0000"})j"), refused);  // alice/wonder is cached
+  EXPECT_EQ(ask(R"j({"user":"alice\u0000","password":"wonder"})j"), refused);
+  EXPECT_NE(env_->broker().err().find("auth_verify: DENY user='alice\\x00' backend=none"), std::string::npos);
+}
+
+// A client's user name reaches the log escaped and capped: a line feed in it cannot make
+// a line of its own, and a huge name cannot make a huge line.
+TEST_F(VerifyEndpoint, ClientStringsCannotForgeOrFloodLogLines) {
+  const std::string forged = "[2030-01-01 00:00:00.000] INFO  forged line";
+  EXPECT_EQ(qmtest::raw_login(env_->url(), R"j({"user":"mallory\n)j" + forged + R"j(","pass":"x"})j"),
+            "-ERR 'Authorization Violation'");
+  const std::string refused = R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j";
+  EXPECT_EQ(ask(R"j({"user":"eve\r\n)j" + forged + R"j(","password":"x","method":"plain\u001b[31m"})j"), refused);
+  EXPECT_EQ(ask(R"j({"user":")j" + std::string(1000000, 'u') + R"j(","password":"x"})j"), refused);
+  const std::string log = env_->broker().err();
+  EXPECT_NE(log.find("auth_callout: DENY user=mallory\\n" + forged + " backend=none"), std::string::npos) << log;
+  EXPECT_NE(log.find("auth_verify: DENY user='eve\\r\\n" + forged + "' backend=none method=plain\\x1b[31m"),
+            std::string::npos);
+  EXPECT_NE(log.find("uuu...(1000000 bytes)' backend=none"), std::string::npos);
+  EXPECT_EQ(log.find("\n" + forged), std::string::npos);
+  size_t longest = 0;
+  for (size_t from = 0, end; (end = log.find('\n', from)) != std::string::npos; from = end + 1)
+    longest = std::max(longest, end - from);
+  EXPECT_LT(longest, 1000u);
+}
+
 // ---- malformed callout requests, sent straight to the callout subject ----
 
 std::string callout_reply(natsConnection* conn, const std::string& payload) {
@@ -529,6 +567,22 @@ TEST(CalloutBroker, RenamedCredentialsFileAdmitsANewUserAndSighupReachesTheChild
   EXPECT_EQ(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
   EXPECT_TRUE(qmtest::wait_until(
       [&] { return env.server_log().find("Reloaded server configuration") != std::string::npos; }, 10s));
+}
+
+// A user taken out of the file, or given a new password, is refused from the reload on,
+// though the cache still held a grant for the old password.
+TEST(CalloutBroker, AReloadedFileOverridesGrantsTheCacheHeld) {
+  CalloutEnv env(file_users());
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+  ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  ASSERT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache", 5s));
+  qmtest::write_file(env.credentials_path(), CalloutEnv::credentials_text({{"bob", "rebuilt"}}));
+  env.broker().signal(SIGHUP);
+  ASSERT_TRUE(env.broker().wait_for_err("SIGHUP: dropped 2 cached auth verdict(s)", 10s)) << env.broker().err();
+  EXPECT_NE(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
+  EXPECT_NE(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  EXPECT_EQ(nats_login(env.url(), "bob", "rebuilt").status, NATS_OK);
+  EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=alice backend=none reason=invalid-credentials", 5s));
 }
 
 // The child and the broker get SIGTERM at once, so the callout connection loses its server

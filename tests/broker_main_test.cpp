@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -200,6 +201,30 @@ TEST_F(BrokerMainTest, DaemonModeIsSilentAndTheLogFileGetsTheLines) {
   const std::string log = qmtest::read_file(log_file);
   EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
   EXPECT_NE(log.find("(main.cpp:"), std::string::npos);  // trace threshold: file lines carry the source
+}
+
+// Process signals are taken by the main thread alone, with sigwaitinfo (which lets them
+// through while it waits): every other thread, the NATS library's included, has them
+// blocked, so no handler can run on one of them while the teardown frees what it uses.
+TEST_F(BrokerMainTest, EveryThreadBlocksTheProcessSignals) {
+  qmtest::Child broker(base_args());
+  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
+  uint64_t wanted = 0;
+  for (int sig : {SIGINT, SIGTERM, SIGHUP}) wanted |= uint64_t{1} << (sig - 1);
+  int threads = 0;
+  for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(broker.pid()) + "/task")) {
+    if (task.path().filename() == std::to_string(broker.pid())) continue;  // the main thread
+    const std::string status = qmtest::read_file(task.path().string() + "/status");
+    const size_t at = status.find("SigBlk:");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_EQ(std::stoull(status.substr(at + 7), nullptr, 16) & wanted, wanted) << task.path();
+    ++threads;
+  }
+  EXPECT_GE(threads, 3);  // the library's threads are there too
+  broker.signal(SIGHUP);
+  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store", 10s));
+  broker.signal(SIGTERM);
+  EXPECT_EQ(broker.wait(30s), 0);
 }
 
 TEST_F(BrokerMainTest, SecondSigtermDuringShutdownDoesNotAbortIt) {

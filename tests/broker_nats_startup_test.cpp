@@ -3,8 +3,10 @@
 // server; and the fatal start-up paths.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -76,6 +78,74 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const std::string all = broker.err();
   EXPECT_NE(all.find("during shutdown"), std::string::npos);
   EXPECT_EQ(all.find("crash #2"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(dir_.file("nats.pid")));
+}
+
+// Supervision that gives up leaves the broker without a server: it shuts down in order
+// with exit code 1, so that the service manager starts it afresh.
+TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
+  const int port = qmtest::free_port();
+  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
+  const std::string config = dir_.file("nats.conf");
+  qmtest::write_nats_server_config(config, port, dir_.file("js"));
+  // The real server the first time; every restart fails at once.
+  const std::string binary = dir_.file("flaky-nats-server");
+  qmtest::write_file(binary, "#!/bin/sh\n[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " + dir_.file("ran") +
+                                 "\nexec " + qmtest::nats_server_binary() + " \"$@\"\n");
+  chmod(binary.c_str(), 0755);
+  std::vector<std::string> args = base_args(url);
+  args.insert(args.end(), {"--nats-server-binary", binary, "--nats-server-config", config, "--nats-server-pid-file",
+                           dir_.file("nats.pid")});
+  qmtest::Child broker(args);
+  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+  kill(std::stoi(qmtest::read_file(dir_.file("nats.pid"))), SIGKILL);
+  // Five restarts with back-off: 0.5 + 1 + 2 + 4 + 8 s.
+  EXPECT_EQ(broker.wait(90s), 1) << broker.err();
+  const std::string log = broker.err();
+  const size_t gave_up = log.find("nats-server: exceeded restart budget (5)");
+  ASSERT_NE(gave_up, std::string::npos) << log;
+  EXPECT_LT(gave_up, log.find("nats-server: supervision gave up"));
+  EXPECT_LT(gave_up, log.find("qm-av-broker shutting down"));
+  EXPECT_NE(log.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+}
+
+// A stop during one of the start-up's long waits ends the broker at once (in order, exit
+// code 0), never after the wait has run its course.
+TEST_F(BrokerNats, AStopDuringTheStartUpWaitsEndsTheBroker) {
+  qmtest::NatsServer without_jetstream(qmtest::NatsServerOptions{false, "", 0});
+  const std::string nowhere = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
+  const std::string sleeper = dir_.file("sleeper");
+  qmtest::write_file(sleeper, "#!/bin/sh\nexec sleep 600\n");
+  chmod(sleeper.c_str(), 0755);
+  const struct {
+    const char* name;
+    std::string url;
+    std::vector<std::string> extra;
+    const char* waiting;  // the broker is in the wait once this is logged
+    int sig;
+  } cases[] = {
+      {"external server's readiness", nowhere, {"--nats-server-managed", "false"}, "readiness probe not ready yet",
+       SIGTERM},
+      {"managed child's readiness", nowhere, {"--nats-server-binary", sleeper, "--nats-server-config", "/dev/null"},
+       "readiness probe not ready yet", SIGINT},
+      {"KV bootstrap's retries", without_jetstream.url(), {"--nats-server-managed", "false"},
+       "KV bootstrap: JetStream not ready yet", SIGTERM},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> args = base_args(c.url);
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "600", "--tracelevel", "5"});
+    qmtest::Child broker(args);
+    ASSERT_TRUE(broker.wait_for_err(c.waiting, 30s)) << broker.err();
+    broker.signal(c.sig);
+    EXPECT_EQ(broker.wait(30s), 0) << broker.err();
+    const std::string log = broker.err();
+    EXPECT_NE(log.find("qm-av-broker shutting down"), std::string::npos) << log;
+    EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
+    EXPECT_EQ(log.find("FATAL"), std::string::npos);
+    EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
+  }
 }
 
 TEST_F(BrokerNats, ExternalServerIsProbedAndProvisioned) {

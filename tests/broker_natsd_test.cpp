@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -71,10 +72,18 @@ class StderrCapture {
   int saved_ = -1;
 };
 
+// Counts the supervisor's give-up calls.
+void count_give_up(void* counter) { ++*static_cast<std::atomic<int>*>(counter); }
+
 class NatsdTest : public ::testing::Test {
  protected:
-  void SetUp() override { broker_natsd_set_stop_grace_ms(0); }
-  void TearDown() override { broker_natsd_set_stop_grace_ms(0); }
+  void SetUp() override { restore_seams(); }
+  void TearDown() override { restore_seams(); }
+  static void restore_seams() {
+    broker_natsd_set_stop_grace_ms(0);
+    broker_natsd_set_crash_window_ms(0);
+    broker_natsd_set_before_respawn_hook(nullptr);
+  }
 
   // Options for a child that is not nats-server itself: the probe goes to the fixture
   // server, so the child's own behaviour (crash, ignore SIGTERM) can be scripted.
@@ -88,8 +97,12 @@ class NatsdTest : public ::testing::Test {
     o.ready_timeout_sec = 5;
     o.restart_backoff_ms_initial = 50;
     o.restart_backoff_ms_max = 120;
+    o.on_give_up = count_give_up;
+    o.on_give_up_arg = &gave_up_;
     return o;
   }
+
+  std::atomic<int> gave_up_{0};
 
   qmtest::TempDir dir_;
   qmtest::NatsServer server_{qmtest::NatsServerOptions{false, "", 0}};
@@ -169,9 +182,12 @@ TEST(NatsdLifecycle, SupervisesARealServer) {
       20s));
   const pid_t second = broker_natsd_pid(natsd.get());
 
+  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::read_file(pid_file) == std::to_string(second); }, 10s));
+
   broker_natsd_stop(natsd.get());
   EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
   EXPECT_FALSE(process_alive(second));
+  EXPECT_FALSE(std::filesystem::exists(pid_file));  // nats-server leaves it behind
   EXPECT_TRUE(log.contains("nats-server: sending SIGTERM to pid=" + std::to_string(second)));
   EXPECT_TRUE(log.contains("during shutdown"));
   EXPECT_FALSE(log.contains("sending SIGKILL"));
@@ -198,7 +214,47 @@ TEST_F(NatsdTest, ExitStatusZeroIsACrashAndTheBudgetEndsSupervision) {
   }
   EXPECT_EQ(log.count("nats-server: spawned child"), 5u);
   EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
+  EXPECT_TRUE(qmtest::wait_until([&] { return gave_up_ == 1; }, 10s));  // the broker shuts down from there
   broker_natsd_stop(natsd.get());  // nothing left to stop, the thread is joined
+  EXPECT_EQ(gave_up_, 1);
+}
+
+// A child that ran through the crash window starts the count and the back-off afresh:
+// crashes months apart never spend the budget.
+TEST_F(NatsdTest, ACrashAfterTheWindowStartsTheCountAfresh) {
+  qmtest::LogCapture log;
+  broker_natsd_set_crash_window_ms(20);
+  broker_natsd_options_t o = scripted(write_script(dir_, "short-lived", "sleep 0.1\nexit 0"));
+  o.restart_max = 2;
+  NatsdPtr natsd(broker_natsd_create(&o));
+  ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
+  ASSERT_TRUE(qmtest::wait_until([&] { return log.count("nats-server: spawned child") >= 5; }, 30s)) << log.text();
+  broker_natsd_stop(natsd.get());
+  EXPECT_GE(log.count("nats-server: child ran 0s; crash count and restart back-off start afresh"), 3u);
+  EXPECT_FALSE(log.contains("crash #2/2")) << log.text();
+  EXPECT_FALSE(log.contains("restarting in 100ms"));
+  EXPECT_EQ(gave_up_, 0);
+}
+
+// A stop that lands after the pause before a restart, just before the spawn, spawns
+// nothing: there would be nobody left to end that child.
+TEST_F(NatsdTest, AStopJustBeforeARespawnSpawnsNothing) {
+  static std::atomic<bool> hooked;
+  hooked = false;
+  broker_natsd_set_before_respawn_hook([](broker_natsd_t* natsd) {
+    (void)broker_natsd_signal(natsd, SIGTERM);  // as the broker forwards a shutdown signal
+    hooked = true;
+  });
+  qmtest::LogCapture log;
+  broker_natsd_options_t o = scripted(write_script(dir_, "sleeper", "exec sleep 600"));
+  NatsdPtr natsd(broker_natsd_create(&o));
+  ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
+  kill(broker_natsd_pid(natsd.get()), SIGKILL);
+  ASSERT_TRUE(qmtest::wait_until([] { return hooked.load(); }, 10s));
+  broker_natsd_stop(natsd.get());
+  EXPECT_EQ(log.count("nats-server: spawned child"), 1u) << log.text();
+  EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
+  EXPECT_EQ(gave_up_, 0);
 }
 
 TEST_F(NatsdTest, MissingBinaryGivesTheExecvMessageAndStatus127) {
@@ -248,6 +304,7 @@ TEST_F(NatsdTest, StopDuringTheRestartPauseSpawnsNothingNew) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
   EXPECT_EQ(log.count("nats-server: spawned child"), 1u);
   EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
+  EXPECT_EQ(gave_up_, 0);  // a stop is no giving up
 }
 
 TEST_F(NatsdTest, SignalsReachTheChildAndForwardedSigtermIsNoCrash) {
@@ -274,48 +331,88 @@ TEST_F(NatsdTest, SignalsReachTheChildAndForwardedSigtermIsNoCrash) {
   EXPECT_EQ(log.count("nats-server: spawned child"), 1u);
 }
 
-// The supervisor must not take the broker's process signals, and a child it respawns
-// must not inherit its blocked mask or the ignored SIGPIPE.
-TEST_F(NatsdTest, SupervisorBlocksProcessSignalsButChildrenStartClean) {
-  signal(SIGPIPE, SIG_IGN);
+// The broker blocks its process signals in every thread and ignores SIGPIPE: the
+// children, the first and those the supervisor restarts, must start with neither.
+TEST_F(NatsdTest, ChildrenStartWithACleanSignalMask) {
   broker_natsd_options_t o = scripted(write_script(dir_, "sleeper", "exec sleep 600"));
   NatsdPtr natsd(broker_natsd_create(&o));
-  ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
-
-  const uint64_t wanted = bit(SIGINT) | bit(SIGTERM) | bit(SIGHUP) | bit(SIGUSR1);
-  const std::string me = "/proc/self/task/" + std::to_string(syscall(SYS_gettid)) + "/status";
-  EXPECT_EQ(proc_mask(me, "SigBlk:") & wanted, 0u) << "the caller's mask must be restored";
-  int blocking_threads = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if ((proc_mask(task.path().string() + "/status", "SigBlk:") & wanted) == wanted) ++blocking_threads;
+  {
+    const qmtest::BrokerSignalState as_in_the_broker;
+    ASSERT_EQ(broker_natsd_start(natsd.get()), 0);  // the supervisor inherits the mask
   }
-  EXPECT_GE(blocking_threads, 1);
 
+  // The restarted child comes from the supervisor's thread; the first one from the same spawn.
   const pid_t first = broker_natsd_pid(natsd.get());
   kill(first, SIGKILL);
+  pid_t child = -1;
   ASSERT_TRUE(qmtest::wait_until(
       [&] {
-        const pid_t now = broker_natsd_pid(natsd.get());
-        return now > 0 && now != first &&
-               qmtest::read_file("/proc/" + std::to_string(now) + "/comm") == "sleep\n";
+        child = broker_natsd_pid(natsd.get());
+        return child > 0 && child != first &&
+               qmtest::read_file("/proc/" + std::to_string(child) + "/comm") == "sleep\n";
       },
       10s));
-  const std::string child_status = "/proc/" + std::to_string(broker_natsd_pid(natsd.get())) + "/status";
-  EXPECT_EQ(proc_mask(child_status, "SigBlk:"), 0u);
-  EXPECT_EQ(proc_mask(child_status, "SigIgn:") & bit(SIGPIPE), 0u);
-  signal(SIGPIPE, SIG_DFL);
+  const std::string status = "/proc/" + std::to_string(child) + "/status";
+  EXPECT_EQ(proc_mask(status, "SigBlk:"), 0u);
+  EXPECT_EQ(proc_mask(status, "SigIgn:") & bit(SIGPIPE), 0u);
 }
 
+// A start that fails leaves no child. A child that is gone will never answer: the probe
+// ends there, not at its deadline.
 TEST_F(NatsdTest, StartFailsAndLeavesNoChildWhenTheServerNeverAnswers) {
-  qmtest::LogCapture log;
+  const struct {
+    const char* script;
+    int ready_timeout_sec;
+    const char* logged;
+    const char* not_logged;
+  } cases[] = {
+      {"exec sleep 600", 1, "nats-server: readiness probe timed out after 1s (last status: ", "exited before"},
+      {"exit 3", 600, " exited before it was ready", "timed out"},
+  };
   const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  broker_natsd_options_t o = scripted(write_script(dir_, "sleeper", "exec sleep 600"));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.script);
+    qmtest::LogCapture log;
+    broker_natsd_options_t o = scripted(write_script(dir_, "child", c.script));
+    o.nats_url = url.c_str();
+    o.ready_timeout_sec = c.ready_timeout_sec;
+    NatsdPtr natsd(broker_natsd_create(&o));
+    EXPECT_EQ(broker_natsd_start(natsd.get()), -1);
+    EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
+    EXPECT_TRUE(log.contains(c.logged)) << log.text();
+    EXPECT_FALSE(log.contains(c.not_logged));
+  }
+}
+
+// The same after a restart: the dead child is reaped between probe attempts and counts
+// as the next crash at once, so a server that keeps failing spends its budget in
+// moments instead of one probe time-out per restart.
+TEST(NatsdLifecycle, ARestartedChildThatDiesDuringTheProbeIsReapedAtOnce) {
+  qmtest::LogCapture log;
+  qmtest::TempDir dir;
+  const int port = qmtest::free_port();
+  const std::string config = dir.file("nats.conf");
+  qmtest::write_nats_server_config(config, port, "");
+  // The first run is the real server; every restart fails at once.
+  const std::string script = write_script(dir, "flaky", "[ -e " + dir.file("ran") + " ] && exit 3\ntouch " +
+                                                            dir.file("ran") + "\nexec " +
+                                                            qmtest::nats_server_binary() + " \"$@\"");
+  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
+  broker_natsd_options_t o;
+  o.binary_path = script.c_str();
+  o.config_path = config.c_str();
   o.nats_url = url.c_str();
-  o.ready_timeout_sec = 1;
+  o.ready_timeout_sec = 600;
+  o.restart_max = 2;
+  o.restart_backoff_ms_initial = 50;
+  o.restart_backoff_ms_max = 100;
   NatsdPtr natsd(broker_natsd_create(&o));
-  EXPECT_EQ(broker_natsd_start(natsd.get()), -1);
-  EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
-  EXPECT_TRUE(log.contains("nats-server: readiness probe timed out after 1s (last status: "));
+  ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
+  kill(broker_natsd_pid(natsd.get()), SIGKILL);
+  ASSERT_TRUE(log.wait_for("nats-server: exceeded restart budget (2)", 60s)) << log.text();
+  EXPECT_TRUE(log.contains("nats-server: child exited with status 3 (crash #2/2)"));
+  EXPECT_TRUE(log.contains("nats-server: child exited with status 3 (crash #3/2)"));
+  EXPECT_FALSE(log.contains("post-restart readiness probe failed"));
 }
 
 TEST(NatsdProbe, ReadyServerAnswersAtOnce) {

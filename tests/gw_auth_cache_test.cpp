@@ -216,6 +216,29 @@ TEST_F(AuthCache, DeniedRefreshRevokesAndAStaleClaimChangesNothing) {
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 0), 0);
 }
 
+// After a credentials reload nothing decided on the old table may answer, and a refresh
+// claimed before it must not bring a grant back.
+TEST_F(AuthCache, InvalidateForgetsEveryVerdictAndOutlivesRefreshesUnderWay) {
+  CachePtr c = make(64, 120, 10, 50);
+  EXPECT_EQ(gw_auth_cache_invalidate(c.get()), 0u);
+  gw_auth_cache_insert_grant(c.get(), "u", "p");
+  gw_auth_cache_insert_grant_ex(c.get(), "v", "p", c.get());
+  gw_auth_cache_insert_deny(c.get(), "w");
+  advance_ms(61'000);
+  unsigned char hash[32];
+  uint32_t gen = 0;
+  ASSERT_TRUE(gw_auth_cache_try_claim_refresh(c.get(), "u", "p", hash, &gen));
+  EXPECT_EQ(gw_auth_cache_invalidate(c.get()), 3u);
+  for (const char* user : {"u", "v", "w"}) EXPECT_EQ(gw_auth_cache_lookup(c.get(), user, "p"), GW_AUTH_CACHE_MISS);
+  gw_auth_cache_complete_refresh(c.get(), hash, gen, GW_REFRESH_GRANTED);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 0), 0);
+  // The table takes new verdicts as before.
+  gw_auth_cache_insert_grant(c.get(), "u", "p");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "u", "p"), GW_AUTH_CACHE_GRANT);
+  EXPECT_EQ(gw_auth_cache_invalidate(nullptr), 0u);
+}
+
 TEST_F(AuthCache, FullTableEvictsTheLeastRecentlyUsed) {
   // With 4 slots the probe run covers the whole table, so every entry stays findable.
   CachePtr c = make(4, 120, 10, 50);

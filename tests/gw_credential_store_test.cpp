@@ -103,21 +103,28 @@ TEST_F(CredentialFile, RejectedShapes) {
   EXPECT_TRUE(parse("   # user: \"x\"\n\t#password: \"y\"\n").empty());
 }
 
-TEST_F(CredentialFile, LongLinesAreReadInPiecesOf1023Bytes) {
-  // 1,023 bytes of filler end the first piece; the key then starts the second piece.
-  const std::string filler(1023, 'x');
-  EXPECT_EQ(parse(filler + "user: \"cut\"\npassword: \"p\"\n"), (Entries{{"cut", "p"}}));
-  // A value that spans a piece boundary has no closing quote in its first piece.
-  const std::string long_value(2000, 'v');
-  EXPECT_TRUE(parse("user: \"" + long_value + "\"\npassword: \"p\"\n").empty());
+// nats-server reads `//` as it reads `#`, and reads a line whole at any length: no part
+// of a comment may become a credential here.
+TEST_F(CredentialFile, CommentsAndLongLinesAreReadAsNatsServerReadsThem) {
+  EXPECT_TRUE(parse("// user: \"ghost\"\npassword: \"p\"\n").empty());
+  EXPECT_EQ(parse("user: \"a\"\n  \t// password: \"commented\"\npassword: \"real\"\n"), (Entries{{"a", "real"}}));
+  // A single slash starts no comment (the line just has no key).
+  EXPECT_EQ(parse("user: \"b\"\n/ password: \"p\"\n"), (Entries{{"b", "p"}}));
+  for (const size_t length : {1023, 1024, 5000, 200000}) {
+    SCOPED_TRACE(length);
+    const std::string filler(length, 'x');
+    EXPECT_TRUE(parse("# " + filler + "user: \"hidden\"\npassword: \"p\"\n").empty());
+    EXPECT_TRUE(parse("// " + filler + "user: \"hidden\"\npassword: \"p\"\n").empty());
+    EXPECT_EQ(parse(filler + " user: \"long\"\npassword: \"" + filler + "\""), (Entries{{"long", filler}}));
+  }
 }
 
 TEST_F(CredentialFile, BinaryJunkAndNulBytesLoadWithoutHarm) {
   std::string junk;
   for (int i = 0; i < 8192; ++i) junk.push_back(static_cast<char>((i * 131 + 7) & 0xff));
   EXPECT_TRUE(parse(junk).empty());
-  // A NUL ends the line's text: the password after it is not seen.
-  const char raw[] = "user: \"n\"\npassword: \"\0hidden\"\npassword: \"seen\"\n";
+  // No check can match a value that holds a NUL byte: such a key counts as absent.
+  const char raw[] = "user: \"n\"\npassword: \"\0hidden\"\npassword: \"seen\"\nuser: \"x\0y\"\npassword: \"p\"\n";
   const std::string with_nul(raw, sizeof raw - 1);
   EXPECT_EQ(parse(with_nul), (Entries{{"n", "seen"}}));
 }

@@ -334,6 +334,10 @@ TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
     return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
   };
   const std::string b70(70, 'b');
+  // "local-user:local-secret\0junk": cut at the NUL, the password would be right.
+  std::string with_nul_in_password = raw(part("QmB", "request", "{}") + "--QmB--\r\n", "QmB");
+  with_nul_in_password.replace(with_nul_in_password.find("bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQ="), 32,
+                               "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQAanVuaw==");
   std::string tiny_parts;
   for (int i = 0; i < 10000; ++i) tiny_parts += part("QmB", "p", "x");
   struct {
@@ -347,6 +351,7 @@ TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
       {"binary garbage as multipart", raw(test_payload(100000), "QmB"), "HTTP/1.1 400"},
       {"64 KiB header block", "POST /vsi HTTP/1.1\r\nX-Big: " + std::string(65536, 'h') + "\r\n\r\n", "HTTP/1.1 4"},
       {"binary garbage instead of HTTP", test_payload(4096), ""},
+      {"a NUL byte after the right password", with_nul_in_password, "HTTP/1.1 401"},
   };
   RawClient(door_->port()).send(raw(part("QmB", "request", "{}"), "QmB").substr(0, 200));  // then gone
   for (const auto& row : rows) {

@@ -196,6 +196,10 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   EXPECT_EQ(env.verify.last_password(), longest);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), SASL_OK);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), 0);
+  // A NUL byte does not cut the password short: all of it is checked (and refused).
+  const std::string with_nul = longest.substr(0, 200) + std::string(1, '\0') + "junk";
+  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", with_nul.data(), 205, nullptr), SASL_BADAUTH);
+  EXPECT_EQ(env.verify.last_password(), with_nul);
 
   const int requests = env.verify.requests();
   const std::string too_long(256, 'p');

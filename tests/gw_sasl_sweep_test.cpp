@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gw_sasl_setup.hpp"
+#include "log_capture.hpp"
 #include "test_support.hpp"
 
 namespace fs = std::filesystem;
@@ -22,67 +23,92 @@ pid_t dead_pid() {
   return pid;
 }
 
-// Creates "/tmp/qm-av-broker-<suffix>" with a populated "sasl" subdirectory and
-// removes whatever is left of it afterwards.
-class RuntimeDir {
- public:
-  explicit RuntimeDir(const std::string& suffix) : path_("/tmp/qm-av-broker-" + suffix) {
-    fs::remove_all(path_);
-    fs::create_directories(path_ + "/sasl");
-    qmtest::write_file(path_ + "/sasl/quillmere-av-scangateway.conf", "mech_list: PLAIN\n");
-    qmtest::write_file(path_ + "/sasl/other", "x");
+// The sweep runs on a prefix in a temporary directory of the test's own, never on the
+// machine's /tmp.
+class SaslSweep : public ::testing::Test {
+ protected:
+  // "<prefix><suffix>" with a populated "sasl" subdirectory.
+  std::string runtime_dir(const std::string& suffix) {
+    const std::string path = prefix_ + suffix;
+    fs::create_directories(path + "/sasl");
+    qmtest::write_file(path + "/sasl/quillmere-av-scangateway.conf", "mech_list: PLAIN\n");
+    qmtest::write_file(path + "/sasl/other", "x");
+    return path;
   }
-  ~RuntimeDir() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  bool exists() const { return fs::exists(path_); }
-  const std::string& path() const { return path_; }
+  void sweep() { sweep_stale_sasl_runtime_dirs_at(prefix_.c_str()); }
 
- private:
-  std::string path_;
+  qmtest::TempDir dir_;
+  const std::string prefix_ = dir_.file("qm-av-broker-");
 };
 
-TEST(SaslSweep, RemovesDirectoriesOfDeadPidsOnly) {
-  RuntimeDir stale(std::to_string(dead_pid()));
-  RuntimeDir live(std::to_string(getpid()));
-  RuntimeDir init_owned("1");  // pid 1 exists (and may belong to another user): kept
-  sweep_stale_sasl_runtime_dirs();
-  EXPECT_FALSE(stale.exists());
-  EXPECT_TRUE(live.exists());
-  EXPECT_TRUE(fs::exists(live.path() + "/sasl/other"));
-  EXPECT_TRUE(init_owned.exists());
-}
-
-TEST(SaslSweep, KeepsNonNumericZeroAndOutOfRangeSuffixes) {
+TEST_F(SaslSweep, RemovesDirectoriesOfDeadPidsOnly) {
+  qmtest::LogCapture log;
   const std::string dead = std::to_string(dead_pid());
-  RuntimeDir mixed(dead + "abc");
-  RuntimeDir zero("0");
-  RuntimeDir negative("-" + dead);
-  RuntimeDir spaced(" " + dead);
-  RuntimeDir huge("99999999999999999999999");
-  sweep_stale_sasl_runtime_dirs();
-  EXPECT_TRUE(mixed.exists());
-  EXPECT_TRUE(zero.exists());
-  EXPECT_TRUE(negative.exists());
-  EXPECT_TRUE(spaced.exists());
-  EXPECT_TRUE(huge.exists());
+  const std::string stale = runtime_dir(dead);
+  const std::string live = runtime_dir(std::to_string(getpid()));
+  const std::string init_owned = runtime_dir("1");  // pid 1 exists (and may belong to another user): kept
+  const std::string other_name = dir_.file("qm-av-other-" + dead);
+  fs::create_directories(other_name);
+  sweep();
+  EXPECT_FALSE(fs::exists(stale));
+  EXPECT_TRUE(log.contains("sweep: removed stale SASL runtime dir " + stale + " (pid " + dead + " no longer exists)"));
+  EXPECT_TRUE(fs::exists(live + "/sasl/other"));
+  EXPECT_TRUE(fs::exists(init_owned));
+  EXPECT_TRUE(fs::exists(other_name));
 }
 
-TEST(SaslSweep, ADirectoryWithUnexpectedNestingIsLeftInPlace) {
+TEST_F(SaslSweep, KeepsNonNumericZeroAndOutOfRangeSuffixes) {
+  const std::string dead = std::to_string(dead_pid());
+  for (const std::string& suffix : {dead + "abc", std::string("0"), "-" + dead, " " + dead,
+                                    std::string("99999999999999999999999"), std::string("")}) {
+    SCOPED_TRACE("suffix '" + suffix + "'");
+    const std::string path = runtime_dir(suffix);
+    sweep();
+    EXPECT_TRUE(fs::exists(path + "/sasl/other"));
+  }
+}
+
+TEST_F(SaslSweep, OneLevelOnlyAndAMissingSaslDirectoryIsFine) {
   // Only the files of "sasl" are removed, without recursion: a nested directory keeps it alive.
-  RuntimeDir stale(std::to_string(dead_pid()));
-  fs::create_directories(stale.path() + "/sasl/nested");
-  sweep_stale_sasl_runtime_dirs();
-  EXPECT_TRUE(stale.exists());
-  EXPECT_FALSE(fs::exists(stale.path() + "/sasl/other"));
+  const std::string nested = runtime_dir(std::to_string(dead_pid()));
+  fs::create_directories(nested + "/sasl/nested");
+  const std::string bare = prefix_ + std::to_string(dead_pid());
+  fs::create_directories(bare);
+  sweep();
+  EXPECT_TRUE(fs::exists(nested + "/sasl/nested"));
+  EXPECT_FALSE(fs::exists(nested + "/sasl/other"));
+  EXPECT_FALSE(fs::exists(bare));
 }
 
-TEST(SaslSweep, StaleDirectoryWithoutSaslSubdirectoryIsRemoved) {
-  const std::string path = "/tmp/qm-av-broker-" + std::to_string(dead_pid());
-  fs::create_directories(path);
-  sweep_stale_sasl_runtime_dirs();
-  EXPECT_FALSE(fs::exists(path));
+// Anyone can plant names in /tmp: a link under a stale name, or a "sasl" link inside a
+// stale directory, must not lead the sweep into emptying what it points to.
+TEST_F(SaslSweep, NeverFollowsASymbolicLink) {
+  const std::string victim = dir_.file("victim");
+  fs::create_directories(victim + "/sasl");
+  qmtest::write_file(victim + "/sasl/precious", "keep");
+  qmtest::write_file(victim + "/precious", "keep");
+  const std::string linked = prefix_ + std::to_string(dead_pid());
+  fs::create_directory_symlink(victim, linked);
+  const std::string holder = prefix_ + std::to_string(dead_pid());
+  fs::create_directories(holder);
+  fs::create_directory_symlink(victim, holder + "/sasl");
+  const std::string with_link_inside = runtime_dir(std::to_string(dead_pid()));
+  fs::create_symlink(victim + "/precious", with_link_inside + "/sasl/link");
+  sweep();
+  EXPECT_EQ(qmtest::read_file(victim + "/sasl/precious"), "keep");
+  EXPECT_EQ(qmtest::read_file(victim + "/precious"), "keep");
+  EXPECT_TRUE(fs::is_symlink(linked));
+  EXPECT_TRUE(fs::is_symlink(holder + "/sasl"));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(with_link_inside)));  // the link went, not its target
+}
+
+TEST_F(SaslSweep, LeavesADirectoryOfAnotherUserAlone) {
+  const std::string foreign = runtime_dir(std::to_string(dead_pid()));
+  for (const std::string& path : {foreign, foreign + "/sasl", foreign + "/sasl/other"}) {
+    if (chown(path.c_str(), 65534, 65534) != 0) GTEST_SKIP() << "giving a directory away needs root";
+  }
+  sweep();
+  EXPECT_TRUE(fs::exists(foreign + "/sasl/other"));
 }
 
 }  // namespace

@@ -220,6 +220,39 @@ TEST_F(LogTest, MissingFileIsCreatedByTheFirstLine) {
   EXPECT_NE(qmtest::read_file(path).find("first"), std::string::npos);
 }
 
+// What a value from outside looks like in a line: nothing in it can end the line, start
+// another, steer the terminal or run on without bound.
+TEST(LogSafe, EscapesControlsAndBrokenUtf8AndCapsTheLength) {
+  using namespace std::string_literals;
+  const struct {
+    std::string in;
+    std::string out;
+  } cases[] = {
+      {"alice", "alice"},
+      {"", ""},
+      {"a\nINFO forged"s, "a\\nINFO forged"},
+      {"\r\t\\"s, "\\r\\t\\\\"},
+      {"nul\0x"s, "nul\\x00x"},
+      {"\x1b[31mred\x7f"s, "\\x1b[31mred\\x7f"},
+      {"gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac \xf0\x9f\x94\x92"s, "gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac \xf0\x9f\x94\x92"},
+      {"nel\xc2\x85ls\xe2\x80\xa8ps\xe2\x80\xa9"s, "nel\\u0085ls\\u2028ps\\u2029"},
+      {"\xff\xc0\xaf"s, "\\xff\\xc0\\xaf"},                // never valid; an overlong '/'
+      {"\xed\xa0\x80"s, "\\xed\\xa0\\x80"},                // a UTF-16 surrogate
+      {"cut \xe2\x82"s, "cut \\xe2\\x82"},                 // a sequence that stops short
+      {std::string(300, 'u'), std::string(256, 'u') + "...(300 bytes)"},
+      {std::string(200, '\n'), [] {
+         std::string escaped;
+         for (int i = 0; i < 128; ++i) escaped += "\\n";
+         return escaped + "...(200 bytes)";
+       }()},
+      {std::string(255, 'a') + "\xc3\xa9", std::string(255, 'a') + "...(257 bytes)"},  // never half a character
+  };
+  for (const auto& c : cases) EXPECT_EQ(log_safe(c.in), c.out) << c.in;
+  EXPECT_EQ(log_safe(static_cast<const char*>(nullptr)), "(null)");
+  EXPECT_EQ(log_safe("tab\there"), "tab\\there");
+  EXPECT_EQ(log_safe(std::string(1000000, 'x')).size(), LOG_SAFE_MAX_BYTES + std::string("...(1000000 bytes)").size());
+}
+
 TEST(QMstrerrorTest, ReturnsTheSystemTextAndHandlesUnknownNumbers) {
   EXPECT_STREQ(QMstrerror(ENOENT), "No such file or directory");
   EXPECT_STREQ(QMstrerror(EACCES), "Permission denied");

@@ -1,6 +1,7 @@
 #include "qm_update_common.hpp"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,6 +135,23 @@ TEST_F(UpdateLayout, InstallRunsTheScriptWithItsThreeArgumentsAndConsumesThePack
   EXPECT_FALSE(fs::exists(pkg));
   EXPECT_FALSE(fs::exists(extract_dir));
   EXPECT_EQ(fs::current_path(), cwd);
+}
+
+// The broker blocks its process signals in every thread and ignores SIGPIPE: the install
+// script must start with neither.
+TEST_F(UpdateLayout, TheInstallScriptStartsWithACleanSignalState) {
+  // Shell builtins only: the shell's own state, not one it sets while waiting for a command.
+  const ZipEntry script{"install.sh",
+                        "#!/bin/sh\nwhile read -r key value; do\n  case $key in SigBlk:|SigIgn:) echo \"$key$value\";; "
+                        "esac\ndone < /proc/$$/status > \"$3/signals\"\n",
+                        'f', 0644};
+  {
+    const qmtest::BrokerSignalState as_in_the_broker;
+    ASSERT_EQ(install("pkg_20250301001.zip", {script, kTool}), 0);
+  }
+  const std::string seen = qmtest::read_file(new_dir + "/bin/signals");
+  ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
+  EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
 }
 
 // Each bad package fails the installation, is deleted, leaves no extraction directory and

@@ -336,7 +336,7 @@ std::string scan_worker::answer(json_object* request) {
 
 void scan_worker::handle(natsMsg* msg, bool from_queue) {
   const std::string body(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-  log_debug("qm-scan-worker: %s received: %s", from_queue ? "job" : "request", body.c_str());
+  log_debug("qm-scan-worker: %s received: %s", from_queue ? "job" : "request", log_safe(body).c_str());
   qm::json_ptr request(json_tokener_parse(body.c_str()));
   if (request && !json_object_is_type(request.get(), json_type_object)) request.reset();
   const char* reply_to = from_queue ? (request ? s_string_field(request.get(), "_reply_subj") : nullptr)
@@ -345,7 +345,7 @@ void scan_worker::handle(natsMsg* msg, bool from_queue) {
     jsMsgMetaData* raw_meta = nullptr;
     if (natsMsg_GetMetaData(&raw_meta, msg) == NATS_OK) {
       const char* reqid = request ? s_string_field(request.get(), "_reqid") : nullptr;
-      log_debug("qm-scan-worker: job %s delivery %llu", reqid != nullptr ? reqid : "?",
+      log_debug("qm-scan-worker: job %s delivery %llu", reqid != nullptr ? log_safe(reqid).c_str() : "?",
                 static_cast<unsigned long long>(raw_meta->NumDelivered));
       jsMsgMetaData_Destroy(raw_meta);
     }
@@ -356,7 +356,7 @@ void scan_worker::handle(natsMsg* msg, bool from_queue) {
     natsConnection_Publish(nc_.get(), reply_to, reply.data(), static_cast<int>(reply.size()));
   }
   if (from_queue) natsMsg_Ack(msg, nullptr);
-  log_debug("qm-scan-worker: %s answered: %s", from_queue ? "job" : "request", reply.c_str());
+  log_debug("qm-scan-worker: %s answered: %s", from_queue ? "job" : "request", log_safe(reply).c_str());
 }
 
 }  // namespace

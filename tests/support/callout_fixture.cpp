@@ -1,5 +1,10 @@
 #include "callout_fixture.hpp"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
@@ -214,6 +219,37 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
   }
   natsOptions_Destroy(opts);
   return login;
+}
+
+std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return "";
+  timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+  std::string answer;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+    const std::string request = "CONNECT " + connect_json + "\r\nPING\r\n";
+    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+      std::string received;
+      char buf[4096];
+      ssize_t n = 0;
+      // INFO comes first; the answer is the first PONG or -ERR line after it.
+      while (answer.empty() && (n = recv(fd, buf, sizeof buf, 0)) > 0) {
+        received.append(buf, static_cast<size_t>(n));
+        for (const char* verdict : {"PONG", "-ERR"}) {
+          const size_t at = received.find(verdict);
+          const size_t end = at == std::string::npos ? at : received.find("\r\n", at);
+          if (end != std::string::npos) answer = received.substr(at, end - at);
+        }
+      }
+    }
+  }
+  close(fd);
+  return answer;
 }
 
 std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms) {

@@ -134,6 +134,12 @@ struct NatsLogin {
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
                      int timeout_ms = 5000);
 
+// A login in the raw client protocol: connect_json is sent as the CONNECT line's JSON
+// as it stands, so it may carry what no client library sends (a \u0000 in a password).
+// The server's answer to the PING after it: "PONG" when admitted, else its -ERR line; ""
+// when nothing came within timeout_ms.
+std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms = 5000);
+
 // One request on qm.auth.verify through conn; the raw JSON answer, "" on time-out.
 std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000);
 

@@ -186,6 +186,8 @@ std::string json_member(const std::string& json, const char* name) {
   if (!doc || !json_object_is_type(doc.get(), json_type_object)) return "<bad json>";
   json_object* value = nullptr;
   if (!json_object_object_get_ex(doc.get(), name, &value)) return "<absent>";
+  if (json_object_is_type(value, json_type_string))  // all of it, NUL bytes included
+    return std::string(json_object_get_string(value), static_cast<size_t>(json_object_get_string_len(value)));
   return json_object_get_string(value);
 }
 

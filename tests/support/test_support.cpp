@@ -155,6 +155,19 @@ bool Child::wait_for_err(const std::string& text, std::chrono::milliseconds time
   return wait_until([&] { return err().find(text) != std::string::npos; }, timeout);
 }
 
+BrokerSignalState::BrokerSignalState() {
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) sigaddset(&blocked, sig);
+  pthread_sigmask(SIG_BLOCK, &blocked, &previous_);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+BrokerSignalState::~BrokerSignalState() {
+  pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  signal(SIGPIPE, SIG_DFL);
+}
+
 std::string broker_binary() { return QM_BROKER_BINARY; }
 
 }  // namespace qmtest

@@ -2,6 +2,7 @@
 // processes with captured output, and waiting on a condition with a deadline.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -67,6 +68,20 @@ class Child {
   TempDir dir_;
   pid_t pid_ = -1;
   std::optional<int> status_;
+};
+
+// The signal state the broker runs with, in the calling thread while the object lives
+// (threads started meanwhile inherit it): SIGINT, SIGTERM, SIGHUP and SIGUSR1 blocked,
+// SIGPIPE ignored. For tests that children start clean all the same.
+class BrokerSignalState {
+ public:
+  BrokerSignalState();
+  ~BrokerSignalState();
+  BrokerSignalState(const BrokerSignalState&) = delete;
+  BrokerSignalState& operator=(const BrokerSignalState&) = delete;
+
+ private:
+  sigset_t previous_;
 };
 
 // The broker binary built with the tests.
