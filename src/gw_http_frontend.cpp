@@ -1,8 +1,10 @@
 #include "gw_http_frontend.hpp"
 
 #include <microhttpd.h>
+#include <openssl/evp.h>
 #include <pthread.h>
 #include <sodium.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,6 +55,9 @@ struct gw_http_frontend {
   std::optional<qm::secret_string> tls_cert_pem;
   std::optional<qm::secret_string> tls_key_pem;
   gw_auth_cache_t* auth_cache = nullptr;
+  // Start, quiesce and stop of the daemon: a self-update's activation quiesces it on the
+  // update thread while a shutdown signal may stop it on the main thread.
+  std::mutex lifecycle_mu;
   // The listening socket that quiescing hands back: shut down at once so that new
   // connections are refused, closed only after the daemon's threads are gone so that
   // its number cannot be reused under them.
@@ -117,7 +122,7 @@ MHD_Result on_post_field(void* cls, MHD_ValueKind, const char* key, const char*,
     if (!buf_append(ctx->payload, data, size, ctx->payload_cap_bytes)) ctx->overflow = true;
   } else {
     // Once per request: a body of thousands of stray parts must not flood the log.
-    if (!ctx->bad_field) log_debug("http_frontend: ignoring unexpected multipart field '%s'", key);
+    if (!ctx->bad_field) log_debug("http_frontend: ignoring unexpected multipart field '%s'", log_safe(key).c_str());
     ctx->bad_field = true;
   }
   // Always on to the end of the body: the verdict is given at the final call.
@@ -138,6 +143,24 @@ MHD_Result queue_auth_required(MHD_Connection* conn) {
 }
 
 // ---- authentication ----
+
+// libmicrohttpd hands Basic credentials out as C strings, which end at a NUL byte the
+// decoded header may carry: "pw\0junk" would be checked as "pw". No credential holds one.
+bool s_basic_credentials_hold_nul(MHD_Connection* conn) {
+  const char* header = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION);
+  if (header == nullptr || strncasecmp(header, "Basic ", 6) != 0) return false;
+  const char* encoded = header + 6;
+  while (*encoded == ' ') ++encoded;
+  size_t len = strlen(encoded);
+  while (len > 0 && encoded[len - 1] == ' ') --len;
+  if (len == 0 || len % 4 != 0 || len > INT_MAX) return false;  // not Base64: libmicrohttpd refuses it too
+  qm::secret_bytes decoded(len / 4 * 3);
+  const int n = EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char*>(encoded), static_cast<int>(len));
+  if (n < 0) return false;
+  // The padding decodes to zero bytes that belong to no credential.
+  const size_t padding = encoded[len - 1] != '=' ? 0 : encoded[len - 2] != '=' ? 1 : 2;
+  return memchr(decoded.data(), '\0', static_cast<size_t>(n) - padding) != nullptr;
+}
 
 struct verify_verdict {
   bool ok = false;
@@ -216,23 +239,24 @@ bool s_verify_live(gw_http_frontend& fe, const char* user, const char* password)
   int rc = 0;
   const qm::malloc_ptr<char> reply = s_ask_verify(fe, *request, &rc);
   if (!reply) {
-    log_warn("http_frontend: auth DENY user=%s via=nats (relay rc=%d, no reply — is authenticator running?)", user,
-             rc);
+    log_warn("http_frontend: auth DENY user=%s via=nats (relay rc=%d, no reply — is authenticator running?)",
+             log_safe(user).c_str(), rc);
     return false;
   }
   const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
   if (!verdict) {
     log_warn("http_frontend: auth DENY user=%s via=nats (unparseable reply — treating as deny but NOT poisoning cache)",
-             user);
+             log_safe(user).c_str());
     return false;
   }
   if (verdict->ok) {
-    log_info("http_frontend: auth GRANT user=%s via=nats backend=%s", user, s_or(verdict->backend, "(unknown)"));
+    log_info("http_frontend: auth GRANT user=%s via=nats backend=%s", log_safe(user).c_str(),
+             s_or(verdict->backend, "(unknown)"));
     gw_auth_cache_insert_grant(fe.auth_cache, user, password);
     return true;
   }
-  log_warn("http_frontend: auth DENY user=%s via=nats backend=%s reason=%s", user, s_or(verdict->backend, "(unknown)"),
-           s_or(verdict->reason, "(none)"));
+  log_warn("http_frontend: auth DENY user=%s via=nats backend=%s reason=%s", log_safe(user).c_str(),
+           s_or(verdict->backend, "(unknown)"), s_or(verdict->reason, "(none)"));
   gw_auth_cache_insert_deny(fe.auth_cache, user);
   return false;
 }
@@ -268,23 +292,23 @@ void s_refresh_finished(gw_http_frontend& fe) {
 gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx) {
   const std::optional<qm::secret_string> request = s_verify_request_text(ctx.user.c_str(), ctx.password.c_str(), true);
   if (!request) {
-    log_error("http_frontend: refresh OOM building request user=%s", ctx.user.c_str());
+    log_error("http_frontend: refresh OOM building request user=%s", log_safe(ctx.user).c_str());
     return GW_REFRESH_ABORTED;
   }
   int rc = 0;
   const qm::malloc_ptr<char> reply = s_ask_verify(fe, *request, &rc);
   if (!reply) {
-    log_warn("http_frontend: refresh ABORTED user=%s (relay rc=%d)", ctx.user.c_str(), rc);
+    log_warn("http_frontend: refresh ABORTED user=%s (relay rc=%d)", log_safe(ctx.user).c_str(), rc);
     return GW_REFRESH_ABORTED;
   }
   // Harsher than the foreground path: an unreadable answer revokes the grant.
   const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
   if (verdict && verdict->ok) {
-    log_debug("http_frontend: refresh GRANTED user=%s", ctx.user.c_str());
+    log_debug("http_frontend: refresh GRANTED user=%s", log_safe(ctx.user).c_str());
     return GW_REFRESH_GRANTED;
   }
   log_info("http_frontend: refresh DENIED user=%s — invalidating cache (password changed or account disabled?)",
-           ctx.user.c_str());
+           log_safe(ctx.user).c_str());
   return GW_REFRESH_DENIED;
 }
 
@@ -311,7 +335,7 @@ refresh_ctx_ptr s_new_refresh_ctx(gw_http_frontend& fe, const char* user, const 
   try {
     ctx.reset(std::make_unique<refresh_ctx_t>().release());
   } catch (const std::bad_alloc&) {
-    log_warn("http_frontend: refresh OOM allocating ctx user=%s", user);
+    log_warn("http_frontend: refresh OOM allocating ctx user=%s", log_safe(user).c_str());
     gw_auth_cache_complete_refresh(fe.auth_cache, hash, gen, GW_REFRESH_ABORTED);
     return nullptr;
   }
@@ -319,7 +343,7 @@ refresh_ctx_ptr s_new_refresh_ctx(gw_http_frontend& fe, const char* user, const 
     ctx->user = user;
     ctx->password = qm::secret_string(password);
   } catch (const std::bad_alloc&) {
-    log_warn("http_frontend: refresh OOM duplicating credentials user=%s", user);
+    log_warn("http_frontend: refresh OOM duplicating credentials user=%s", log_safe(user).c_str());
     gw_auth_cache_complete_refresh(fe.auth_cache, hash, gen, GW_REFRESH_ABORTED);
     return nullptr;
   }
@@ -349,14 +373,14 @@ void dispatch_refresh(gw_http_frontend& fe, const char* user, const char* passwo
   const int rc = pthread_create(&thread, &attr, refresh_worker, ctx.get());
   pthread_attr_destroy(&attr);
   if (rc != 0) {
-    log_warn("http_frontend: refresh pthread_create failed (rc=%d) user=%s", rc, user);
+    log_warn("http_frontend: refresh pthread_create failed (rc=%d) user=%s", rc, log_safe(user).c_str());
     gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, GW_REFRESH_ABORTED);
     ctx.reset();
     s_refresh_finished(fe);
     return;
   }
   (void)ctx.release();  // the thread owns it now
-  log_trace("http_frontend: refresh dispatched user=%s", user);
+  log_trace("http_frontend: refresh dispatched user=%s", log_safe(user).c_str());
 }
 
 // Cache, then the credentials file, then the auth service. A stale cached grant is
@@ -368,21 +392,21 @@ bool authenticate(gw_http_frontend& fe, const char* user, const char* password) 
   }
   switch (gw_auth_cache_lookup(fe.auth_cache, user, password)) {
     case GW_AUTH_CACHE_GRANT:
-      log_debug("http_frontend: auth GRANT user=%s via=cache", user);
+      log_debug("http_frontend: auth GRANT user=%s via=cache", log_safe(user).c_str());
       return true;
     case GW_AUTH_CACHE_GRANT_STALE:
-      log_debug("http_frontend: auth GRANT user=%s via=cache (stale, scheduling refresh)", user);
+      log_debug("http_frontend: auth GRANT user=%s via=cache (stale, scheduling refresh)", log_safe(user).c_str());
       dispatch_refresh(fe, user, password);
       return true;
     case GW_AUTH_CACHE_DENY:
-      log_debug("http_frontend: auth DENY user=%s via=neg-cache", user);
+      log_debug("http_frontend: auth DENY user=%s via=neg-cache", log_safe(user).c_str());
       return false;
     case GW_AUTH_CACHE_MISS:
       break;
   }
   // The file check is cheap: its grants are not cached.
   if (gw_credential_store_validate(fe.creds, user, password)) {
-    log_debug("http_frontend: auth GRANT user=%s via=local", user);
+    log_debug("http_frontend: auth GRANT user=%s via=local", log_safe(user).c_str());
     return true;
   }
   return s_verify_live(fe, user, password);
@@ -397,11 +421,11 @@ const char* s_servlet_path(const gw_http_frontend& fe) { return s_or(fe.cfg->htt
 MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const char* url, const char* method,
                            void** con_cls) {
   if (strcmp(method, MHD_HTTP_METHOD_POST) != 0) {
-    log_debug("http_frontend: method %s not allowed on %s", method, url);
+    log_debug("http_frontend: method %s not allowed on %s", log_safe(method).c_str(), log_safe(url).c_str());
     return queue_simple(conn, MHD_HTTP_METHOD_NOT_ALLOWED, "method not allowed\n");
   }
   if (strcmp(url, s_servlet_path(fe)) != 0) {
-    log_debug("http_frontend: path %s not found (expected %s)", url, s_servlet_path(fe));
+    log_debug("http_frontend: path %s not found (expected %s)", log_safe(url).c_str(), s_servlet_path(fe));
     return queue_simple(conn, MHD_HTTP_NOT_FOUND, "not found\n");
   }
   auto owned = std::make_unique<req_ctx_t>();
@@ -415,7 +439,7 @@ MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const cha
               content_type != nullptr ? content_type : "(absent)");
     return queue_simple(conn, MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "expected multipart/form-data\n");
   }
-  log_trace("http_frontend: %s %s (new multipart request)", method, url);
+  log_trace("http_frontend: %s %s (new multipart request)", log_safe(method).c_str(), log_safe(url).c_str());
   return MHD_YES;
 }
 
@@ -427,7 +451,7 @@ MHD_Result s_queue_reply(MHD_Connection* conn, const char* target, qm::malloc_pt
   (void)reply_json.release();
   if (MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "application/json") != MHD_YES)
     return MHD_NO;
-  log_trace("http_frontend: 200 OK target=%s reply_len=%zu", target, len);
+  log_trace("http_frontend: 200 OK target=%s reply_len=%zu", log_safe(target).c_str(), len);
   return MHD_queue_response(conn, MHD_HTTP_OK, response.get());
 }
 
@@ -436,7 +460,7 @@ MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, c
                    qm::mhd_secret_ptr& password) {
   const char* target = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "X-Target-Service");
   if (target == nullptr || *target == '\0') {
-    log_warn("http_frontend: user=%s authenticated but missing X-Target-Service", user);
+    log_warn("http_frontend: user=%s authenticated but missing X-Target-Service", log_safe(user).c_str());
     return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing X-Target-Service\n");
   }
   const qm::malloc_ptr<char> subject(gw_subject_rewrite_ingress_to_nats(target));
@@ -444,9 +468,10 @@ MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, c
     log_error("http_frontend: OOM rewriting target subject");
     return queue_simple(conn, MHD_HTTP_INTERNAL_SERVER_ERROR, "oom\n");
   }
-  if (strcmp(subject.get(), target) != 0) log_trace("http_frontend: subject rewrite '%s' -> '%s'", target, subject.get());
-  log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", user, target,
-            ctx.request_json.len, ctx.payload.len);
+  if (strcmp(subject.get(), target) != 0)
+    log_trace("http_frontend: subject rewrite '%s' -> '%s'", log_safe(target).c_str(), log_safe(subject.get()).c_str());
+  log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", log_safe(user).c_str(),
+            log_safe(target).c_str(), ctx.request_json.len, ctx.payload.len);
   char* reply_json = nullptr;
   char* reply_data = nullptr;
   size_t reply_data_len = 0;
@@ -459,7 +484,8 @@ MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, c
   qm::malloc_ptr<char> owned_json(reply_json);
   const qm::malloc_ptr<char> discarded(reply_data);  // a binary reply has no place in the response
   if (rc == 0 && owned_json) return s_queue_reply(conn, target, std::move(owned_json));
-  log_warn("http_frontend: relay failed target=%s rc=%d reply_json=%s", target, rc, owned_json ? "set" : "null");
+  log_warn("http_frontend: relay failed target=%s rc=%d reply_json=%s", log_safe(target).c_str(), rc,
+           owned_json ? "set" : "null");
   return queue_simple(conn, MHD_HTTP_BAD_GATEWAY, "upstream relay failed\n");
 }
 
@@ -479,6 +505,10 @@ MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_
   if (ctx.request_json.len == 0) {
     log_warn("http_frontend: rejecting request with empty 'request' field");
     return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing 'request' multipart field\n");
+  }
+  if (s_basic_credentials_hold_nul(conn)) {
+    log_warn("http_frontend: refusing Basic credentials that hold a NUL byte");
+    return queue_auth_required(conn);
   }
   char* raw_password = nullptr;
   const qm::mhd_string_ptr user(MHD_basic_auth_get_username_password(conn, &raw_password));
@@ -519,7 +549,7 @@ void mhd_logger(void*, const char* fmt, va_list ap) noexcept {
   vsnprintf(line, sizeof line, fmt, ap);
   const size_t len = strlen(line);
   if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';
-  log_warn("http_frontend [MHD]: %s", line);
+  log_warn("http_frontend [MHD]: %s", log_safe(line).c_str());
 }
 
 // ---- start-up ----
@@ -618,6 +648,7 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
 
 int gw_http_frontend_start(gw_http_frontend_t* fe) {
   if (fe == nullptr) return -1;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
   if (fe->daemon) return 0;
   const gw_config_t& cfg = *fe->cfg;
   const bool has_cert = qm::has_text(cfg.http_tls_cert);
@@ -644,7 +675,9 @@ int gw_http_frontend_start(gw_http_frontend_t* fe) {
 }
 
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {
-  if (fe == nullptr || !fe->daemon) return;
+  if (fe == nullptr) return;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
+  if (!fe->daemon) return;
   const MHD_socket listen_fd = MHD_quiesce_daemon(fe->daemon.get());
   if (listen_fd != MHD_INVALID_SOCKET) {
     shutdown(listen_fd, SHUT_RDWR);
@@ -654,7 +687,9 @@ void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {
 }
 
 void gw_http_frontend_stop(gw_http_frontend_t* fe) {
-  if (fe == nullptr || !fe->daemon) return;
+  if (fe == nullptr) return;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
+  if (!fe->daemon) return;
   fe->daemon.reset();
   if (fe->quiesced_listen_fd >= 0) close(fe->quiesced_listen_fd);
   fe->quiesced_listen_fd = -1;
