@@ -60,9 +60,16 @@ constexpr size_t kVersionDirNameLength = 10;
 // Space left free on the extraction file system whatever a package wants.
 constexpr uint64_t kExtractReserveBytes = 64ull * 1024 * 1024;
 
+// An install script only copies a few files; one that runs longer than this hangs.
+constexpr int64_t kDefaultInstallTimeLimitMs = 10 * 60 * 1000;
+// How often a running install script is looked at, and how long it gets to end on SIGTERM.
+constexpr int64_t kInstallPollMs = 50;
+constexpr int64_t kInstallKillGraceMs = 3000;
+
 // Generous for a package of a few binaries, small enough that a bomb cannot fill a disk.
 std::atomic<uint64_t> s_extract_max_bytes{512ull * 1024 * 1024};
 std::atomic<size_t> s_extract_max_entries{10000};
+std::atomic<int64_t> s_install_time_limit_ms{kDefaultInstallTimeLimitMs};
 
 std::atomic<bool> s_cluster_lock_held{false};
 std::atomic<time_t> s_cluster_lock_taken{0};
@@ -124,9 +131,12 @@ struct s_abort_check {
   void* udata;
 };
 
+bool s_abort_requested(const s_abort_check& check) {
+  return check.should_abort != nullptr && check.should_abort(check.udata);
+}
+
 int s_progress_callback(void* clientp, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
-  const auto* check = static_cast<const s_abort_check*>(clientp);
-  return check->should_abort(check->udata) ? 1 : 0;
+  return s_abort_requested(*static_cast<const s_abort_check*>(clientp)) ? 1 : 0;
 }
 
 // The package's name from the URL that delivered it: the path's last "/" and what
@@ -450,9 +460,56 @@ std::string s_describe_wait_status(int status) {
   return "status " + std::to_string(status);
 }
 
+// Waits for `pid`, resuming after signal interruptions. 0 or -1.
+int s_reap(pid_t pid, int* status) {
+  while (waitpid(pid, status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return 0;
+}
+
+// Ends the process group that `pid` leads: SIGTERM to all of it, then SIGKILL for
+// whatever is still there after a grace period (the script's own children included).
+void s_end_process_group(pid_t pid, int* status) {
+  kill(-pid, SIGTERM);
+  const int64_t deadline = qm::monotonic_ms() + kInstallKillGraceMs;
+  bool reaped = false;
+  while (qm::monotonic_ms() < deadline) {
+    if (!reaped) reaped = waitpid(pid, status, WNOHANG) != 0;
+    // While a member is left the group's id cannot be handed to a new process.
+    if (reaped && kill(-pid, 0) != 0) return;
+    qm::sleep_ms(kInstallPollMs);
+  }
+  kill(-pid, SIGKILL);
+  if (!reaped) s_reap(pid, status);
+}
+
+// Why an install script ended.
+enum class s_script_end { finished, stop_requested, timed_out };
+
+// Waits for the script, ending it when a stop is requested or it overruns its time.
+// -1 (errno set) when it cannot be waited for.
+int s_wait_script(pid_t pid, int* status, const s_abort_check& abort_check, s_script_end* end) {
+  const int64_t deadline = qm::monotonic_ms() + s_install_time_limit_ms.load();
+  for (;;) {
+    const pid_t reaped = waitpid(pid, status, WNOHANG);
+    if (reaped == pid) return 0;
+    if (reaped < 0 && errno != EINTR) return -1;
+    const bool stop = s_abort_requested(abort_check);
+    if (stop || qm::monotonic_ms() >= deadline) {
+      s_end_process_group(pid, status);
+      *end = stop ? s_script_end::stop_requested : s_script_end::timed_out;
+      return 0;
+    }
+    qm::sleep_ms(kInstallPollMs);
+  }
+}
+
 // Runs `command` through /bin/sh like system(3), without touching this process's signal
-// dispositions (other threads keep theirs) and with a default signal state in the child.
-int s_run_shell(const std::string& command, int* status) {
+// dispositions (other threads keep theirs), with a default signal state in the child and
+// in a process group of its own, so that the whole script can be ended. -1 when it could
+// not be started.
+int s_run_shell(const std::string& command, int* status, const s_abort_check& abort_check, s_script_end* end) {
   posix_spawnattr_t attr;
   if (posix_spawnattr_init(&attr) != 0) return -1;
   sigset_t none;
@@ -462,7 +519,8 @@ int s_run_shell(const std::string& command, int* status) {
   for (int sig : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD}) sigaddset(&defaults, sig);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setsigdefault(&attr, &defaults);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setpgroup(&attr, 0);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   std::string sh = "sh";
   std::string dash_c = "-c";
   std::string cmd = command;
@@ -474,20 +532,27 @@ int s_run_shell(const std::string& command, int* status) {
     errno = rc;
     return -1;
   }
-  while (waitpid(pid, status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return 0;
+  return s_wait_script(pid, status, abort_check, end);
+}
+
+const char* s_describe_script_end(s_script_end end) {
+  return end == s_script_end::stop_requested ? "ended because the update thread is stopping"
+                                             : "ended because it ran longer than allowed";
 }
 
 int s_run_install_script(const std::string& script, const std::string& extract_dir, const std::string& basedir,
-                         const std::string& content_dir) {
+                         const std::string& content_dir, const s_abort_check& abort_check) {
   const std::string command = s_shell_quote(script) + " " + s_shell_quote(extract_dir) + " " + s_shell_quote(basedir) +
                               " " + s_shell_quote(content_dir);
   log_trace("Running install script %s", command.c_str());
   int status = 0;
-  if (s_run_shell(command, &status) != 0) {
+  s_script_end end = s_script_end::finished;
+  if (s_run_shell(command, &status, abort_check, &end) != 0) {
     log_error("Failed to run %s: %s", command.c_str(), QMstrerror(errno));
+    return -1;
+  }
+  if (end != s_script_end::finished) {
+    log_error("Failed to run %s: %s", command.c_str(), s_describe_script_end(end));
     return -1;
   }
   log_trace("system() returned rc %d", status);
@@ -555,7 +620,8 @@ struct s_install_paths {
   std::string package;
 };
 
-int s_install_package(const s_install_paths& paths, const char* content_subdir, const std::string& pkg_filename) {
+int s_install_package(const s_install_paths& paths, const char* content_subdir, const std::string& pkg_filename,
+                      const s_abort_check& abort_check) {
   log_info("Got update for %s. Installing...", content_subdir);
   const std::string content_dir = s_join(paths.new_ver_dir, content_subdir);
   if (qmhlp_create_dir(content_dir.c_str(), true, 0750) != 0) return -1;
@@ -576,7 +642,7 @@ int s_install_package(const s_install_paths& paths, const char* content_subdir, 
     log_error("Failed to create version file");
     return -1;
   }
-  return s_run_install_script(script, paths.extract_dir, paths.basedir, content_dir);
+  return s_run_install_script(script, paths.extract_dir, paths.basedir, content_dir, abort_check);
 }
 
 // ---- pruning and locks -------------------------------------------------------------
@@ -716,7 +782,7 @@ int get_updated_component_from_local(const char* component, const char* dwnld_di
 
 int update_ver_dir_content(const char* basedir, const char* tempdir, const char* old_ver_dir, const char* new_ver_dir,
                            const char* content_subdir, bool upd_available, qm_upd_pkg_info_t* pkg_info,
-                           const char* service_name) {
+                           const char* service_name, qm_update_abort_fn should_abort, void* abort_udata) {
   const bool args_ok =
       new_ver_dir != nullptr && content_subdir != nullptr &&
       (upd_available ? basedir != nullptr && tempdir != nullptr && pkg_info != nullptr : old_ver_dir != nullptr);
@@ -738,7 +804,7 @@ int update_ver_dir_content(const char* basedir, const char* tempdir, const char*
   int rc = -1;
   {
     qmhlp_cwd_guard cwd;
-    rc = s_install_package(paths, content_subdir, pkg_info->filename);
+    rc = s_install_package(paths, content_subdir, pkg_info->filename, s_abort_check{should_abort, abort_udata});
   }
   log_trace("Cleaning up");
   if (qmhlp_IsFile(paths.extract_dir.c_str())) qmhlp_RemoveDir(paths.extract_dir.c_str());
@@ -812,6 +878,10 @@ int update_latest_link(const char* path, const char* new_ver_dir) {
 void qm_update_set_extract_limits(uint64_t max_bytes, size_t max_entries) {
   s_extract_max_bytes = max_bytes;
   s_extract_max_entries = max_entries;
+}
+
+void qm_update_set_install_time_limit_ms(int64_t limit_ms) {
+  s_install_time_limit_ms = limit_ms > 0 ? limit_ms : kDefaultInstallTimeLimitMs;
 }
 
 int clean_old_versions(const char* path, const char* latest, int max_count) {

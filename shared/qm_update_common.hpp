@@ -87,7 +87,8 @@ using qm_upd_pkg_info_t = qm_upd_pkg_info;
 void pkg_info_init(qm_upd_pkg_info_t* pkg_info);
 void pkg_info_free(qm_upd_pkg_info_t* pkg_info);
 
-// Asked about once a second while a download runs; true ends the download at once.
+// Asked about at least once a second while a download or an install script runs; true
+// ends it at once.
 using qm_update_abort_fn = bool (*)(void* udata);
 
 // Asks the update server (update_config->update_server, else QM_UPDATE_DEFAULT_SERVER)
@@ -109,9 +110,16 @@ int get_updated_component_from_local(const char* component, const char* dwnld_di
 // package's top-level install.sh with the extraction directory, `basedir` and the new
 // content directory as arguments; the package file is consumed either way. Without:
 // copies `old_ver_dir`/`content_subdir`. `new_ver_dir` must exist. 0 or -1.
+// install.sh runs in a process group of its own. When `should_abort` says so, or when it
+// runs longer than the install time limit, the group gets SIGTERM, then SIGKILL after
+// 3 s, and the installation fails.
 int update_ver_dir_content(const char* basedir, const char* tempdir, const char* old_ver_dir, const char* new_ver_dir,
                            const char* content_subdir, bool upd_available, qm_upd_pkg_info_t* pkg_info,
-                           const char* service_name);
+                           const char* service_name, qm_update_abort_fn should_abort = nullptr,
+                           void* abort_udata = nullptr);
+
+// How long install.sh may run (default 10 minutes); values below 1 restore the default.
+void qm_update_set_install_time_limit_ms(int64_t limit_ms);
 
 // The first line of `version_dir`/`content_subdir`/.version.qm, or
 // QM_UPDATE_FALLBACK_VERSION when it cannot be read.

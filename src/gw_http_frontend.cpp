@@ -55,6 +55,9 @@ struct gw_http_frontend {
   std::optional<qm::secret_string> tls_cert_pem;
   std::optional<qm::secret_string> tls_key_pem;
   gw_auth_cache_t* auth_cache = nullptr;
+  // Start, quiesce and stop of the daemon: a self-update's activation quiesces it on the
+  // update thread while a shutdown signal may stop it on the main thread.
+  std::mutex lifecycle_mu;
   // The listening socket that quiescing hands back: shut down at once so that new
   // connections are refused, closed only after the daemon's threads are gone so that
   // its number cannot be reused under them.
@@ -645,6 +648,7 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
 
 int gw_http_frontend_start(gw_http_frontend_t* fe) {
   if (fe == nullptr) return -1;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
   if (fe->daemon) return 0;
   const gw_config_t& cfg = *fe->cfg;
   const bool has_cert = qm::has_text(cfg.http_tls_cert);
@@ -671,7 +675,9 @@ int gw_http_frontend_start(gw_http_frontend_t* fe) {
 }
 
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {
-  if (fe == nullptr || !fe->daemon) return;
+  if (fe == nullptr) return;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
+  if (!fe->daemon) return;
   const MHD_socket listen_fd = MHD_quiesce_daemon(fe->daemon.get());
   if (listen_fd != MHD_INVALID_SOCKET) {
     shutdown(listen_fd, SHUT_RDWR);
@@ -681,7 +687,9 @@ void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {
 }
 
 void gw_http_frontend_stop(gw_http_frontend_t* fe) {
-  if (fe == nullptr || !fe->daemon) return;
+  if (fe == nullptr) return;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
+  if (!fe->daemon) return;
   fe->daemon.reset();
   if (fe->quiesced_listen_fd >= 0) close(fe->quiesced_listen_fd);
   fe->quiesced_listen_fd = -1;

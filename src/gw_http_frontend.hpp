@@ -27,7 +27,7 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
 int gw_http_frontend_start(gw_http_frontend_t* fe);
 
 // Quiesce: new connections are refused from now on, requests in flight complete.
-// No-op when not started.
+// No-op when not started. Safe to call while another thread stops the frontend.
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);
 
 // Stops the daemon and waits for its connection threads (requests in flight finish

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -23,6 +25,7 @@
 #include "broker_kv_bootstrap.hpp"
 #include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
+#include "broker_update_thread.hpp"
 #include "gw_amqp_acceptor.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
@@ -32,6 +35,7 @@
 #include "log.hpp"
 #include "qm_cpp.hpp"
 #include "qm_nats_conn.hpp"
+#include "qmerror.hpp"
 
 std::atomic<bool> g_shutdown_requested{false};
 std::atomic<bool> g_reload_requested{false};
@@ -55,6 +59,8 @@ std::atomic<auth_service_t*> g_auth_svc{nullptr};
 broker_auth_thread_t* g_auth_thr = nullptr;
 // The AMQP acceptor; a shutdown signal stops its event loop.
 std::atomic<gw_amqp_acceptor_t*> g_amqp_acc{nullptr};
+// The update thread's parameters; a shutdown signal sets its target status to STOP.
+std::atomic<broker_update_thread_params_t*> g_update_thr{nullptr};
 // Ends the start-up's long waits (readiness probe, KV bootstrap's retries) at a stop.
 qm::stop_flag g_startup_stop;
 // nats-server supervision has given up: the broker shuts down with exit code 1, so that
@@ -107,6 +113,7 @@ void s_request_stops(bool forward_sigterm) {
   g_startup_stop.request();
   auth_service_stop(g_auth_svc.load());
   gw_amqp_acceptor_stop(g_amqp_acc.load());
+  broker_update_thread_request_stop(g_update_thr.load());
   // Waits for the requests in flight; never runs on one of its connection threads here.
   gw_http_frontend_stop(g_http_fe.load());
   // SIGINT from a terminal reaches the child through the process group anyway.
@@ -396,16 +403,44 @@ bool s_start_http_frontend(broker_app& app) {
   return true;
 }
 
+// Always started: with --update-binary false the thread only waits for the stop. Neither
+// failure is fatal; the broker then runs without self-update.
+bool s_start_update_thread(broker_app& app) {
+  std::unique_ptr<broker_update_thread_params_t> params;
+  try {
+    params = std::make_unique<broker_update_thread_params_t>();
+  } catch (const std::bad_alloc&) {
+    log_error("OOM allocating update thread params \u2014 auto-update DISABLED");
+    return true;
+  }
+  params->cfg = app.cfg;
+  params->relay = app.relay;
+  params->amqp_acc = g_amqp_acc.load();
+  params->http_fe = g_http_fe.load();
+  params->natsd = g_natsd.load();
+  params->targetstatus = READY;
+  if (broker_update_thread_start(params.get()) != 0) {
+    log_error("Failed to start broker update thread (errno=%d %s) \u2014 auto-update DISABLED", errno,
+              QMstrerror(errno));
+    return true;
+  }
+  const qm_update_config_t& update = app.cfg->update_config;
+  log_info("Broker update polling thread started (update_binary=%s, interval=%ldmin)",
+           update.update_binary ? "true" : "false", update.update_check_interval);
+  g_update_thr.store(params.release());
+  return true;
+}
+
 enum class startup_result { ready, failed, stopped };
 
 using startup_step = bool (*)(broker_app&);
 
-// Start-up after the command line, in its fixed order (the update thread follows the
-// HTTPS frontend). A stop asked for meanwhile ends it after the step under way.
+// Start-up after the command line, in its fixed order. A stop asked for meanwhile ends it
+// after the step under way.
 constexpr startup_step kStartupSteps[] = {
     s_start_nats_server,  s_provision_jetstream, s_load_credentials, s_start_auth_watcher,
     s_connect_relay,      s_create_auth_cache,   s_start_auth_callout, s_set_up_sasl,
-    s_start_amqp,         s_start_http_frontend,
+    s_start_amqp,         s_start_http_frontend, s_start_update_thread,
 };
 
 startup_result s_start(broker_app& app) {
@@ -486,6 +521,14 @@ void s_stop_auth_watcher(broker_app&) {
   g_auth_watcher = nullptr;
 }
 
+// Joined before the front doors go: an activation under way ends the process itself.
+void s_stop_update_thread(broker_app&) {
+  std::unique_ptr<broker_update_thread_params_t> params(g_update_thr.exchange(nullptr));
+  if (!params) return;
+  log_debug("Joining update polling thread");
+  broker_update_thread_join(params.get());
+}
+
 // Waits for its requests in flight and its background refreshes, which use the relay
 // and the cache torn down after it.
 void s_stop_http_frontend(broker_app&) {
@@ -552,8 +595,8 @@ using teardown_step = void (*)(broker_app&);
 // auth thread and service, auth cache, SASL, credentials, nats-server child. Each step
 // only for what was started.
 constexpr teardown_step kTeardownSteps[] = {
-    s_stop_auth_watcher,  s_stop_http_frontend, s_stop_amqp,        s_stop_relay,       s_stop_auth_callout,
-    s_destroy_auth_cache, s_tear_down_sasl,     s_free_credentials, s_stop_nats_server,
+    s_stop_auth_watcher, s_stop_update_thread, s_stop_http_frontend, s_stop_amqp,         s_stop_relay,
+    s_stop_auth_callout, s_destroy_auth_cache, s_tear_down_sasl,     s_free_credentials,  s_stop_nats_server,
 };
 
 void s_shutdown(broker_app& app) {

@@ -10,6 +10,8 @@
 #include <ctime>
 #include <filesystem>
 #include <future>
+#include <iterator>
+#include <sstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -72,12 +74,6 @@ bool other_can_lock(const std::string& path) {
   return qmtest::Child({"/usr/bin/flock", "-n", path, "true"}).wait(std::chrono::seconds(30)) == 0;
 }
 
-std::set<std::string> listing(const std::string& dir) {
-  std::set<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
-  return names;
-}
-
 // The installed layout below a base directory whose name has a blank (install.sh's
 // arguments must stay whole), a private temporary directory, and a directory outside of
 // both that no package may touch.
@@ -90,7 +86,10 @@ class UpdateLayout : public ::testing::Test {
     qmtest::write_file(outside + "/sentinel", "untouched");
     qmtest::write_file(outside + "/evil.sh", "#!/bin/sh\ntouch " + outside + "/ran\n");
   }
-  void TearDown() override { qm_update_set_extract_limits(512ull << 20, 10000); }
+  void TearDown() override {
+    qm_update_set_extract_limits(512ull << 20, 10000);
+    qm_update_set_install_time_limit_ms(0);
+  }
 
   // Installs the package `entries` named `filename` into a new version directory.
   int install(const std::string& filename, const std::vector<ZipEntry>& entries, bool truncate = false) {
@@ -185,7 +184,7 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
        "Failed to extract update package",
        true},
   };
-  const auto before = listing(outside);
+  const auto before = qmtest::dir_entries(outside);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     qmtest::LogCapture log(QMLOG_TRACE);
@@ -194,7 +193,7 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
     EXPECT_FALSE(fs::exists(pkg));
     EXPECT_FALSE(fs::exists(extract_dir));
     EXPECT_FALSE(fs::exists(tempdir + "/escape"));
-    EXPECT_EQ(listing(outside), before);
+    EXPECT_EQ(qmtest::dir_entries(outside), before);
     EXPECT_EQ(qmtest::read_file(outside + "/sentinel"), "untouched");
     fs::remove_all(new_dir);
   }
@@ -220,6 +219,30 @@ TEST_F(UpdateLayout, ZipBombStopsAtTheExtractionBudget) {
     EXPECT_FALSE(fs::exists(pkg));
     fs::remove_all(new_dir);
   }
+}
+
+bool process_gone(pid_t pid) {
+  const std::string stat = qmtest::read_file("/proc/" + std::to_string(pid) + "/stat");
+  const size_t state = stat.rfind(") ");
+  return stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z');
+}
+
+// An install.sh that hangs past its time, ignoring SIGTERM, is killed with the child it
+// started; the installation fails cleanly. (A stop request ends it the same way.)
+TEST_F(UpdateLayout, AHangingInstallScriptIsEndedWithItsChildren) {
+  const std::string pids = outside + "/pids";
+  qm_update_set_install_time_limit_ms(2000);
+  make_zip(work + "/pkg_20250301001.zip",
+           {{"install.sh", "#!/bin/sh\ntrap '' TERM\nsleep 600 &\necho $! $$ > '" + pids + "'\nwait\n"}});
+  qmtest::LogCapture log(QMLOG_ERROR);
+  EXPECT_EQ(install_made_package("pkg_20250301001.zip"), -1);
+  EXPECT_TRUE(log.contains("ended because it ran longer than allowed")) << log.text();
+  std::istringstream started(qmtest::read_file(pids));
+  const std::vector<pid_t> pids_started{std::istream_iterator<pid_t>(started), std::istream_iterator<pid_t>()};
+  ASSERT_EQ(pids_started.size(), 2u);
+  for (pid_t pid : pids_started) EXPECT_TRUE(qmtest::wait_until([&] { return process_gone(pid); }, std::chrono::seconds(10)));
+  EXPECT_FALSE(fs::exists(work + "/pkg_20250301001.zip"));
+  EXPECT_FALSE(fs::exists(extract_dir));
 }
 
 TEST_F(UpdateLayout, ManualPackageIsFoundOnlyOnTheDayItsNameCarries) {
@@ -259,7 +282,7 @@ TEST_F(UpdateLayout, VersionFileAndLatestLink) {
   ASSERT_EQ(update_latest_link(work.c_str(), new_dir.c_str()), 0);
   EXPECT_EQ(fs::read_symlink(work + "/latest"), new_dir);
   EXPECT_EQ(get_curr_ver((work + "/latest").c_str(), "bin"), "20250301001");
-  EXPECT_EQ(listing(work), (std::set<std::string>{"1700000001", "latest"}));
+  EXPECT_EQ(qmtest::dir_entries(work), (std::set<std::string>{"1700000001", "latest"}));
 }
 
 TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
@@ -269,7 +292,7 @@ TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
   fs::create_symlink(work + "/gone", work + "/1700000009");  // dangling links are no obstacle
   const std::string latest = work + "/latest";
   EXPECT_EQ(clean_old_versions(work.c_str(), latest.c_str(), 2), -1);  // no link: nothing removed
-  EXPECT_EQ(listing(work).size(), 7u);
+  EXPECT_EQ(qmtest::dir_entries(work).size(), 7u);
 
   fs::create_symlink(work + "/1700000003", latest);
   const fs::path cwd = fs::current_path();
@@ -277,7 +300,7 @@ TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
   EXPECT_EQ(clean_old_versions("qm-av-broker", "qm-av-broker/latest", 2), 0);
   EXPECT_EQ(fs::current_path(), base);
   fs::current_path(cwd);
-  EXPECT_EQ(listing(work), (std::set<std::string>{"1700000002", "1700000003", "abc", "17000000001", "latest",
+  EXPECT_EQ(qmtest::dir_entries(work), (std::set<std::string>{"1700000002", "1700000003", "abc", "17000000001", "latest",
                                                   "temp.dwnld", "1700000009"}));
   fs::remove(latest);
   fs::create_symlink(work + "/1700000002/", latest);
@@ -392,7 +415,7 @@ TEST_F(Download, RedirectNamesThePackage) {
   ASSERT_EQ(download(server, &info), 1);
   EXPECT_EQ(info.filename, "/pkg_20250301001.zip");
   EXPECT_EQ(info.size, body.size());
-  EXPECT_EQ(listing(work), std::set<std::string>{"pkg_20250301001.zip"});
+  EXPECT_EQ(qmtest::dir_entries(work), std::set<std::string>{"pkg_20250301001.zip"});
   EXPECT_EQ(qmtest::read_file(work + "/pkg_20250301001.zip"), body);
   EXPECT_EQ(server.requests(), "/v1/update?component=" + std::string(kComponent) +
                                    "&version=latest&ssl=1&have=20240101001\n/files/pkg_20250301001.zip\n");

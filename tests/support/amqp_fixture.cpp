@@ -29,6 +29,8 @@ AmqpEnv::AmqpEnv(AmqpEnvOptions options) : port_(free_port()), tls_(options.tls)
   callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
   callout.tracelevel = options.tracelevel;
   callout.callout_service = options.callout_service;
+  callout.bin_dir = options.bin_dir;
+  callout.env = options.env;
   callout.broker_args = {"--amqp-enabled", "true", "--amqp-listen-host", "127.0.0.1", "--amqp-listen-port",
                          std::to_string(port_)};
   if (tls_) {

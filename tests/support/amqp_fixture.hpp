@@ -28,6 +28,9 @@ struct AmqpEnvOptions {
   bool callout_service = true;
   bool worker = true;
   int tracelevel = 6;
+  // As in CalloutOptions: run from an installed version's bin directory, extra environment.
+  std::string bin_dir;
+  std::vector<std::string> env;
 };
 
 class AmqpEnv {

@@ -90,7 +90,10 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
   credentials_ = dir_.file("credentials.conf");
   write_file(credentials_, credentials_text(options.users));
 
-  std::vector<std::string> args = {broker_binary(),
+  const bool managed = options.managed || !options.bin_dir.empty();
+  const std::string program = options.bin_dir.empty() ? broker_binary() : options.bin_dir + "/qm-av-broker";
+  const std::string server_binary = options.bin_dir.empty() ? nats_server_binary() : options.bin_dir + "/nats-server";
+  std::vector<std::string> args = {program,
                                    "--auth-file", credentials_,
                                    "--auth-signing-key", seed,
                                    "--auth-nats-user", kAuthUser,
@@ -104,13 +107,13 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
     write_file(dir_.file("permissions.json"), options.permissions_json);
     args.insert(args.end(), {"--permissions-file", dir_.file("permissions.json")});
   }
-  if (options.managed) {
+  if (managed) {
     const int port = free_port();
     url_ = "nats://127.0.0.1:" + std::to_string(port);
     server_log_ = dir_.file("nats-server.log");
     write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
                              authorization_block(issuer_), server_log_);
-    args.insert(args.end(), {"--nats-server-binary", nats_server_binary(), "--nats-server-config",
+    args.insert(args.end(), {"--nats-server-binary", server_binary, "--nats-server-config",
                              dir_.file("nats-server.conf"), "--nats-server-pid-file", dir_.file("nats-server.pid")});
   } else {
     NatsServerOptions server_options;
@@ -123,7 +126,7 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
   args.insert(args.end(), {"--nats-url", url_});
   if (!options.callout_service) args.insert(args.end(), {"--auth-callout-enabled", "false"});
   args.insert(args.end(), options.broker_args.begin(), options.broker_args.end());
-  broker_ = std::make_unique<Child>(args);
+  broker_ = std::make_unique<Child>(args, options.env);
   bool up = false;
   if (!options.callout_service) {
     // Nothing to probe: below info level the caller waits for what it needs itself.

@@ -39,6 +39,11 @@ struct CalloutOptions {
   // false: the broker runs without its callout service (--auth-callout-enabled false), so
   // nothing answers logins or "qm.auth.verify" unless the test does.
   bool callout_service = true;
+  // Not empty: run the broker and its managed nats-server (implies `managed`) from this
+  // directory, as an installed version runs from ".../latest/bin".
+  std::string bin_dir;
+  // Extra environment of the broker ("NAME=value").
+  std::vector<std::string> env;
 };
 
 class CalloutEnv {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,8 @@ int free_port();
 // Whole-file helpers; read_file returns "" for a missing file.
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
+// The names in a directory, "." and ".." left out.
+std::set<std::string> dir_entries(const std::string& dir);
 
 // Polls `condition` every few milliseconds until it holds or `timeout` passes.
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout);

@@ -44,6 +44,11 @@ void UpdateServer::add_file(const std::string& name, const std::string& content)
   write_file(dir_.file(name), content);
 }
 
+void UpdateServer::plan_package(const std::string& name) const {
+  plan(R"({"/v1/update": {"status": 302, "location": "/files/)" + name + R"("}, "/files/)" + name +
+       R"(": {"body": ")" + name + R"("}})");
+}
+
 std::string UpdateServer::requests() const { return read_file(dir_.file("requests.log")); }
 
 }  // namespace qmtest

@@ -26,6 +26,9 @@ class UpdateServer {
   void plan(const std::string& json) const;
   // A file the plan can name as "body".
   void add_file(const std::string& name, const std::string& content) const;
+  // Plans what an update server does with a new package: "/v1/update" redirects to
+  // "/files/<name>", which serves the file `name` (added before) and so names the package.
+  void plan_package(const std::string& name) const;
   // Every request's path and query so far, one a line.
   std::string requests() const;
 

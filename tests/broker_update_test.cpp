@@ -1,0 +1,156 @@
+// Self-update end to end with the real binaries: an installed version-directory layout,
+// the broker started from latest/bin, a package made by scripts/package.sh and served by
+// the local update server.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "amqp_fixture.hpp"
+#include "callout_fixture.hpp"
+#include "log_capture.hpp"
+#include "nats_server_fixture.hpp"
+#include "qmhlp_network.hpp"
+#include "update_server_fixture.hpp"
+
+namespace qmtest {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* kComponent = "qm-av-broker_nats-bin-linux-glibc2.28.amd64";
+constexpr const char* kVersionA = "20250101001";
+constexpr const char* kVersionB = "20250301002";
+constexpr const char* kStampA = "1700000000";
+
+// <base>/qm-av-broker/<stamp A>/bin with version A and "latest" pointing at it; with
+// `binaries` the broker and nats-server are installed there too.
+class InstalledLayout {
+ public:
+  explicit InstalledLayout(bool binaries) {
+    const fs::path bin = version_a() + "/bin";
+    fs::create_directories(bin);
+    fs::create_directories(base() + "/config");
+    fs::create_directories(dir_.file("tmp"));
+    write_file((bin / ".version.qm").string(), kVersionA);
+    if (binaries) {
+      fs::copy_file(broker_binary(), bin / "qm-av-broker");
+      fs::copy_file(nats_server_binary(), bin / "nats-server");
+    }
+    fs::create_symlink(version_a(), workdir() + "/latest");
+  }
+  std::string base() const { return dir_.file("opt"); }
+  std::string workdir() const { return base() + "/qm-av-broker"; }
+  std::string version_a() const { return workdir() + "/" + kStampA; }
+  std::string latest_bin() const { return workdir() + "/latest/bin"; }
+  // The update options and environment of a broker running from this layout.
+  std::vector<std::string> update_args(const UpdateServer& server) const {
+    return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1"};
+  }
+  std::vector<std::string> env() const { return {"QM_AV_BROKER_TEST_MINUTE_MS=300", "TMPDIR=" + dir_.file("tmp")}; }
+
+ private:
+  TempDir dir_;
+};
+
+std::string make_package(const TempDir& out, const std::string& version) {
+  Child packer({"/bin/bash", std::string(QM_SOURCE_DIR) + "/scripts/package.sh", out.path().string(), version},
+               {"QM_BROKER_BINARY=" + broker_binary(), "QM_NATS_SERVER=" + nats_server_binary()});
+  if (packer.wait(300s) != 0) ADD_FAILURE() << packer.err();
+  return out.file(std::string(kComponent) + "_" + version + ".zip");
+}
+
+size_t update_requests(const UpdateServer& server) { return LogCapture::count_in(server.requests(), "/v1/update?"); }
+
+bool port_accepts(int port) {
+  char error[QMHLP_ERROR_BUFFER_SIZE];
+  return qmhlp_CheckConnect("127.0.0.1", std::to_string(port).c_str(), error) == 0;
+}
+
+// Version A asks, gets B, installs it, closes both front doors while an open AMQP
+// connection still gets its reply, stops nats-server, flips "latest" and exits 0; B
+// then starts from latest/bin.
+TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
+  InstalledLayout layout(true);
+  TempDir packages;
+  const std::string package = make_package(packages, kVersionB);
+  UpdateServer server;
+  server.plan(R"({"/v1/update": {"status": 304}})");
+
+  const int http_port = free_port();
+  AmqpEnvOptions options;
+  options.bin_dir = layout.latest_bin();
+  options.env = layout.env();
+  options.broker_args = layout.update_args(server);
+  options.broker_args.insert(options.broker_args.end(),
+                             {"--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "10",
+                              "--pid-file", layout.base() + "/broker.pid",
+                              "--http-enabled", "true", "--http-listen-port", std::to_string(http_port)});
+  AmqpEnv env(options);
+  ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker_log();
+  EXPECT_NE(server.requests().find(std::string("&have=") + kVersionA), std::string::npos);
+  ScanClient open_before(env);
+  ASSERT_TRUE(port_accepts(http_port));
+
+  const std::string package_name = fs::path(package).filename().string();
+  server.add_file(package_name, read_file(package));
+  server.plan_package(package_name);
+  ASSERT_TRUE(env.wait_for_log("broker_update: front doors closed", 120s)) << env.broker_log();
+  // The open connection is served through the drain; new ones are turned away.
+  const std::string payload = "in flight during the drain";
+  const int ticket = open_before.client.send(
+      open_before.sender, scan_request(AmqpEnv::kService, "{}", &payload, open_before.reply_address, "drain-1"));
+  EXPECT_EQ(open_before.client.outcome(ticket, 20s), Outcome::accepted);
+  EXPECT_TRUE(open_before.client.receive(20s).has_value());
+  AmqpClient late(env.port(), env.login(), 20s);
+  EXPECT_FALSE(late.is_open());
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: refusing new connection \u2014 broker is draining for auto-update"));
+  EXPECT_TRUE(env.wait_for_log("http_frontend: stopped accepting new connections"));
+  EXPECT_FALSE(port_accepts(http_port));
+
+  ASSERT_EQ(env.broker().wait(120s), 0) << env.broker_log();
+  const std::string log = env.broker_log();
+  for (const char* step : {"broker_update: staged new version", "broker_update: starting activation",
+                           "broker_update: stopping nats-server child", "broker_update: flipping",
+                           "broker_update: activation complete"}) {
+    EXPECT_NE(log.find(step), std::string::npos) << step;
+  }
+  EXPECT_NE(env.callout().server_log().find("Server Exiting"), std::string::npos);
+  const fs::path active = fs::read_symlink(layout.workdir() + "/latest");
+  EXPECT_NE(active.filename().string(), kStampA);
+  EXPECT_EQ(active.parent_path(), layout.workdir());
+  EXPECT_EQ(read_file(layout.latest_bin() + "/.version.qm"), kVersionB);
+  EXPECT_TRUE(fs::exists(layout.version_a()));  // kept as a backup
+  EXPECT_FALSE(fs::exists(layout.base() + "/broker.pid"));
+
+  CalloutOptions again;
+  again.bin_dir = layout.latest_bin();
+  CalloutEnv restarted(again);  // throws unless it comes up
+  EXPECT_TRUE(restarted.broker().running());
+}
+
+// SIGTERM while the update server stalls mid-download ends the broker in seconds, far
+// below the transfer's 60 s low-speed limit, and leaves no partial download.
+TEST(UpdateEndToEnd, SigtermDuringAStalledDownloadEndsTheBroker) {
+  InstalledLayout layout(false);
+  UpdateServer server;
+  server.add_file("pkg", std::string(100000, 'p'));
+  server.plan(R"({"/v1/update": {"body": "pkg", "stall": true}})");
+  CalloutOptions options;
+  options.env = layout.env();
+  options.broker_args = layout.update_args(server);
+  options.broker_args.insert(options.broker_args.end(), {"--nats-server-binary", layout.latest_bin() + "/nats-server"});
+  CalloutEnv env(options);
+  ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker().err();
+  ASSERT_TRUE(wait_until([&] { return fs::exists(layout.workdir() + "/temp.dwnld"); }, 20s));
+  env.broker().signal(SIGTERM);
+  ASSERT_EQ(env.broker().wait(20s), 0) << env.broker().err();
+  EXPECT_NE(env.broker().err().find("broker_update: STOP requested, thread exiting"), std::string::npos);
+  EXPECT_FALSE(fs::exists(layout.workdir() + "/temp.dwnld"));
+}
+
+}  // namespace
+}  // namespace qmtest
