@@ -6,6 +6,8 @@
 
 #include <csignal>
 #include <filesystem>
+#include <memory>
+#include <set>
 #include <string>
 
 #include "amqp_fixture.hpp"
@@ -34,7 +36,7 @@ class InstalledLayout {
     const fs::path bin = version_a() + "/bin";
     fs::create_directories(bin);
     fs::create_directories(base() + "/config");
-    fs::create_directories(dir_.file("tmp"));
+    fs::create_directories(tmpdir());
     write_file((bin / ".version.qm").string(), kVersionA);
     if (binaries) {
       fs::copy_file(broker_binary(), bin / "qm-av-broker");
@@ -50,7 +52,8 @@ class InstalledLayout {
   std::vector<std::string> update_args(const UpdateServer& server) const {
     return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1"};
   }
-  std::vector<std::string> env() const { return {"QM_AV_BROKER_TEST_MINUTE_MS=300", "TMPDIR=" + dir_.file("tmp")}; }
+  std::vector<std::string> env() const { return {"QM_AV_BROKER_TEST_MINUTE_MS=300", "TMPDIR=" + tmpdir()}; }
+  std::string tmpdir() const { return dir_.file("tmp"); }
 
  private:
   TempDir dir_;
@@ -59,8 +62,10 @@ class InstalledLayout {
 std::string make_package(const TempDir& out, const std::string& version) {
   Child packer({"/bin/bash", std::string(QM_SOURCE_DIR) + "/scripts/package.sh", out.path().string(), version},
                {"QM_BROKER_BINARY=" + broker_binary(), "QM_NATS_SERVER=" + nats_server_binary()});
+  const std::string package = out.file(std::string(kComponent) + "_" + version + ".zip");
   if (packer.wait(300s) != 0) ADD_FAILURE() << packer.err();
-  return out.file(std::string(kComponent) + "_" + version + ".zip");
+  EXPECT_EQ(packer.out(), package + "\n");
+  return package;
 }
 
 size_t update_requests(const UpdateServer& server) { return LogCapture::count_in(server.requests(), "/v1/update?"); }
@@ -70,7 +75,7 @@ bool port_accepts(int port) {
   return qmhlp_CheckConnect("127.0.0.1", std::to_string(port).c_str(), error) == 0;
 }
 
-// Version A asks, gets B, installs it, closes both front doors while an open AMQP
+// Version A asks, gets a redirect to B, installs it, closes both front doors while an open AMQP
 // connection still gets its reply, stops nats-server, flips "latest" and exits 0; B
 // then starts from latest/bin.
 TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
@@ -80,18 +85,32 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
   UpdateServer server;
   server.plan(R"({"/v1/update": {"status": 304}})");
 
-  const int http_port = free_port();
-  AmqpEnvOptions options;
-  options.bin_dir = layout.latest_bin();
-  options.env = layout.env();
-  options.broker_args = layout.update_args(server);
-  options.broker_args.insert(options.broker_args.end(),
-                             {"--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "10",
-                              "--pid-file", layout.base() + "/broker.pid",
-                              "--http-enabled", "true", "--http-listen-port", std::to_string(http_port)});
-  AmqpEnv env(options);
+  int http_port = 0;
+  std::unique_ptr<AmqpEnv> started;
+  // The HTTP port was free a moment ago; should another process take it meanwhile, the
+  // broker does not start, and a second port is tried.
+  for (int attempt = 1; !started; ++attempt) {
+    http_port = free_port();
+    AmqpEnvOptions options;
+    options.bin_dir = layout.latest_bin();
+    options.env = layout.env();
+    options.broker_args = layout.update_args(server);
+    options.broker_args.insert(options.broker_args.end(),
+                               {"--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "10",
+                                "--pid-file", layout.base() + "/broker.pid", "--http-enabled", "true",
+                                "--http-listen-port", std::to_string(http_port)});
+    try {
+      started = std::make_unique<AmqpEnv>(options);
+    } catch (const std::exception& e) {
+      if (attempt == 3 || std::string(e.what()).find("port in use?") == std::string::npos) throw;
+    }
+  }
+  AmqpEnv& env = *started;
   ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker_log();
-  EXPECT_NE(server.requests().find(std::string("&have=") + kVersionA), std::string::npos);
+  EXPECT_NE(server.requests().find(std::string("/v1/update?component=") + kComponent +
+                                   "&version=latest&ssl=1&have=" + kVersionA + "\n"),
+            std::string::npos)
+      << server.requests();
   ScanClient open_before(env);
   ASSERT_TRUE(port_accepts(http_port));
 
@@ -123,7 +142,9 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
   EXPECT_NE(active.filename().string(), kStampA);
   EXPECT_EQ(active.parent_path(), layout.workdir());
   EXPECT_EQ(read_file(layout.latest_bin() + "/.version.qm"), kVersionB);
-  EXPECT_TRUE(fs::exists(layout.version_a()));  // kept as a backup
+  // Version A is kept as a backup; the package and its unpacked copy are gone.
+  EXPECT_EQ(dir_entries(layout.workdir()), (std::set<std::string>{kStampA, active.filename().string(), "latest"}));
+  EXPECT_TRUE(fs::is_empty(layout.tmpdir()));
   EXPECT_FALSE(fs::exists(layout.base() + "/broker.pid"));
 
   CalloutOptions again;

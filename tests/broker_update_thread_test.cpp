@@ -75,13 +75,13 @@ class UpdateThread : public ::testing::Test {
   }
   size_t request_count() const { return qmtest::LogCapture::count_in(server.requests(), "/v1/update?"); }
 
-  // Serves version B, whose install.sh copies bin/tool and then runs `script_tail`.
-  void serve_package(const std::string& script_tail) {
+  // Serves `version` (B unless named), whose install.sh copies bin/tool and then runs `script_tail`.
+  void serve_package(const std::string& script_tail, const std::string& version = "20250301002") {
     const std::string stage = tmp.file("stage");
     fs::create_directories(stage + "/bin");
     qmtest::write_file(stage + "/bin/tool", "tool B");
     qmtest::write_file(stage + "/install.sh", "#!/bin/sh\nset -e\ncp \"$1/bin/tool\" \"$3/tool\"\n" + script_tail);
-    const std::string name = "qm-av-broker_nats-bin-linux-glibc2.28.amd64_20250301002.zip";
+    const std::string name = "qm-av-broker_nats-bin-linux-glibc2.28.amd64_" + version + ".zip";
     qmtest::Child zip({"/bin/sh", "-c", "cd \"$0\" && zip -q -r \"$1\" install.sh bin", stage, tmp.file(name)});
     ASSERT_EQ(zip.wait(60s), 0) << zip.err();
     server.add_file(name, qmtest::read_file(tmp.file(name)));
@@ -98,34 +98,33 @@ class UpdateThread : public ::testing::Test {
 };
 
 // The base directory is the nats-server path less four components; without one the
-// thread ends at once, no STOP needed.
-TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectory) {
+// thread ends at once, no STOP needed. With update_binary off it idles until stopped and
+// never gets as far as the base directory.
+TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectoryAndIdlesWithoutUpdateBinary) {
   const std::vector<std::pair<const char*, qm::opt_string>> basedirs = {
       {"/a/b/c/d/e/f", "/a/b"}, {"/a/b/c/d", "/"},           {"rel/a/b/c/d", "rel"},
       {"/a/b/c", std::nullopt}, {"nats-server", std::nullopt}, {nullptr, std::nullopt}};
   for (const auto& [path, expected] : basedirs) EXPECT_EQ(broker_update_basedir(path), expected) << path;
   EXPECT_EQ(broker_update_workdir("/"), "/qm-av-broker");
   cfg.nats_server_binary = "/x/y/nats-server";
-  qmtest::LogCapture log(QMLOG_ERROR);
+  qmtest::LogCapture log(QMLOG_INFO);
   auto body = std::async(std::launch::async, [this] { return broker_update_thread(&params); });
   ASSERT_EQ(body.wait_for(20s), std::future_status::ready);
   EXPECT_TRUE(log.contains("broker_update: failed to derive basedir from /x/y/nats-server")) << log.text();
   EXPECT_TRUE(log.contains("broker_update: lockfile init failed; thread exiting"));
-}
 
-TEST_F(UpdateThread, WithoutUpdateBinaryItIdlesAndStillEndsOnStop) {
   cfg.update_config.update_binary = false;
-  qmtest::LogCapture log(QMLOG_INFO);
   ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("broker_update: update_binary=false, polling thread will idle", 20s));
-  EXPECT_FALSE(qmtest::wait_until([&] { return request_count() > 0; }, std::chrono::milliseconds(5 * interval_ms())));
-  EXPECT_TRUE(join_within(5s));
+  ASSERT_TRUE(join_within(20s));
+  EXPECT_EQ(log.count("failed to derive basedir"), 1u) << log.text();
 }
 
 // The first request comes a whole interval after the start, with the active version; an
 // installation that fails leaves no version directory, the cycle prunes as one with
-// nothing new would, and the next attempt comes an interval later.
-TEST_F(UpdateThread, FailedInstallationLeavesNoVersionDirectoryAndRetriesAnIntervalLater) {
+// nothing new would, and the next attempt comes an interval later. A stop during a
+// hanging install.sh ends the script and the thread; nothing is staged.
+TEST_F(UpdateThread, FailedInstallationIsRetriedAnIntervalLaterAndAStopEndsAHangingOne) {
   serve_package("exit 1\n");
   for (const char* old : {"1500000000", "1500000001"}) fs::create_directories(workdir + "/" + old);
   cfg.update_config.update_max_backups = 1;
@@ -137,10 +136,17 @@ TEST_F(UpdateThread, FailedInstallationLeavesNoVersionDirectoryAndRetriesAnInter
   EXPECT_NE(server.requests().find(std::string("&have=") + kVersionA + "\n"), std::string::npos);
   ASSERT_TRUE(log.wait_for("broker_update: failed to install bin update", 30s, 2)) << log.text();
   EXPECT_GE(qm::monotonic_ms() - started_ms, 2 * interval_ms());
-  ASSERT_TRUE(join_within(20s));
   EXPECT_TRUE(log.contains("exit status 1"));
+
+  const std::string pid_file = tmp.file("install.pid");
+  serve_package("echo $$ > '" + pid_file + "'\nexec sleep 600\n", "20250301003");
+  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(pid_file).empty(); }, 30s));
+  const pid_t script = std::stoi(qmtest::read_file(pid_file));
+  ASSERT_TRUE(join_within(20s));
+  EXPECT_NE(kill(script, 0), 0);
   EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
   EXPECT_EQ(params.status, WAITING);
+  EXPECT_FALSE(params.update_deployed_to);
 }
 
 // Staged while the window is closed: the version is complete, "latest" stays, the
@@ -162,19 +168,6 @@ TEST_F(UpdateThread, StagedVersionWaitsForTheMaintenanceWindow) {
   EXPECT_EQ(params.status, FILES_READY);
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
   EXPECT_FALSE(qm_update_cluster_lock_is_held());
-}
-
-// A stop during a hanging install.sh ends the script and the thread; nothing is staged.
-TEST_F(UpdateThread, StopEndsAHangingInstallScript) {
-  const std::string pid_file = tmp.file("install.pid");
-  serve_package("echo $$ > '" + pid_file + "'\nexec sleep 600\n");
-  ASSERT_EQ(broker_update_thread_start(&params), 0);
-  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(pid_file).empty(); }, 30s));
-  const pid_t script = std::stoi(qmtest::read_file(pid_file));
-  ASSERT_TRUE(join_within(20s));
-  EXPECT_NE(kill(script, 0), 0);
-  EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
-  EXPECT_FALSE(params.update_deployed_to);
 }
 
 // ---- activation ------------------------------------------------------------------------
