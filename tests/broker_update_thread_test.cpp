@@ -245,7 +245,8 @@ TEST(MaintenanceWindow, OpenAtTheRightMinutesAndWhenMissingOrMalformed) {
   };
   broker_update_set_clock_for_testing(s_fake_clock);
   for (const auto& [window, hour, minute, open, warns] : cases) {
-    SCOPED_TRACE(std::string(window ? window : "(null)") + " at " + std::to_string(hour) + ":" + std::to_string(minute));
+    SCOPED_TRACE(std::string(window ? window : "(null)") + " at " + std::to_string(hour) + ":" +
+                 std::to_string(minute));
     s_fake_now = today_at(hour, minute);
     qmtest::LogCapture log(QMLOG_WARN);
     EXPECT_EQ(broker_update_in_maintenance_window(window), open);

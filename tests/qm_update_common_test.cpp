@@ -130,7 +130,10 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
        {kInstallScript, {"link", outside, 'l'}, {"link/through", "x"}},
        "Cannot extract through symlink link/through"},
       {"install.sh links outside", {{"install.sh", outside + "/evil.sh", 'l'}}, "not a regular file"},
-      {"truncated zip", {kInstallScript, {"bin/big", std::string(200000, 'q')}}, "Failed to extract update package", -1},
+      {"truncated zip",
+       {kInstallScript, {"bin/big", std::string(200000, 'q')}},
+       "Failed to extract update package",
+       -1},
       {"bomb, size announced", {kInstallScript}, too_big, 0, int64_t{256} << 20},
       {"bomb, streamed", {kInstallScript}, too_big, 200, int64_t{256} << 20},
   };
