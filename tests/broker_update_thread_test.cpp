@@ -1,13 +1,14 @@
 // The update polling thread in this process against the local update server, with a
 // shortened minute, and the maintenance window on a controllable wall clock.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
-#include <future>
 #include <iterator>
 #include <sstream>
 #include <set>
@@ -95,10 +96,17 @@ class UpdateThread : public ::testing::Test {
   }
 
   int64_t interval_ms() const { return cfg.update_config.update_check_interval * kMinuteMs; }
-  // Requests the stop and waits at most `timeout` for the thread.
-  bool join_within(std::chrono::milliseconds timeout) {
-    auto joined = std::async(std::launch::async, [this] { broker_update_thread_join(&params); });
-    return joined.wait_for(timeout) == std::future_status::ready;
+  // Requests the stop and waits at most `timeout` for the thread (broker_update_thread_join
+  // with a deadline, so that a thread that never ends fails the test instead of hanging it).
+  bool join_within(std::chrono::seconds timeout) {
+    if (!params.started) return true;
+    broker_update_thread_request_stop(&params);
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += timeout.count();
+    if (pthread_timedjoin_np(params.thread, nullptr, &deadline) != 0) return false;
+    params.started = false;
+    return true;
   }
   size_t request_count() const { return qmtest::LogCapture::count_in(server.requests(), "/v1/update?"); }
 
@@ -142,10 +150,10 @@ TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectoryAndIdlesWithoutUpdateBinary)
   EXPECT_EQ(broker_update_workdir("/"), "/qm-av-broker");
   cfg.nats_server_binary = "/x/y/nats-server";
   qmtest::LogCapture log(QMLOG_INFO);
-  auto body = std::async(std::launch::async, [this] { return broker_update_thread(&params); });
-  ASSERT_EQ(body.wait_for(20s), std::future_status::ready);
-  EXPECT_TRUE(log.contains("broker_update: failed to derive basedir from /x/y/nats-server")) << log.text();
-  EXPECT_TRUE(log.contains("broker_update: lockfile init failed; thread exiting"));
+  ASSERT_EQ(broker_update_thread_start(&params), 0);
+  ASSERT_TRUE(log.wait_for("broker_update: lockfile init failed; thread exiting", 20s)) << log.text();
+  EXPECT_TRUE(log.contains("broker_update: failed to derive basedir from /x/y/nats-server"));
+  ASSERT_TRUE(join_within(20s));
 
   cfg.update_config.update_binary = false;
   ASSERT_EQ(broker_update_thread_start(&params), 0);
@@ -175,12 +183,16 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
 
   const std::string pids = tmp.file("pids");
   qm_update_set_install_time_limit_ms(1000);
-  serve_package("trap '' TERM\nsleep 600 &\necho $! $$ >> '" + pids + "'\nwait\n", "20250301003");
+  serve_package("exec >/dev/null 2>&1\ntrap '' TERM\nsleep 600 &\necho $! $$ >> '" + pids + "'\nwait\n", "20250301003");
   ASSERT_TRUE(log.wait_for("ended because it ran longer than allowed", 60s)) << log.text();
   ASSERT_TRUE(qmtest::wait_until([&] { return pids_in(pids).size() >= 4; }, 60s));  // the next attempt runs
   ASSERT_TRUE(join_within(30s));
   EXPECT_TRUE(log.contains("ended because the update thread is stopping")) << log.text();
-  for (pid_t pid : pids_in(pids)) EXPECT_TRUE(qmtest::wait_until([&] { return process_gone(pid); }, 10s)) << pid;
+  const bool all_gone = qmtest::wait_until([&] { return std::ranges::all_of(pids_in(pids), process_gone); }, 10s);
+  EXPECT_TRUE(all_gone) << qmtest::read_file(pids);
+  for (pid_t pid : pids_in(pids)) {
+    if (!all_gone && !process_gone(pid)) kill(pid, SIGKILL);  // survivors would hold the test's output open
+  }
   EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
   EXPECT_EQ(params.status, WAITING);
   EXPECT_FALSE(params.update_deployed_to);
