@@ -156,12 +156,14 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
   }
 }
 
+// Without an active version nothing is pruned, and the version asked about is the fallback.
 TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
   for (const char* d : {"1700000001", "1700000002", "1700000003", "abc", "17000000001"})
     fs::create_directories(work + "/" + d);
   fs::create_symlink(work + "/gone", work + "/1700000009");  // dangling links are no obstacle
   EXPECT_EQ(clean_old_versions(work.c_str(), (work + "/latest").c_str(), 0), -1);  // no link: nothing removed
   EXPECT_EQ(qmtest::dir_entries(work).size(), 6u);
+  EXPECT_EQ(get_curr_ver((work + "/latest").c_str(), "bin"), QM_UPDATE_FALLBACK_VERSION);
 
   fs::create_symlink(work + "/1700000001/", work + "/latest");
   const fs::path cwd = fs::current_path();
