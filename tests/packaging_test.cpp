@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,12 +15,6 @@ namespace {
 
 constexpr const char* kInstallBase = "/opt/qm-av";
 
-std::string replace_all(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
-  return text;
-}
-
 // systemd-analyze checks that ExecStart names an executable, so the unit is checked as
 // installed below a temporary base with the broker in place; no running systemd needed.
 TEST(ServiceUnit, PassesSystemdVerification) {
@@ -30,7 +25,7 @@ TEST(ServiceUnit, PassesSystemdVerification) {
   const std::string unit = qmtest::read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-broker.service");
   ASSERT_NE(unit.find(std::string("ExecStart=") + kInstallBase + "/qm-av-broker/latest/bin/qm-av-broker"),
             std::string::npos);
-  qmtest::write_file(tmp.file("qm-av-broker.service"), replace_all(unit, kInstallBase, base));
+  qmtest::write_file(tmp.file("qm-av-broker.service"), std::regex_replace(unit, std::regex(kInstallBase), base));
 
   qmtest::Child verify({"/usr/bin/systemd-analyze", "verify", "--man=no", tmp.file("qm-av-broker.service")});
   EXPECT_EQ(verify.wait(std::chrono::seconds(60)), 0);
