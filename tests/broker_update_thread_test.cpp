@@ -1,12 +1,16 @@
 // The update polling thread in this process against the local update server, with a
 // shortened minute, and the maintenance window on a controllable wall clock.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
-#include <future>
+#include <iterator>
+#include <sstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +27,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
+constexpr const char* kComponent = "qm-av-broker_nats-bin-linux-glibc2.28.amd64";
 constexpr const char* kVersionA = "20250101001";
 constexpr const char* kActive = "1600000000";
 constexpr int64_t kMinuteMs = 100;
@@ -41,14 +46,36 @@ time_t today_at(int hour, int minute) {
   return mktime(&local);
 }
 
-// An installed layout with version A active and the thread's parameters pointing at it.
-// The thread requires a relay but never uses one: a token stands in for it.
+// Pids listed in a file, as the hanging install scripts below write them.
+std::vector<pid_t> pids_in(const std::string& path) {
+  std::istringstream listed(qmtest::read_file(path));
+  return {std::istream_iterator<pid_t>(listed), std::istream_iterator<pid_t>()};
+}
+
+bool process_gone(pid_t pid) {
+  const std::string stat = qmtest::read_file("/proc/" + std::to_string(pid) + "/stat");
+  const size_t state = stat.rfind(") ");
+  return stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z');
+}
+
+// A package an operator put down by hand, named for the day `offset_days` from today.
+std::string manual_name(int offset_days) {
+  const time_t t = time(nullptr) + offset_days * 86400;
+  char date[16];
+  struct tm local {};
+  strftime(date, sizeof date, "%Y%m%d", localtime_r(&t, &local));
+  return std::string(kComponent) + "_" + date + "001_manual.zip";
+}
+
+// An installed layout with version A active and the thread's parameters pointing at it;
+// the base directory's name has a blank (install.sh's arguments must stay whole). The
+// thread requires a relay but never uses one: a token stands in for it.
 class UpdateThread : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(workdir + "/" + kActive + "/bin");
     fs::create_directories(tmp.file("t"));
-    fs::create_directories(tmp.file("opt/config"));  // where the cluster lock lives
+    fs::create_directories(basedir + "/config");  // where the cluster lock lives
     qmtest::write_file(workdir + "/" + kActive + "/bin/.version.qm", kVersionA);
     fs::create_symlink(workdir + "/" + kActive, workdir + "/latest");
     if (const char* saved = getenv("TMPDIR")) saved_tmpdir = saved;
@@ -65,31 +92,46 @@ class UpdateThread : public ::testing::Test {
     saved_tmpdir ? setenv("TMPDIR", saved_tmpdir->c_str(), 1) : unsetenv("TMPDIR");
     broker_update_set_minute_ms_for_testing(0);
     broker_update_set_clock_for_testing(nullptr);
+    qm_update_set_install_time_limit_ms(0);
   }
 
   int64_t interval_ms() const { return cfg.update_config.update_check_interval * kMinuteMs; }
-  // Requests the stop and waits at most `timeout` for the thread.
-  bool join_within(std::chrono::milliseconds timeout) {
-    auto joined = std::async(std::launch::async, [this] { broker_update_thread_join(&params); });
-    return joined.wait_for(timeout) == std::future_status::ready;
+  // Requests the stop and waits at most `timeout` for the thread (broker_update_thread_join
+  // with a deadline, so that a thread that never ends fails the test instead of hanging it).
+  bool join_within(std::chrono::seconds timeout) {
+    if (!params.started) return true;
+    broker_update_thread_request_stop(&params);
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += timeout.count();
+    if (pthread_timedjoin_np(params.thread, nullptr, &deadline) != 0) return false;
+    params.started = false;
+    return true;
   }
   size_t request_count() const { return qmtest::LogCapture::count_in(server.requests(), "/v1/update?"); }
 
-  // Serves version B, whose install.sh copies bin/tool and then runs `script_tail`.
-  void serve_package(const std::string& script_tail) {
+  // Makes at `path` a package whose install.sh copies bin/tool (mode kept) and then runs
+  // `script_tail`.
+  void make_package(const std::string& script_tail, const std::string& path) {
     const std::string stage = tmp.file("stage");
     fs::create_directories(stage + "/bin");
     qmtest::write_file(stage + "/bin/tool", "tool B");
-    qmtest::write_file(stage + "/install.sh", "#!/bin/sh\nset -e\ncp \"$1/bin/tool\" \"$3/tool\"\n" + script_tail);
-    const std::string name = "qm-av-broker_nats-bin-linux-glibc2.28.amd64_20250301002.zip";
-    qmtest::Child zip({"/bin/sh", "-c", "cd \"$0\" && zip -q -r \"$1\" install.sh bin", stage, tmp.file(name)});
+    fs::permissions(stage + "/bin/tool", fs::perms::owner_exec, fs::perm_options::add);
+    qmtest::write_file(stage + "/install.sh", "#!/bin/sh\nset -e\ncp -p \"$1/bin/tool\" \"$3/tool\"\n" + script_tail);
+    qmtest::Child zip({"/bin/sh", "-c", "cd \"$0\" && zip -q -r \"$1\" install.sh bin", stage, path});
     ASSERT_EQ(zip.wait(60s), 0) << zip.err();
+  }
+  // Serves such a package as `version`.
+  void serve_package(const std::string& script_tail, const std::string& version) {
+    const std::string name = std::string(kComponent) + "_" + version + ".zip";
+    make_package(script_tail, tmp.file(name));
     server.add_file(name, qmtest::read_file(tmp.file(name)));
     server.plan_package(name);
   }
 
   qmtest::TempDir tmp;
-  const std::string workdir = tmp.file("opt") + "/qm-av-broker";
+  const std::string basedir = tmp.file("opt dir");
+  const std::string workdir = basedir + "/qm-av-broker";
   qmtest::UpdateServer server;
   broker_config cfg;
   broker_update_thread_params_t params;
@@ -98,35 +140,35 @@ class UpdateThread : public ::testing::Test {
 };
 
 // The base directory is the nats-server path less four components; without one the
-// thread ends at once, no STOP needed.
-TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectory) {
+// thread ends at once, no STOP needed. With update_binary off it idles until stopped and
+// never gets as far as the base directory.
+TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectoryAndIdlesWithoutUpdateBinary) {
   const std::vector<std::pair<const char*, qm::opt_string>> basedirs = {
       {"/a/b/c/d/e/f", "/a/b"}, {"/a/b/c/d", "/"},           {"rel/a/b/c/d", "rel"},
       {"/a/b/c", std::nullopt}, {"nats-server", std::nullopt}, {nullptr, std::nullopt}};
   for (const auto& [path, expected] : basedirs) EXPECT_EQ(broker_update_basedir(path), expected) << path;
   EXPECT_EQ(broker_update_workdir("/"), "/qm-av-broker");
   cfg.nats_server_binary = "/x/y/nats-server";
-  qmtest::LogCapture log(QMLOG_ERROR);
-  auto body = std::async(std::launch::async, [this] { return broker_update_thread(&params); });
-  ASSERT_EQ(body.wait_for(20s), std::future_status::ready);
-  EXPECT_TRUE(log.contains("broker_update: failed to derive basedir from /x/y/nats-server")) << log.text();
-  EXPECT_TRUE(log.contains("broker_update: lockfile init failed; thread exiting"));
-}
-
-TEST_F(UpdateThread, WithoutUpdateBinaryItIdlesAndStillEndsOnStop) {
-  cfg.update_config.update_binary = false;
   qmtest::LogCapture log(QMLOG_INFO);
   ASSERT_EQ(broker_update_thread_start(&params), 0);
+  ASSERT_TRUE(log.wait_for("broker_update: lockfile init failed; thread exiting", 20s)) << log.text();
+  EXPECT_TRUE(log.contains("broker_update: failed to derive basedir from /x/y/nats-server"));
+  ASSERT_TRUE(join_within(20s));
+
+  cfg.update_config.update_binary = false;
+  ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("broker_update: update_binary=false, polling thread will idle", 20s));
-  EXPECT_FALSE(qmtest::wait_until([&] { return request_count() > 0; }, std::chrono::milliseconds(5 * interval_ms())));
-  EXPECT_TRUE(join_within(5s));
+  ASSERT_TRUE(join_within(20s));
+  EXPECT_EQ(log.count("failed to derive basedir"), 1u) << log.text();
 }
 
 // The first request comes a whole interval after the start, with the active version; an
 // installation that fails leaves no version directory, the cycle prunes as one with
-// nothing new would, and the next attempt comes an interval later.
-TEST_F(UpdateThread, FailedInstallationLeavesNoVersionDirectoryAndRetriesAnIntervalLater) {
-  serve_package("exit 1\n");
+// nothing new would, and the next attempt comes an interval later. An install.sh that
+// ignores SIGTERM is ended with the child it started, both when it overruns its time and
+// when the thread is stopping; nothing is staged.
+TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirChildren) {
+  serve_package("exit 1\n", "20250301002");
   for (const char* old : {"1500000000", "1500000001"}) fs::create_directories(workdir + "/" + old);
   cfg.update_config.update_max_backups = 1;
   qmtest::LogCapture log(QMLOG_ERROR);
@@ -137,44 +179,68 @@ TEST_F(UpdateThread, FailedInstallationLeavesNoVersionDirectoryAndRetriesAnInter
   EXPECT_NE(server.requests().find(std::string("&have=") + kVersionA + "\n"), std::string::npos);
   ASSERT_TRUE(log.wait_for("broker_update: failed to install bin update", 30s, 2)) << log.text();
   EXPECT_GE(qm::monotonic_ms() - started_ms, 2 * interval_ms());
-  ASSERT_TRUE(join_within(20s));
   EXPECT_TRUE(log.contains("exit status 1"));
+
+  const std::string pids = tmp.file("pids");
+  qm_update_set_install_time_limit_ms(1000);
+  serve_package("exec >/dev/null 2>&1\ntrap '' TERM\nsleep 600 &\necho $! $$ >> '" + pids + "'\nwait\n", "20250301003");
+  ASSERT_TRUE(log.wait_for("ended because it ran longer than allowed", 60s)) << log.text();
+  ASSERT_TRUE(qmtest::wait_until([&] { return pids_in(pids).size() >= 4; }, 60s));  // the next attempt runs
+  ASSERT_TRUE(join_within(30s));
+  EXPECT_TRUE(log.contains("ended because the update thread is stopping")) << log.text();
+  const bool all_gone = qmtest::wait_until([&] { return std::ranges::all_of(pids_in(pids), process_gone); }, 10s);
+  EXPECT_TRUE(all_gone) << qmtest::read_file(pids);
+  for (pid_t pid : pids_in(pids)) {
+    if (!all_gone && !process_gone(pid)) kill(pid, SIGKILL);  // survivors would hold the test's output open
+  }
   EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
   EXPECT_EQ(params.status, WAITING);
+  EXPECT_FALSE(params.update_deployed_to);
 }
 
-// Staged while the window is closed: the version is complete, "latest" stays, the
-// thread looks again every minute without asking the server, until it is stopped.
-TEST_F(UpdateThread, StagedVersionWaitsForTheMaintenanceWindow) {
-  serve_package("");
+// Today's package put down by hand (not yesterday's) is staged while the window is
+// closed: the version is complete, "latest" stays, the thread looks again every minute
+// without asking the server, until it is stopped. The install script starts with its
+// three arguments and with the signal state of no thread of the broker (which blocks its
+// process signals everywhere and ignores SIGPIPE).
+TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
+  const std::string today = manual_name(0);
+  make_package(
+      "printf '%s\\n' \"$@\" > \"$3/args\"\nwhile read -r key value; do\n  case $key in SigBlk:|SigIgn:) echo "
+      "\"$key$value\";; esac\ndone < /proc/$$/status > \"$3/signals\"\n",
+      workdir + "/" + today);
+  qmtest::write_file(workdir + "/" + manual_name(-1), "not a package");
   cfg.update_maintenance_window = "02:00-03:00";
   s_fake_now = today_at(12, 0);
   broker_update_set_clock_for_testing(s_fake_clock);
+  const std::string cwd = fs::current_path();
   qmtest::LogCapture log(QMLOG_DEBUG);
-  ASSERT_EQ(broker_update_thread_start(&params), 0);
-  ASSERT_TRUE(log.wait_for("\"02:00-03:00\" not open \u2014 deferring activation", 30s, 3)) << log.text();
-  EXPECT_TRUE(log.contains("Released the cluster update lock (waiting for the maintenance window)"));
-  EXPECT_EQ(request_count(), 1u);
-  ASSERT_TRUE(join_within(20s));
+  {
+    const qmtest::BrokerSignalState as_in_the_broker;
+    ASSERT_EQ(broker_update_thread_start(&params), 0);
+    ASSERT_TRUE(log.wait_for("\"02:00-03:00\" not open \u2014 deferring activation", 30s, 3)) << log.text();
+    EXPECT_TRUE(log.contains("broker_update: using manually-staged update package"));
+    EXPECT_TRUE(log.contains("Released the cluster update lock (waiting for the maintenance window)"));
+    EXPECT_EQ(request_count(), 1u);
+    ASSERT_TRUE(join_within(20s));
+  }
+  if (manual_name(0) != today) GTEST_SKIP() << "the date changed during the test";
   ASSERT_TRUE(params.update_deployed_to);
-  EXPECT_EQ(qmtest::read_file(workdir + "/" + *params.update_deployed_to + "/bin/.version.qm"), "20250301002");
-  EXPECT_EQ(qmtest::read_file(workdir + "/" + *params.update_deployed_to + "/bin/tool"), "tool B");
   EXPECT_EQ(params.status, FILES_READY);
+  const std::string content = workdir + "/" + *params.update_deployed_to + "/bin";
+  EXPECT_EQ(std::string(kComponent) + "_" + qmtest::read_file(content + "/.version.qm") + "_manual.zip", today);
+  EXPECT_EQ(qmtest::read_file(content + "/tool"), "tool B");
+  EXPECT_EQ(fs::status(content + "/tool").permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
+  EXPECT_EQ(qmtest::read_file(content + "/args"),
+            tmp.file("t/quillmere_update_broker") + "\n" + basedir + "\n" + content + "\n");
+  const std::string seen = qmtest::read_file(content + "/signals");
+  ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
+  EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
+  EXPECT_EQ(fs::current_path(), cwd);
+  EXPECT_EQ(qmtest::dir_entries(workdir),
+            (std::set<std::string>{kActive, *params.update_deployed_to, "latest", manual_name(-1)}));
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
   EXPECT_FALSE(qm_update_cluster_lock_is_held());
-}
-
-// A stop during a hanging install.sh ends the script and the thread; nothing is staged.
-TEST_F(UpdateThread, StopEndsAHangingInstallScript) {
-  const std::string pid_file = tmp.file("install.pid");
-  serve_package("echo $$ > '" + pid_file + "'\nexec sleep 600\n");
-  ASSERT_EQ(broker_update_thread_start(&params), 0);
-  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(pid_file).empty(); }, 30s));
-  const pid_t script = std::stoi(qmtest::read_file(pid_file));
-  ASSERT_TRUE(join_within(20s));
-  EXPECT_NE(kill(script, 0), 0);
-  EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
-  EXPECT_FALSE(params.update_deployed_to);
 }
 
 // ---- activation ------------------------------------------------------------------------
@@ -191,7 +257,8 @@ TEST(MaintenanceWindow, OpenAtTheRightMinutesAndWhenMissingOrMalformed) {
   };
   broker_update_set_clock_for_testing(s_fake_clock);
   for (const auto& [window, hour, minute, open, warns] : cases) {
-    SCOPED_TRACE(std::string(window ? window : "(null)") + " at " + std::to_string(hour) + ":" + std::to_string(minute));
+    SCOPED_TRACE(std::string(window ? window : "(null)") + " at " + std::to_string(hour) + ":" +
+                 std::to_string(minute));
     s_fake_now = today_at(hour, minute);
     qmtest::LogCapture log(QMLOG_WARN);
     EXPECT_EQ(broker_update_in_maintenance_window(window), open);

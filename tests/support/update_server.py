@@ -2,8 +2,8 @@
 
 Usage: update_server.py DIR [CERT KEY]
 
-Listens on 127.0.0.1 on a free port (HTTPS with CERT and KEY) and prints "PORT <n>".
-Every request's path and query is appended to DIR/requests.log. Answers come from
+Listens on 127.0.0.1 on a port of its choosing (HTTPS with CERT and KEY), prints "PORT <n>",
+and appends every request's path and query to DIR/requests.log. Answers come from
 DIR/plan.json, read afresh for each request: an object keyed by URL path (without the
 query), each value an object with
   "status"    HTTP status, default 200

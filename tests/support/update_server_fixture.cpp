@@ -18,18 +18,11 @@ UpdateServer::UpdateServer(bool tls) : tls_(tls) {
     argv.push_back(dir_.file("server.key"));
   }
   child_ = std::make_unique<Child>(argv);
-  std::string port;
-  const bool up = wait_until(
-      [&] {
-        const std::string out = child_->out();
-        const size_t at = out.find("PORT ");
-        if (at == std::string::npos || out.find('\n', at) == std::string::npos) return false;
-        port = out.substr(at + 5, out.find('\n', at) - at - 5);
-        return true;
-      },
-      std::chrono::seconds(30));
-  if (!up) throw std::runtime_error("update server did not start: " + child_->err());
-  base_url_ = std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + port;
+  // The server binds a port of its own choosing and reports it as "PORT <n>\n".
+  if (!wait_until([&] { return child_->out().ends_with("\n"); }, std::chrono::seconds(30)))
+    throw std::runtime_error("update server did not start: " + child_->err());
+  base_url_ =
+      std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(std::stoi(child_->out().substr(5)));
 }
 
 std::string UpdateServer::ca_file() const { return tls_ ? dir_.file("ca.pem") : std::string(); }
