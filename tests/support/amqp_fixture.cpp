@@ -24,24 +24,18 @@ bool s_port_open(int port) {
 
 }  // namespace
 
-AmqpEnv::AmqpEnv(AmqpEnvOptions options) : port_(free_port()), tls_(options.tls) {
+AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   CalloutOptions callout;
   callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
   callout.tracelevel = options.tracelevel;
   callout.callout_service = options.callout_service;
   callout.bin_dir = options.bin_dir;
   callout.env = options.env;
-  callout.broker_args = {"--amqp-enabled", "true", "--amqp-listen-host", "127.0.0.1", "--amqp-listen-port",
-                         std::to_string(port_)};
-  if (tls_) {
-    make_test_certificates(certs_, "qmtest amqp CA");
-    callout.broker_args.insert(callout.broker_args.end(), {"--amqp-tls-cert", certs_.file("server.pem"),
-                                                           "--amqp-tls-key", certs_.file("server.key")});
-  }
-  callout.broker_args.insert(callout.broker_args.end(), options.broker_args.begin(), options.broker_args.end());
-  callout_ = std::make_unique<CalloutEnv>(callout);
-  if (!wait_until([&] { return !broker().running() || s_port_open(port_); }, 60s) || !broker().running()) {
-    throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
+  if (tls_) make_test_certificates(certs_, "qmtest amqp CA");
+  // The broker cannot be told to pick its own port: another process may take the free
+  // one first, and then the broker starts again on the next.
+  for (int attempt = 1; !start_listener(callout, options); ++attempt) {
+    if (attempt == 3) throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
   }
   if (options.worker) {
     const bool via_callout = options.callout_service;
@@ -49,6 +43,24 @@ AmqpEnv::AmqpEnv(AmqpEnvOptions options) : port_(free_port()), tls_(options.tls)
                                            via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
                                            via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
   }
+}
+
+bool AmqpEnv::start_listener(CalloutOptions callout, const AmqpEnvOptions& options) {
+  port_ = free_port();
+  const std::string address = "127.0.0.1:" + std::to_string(port_);
+  callout.broker_args = {"--amqp-enabled", "true", "--amqp-listen-host", "127.0.0.1", "--amqp-listen-port",
+                         std::to_string(port_)};
+  if (tls_) {
+    callout.broker_args.insert(callout.broker_args.end(), {"--amqp-tls-cert", certs_.file("server.pem"),
+                                                           "--amqp-tls-key", certs_.file("server.key")});
+  }
+  callout.broker_args.insert(callout.broker_args.end(), options.broker_args.begin(), options.broker_args.end());
+  callout_.reset();
+  callout_ = std::make_unique<CalloutEnv>(callout);
+  const std::string listening = "amqp_acceptor: listening on " + address;
+  const auto ours = [&] { return options.tracelevel >= 4 ? broker_log().find(listening) != std::string::npos : s_port_open(port_); };
+  const auto failed = [&] { return !broker().running() || broker_log().find("listener on " + address + " closed") != std::string::npos; };
+  return wait_until([&] { return failed() || ours(); }, 60s) && !failed();
 }
 
 // The broker stops first, so that what its sanitizers find at exit fails the test.
@@ -161,7 +173,7 @@ LocalAcceptor::LocalAcceptor(const std::function<void(gw_config_t&)>& tweak, use
     : verify_(scan_.nc(), std::move(users)), cfg_(scan_.relay_config()) {
   scan_.start_worker(AmqpEnv::kService);
   cfg_.amqp_listen_host = "127.0.0.1";
-  cfg_.amqp_listen_port = free_port();
+  cfg_.amqp_listen_port = 0;
   if (tweak) tweak(cfg_);
   relay_ = scan_.make_relay();
   const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_.file("rt").c_str(), relay_.get());
@@ -169,7 +181,7 @@ LocalAcceptor::LocalAcceptor(const std::function<void(gw_config_t&)>& tweak, use
   acceptor_ = gw_amqp_acceptor_create(&cfg_, relay_.get(), config_dir);
   if (acceptor_ == nullptr) throw std::runtime_error("acceptor not created");
   loop_ = std::thread([this] { gw_amqp_acceptor_run(acceptor_); });
-  if (!wait_until([&] { return s_port_open(port()); }, 30s)) throw std::runtime_error("AMQP listener did not open");
+  if (!wait_until([&] { return port() > 0; }, 30s)) throw std::runtime_error("AMQP listener did not open");
 }
 
 LocalAcceptor::~LocalAcceptor() {

@@ -62,6 +62,9 @@ class AmqpEnv {
   std::optional<int> stop_broker();
 
  private:
+  // The broker on a fresh port; false when its listener did not open there.
+  bool start_listener(CalloutOptions callout, const AmqpEnvOptions& options);
+
   TempDir certs_;
   int port_ = 0;
   bool tls_ = false;
@@ -119,7 +122,7 @@ class LocalAcceptor {
   LocalAcceptor& operator=(const LocalAcceptor&) = delete;
 
   gw_amqp_acceptor_t* get() { return acceptor_; }
-  int port() const { return cfg_.amqp_listen_port; }
+  int port() const { return gw_amqp_acceptor_bound_port(acceptor_); }
   AmqpLogin login() const;
   // Stops the loop and waits for its thread (destroy follows in the destructor).
   void stop();

@@ -150,7 +150,7 @@ HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users
     : cfg_(relay_config) {
   cfg_.http_enabled = true;
   cfg_.http_listen_host = "127.0.0.1";
-  cfg_.http_listen_port = free_port();
+  cfg_.http_listen_port = 0;  // the kernel's choice: no other server can take it first
   if (tweak) tweak(cfg_);
   write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(local_users));
   creds_.reset(gw_credential_store_load(dir_.file("credentials.conf").c_str()));

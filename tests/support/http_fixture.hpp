@@ -99,7 +99,7 @@ class HttpScanEnv {
 };
 
 // A front door in this process with its own relay, credentials file (local_users) and
-// auth cache, started on a free port after `tweak` adjusted its configuration; throws
+// auth cache, started on a port the kernel chooses after `tweak` adjusted its configuration; throws
 // when it does not start. Torn down in the broker's order.
 class HttpDoor {
  public:
@@ -108,7 +108,7 @@ class HttpDoor {
   HttpDoor(const HttpDoor&) = delete;
   HttpDoor& operator=(const HttpDoor&) = delete;
 
-  int port() const { return cfg_.http_listen_port; }
+  int port() const { return gw_http_frontend_bound_port(fe_.get()); }
   std::string url(const std::string& path = "/vsi") const;
   gw_http_frontend_t* frontend() { return fe_.get(); }
   gw_auth_cache_t* cache() { return cache_.get(); }

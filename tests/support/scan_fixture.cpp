@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <cstring>
 #include <csignal>
 #include <stdexcept>
 
@@ -93,12 +94,24 @@ relay_ptr ScanEnv::make_relay(const std::function<void(gw_config_t&)>& tweak) co
   return relay;
 }
 
+// Listed through the stream in one bounded request, then each key read back to leave out
+// deleted ones: a KV watcher over entries that expire while it reads can wait for ever.
 std::vector<std::string> ScanEnv::bucket_keys() {
+  jsOptions opts;
+  jsOptions_Init(&opts);
+  opts.Wait = 10000;
+  opts.Stream.Info.SubjectsFilter = ">";
+  jsStreamInfo* raw = nullptr;
+  if (js_GetStreamInfo(&raw, js_.get(), (std::string("KV_") + GW_SCAN_DATA_BUCKET).c_str(), &opts, nullptr) != NATS_OK) return {"<no listing>"};
+  qm::js_stream_info_ptr info(raw);
+  const size_t prefix = std::string("$KV.").size() + strlen(GW_SCAN_DATA_BUCKET) + 1;
   std::vector<std::string> keys;
-  kvKeysList list{};
-  if (kvStore_Keys(&list, kv_.get(), nullptr) != NATS_OK) return keys;
-  for (int i = 0; i < list.Count; ++i) keys.emplace_back(list.Keys[i]);
-  kvKeysList_Destroy(&list);
+  for (int i = 0; info->State.Subjects != nullptr && i < info->State.Subjects->Count; ++i) {
+    const std::string key = std::string(info->State.Subjects->List[i].Subject).substr(prefix);
+    kvEntry* entry = nullptr;
+    if (kvStore_Get(&entry, kv_.get(), key.c_str()) == NATS_OK) keys.push_back(key);
+    kvEntry_Destroy(entry);
+  }
   std::sort(keys.begin(), keys.end());
   return keys;
 }

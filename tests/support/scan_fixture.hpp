@@ -70,7 +70,8 @@ class ScanEnv {
   gw_config_t relay_config() const;
   relay_ptr make_relay(const std::function<void(gw_config_t&)>& tweak = {}) const;
 
-  // Keys in "qm-av-scan-data" (deleted ones excluded), sorted.
+  // Keys in "qm-av-scan-data" (deleted ones excluded), sorted; {"<no listing>"} when the
+  // server did not answer in time.
   std::vector<std::string> bucket_keys();
 
   // The JetStream API's answer as text ("" on time-out).
