@@ -80,7 +80,7 @@ void reinit_with(const std::string& conf_path, const std::string& conf_text) {
   ASSERT_EQ(sasl_server_init(gw_sasl_callbacks(), kApp), SASL_OK);
 }
 
-TEST(SaslSetup, WritesTheFileWithExactBytesAndPrivateModes) {
+TEST(SaslSetup, WritesTheFileWithExactBytesInPrivateDirectoriesOnce) {
   VerifyEnv env;
   LogCapture log;
   const char* config_dir = gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get());
@@ -107,6 +107,19 @@ TEST(SaslSetup, WritesTheFileWithExactBytesAndPrivateModes) {
 
   gw_sasl_teardown();
   EXPECT_FALSE(fs::exists(env.runtime_dir()));
+
+  // An existing runtime directory is made private; a symlink in its place is refused.
+  fs::create_directory(env.runtime_dir());
+  fs::permissions(env.runtime_dir(), fs::perms(0755));
+  ASSERT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
+  EXPECT_EQ(mode_of(env.runtime_dir()), 0700u);
+  gw_sasl_teardown();
+  fs::create_directory_symlink(env.dir.path(), env.runtime_dir());
+  EXPECT_EQ(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
+  EXPECT_TRUE(log.contains("sasl_setup: mkdir(" + env.runtime_dir() + ") failed: "));
+  EXPECT_FALSE(fs::exists(env.dir.file("sasl")));
+  fs::remove(env.runtime_dir());
+  gw_sasl_teardown();
 }
 
 TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
@@ -135,23 +148,6 @@ TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
 
   // A set-up after the failures works.
   EXPECT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  gw_sasl_teardown();
-}
-
-TEST(SaslSetup, AnExistingRuntimeDirectoryIsMadePrivateASymlinkIsRefused) {
-  VerifyEnv env;
-  LogCapture log;
-  fs::create_directory(env.runtime_dir());
-  fs::permissions(env.runtime_dir(), fs::perms(0755));
-  ASSERT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_EQ(mode_of(env.runtime_dir()), 0700u);
-  gw_sasl_teardown();
-
-  fs::create_directory_symlink(env.dir.path(), env.runtime_dir());
-  EXPECT_EQ(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_TRUE(log.contains("sasl_setup: mkdir(" + env.runtime_dir() + ") failed: "));
-  EXPECT_FALSE(fs::exists(env.dir.file("sasl")));
-  fs::remove(env.runtime_dir());
   gw_sasl_teardown();
 }
 
@@ -257,14 +253,8 @@ TEST(SaslCallbacks, NamesPassThroughUnchangedAndTruncated) {
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "bob", 3, SASL_CU_AUTHZID, "R", wide, sizeof wide, &out_len), SASL_OK);
   EXPECT_EQ(std::string(wide), "bob");
   EXPECT_TRUE(log.contains("sasl_canon: authzid='bob' realm_param='R' (passing through verbatim)"));
-  EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, wide, sizeof wide, &out_len), SASL_OK);
-  EXPECT_TRUE(log.contains("sasl_canon: user='eve'"));
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, nullptr, 8, &out_len), SASL_BADPARAM);
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, wide, sizeof wide, nullptr), SASL_BADPARAM);
-
-  log.clear();
-  EXPECT_EQ(sasl_log_cb(nullptr, SASL_LOG_ERR, nullptr), SASL_OK);
-  EXPECT_EQ(log.text(), "");
 }
 
 }  // namespace
