@@ -45,7 +45,7 @@ TEST(ScanWorker, AnswersWithSizeDigestAndVerdictAndStopsCleanly) {
     EXPECT_EQ(json_member(reply, "Error") == "<absent>", std::string(c.return_code) == "0");
   }
   worker.child().signal(SIGTERM);
-  EXPECT_EQ(worker.child().wait(10s), 0) << worker.log();
+  EXPECT_EQ(worker.child().wait(30s), 0) << worker.log();
 }
 
 TEST(ScanWorker, RefusesAnIncompleteCommandLine) {
