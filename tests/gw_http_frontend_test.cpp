@@ -279,7 +279,6 @@ TEST_F(HttpDoorTest, TlsFromPemFilesAndStartRefusals) {
     EXPECT_EQ(gw_http_frontend_start(fe.get()), -1) << row.log;
     EXPECT_TRUE(log_.contains(row.log)) << row.log;
   }
-  EXPECT_TRUE(log_.contains("http_frontend: could not load TLS cert or key"));
   EXPECT_EQ(gw_http_frontend_create(&relay_cfg, nullptr, relay.get(), nullptr), nullptr);
 }
 
