@@ -54,6 +54,13 @@ class AmqpClient::Handler : public proton::messaging_handler {
     return cv_.wait_for(lock, timeout, pred);
   }
 
+  // A copy of shared state, read under mu_.
+  template <class T>
+  T read(const T& field) {
+    std::lock_guard<std::mutex> lock(mu_);
+    return field;
+  }
+
   void on_container_start(proton::container& c) override {
     proton::connection_options opts;
     opts.sasl_enabled(login_.sasl).sasl_allow_insecure_mechs(true).sasl_allowed_mechs(login_.mechanisms);
@@ -256,25 +263,11 @@ AmqpClient::AmqpClient(int port, AmqpLogin login, std::chrono::milliseconds time
 
 AmqpClient::~AmqpClient() { close(); }
 
-bool AmqpClient::is_open() const { return handler_->wait(std::chrono::milliseconds(0), [this] { return handler_->open_; }); }
+bool AmqpClient::is_open() const { return handler_->read(handler_->open_); }
 
-std::string AmqpClient::error() const {
-  std::string error;
-  handler_->wait(std::chrono::milliseconds(0), [&] {
-    error = handler_->error_;
-    return true;
-  });
-  return error;
-}
+std::string AmqpClient::error() const { return handler_->read(handler_->error_); }
 
-int AmqpClient::sasl_outcome() const {
-  int outcome = -1;
-  handler_->wait(std::chrono::milliseconds(0), [&] {
-    outcome = handler_->sasl_outcome_;
-    return true;
-  });
-  return outcome;
-}
+int AmqpClient::sasl_outcome() const { return handler_->read(handler_->sasl_outcome_); }
 
 bool AmqpClient::wait_closed(std::chrono::milliseconds timeout) {
   return handler_->wait(timeout, [this] { return handler_->closed_; });
