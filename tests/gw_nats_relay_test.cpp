@@ -181,9 +181,9 @@ class Responder {
 
  private:
   static void s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* self) {
+    qm::nats_msg_ptr owned(msg);
     const std::string answer = static_cast<Responder*>(self)->answer_();
     natsConnection_Publish(nc, natsMsg_GetReply(msg), answer.data(), static_cast<int>(answer.size()));
-    natsMsg_Destroy(msg);
   }
   std::function<std::string()> answer_;
   qm::nats_subscription_ptr sub_;

@@ -34,9 +34,9 @@ ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool 
   }
   const auto ready = [&] {
     if (probe == nullptr) return log().find("qm-scan-worker: ready") != std::string::npos;
-    natsMsg* reply = nullptr;
-    const bool answered = natsConnection_RequestString(&reply, probe.get(), service.c_str(), "{}", 200) == NATS_OK;
-    natsMsg_Destroy(reply);
+    natsMsg* raw_reply = nullptr;
+    const bool answered = natsConnection_RequestString(&raw_reply, probe.get(), service.c_str(), "{}", 200) == NATS_OK;
+    qm::nats_msg_ptr reply(raw_reply);
     return answered;
   };
   const bool up = wait_until([&] { return !child_->running() || ready(); }, 30s);
@@ -108,9 +108,10 @@ std::vector<std::string> ScanEnv::bucket_keys() {
   std::vector<std::string> keys;
   for (int i = 0; info->State.Subjects != nullptr && i < info->State.Subjects->Count; ++i) {
     const std::string key = std::string(info->State.Subjects->List[i].Subject).substr(prefix);
-    kvEntry* entry = nullptr;
-    if (kvStore_Get(&entry, kv_.get(), key.c_str()) == NATS_OK) keys.push_back(key);
-    kvEntry_Destroy(entry);
+    kvEntry* raw_entry = nullptr;
+    const natsStatus found = kvStore_Get(&raw_entry, kv_.get(), key.c_str());
+    qm::kv_entry_ptr entry(raw_entry);
+    if (found == NATS_OK) keys.push_back(key);
   }
   std::sort(keys.begin(), keys.end());
   return keys;
