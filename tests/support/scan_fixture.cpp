@@ -102,7 +102,8 @@ std::vector<std::string> ScanEnv::bucket_keys() {
   opts.Wait = 10000;
   opts.Stream.Info.SubjectsFilter = ">";
   jsStreamInfo* raw = nullptr;
-  if (js_GetStreamInfo(&raw, js_.get(), (std::string("KV_") + GW_SCAN_DATA_BUCKET).c_str(), &opts, nullptr) != NATS_OK) return {"<no listing>"};
+  const std::string stream = std::string("KV_") + GW_SCAN_DATA_BUCKET;
+  if (js_GetStreamInfo(&raw, js_.get(), stream.c_str(), &opts, nullptr) != NATS_OK) return {"<no listing>"};
   qm::js_stream_info_ptr info(raw);
   const size_t prefix = std::string("$KV.").size() + strlen(GW_SCAN_DATA_BUCKET) + 1;
   std::vector<std::string> keys;
