@@ -448,9 +448,6 @@ TEST_F(RelayTest, ManifestsThatDisagreeWithTheirChunksReadAsMissing) {
 
 TEST_F(RelayTest, PerMessageTtlRemovesWhatIsLeftBehind) {
   ScanEnv& e = env();
-  if (!e.scan_data_has_msg_ttl()) {
-    GTEST_SKIP() << "this nats-server drops allow_msg_ttl: per-message TTL needs nats-server 2.11 or newer";
-  }
   const std::string payload = test_payload(kChunk + 10);
   ASSERT_EQ(kvstore_put_chunked(e.nc(), e.kv(), "ephemeral", payload.data(), payload.size(), 1000), 0);
   EXPECT_EQ(e.bucket_keys().size(), 3u);
@@ -460,9 +457,6 @@ TEST_F(RelayTest, PerMessageTtlRemovesWhatIsLeftBehind) {
 
 TEST_F(RelayTest, ServerRefusingPerMessageTtlTurnsItOffForTheProcess) {
   ScanEnv& e = env();
-  if (!e.scan_data_has_msg_ttl()) {
-    GTEST_SKIP() << "this nats-server ignores the Nats-TTL header instead of refusing it (needs 2.11 or newer)";
-  }
   kvConfig cfg;
   kvConfig_Init(&cfg);
   cfg.Bucket = "qm-test-no-ttl";

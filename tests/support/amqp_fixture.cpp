@@ -5,7 +5,6 @@
 #include <csignal>
 #include <stdexcept>
 
-#include "gw_sasl_setup.hpp"
 #include "log_capture.hpp"
 #include "qm_handles.hpp"
 #include "qmhlp_network.hpp"
@@ -174,43 +173,7 @@ void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg
   });
 }
 
-LocalAcceptor::LocalAcceptor(const std::function<void(gw_config_t&)>& tweak, user_list users)
-    : verify_(scan_.nc(), std::move(users)), cfg_(scan_.relay_config()) {
-  scan_.start_worker(AmqpEnv::kService);
-  cfg_.amqp_listen_host = "127.0.0.1";
-  cfg_.amqp_listen_port = 0;
-  if (tweak) tweak(cfg_);
-  relay_ = scan_.make_relay();
-  const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_.file("rt").c_str(), relay_.get());
-  if (config_dir == nullptr) throw std::runtime_error("SASL set-up failed");
-  acceptor_ = gw_amqp_acceptor_create(&cfg_, relay_.get(), config_dir);
-  if (acceptor_ == nullptr) throw std::runtime_error("acceptor not created");
-  loop_ = std::thread([this] { gw_amqp_acceptor_run(acceptor_); });
-  if (!wait_until([&] { return port() > 0; }, 30s)) throw std::runtime_error("AMQP listener did not open");
-}
-
-LocalAcceptor::~LocalAcceptor() {
-  stop();
-  gw_amqp_acceptor_destroy(acceptor_);
-  relay_.reset();
-  gw_sasl_teardown();
-}
-
-void LocalAcceptor::stop() {
-  gw_amqp_acceptor_stop(acceptor_);
-  if (loop_.joinable()) loop_.join();
-}
-
-AmqpLogin LocalAcceptor::login() const {
-  AmqpLogin login;
-  login.user = AmqpEnv::kUser;
-  login.password = AmqpEnv::kPassword;
-  return login;
-}
-
-ScanClient::ScanClient(AmqpEnv& env) : ScanClient(env.port(), env.login()) {}
-
-ScanClient::ScanClient(int port, const AmqpLogin& login) : client(port, login) {
+ScanClient::ScanClient(AmqpEnv& env) : client(env.port(), env.login()) {
   EXPECT_TRUE(client.is_open()) << client.error();
   reply_address = client.open_receiver();
   EXPECT_FALSE(reply_address.empty());

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,7 +14,6 @@
 
 #include "amqp_client.hpp"
 #include "callout_fixture.hpp"
-#include "gw_amqp_acceptor.hpp"
 #include "scan_fixture.hpp"
 
 namespace qmtest {
@@ -109,39 +107,10 @@ class VerifyEndpoint {
   qm::nats_subscription_ptr sub_;
 };
 
-// The acceptor in this process, for what the broker binary cannot be asked to do: a
-// ScanEnv with a demo worker on "scan", a relay, the SASL set-up (its runtime directory in
-// a temporary directory) and a verify endpoint this fixture answers from `users`, the
-// event loop on a thread of its own. Everything stops with the object.
-class LocalAcceptor {
- public:
-  explicit LocalAcceptor(const std::function<void(gw_config_t&)>& tweak = {},
-                         user_list users = {{AmqpEnv::kUser, AmqpEnv::kPassword}});
-  ~LocalAcceptor();
-  LocalAcceptor(const LocalAcceptor&) = delete;
-  LocalAcceptor& operator=(const LocalAcceptor&) = delete;
-
-  gw_amqp_acceptor_t* get() { return acceptor_; }
-  int port() const { return gw_amqp_acceptor_bound_port(acceptor_); }
-  AmqpLogin login() const;
-  // Stops the loop and waits for its thread (destroy follows in the destructor).
-  void stop();
-
- private:
-  ScanEnv scan_;
-  TempDir runtime_;
-  VerifyEndpoint verify_;
-  gw_config_t cfg_;
-  relay_ptr relay_;
-  gw_amqp_acceptor_t* acceptor_ = nullptr;
-  std::thread loop_;
-};
-
 // A client of env logged in as its test user, with a reply receiver on a dynamic node and
 // a sender to "scan". Asserts (gtest) that each step worked.
 struct ScanClient {
   explicit ScanClient(AmqpEnv& env);
-  ScanClient(int port, const AmqpLogin& login);
   AmqpClient client;
   std::string reply_address;
   int sender = -1;

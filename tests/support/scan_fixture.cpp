@@ -146,13 +146,6 @@ bool ScanEnv::update_stream_field(const std::string& stream, const std::string& 
   return s_config_of(reply.get()) != nullptr;
 }
 
-bool ScanEnv::scan_data_has_msg_ttl() {
-  qm::json_ptr info(json_tokener_parse(js_api(std::string("$JS.API.STREAM.INFO.KV_") + GW_SCAN_DATA_BUCKET).c_str()));
-  json_object* flag = nullptr;
-  json_object* config = s_config_of(info.get());
-  return config != nullptr && json_object_object_get_ex(config, "allow_msg_ttl", &flag) && json_object_get_boolean(flag);
-}
-
 RelayReply relay_request(gw_nats_relay_t* relay, const std::string& subject, const std::string& request_json,
                          const std::string& payload, unsigned long timeout_ms) {
   RelayReply result;

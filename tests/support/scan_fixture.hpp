@@ -78,8 +78,6 @@ class ScanEnv {
   std::string js_api(const std::string& subject, const std::string& body = "");
   // Changes one field of a stream's configuration through the JetStream API; false when refused.
   bool update_stream_field(const std::string& stream, const std::string& field, const std::string& json_value);
-  // Whether the server keeps per-message TTL switched on for the scan-data stream (2.11+).
-  bool scan_data_has_msg_ttl();
 
  private:
   std::string work_services_;
