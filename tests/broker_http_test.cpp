@@ -45,6 +45,7 @@ TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
   EXPECT_EQ(broker.wait(30s), 0);
   const std::string log = broker.err();
   EXPECT_NE(log.find("HTTP frontend started on 0.0.0.0:" + port), std::string::npos) << log;
+  EXPECT_EQ(log.find("[MHD]"), std::string::npos) << log;
   const size_t door_stopped = log.find("http_frontend: stopped");
   ASSERT_NE(door_stopped, std::string::npos) << log;
   EXPECT_LT(door_stopped, log.find("Tearing down NATS relay"));
