@@ -6,7 +6,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "http_fixture.hpp"
+#include "amqp_fixture.hpp"
 #include "test_certificates.hpp"
 
 namespace {
@@ -20,22 +20,22 @@ TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
   // The broker cannot be told to pick its own port: when another process takes the free
   // one first, its door does not start and it starts again on the next.
   std::string port;
-  std::unique_ptr<HttpScanEnv> env;
+  std::unique_ptr<AmqpEnv> env;
   for (int attempt = 0; !env && attempt < 3; ++attempt) {
     port = std::to_string(free_port());
     try {
-      env = std::make_unique<HttpScanEnv>(user_list{{"demo", "demo-secret"}},
-                                          std::vector<std::string>{"--http-enabled", "true", "--http-listen-port", port,
-                                                                   "--http-tls-cert", certs.cert_file, "--http-tls-key",
-                                                                   certs.key_file});
+      AmqpEnvOptions options;
+      options.broker_args = {"--http-enabled", "true", "--http-listen-port", port, "--http-tls-cert",
+                             certs.cert_file, "--http-tls-key", certs.key_file};
+      env = std::make_unique<AmqpEnv>(options);
     } catch (const std::runtime_error& e) {
       ASSERT_NE(std::string(e.what()).find("Failed to start HTTP frontend"), std::string::npos) << e.what();
     }
   }
   ASSERT_TRUE(env);
-  Child& broker = env->callout().broker();
+  Child& broker = env->broker();
   write_file(dir.file("hello.txt"), "hello scanner\n");
-  Child curl({"/usr/bin/curl", "-sS", "--cacert", certs.ca_file, "-u", "demo:demo-secret", "-H",
+  Child curl({"/usr/bin/curl", "-sS", "--cacert", certs.ca_file, "-u", "scanner:scanner-secret", "-H",
               "X-Target-Service: scan", "-F", R"(request={"scan":1})", "-F", "payload=@" + dir.file("hello.txt"),
               "https://127.0.0.1:" + port + "/vsi"});
   ASSERT_EQ(curl.wait(60s), 0) << curl.err();

@@ -151,7 +151,7 @@ TEST(AmqpLogin, AuthServiceDownAsksForARetryAndAWaitingCheckHoldsUpNoOne) {
   verify.hold();
   std::atomic<bool> late_open{false};
   std::thread late_login([&] { late_open = AmqpClient(env.port(), env.login()).is_open(); });
-  ASSERT_TRUE(wait_until([&] { return verify.requests() == 2; }, kWait));
+  ASSERT_TRUE(wait_until([&] { return verify.requests().size() == 2; }, kWait));
   const std::string payload = "meanwhile";
   EXPECT_EQ(json_member(scan(early, scan_request("", "{}", &payload, early.reply_address, "m-1")), "sha256"),
             sha256_hex(payload));

@@ -1,16 +1,14 @@
-// The REST front door in this process, against a real nats-server, the broker's verify
-// endpoint (or, with the broker held, a scripted one) and the demo scan worker; libcurl
-// and raw sockets are the clients.
+// The REST front door in this process, against a real nats-server whose logins go to the
+// broker, a verify endpoint of the test's own and the demo scan worker; libcurl and raw
+// sockets are the clients.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
-#include <csignal>
 #include <future>
 #include <map>
-#include <mutex>
 #include <thread>
 
+#include "amqp_fixture.hpp"
 #include "http_fixture.hpp"
 #include "log_capture.hpp"
 #include "test_certificates.hpp"
@@ -36,20 +34,21 @@ std::string s_scan_reply(const std::string& payload) {
          R"(","infected":false})";
 }
 
+AmqpEnvOptions s_without_verify_service() {
+  AmqpEnvOptions options;
+  options.callout_service = false;
+  return options;
+}
+
 class HttpDoorTest : public ::testing::Test {
  protected:
   ~HttpDoorTest() override {
     door_.reset();
-    broker().signal(SIGCONT);
     gw_auth_cache_set_clock_for_testing(nullptr);
     gw_http_frontend_set_inactivity_timeout_for_testing(0);
   }
   void open(tweak_fn tweak = {}) {
     door_ = std::make_unique<HttpDoor>(env_.relay_config(), user_list{{kLocal, kLocalPassword}}, tweak);
-    natsSubscription* raw = nullptr;
-    ASSERT_EQ(natsConnection_Subscribe(&raw, tap_.conn, "qm.auth.verify", on_verify, this), NATS_OK);
-    tap_sub_.reset(raw);
-    natsConnection_Flush(tap_.conn);
   }
   HttpRequest as(const std::string& user, const std::string& password, const std::function<void(HttpRequest&)>& change = {}) {
     HttpRequest request = door_->request(user, password);
@@ -60,59 +59,13 @@ class HttpDoorTest : public ::testing::Test {
   gw_auth_cache_result_t cached(const char* user, const char* password) {
     return gw_auth_cache_lookup(door_->cache(), user, password);
   }
-  Child& broker() { return env_.callout().broker(); }
-  // kill() returns before SIGSTOP has reached every thread: until then the broker may
-  // still answer a verify request.
-  void pause_broker() {
-    broker().signal(SIGSTOP);
-    const std::string tasks = "/proc/" + std::to_string(broker().pid()) + "/task";
-    ASSERT_TRUE(wait_until([&] {
-      for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-        const std::string stat = read_file(task.path() / "stat");
-        if (stat.compare(stat.rfind(')') + 2, 1, "T") != 0) return false;
-      }
-      return true;
-    }, 10s));
-  }
-  // Holds the broker and answers verify requests in its stead, per user (others get
-  // nothing). No replies: the broker answers again.
-  void script_verify(std::map<std::string, std::string> replies) {
-    const bool hold = !replies.empty();
-    {
-      std::lock_guard<std::mutex> guard(mu_);
-      replies_ = std::move(replies);
-    }
-    if (hold) pause_broker();
-    else broker().signal(SIGCONT);
-  }
-  // Every verify request the server carried so far, once there are at least `count`.
-  std::vector<std::string> verify_requests(size_t count = 0) {
-    wait_until([&] { std::lock_guard<std::mutex> guard(mu_); return requests_.size() >= count; }, 10s);
-    std::lock_guard<std::mutex> guard(mu_);
-    return requests_;
-  }
 
   LogCapture log_{QMLOG_TRACE};
-  // The broker's own cache off: its verdicts are those of the credentials file of the moment.
-  HttpScanEnv env_{{{kRemote, kRemotePassword}}, {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"}};
+  // "qm.auth.verify" is the test's: kRemote is the one user it knows, unless scripted.
+  AmqpEnv env_{s_without_verify_service()};
+  NatsLogin verifier_ = nats_login(env_.nats_url(), CalloutEnv::kAuthUser, CalloutEnv::kAuthPassword);
+  VerifyEndpoint verify_{verifier_.conn, {{kRemote, kRemotePassword}}};
   std::unique_ptr<HttpDoor> door_;
-
- private:
-  static void on_verify(natsConnection* nc, natsSubscription*, natsMsg* raw, void* closure) {
-    qm::nats_msg_ptr msg(raw);
-    auto* self = static_cast<HttpDoorTest*>(closure);
-    const std::string body(natsMsg_GetData(raw), static_cast<size_t>(natsMsg_GetDataLength(raw)));
-    std::lock_guard<std::mutex> guard(self->mu_);
-    self->requests_.push_back(body);
-    const auto reply = self->replies_.find(json_member(body, "user"));
-    if (reply != self->replies_.end()) natsConnection_PublishString(nc, natsMsg_GetReply(raw), reply->second.c_str());
-  }
-
-  std::mutex mu_;
-  std::map<std::string, std::string> replies_;
-  std::vector<std::string> requests_;
-  NatsLogin tap_ = nats_login(env_.callout().url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
-  qm::nats_subscription_ptr tap_sub_;
 };
 
 TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
@@ -173,12 +126,12 @@ TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
   EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
   EXPECT_EQ(status_of("", kLocalPassword), 401);
-  const std::vector<std::string> seen = verify_requests(1);
+  const std::vector<std::string> seen = verify_.requests();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0], R"({"user":"verify-user","password":"verify-secret","method":"basic"})");
   EXPECT_EQ(cached(kLocal, kLocalPassword), GW_AUTH_CACHE_MISS);
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
-  EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=file"));
+  EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=test"));
   EXPECT_TRUE(log_.contains("authenticate() called with empty credentials"));
 }
 
@@ -187,22 +140,23 @@ TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
   open();
   ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
   s_now_ms += 61000;  // past half of the 120 s grant
-  pause_broker();  // the refresh waits; the callers must not
+  verify_.hold();  // the refresh waits; the callers must not
   std::vector<std::future<long>> callers;
   for (int i = 0; i < 6; ++i) callers.push_back(std::async(std::launch::async, [&] { return status_of(kRemote, kRemotePassword); }));
   for (auto& caller : callers) EXPECT_EQ(caller.get(), 200);
-  EXPECT_EQ(json_member(verify_requests(2).at(1), "revalidate"), "true");
-  broker().signal(SIGCONT);
+  ASSERT_TRUE(wait_until([&] { return verify_.requests().size() == 2; }, 10s));
+  EXPECT_EQ(json_member(verify_.requests().at(1), "revalidate"), "true");
+  verify_.release();
   EXPECT_TRUE(log_.wait_for("refresh GRANTED user=verify-user", 10s)) << log_.text();
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
   EXPECT_EQ(log_.count("refresh dispatched"), 1u);
-  EXPECT_EQ(verify_requests().size(), 2u);
+  EXPECT_EQ(verify_.requests().size(), 2u);
 }
 
 TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   gw_auth_cache_set_clock_for_testing(s_fake_clock);
   open();
-  script_verify({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
+  verify_.script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
                  {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
                  {"flaky", R"({"ok":true})"}});
   struct {
@@ -226,11 +180,11 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
     EXPECT_EQ(cached(row.user, row.password), row.cached) << row.user;
     EXPECT_TRUE(log_.contains(row.log)) << row.user;
   }
-  script_verify({});
+  verify_.script({});
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // the outage left no refusal behind
   // In a refresh a refusal, and an unreadable reply too, revoke the grant; it is still
   // served once while the refresh learns the news.
-  script_verify({{"granted", R"({"ok":false})"}, {"flaky", "<html>"}});
+  verify_.script({{"granted", R"({"ok":false})"}, {"flaky", "<html>"}});
   s_now_ms += 61000;
   for (const char* user : {"granted", "flaky"}) {
     EXPECT_EQ(status_of(user, "pw"), 200) << user;

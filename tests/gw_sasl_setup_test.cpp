@@ -157,9 +157,9 @@ TEST(SaslSetup, ARefusalIsFinalEvenWithASasldbEntry) {
   ASSERT_EQ(sasl_server_new("amqp", "localhost", nullptr, nullptr, nullptr, nullptr, 0, &conn), SASL_OK);
   ASSERT_EQ(sasl_setpass(conn, "mallory", "mallory-pw", 10, nullptr, 0, SASL_SET_CREATE), SASL_OK);
   sasl_dispose(&conn);
-  const int requests = env.verify.requests();
+  const size_t requests = env.verify.requests().size();
   EXPECT_EQ(plain_login("mallory", "mallory-pw"), SASL_OK);
-  EXPECT_GT(env.verify.requests(), requests) << "the auth service was not asked first";
+  EXPECT_GT(env.verify.requests().size(), requests) << "the auth service was not asked first";
 
   // The generated file, pointed at that same sasldb, keeps her out.
   ASSERT_NE(generated.find("/dev/null"), std::string::npos) << generated;
@@ -176,15 +176,15 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   ASSERT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
   LogCapture log;
   EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", longest.data(), 255, nullptr), SASL_OK);
-  EXPECT_EQ(env.verify.last_password(), longest);
+  EXPECT_EQ(json_member(env.verify.requests().back(), "password"), longest);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), SASL_OK);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), 0);
   // A NUL byte does not cut the password short: all of it is checked (and refused).
   const std::string with_nul = longest.substr(0, 200) + std::string(1, '\0') + "junk";
   EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", with_nul.data(), 205, nullptr), SASL_BADAUTH);
-  EXPECT_EQ(env.verify.last_password(), with_nul);
+  EXPECT_EQ(json_member(env.verify.requests().back(), "password"), with_nul);
 
-  const int requests = env.verify.requests();
+  const size_t requests = env.verify.requests().size();
   const std::string too_long(256, 'p');
   EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", too_long.data(), 256, nullptr), SASL_BADAUTH);
   EXPECT_TRUE(log.contains("sasl_checkpass: password length 256 exceeds limit \xE2\x80\x94 denying user='alice'"));
@@ -193,7 +193,7 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", "pw", 0, nullptr), SASL_BADAUTH);
   EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", nullptr, 2, nullptr), SASL_BADAUTH);
   EXPECT_EQ(log.count("sasl_checkpass: empty user or password \xE2\x80\x94 denying"), 4u);
-  EXPECT_EQ(env.verify.requests(), requests);
+  EXPECT_EQ(env.verify.requests().size(), requests);
   gw_sasl_teardown();
 
   EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", "pw", 2, nullptr), SASL_TRYAGAIN);
@@ -220,7 +220,7 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.reply);
     LogCapture log;
-    env.verify.set_reply(c.reply);
+    env.verify.script({{"alice", c.reply}});
     EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", "whatever", 8, nullptr), c.verdict);
     EXPECT_TRUE(log.contains(c.logged)) << log.text();
   }

@@ -38,7 +38,8 @@ AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   }
   if (options.worker) {
     const bool via_callout = options.callout_service;
-    worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, 5,
+    // Quiet below debug level: at 5 it logs every request.
+    worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, options.tracelevel >= 5 ? 5 : 4,
                                            via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
                                            via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
   }
@@ -81,6 +82,14 @@ AmqpEnv::~AmqpEnv() {
   callout_.reset();
 }
 
+gw_config_t AmqpEnv::relay_config() const {
+  gw_config_t cfg;
+  cfg.nats_url = nats_url();
+  cfg.nats_user = CalloutEnv::kGatewayUser;
+  cfg.nats_password = CalloutEnv::kGatewayPassword;
+  return cfg;
+}
+
 bool AmqpEnv::wait_for_log(const std::string& text, std::chrono::milliseconds timeout, size_t times) {
   return wait_until([&] { return LogCapture::count_in(broker_log(), text) >= times; }, timeout);
 }
@@ -113,9 +122,9 @@ VerifyEndpoint::~VerifyEndpoint() {
   for (std::thread& t : late_answers_) t.join();
 }
 
-void VerifyEndpoint::set_reply(const std::string& text) {
+void VerifyEndpoint::script(std::map<std::string, std::string> replies) {
   std::lock_guard<std::mutex> lock(mu_);
-  fixed_reply_ = text;
+  script_ = std::move(replies);
 }
 
 void VerifyEndpoint::set_delay(std::chrono::milliseconds delay) {
@@ -135,29 +144,31 @@ void VerifyEndpoint::release() {
   held_.clear();
 }
 
-int VerifyEndpoint::requests() const {
+std::vector<std::string> VerifyEndpoint::requests() const {
   std::lock_guard<std::mutex> lock(mu_);
   return requests_;
 }
 
-std::string VerifyEndpoint::last_password() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return last_password_;
+std::string VerifyEndpoint::answer(const std::string& request) const {
+  const std::string user = json_member(request, "user");
+  if (!script_.empty()) {
+    const auto scripted = script_.find(user);
+    return scripted == script_.end() ? "" : scripted->second;
+  }
+  const std::string password = json_member(request, "password");
+  bool ok = false;
+  for (const auto& [known_user, known_password] : users_) ok = ok || (user == known_user && password == known_password);
+  return std::string("{\"ok\":") + (ok ? "true" : "false") + ",\"backend\":\"test\"}";
 }
 
 void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
   qm::nats_msg_ptr owned(msg);
   auto* self = static_cast<VerifyEndpoint*>(closure);
   const std::string request(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-  const std::string user = json_member(request, "user");
-  const std::string password = json_member(request, "password");
-  bool ok = false;
-  for (const auto& [known_user, known_password] : self->users_) ok = ok || (user == known_user && password == known_password);
-  std::string reply = std::string("{\"ok\":") + (ok ? "true" : "false") + ",\"backend\":\"test\"}";
   std::lock_guard<std::mutex> lock(self->mu_);
-  ++self->requests_;
-  self->last_password_ = password;
-  if (!self->fixed_reply_.empty()) reply = self->fixed_reply_;
+  self->requests_.push_back(request);
+  const std::string reply = self->answer(request);
+  if (reply.empty()) return;
   if (self->holding_) {
     self->held_.emplace_back(natsMsg_GetReply(msg), reply);
     return;

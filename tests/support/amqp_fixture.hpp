@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -48,6 +49,8 @@ class AmqpEnv {
 
   int port() const { return port_; }
   std::string nats_url() const { return callout_->url(); }
+  // What an in-process relay needs to reach this server as the gateway user.
+  gw_config_t relay_config() const;
   CalloutEnv& callout() { return *callout_; }
   Child& broker() { return callout_->broker(); }
   std::string broker_log() { return broker().err(); }
@@ -71,8 +74,8 @@ class AmqpEnv {
 };
 
 // Answers "qm.auth.verify" on a connection (queue group "qm-auth-verify") as the callout
-// service would: grants exactly `users`, with backend "test"; or, after set_reply, answers
-// every request with that text. Counts the requests it saw.
+// service would: grants exactly `users`, with backend "test"; or as scripted. Keeps the
+// requests it saw.
 class VerifyEndpoint {
  public:
   VerifyEndpoint(natsConnection* nc, user_list users);
@@ -80,27 +83,28 @@ class VerifyEndpoint {
   VerifyEndpoint(const VerifyEndpoint&) = delete;
   VerifyEndpoint& operator=(const VerifyEndpoint&) = delete;
 
-  // "" goes back to answering from the users.
-  void set_reply(const std::string& text);
+  // From now on the users in `replies` get their text and the others no answer at all;
+  // empty: back to answering from the users.
+  void script(std::map<std::string, std::string> replies);
   // Every answer from now on comes this late (requests are answered in parallel).
   void set_delay(std::chrono::milliseconds delay);
   // Holds every answer back from now on, until release() sends them all.
   void hold();
   void release();
-  int requests() const;
-  // The "password" of the last request.
-  std::string last_password() const;
+  // The bodies of the requests so far.
+  std::vector<std::string> requests() const;
 
  private:
   static void s_on_request(natsConnection* nc, natsSubscription* sub, natsMsg* msg, void* closure);
+  // The answer to a request ("" for none), under mu_.
+  std::string answer(const std::string& request) const;
 
   natsConnection* nc_;
   user_list users_;
   mutable std::mutex mu_;
-  std::string fixed_reply_;
+  std::map<std::string, std::string> script_;
   std::chrono::milliseconds delay_{0};
-  int requests_ = 0;
-  std::string last_password_;
+  std::vector<std::string> requests_;
   std::vector<std::thread> late_answers_;
   bool holding_ = false;
   std::vector<std::pair<std::string, std::string>> held_;  // inbox, answer
