@@ -20,26 +20,13 @@ std::string scan_worker_binary() { return QM_SCAN_WORKER_BINARY; }
 
 ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
                        const std::string& user, const std::string& password) {
+  // Below info level the worker would not say that it is ready.
   std::vector<std::string> argv = {scan_worker_binary(), "--nats-url", url, "--service", service, "--tracelevel",
-                                   std::to_string(tracelevel)};
+                                   std::to_string(std::max(tracelevel, static_cast<int>(QMLOG_INFO)))};
   if (work_queue) argv.emplace_back("--work-queue");
   if (!user.empty()) argv.insert(argv.end(), {"--user", user, "--password", password});
   child_ = std::make_unique<Child>(argv);
-  // Below info level the worker does not say that it is ready: it answers a request then.
-  qm::nats_connection_ptr probe;
-  if (tracelevel < QMLOG_INFO) {
-    natsConnection* raw = nullptr;
-    if (natsConnection_ConnectTo(&raw, url.c_str()) != NATS_OK) throw std::runtime_error("connect " + url);
-    probe.reset(raw);
-  }
-  const auto ready = [&] {
-    if (probe == nullptr) return log().find("qm-scan-worker: ready") != std::string::npos;
-    natsMsg* raw_reply = nullptr;
-    const bool answered = natsConnection_RequestString(&raw_reply, probe.get(), service.c_str(), "{}", 200) == NATS_OK;
-    qm::nats_msg_ptr reply(raw_reply);
-    return answered;
-  };
-  const bool up = wait_until([&] { return !child_->running() || ready(); }, 30s);
+  const bool up = wait_until([&] { return !child_->running() || log().find("qm-scan-worker: ready") != std::string::npos; }, 30s);
   if (!up || !child_->running()) throw std::runtime_error("scan worker did not come up:\n" + log());
 }
 

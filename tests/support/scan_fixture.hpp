@@ -31,6 +31,7 @@ struct ScanEnvOptions {
 
 // One demo worker; waits until it logs that it is ready (throws when it does not).
 // With a user it logs in as that user (a server whose logins go to the auth callout).
+// It logs at tracelevel 4 (info) at least.
 class ScanWorker {
  public:
   ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
