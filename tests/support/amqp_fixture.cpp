@@ -74,12 +74,6 @@ AmqpEnv::~AmqpEnv() {
   const std::string log = broker_log();
   const size_t report = log.find("Sanitizer");
   EXPECT_EQ(report, std::string::npos) << log.substr(report == std::string::npos ? 0 : report);
-  if (worker_) {
-    worker_->child().signal(SIGTERM);
-    worker_->child().wait(10s);
-  }
-  worker_.reset();
-  callout_.reset();
 }
 
 gw_config_t AmqpEnv::relay_config() const {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <csignal>
 #include <stdexcept>
 
 #include "broker_kv_bootstrap.hpp"
@@ -47,18 +46,6 @@ ScanEnv::ScanEnv(ScanEnvOptions options) : work_services_(options.work_services)
   js_.reset(raw_js);
   if (js_KeyValue(&raw_kv, js_.get(), GW_SCAN_DATA_BUCKET) != NATS_OK) throw std::runtime_error("scan-data bucket");
   kv_.reset(raw_kv);
-}
-
-ScanEnv::~ScanEnv() {
-  for (auto& worker : workers_) {
-    worker->child().signal(SIGTERM);
-    worker->child().wait(10s);
-  }
-  workers_.clear();
-  kv_.reset();
-  js_.reset();
-  nc_.reset();
-  server_.stop();
 }
 
 ScanWorker& ScanEnv::start_worker(const std::string& service, bool work_queue, int tracelevel) {

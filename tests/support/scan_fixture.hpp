@@ -52,7 +52,6 @@ using relay_ptr = qm::c_ptr<gw_nats_relay_t, gw_nats_relay_destroy>;
 class ScanEnv {
  public:
   explicit ScanEnv(ScanEnvOptions options = {});
-  ~ScanEnv();
   ScanEnv(const ScanEnv&) = delete;
   ScanEnv& operator=(const ScanEnv&) = delete;
 
@@ -86,6 +85,7 @@ class ScanEnv {
   qm::nats_connection_ptr nc_;
   qm::js_ctx_ptr js_;
   qm::kv_store_ptr kv_;
+  // First to go: the workers, then the client, then the server.
   std::vector<std::unique_ptr<ScanWorker>> workers_;
 };
 
