@@ -56,7 +56,6 @@ class ScanEnv {
   ScanEnv& operator=(const ScanEnv&) = delete;
 
   std::string url() const { return server_.url(); }
-  NatsServer& server() { return server_; }
   // A plain client of the server and its handle on "qm-av-scan-data".
   natsConnection* nc() { return nc_.get(); }
   jsCtx* js() { return js_.get(); }
