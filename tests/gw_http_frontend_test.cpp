@@ -189,9 +189,11 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   for (const char* user : {"granted", "flaky"}) {
     EXPECT_EQ(status_of(user, "pw"), 200) << user;
     EXPECT_TRUE(wait_until([&] { return cached(user, "pw") == GW_AUTH_CACHE_MISS; }, 10s)) << user;
-    EXPECT_TRUE(log_.contains(std::string("refresh DENIED user=") + user));
+    EXPECT_TRUE(log_.contains(std::string("refresh DENIED user=") + user +
+                              " — invalidating cache (password changed or account disabled?)"));
   }
   EXPECT_EQ(status_of("granted", "pw"), 401);
+  EXPECT_EQ(cached("granted", "pw"), GW_AUTH_CACHE_DENY);
 }
 
 // TLS that works is the broker's own test (curl over https); here what refuses to start.
