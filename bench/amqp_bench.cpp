@@ -11,15 +11,30 @@
 // QM_AMQP_BENCH_SMALL and QM_AMQP_BENCH_LARGE override the number of requests per run.
 #include <benchmark/benchmark.h>
 #include <nats/nats.h>
+#include <proton/connection.hpp>
+#include <proton/connection_options.hpp>
+#include <proton/container.hpp>
+#include <proton/delivery.hpp>
+#include <proton/error_condition.hpp>
+#include <proton/messaging_handler.hpp>
+#include <proton/receiver.hpp>
+#include <proton/receiver_options.hpp>
+#include <proton/sender.hpp>
+#include <proton/source.hpp>
+#include <proton/source_options.hpp>
+#include <proton/transport.hpp>
+#include <proton/work_queue.hpp>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <functional>
 #include <latch>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,15 +104,128 @@ std::vector<double> s_one_by_one(int count, const std::function<bool()>& one) {
   return latencies;
 }
 
-// An AMQP client link: a connection with a reply receiver and a sender to "scan".
+// An AMQP client link: a connection of its own with a reply receiver and a sender to
+// "scan", on a container thread of its own that sends each request as the previous reply
+// arrives, so that no hand-over between threads is in the figures.
+class AmqpLink : public proton::messaging_handler {
+ public:
+  AmqpLink(int port, qmtest::AmqpLogin login, const std::string* payload)
+      : login_(std::move(login)), port_(port), payload_(payload), container_(*this) {
+    thread_ = std::thread([this] { container_.run(); });
+    if (!wait(30s, [this] { return ready_ || ended_; }) || !ready_) {
+      stop();
+      throw std::runtime_error("AMQP link did not open");
+    }
+  }
+  ~AmqpLink() override { stop(); }
+  AmqpLink(const AmqpLink&) = delete;
+  AmqpLink& operator=(const AmqpLink&) = delete;
+
+  // `count` round trips; the latency of each in ms, fewer when the connection ended or a
+  // reply did not come within 120 s.
+  std::vector<double> round_trips(int count) {
+    update([&] {
+      latencies_.clear();
+      remaining_ = count;
+    });
+    if (count < 1 || !post([this] { send_next(); })) return {};
+    wait(120s, [this] { return remaining_ == 0 || ended_; });
+    std::lock_guard lock(mu_);
+    return latencies_;
+  }
+
+  void on_container_start(proton::container& c) override {
+    proton::connection_options opts;
+    opts.sasl_allow_insecure_mechs(true).sasl_allowed_mechs("PLAIN").user(login_.user).password(login_.password);
+    c.connect("amqp://127.0.0.1:" + std::to_string(port_), opts);
+  }
+  void on_connection_open(proton::connection& c) override {
+    connection_ = c;
+    sender_ = c.open_sender(qmtest::AmqpEnv::kService);
+    c.open_receiver("", proton::receiver_options().source(proton::source_options().dynamic(true)));
+  }
+  void on_receiver_open(proton::receiver& r) override {
+    reply_to_ = r.source().address();
+    update([&] {
+      work_ = &connection_.work_queue();
+      ready_ = true;
+    });
+  }
+  void on_sendable(proton::sender&) override {
+    if (waiting_for_credit_) send_next();
+  }
+  void on_message(proton::delivery&, proton::message&) override {
+    const double ms = s_ms(steady::now() - sent_);
+    bool more = false;
+    update([&] {
+      latencies_.push_back(ms);
+      more = --remaining_ > 0;
+    });
+    if (more) send_next();
+  }
+  void on_error(const proton::error_condition&) override { update([this] { ended_ = true; }); }
+  void on_transport_close(proton::transport&) override { update([this] { ended_ = true; }); }
+
+ private:
+  template <class Fn>
+  void update(Fn fn) {
+    {
+      std::lock_guard lock(mu_);
+      fn();
+    }
+    cv_.notify_all();
+  }
+  // Runs fn on the container thread; held under mu_, which the close event takes before
+  // the connection and its work queue can go away.
+  bool post(std::function<void()> fn) {
+    std::lock_guard lock(mu_);
+    return !ended_ && work_ != nullptr && work_->add(std::move(fn));
+  }
+  template <class Pred>
+  bool wait(std::chrono::milliseconds timeout, Pred pred) {
+    std::unique_lock lock(mu_);
+    return cv_.wait_for(lock, timeout, pred);
+  }
+
+  void send_next() {
+    waiting_for_credit_ = sender_.credit() <= 0;
+    if (waiting_for_credit_) return;
+    sent_ = steady::now();
+    sender_.send(qmtest::scan_request("", "{}", payload_, reply_to_, proton::message_id(++sent_count_)));
+  }
+
+  void stop() {
+    if (!thread_.joinable()) return;
+    if (post([this] { connection_.close(); })) wait(10s, [this] { return ended_; });
+    container_.stop();
+    thread_.join();
+  }
+
+  qmtest::AmqpLogin login_;
+  int port_;
+  const std::string* payload_;
+  proton::container container_;
+  std::thread thread_;
+  // The container thread's own.
+  proton::connection connection_;
+  proton::sender sender_;
+  std::string reply_to_;
+  bool waiting_for_credit_ = false;
+  uint64_t sent_count_ = 0;
+  steady::time_point sent_;
+  // Shared with the caller's thread, under mu_.
+  std::mutex mu_;
+  std::condition_variable cv_;
+  proton::work_queue* work_ = nullptr;
+  bool ready_ = false;
+  bool ended_ = false;
+  int remaining_ = 0;
+  std::vector<double> latencies_;
+};
+
 batch s_amqp_link(qmtest::AmqpEnv& env, const std::string* payload) {
-  auto c = std::make_shared<qmtest::ScanClient>(env);
-  return [c, payload](int count) {
-    const auto request = [&](int n) {
-      return qmtest::scan_request("", "{}", payload, c->reply_address, proton::message_id(uint64_t(n)));
-    };
-    return c->client.round_trips(c->sender, count, request, 120s);
-  };
+  auto link = std::make_shared<AmqpLink>(env.port(), env.login(), payload);
+  return [link](int count) { return link->round_trips(count); };
 }
 
 // A NATS link: plain requests with the same JSON and no payload.

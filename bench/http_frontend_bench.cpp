@@ -15,12 +15,13 @@
 #include <vector>
 
 #include "bench_stats.hpp"
+#include "amqp_fixture.hpp"
 #include "http_fixture.hpp"
 
 namespace {
 
-constexpr const char* kUser = "bench";
-constexpr const char* kPassword = "bench-secret";
+constexpr const char* kUser = qmtest::AmqpEnv::kUser;
+constexpr const char* kPassword = qmtest::AmqpEnv::kPassword;
 constexpr const char* kRequest = R"({"scan":1})";
 constexpr size_t kMiB = 1048576;
 constexpr int kRounds = 3;
@@ -69,8 +70,11 @@ bench_report s_measure() {
   report.small_requests = qmbench::env_int("QM_HTTP_BENCH_REQUESTS", kDefaultSmallRequests, 10);
   try {
     const int port = qmtest::free_port();
-    qmtest::HttpScanEnv env({{kUser, kPassword}}, {"--http-enabled", "true", "--http-listen-port",
-                                                   std::to_string(port), "--relay-timeout-ms", "120000"}, kQuiet);
+    qmtest::AmqpEnvOptions options;
+    options.broker_args = {"--http-enabled", "true", "--http-listen-port", std::to_string(port), "--relay-timeout-ms",
+                           "120000"};
+    options.tracelevel = kQuiet;
+    qmtest::AmqpEnv env(options);
     const gw_config_t relay_cfg = env.relay_config();
     qmtest::relay_ptr relay(gw_nats_relay_create(&relay_cfg));
     qmtest::HttpRequest request;

@@ -7,6 +7,7 @@
 #include <proton/event.h>
 #include <proton/link.h>
 #include <proton/listener.h>
+#include <proton/netaddr.h>
 #include <proton/message.h>
 #include <proton/proactor.h>
 #include <proton/sasl.h>
@@ -78,6 +79,8 @@ struct gw_amqp_acceptor {
   sasl_steps_ptr sasl_steps;  // with the gateway's own Cyrus binding only
   // Listeners and connections still open; the final drain waits for them.
   int live_endpoints = 0;
+  // What the listener is bound to (port 0 lets the kernel choose); 0 until it listens.
+  std::atomic<int> bound_port{0};
   // A signal handler may stop the loop, but waking the proactor takes its locks: the
   // handler only writes this eventfd, and the waker thread interrupts the proactor.
   qm::unique_fd stop_fd;
@@ -700,10 +703,19 @@ size_t s_session_capacity(size_t max_msg_size) {
   return max_msg_size != 0 ? max_msg_size + kMaxFrameBytes : kLargestWindow * kMaxFrameBytes;
 }
 
-void s_on_listener_open(const gw_amqp_acceptor& acc) {
+int s_listener_port(pn_listener_t* listener) {
+  char host[256];
+  char port[32];
+  if (pn_netaddr_host_port(pn_listener_addr(listener), host, sizeof host, port, sizeof port) != 0) return 0;
+  return atoi(port);
+}
+
+void s_on_listener_open(gw_amqp_acceptor& acc, pn_listener_t* listener) {
   const gw_config_t& cfg = *acc.cfg;
+  const int port = s_listener_port(listener);
+  acc.bound_port.store(port > 0 ? port : cfg.amqp_listen_port);
   log_info("amqp_acceptor: listening on %s:%d (tls=%s, backlog=%d requested, capped by net.core.somaxconn)",
-           qm::or_text(qm::cstr(cfg.amqp_listen_host), ""), cfg.amqp_listen_port, s_tls_configured(cfg) ? "yes" : "no",
+           qm::or_text(qm::cstr(cfg.amqp_listen_host), ""), acc.bound_port.load(), s_tls_configured(cfg) ? "yes" : "no",
            cfg.listen_backlog);
 }
 
@@ -722,7 +734,7 @@ void handle_event(gw_amqp_acceptor& acc, pn_event_t* e) {
   log_trace("amqp_acceptor: event=%s", pn_event_type_name(type));
   switch (type) {
     case PN_LISTENER_OPEN:
-      s_on_listener_open(acc);
+      s_on_listener_open(acc, pn_event_listener(e));
       break;
     case PN_LISTENER_ACCEPT:
       s_accept(acc, pn_event_listener(e));
@@ -870,6 +882,8 @@ int gw_amqp_acceptor_run(gw_amqp_acceptor_t* acc) {
   }
   return 0;
 }
+
+int gw_amqp_acceptor_bound_port(const gw_amqp_acceptor_t* acc) { return acc == nullptr ? 0 : acc->bound_port.load(); }
 
 void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;

@@ -646,6 +646,15 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
   }
 }
 
+namespace {
+
+int s_bound_port(const gw_http_frontend& fe) {
+  const MHD_DaemonInfo* info = MHD_get_daemon_info(fe.daemon.get(), MHD_DAEMON_INFO_BIND_PORT);
+  return info != nullptr ? info->port : 0;
+}
+
+}  // namespace
+
 int gw_http_frontend_start(gw_http_frontend_t* fe) {
   if (fe == nullptr) return -1;
   std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
@@ -668,10 +677,16 @@ int gw_http_frontend_start(gw_http_frontend_t* fe) {
     fe->tls_key_pem.reset();
     return -1;
   }
-  log_info("http_frontend: listening on %s:%u%s path=%s backlog=%u requested, capped by net.core.somaxconn",
-           s_or(cfg.http_listen_host, ""), port, tls ? " [TLS]" : "", s_servlet_path(*fe),
+  log_info("http_frontend: listening on %s:%d%s path=%s backlog=%u requested, capped by net.core.somaxconn",
+           s_or(cfg.http_listen_host, ""), s_bound_port(*fe), tls ? " [TLS]" : "", s_servlet_path(*fe),
            static_cast<unsigned>(cfg.listen_backlog));
   return 0;
+}
+
+int gw_http_frontend_bound_port(gw_http_frontend_t* fe) {
+  if (fe == nullptr) return 0;
+  std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
+  return fe->daemon ? s_bound_port(*fe) : 0;
 }
 
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {

@@ -26,6 +26,10 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
 // read, or the daemon does not start. A failed start leaves nothing running.
 int gw_http_frontend_start(gw_http_frontend_t* fe);
 
+// The port the running daemon is bound to (http_listen_port 0 lets the kernel choose
+// one), else 0.
+int gw_http_frontend_bound_port(gw_http_frontend_t* fe);
+
 // Quiesce: new connections are refused from now on, requests in flight complete.
 // No-op when not started. Safe to call while another thread stops the frontend.
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);

@@ -1,15 +1,14 @@
-// The REST front door in this process, against a real nats-server, the broker's verify
-// endpoint (or, with the broker held, a scripted one) and the demo scan worker; libcurl
-// and raw sockets are the clients.
+// The REST front door in this process, against a real nats-server whose logins go to the
+// broker, a verify endpoint of the test's own and the demo scan worker; libcurl and raw
+// sockets are the clients.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <csignal>
 #include <future>
 #include <map>
-#include <mutex>
 #include <thread>
 
+#include "amqp_fixture.hpp"
 #include "http_fixture.hpp"
 #include "log_capture.hpp"
 #include "test_certificates.hpp"
@@ -35,20 +34,21 @@ std::string s_scan_reply(const std::string& payload) {
          R"(","infected":false})";
 }
 
+AmqpEnvOptions s_without_verify_service() {
+  AmqpEnvOptions options;
+  options.callout_service = false;
+  return options;
+}
+
 class HttpDoorTest : public ::testing::Test {
  protected:
   ~HttpDoorTest() override {
     door_.reset();
-    broker().signal(SIGCONT);
     gw_auth_cache_set_clock_for_testing(nullptr);
     gw_http_frontend_set_inactivity_timeout_for_testing(0);
   }
   void open(tweak_fn tweak = {}) {
     door_ = std::make_unique<HttpDoor>(env_.relay_config(), user_list{{kLocal, kLocalPassword}}, tweak);
-    natsSubscription* raw = nullptr;
-    ASSERT_EQ(natsConnection_Subscribe(&raw, tap_.conn, "qm.auth.verify", on_verify, this), NATS_OK);
-    tap_sub_.reset(raw);
-    natsConnection_Flush(tap_.conn);
   }
   HttpRequest as(const std::string& user, const std::string& password, const std::function<void(HttpRequest&)>& change = {}) {
     HttpRequest request = door_->request(user, password);
@@ -59,42 +59,13 @@ class HttpDoorTest : public ::testing::Test {
   gw_auth_cache_result_t cached(const char* user, const char* password) {
     return gw_auth_cache_lookup(door_->cache(), user, password);
   }
-  Child& broker() { return env_.callout().broker(); }
-  // Holds the broker and answers verify requests in its stead, per user (others get
-  // nothing). No replies: the broker answers again.
-  void script_verify(std::map<std::string, std::string> replies) {
-    broker().signal(replies.empty() ? SIGCONT : SIGSTOP);
-    std::lock_guard<std::mutex> guard(mu_);
-    replies_ = std::move(replies);
-  }
-  // Every verify request the server carried so far, once there are at least `count`.
-  std::vector<std::string> verify_requests(size_t count = 0) {
-    wait_until([&] { std::lock_guard<std::mutex> guard(mu_); return requests_.size() >= count; }, 10s);
-    std::lock_guard<std::mutex> guard(mu_);
-    return requests_;
-  }
 
   LogCapture log_{QMLOG_TRACE};
-  // The broker's own cache off: its verdicts are those of the credentials file of the moment.
-  HttpScanEnv env_{{{kRemote, kRemotePassword}}, {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"}};
+  // "qm.auth.verify" is the test's: kRemote is the one user it knows, unless scripted.
+  AmqpEnv env_{s_without_verify_service()};
+  NatsLogin verifier_ = nats_login(env_.nats_url(), CalloutEnv::kAuthUser, CalloutEnv::kAuthPassword);
+  VerifyEndpoint verify_{verifier_.conn, {{kRemote, kRemotePassword}}};
   std::unique_ptr<HttpDoor> door_;
-
- private:
-  static void on_verify(natsConnection* nc, natsSubscription*, natsMsg* raw, void* closure) {
-    qm::nats_msg_ptr msg(raw);
-    auto* self = static_cast<HttpDoorTest*>(closure);
-    const std::string body(natsMsg_GetData(raw), static_cast<size_t>(natsMsg_GetDataLength(raw)));
-    std::lock_guard<std::mutex> guard(self->mu_);
-    self->requests_.push_back(body);
-    const auto reply = self->replies_.find(json_member(body, "user"));
-    if (reply != self->replies_.end()) natsConnection_PublishString(nc, natsMsg_GetReply(raw), reply->second.c_str());
-  }
-
-  std::mutex mu_;
-  std::map<std::string, std::string> replies_;
-  std::vector<std::string> requests_;
-  NatsLogin tap_ = nats_login(env_.callout().url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
-  qm::nats_subscription_ptr tap_sub_;
 };
 
 TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
@@ -155,12 +126,12 @@ TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
   EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
   EXPECT_EQ(status_of("", kLocalPassword), 401);
-  const std::vector<std::string> seen = verify_requests(1);
+  const std::vector<std::string> seen = verify_.requests();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0], R"({"user":"verify-user","password":"verify-secret","method":"basic"})");
   EXPECT_EQ(cached(kLocal, kLocalPassword), GW_AUTH_CACHE_MISS);
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
-  EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=file"));
+  EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=test"));
   EXPECT_TRUE(log_.contains("authenticate() called with empty credentials"));
 }
 
@@ -169,38 +140,23 @@ TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
   open();
   ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
   s_now_ms += 61000;  // past half of the 120 s grant
-  broker().signal(SIGSTOP);  // the refresh waits; the callers must not
+  verify_.hold();  // the refresh waits; the callers must not
   std::vector<std::future<long>> callers;
   for (int i = 0; i < 6; ++i) callers.push_back(std::async(std::launch::async, [&] { return status_of(kRemote, kRemotePassword); }));
   for (auto& caller : callers) EXPECT_EQ(caller.get(), 200);
-  EXPECT_EQ(json_member(verify_requests(2).at(1), "revalidate"), "true");
-  broker().signal(SIGCONT);
+  ASSERT_TRUE(wait_until([&] { return verify_.requests().size() == 2; }, 10s));
+  EXPECT_EQ(json_member(verify_.requests().at(1), "revalidate"), "true");
+  verify_.release();
   EXPECT_TRUE(log_.wait_for("refresh GRANTED user=verify-user", 10s)) << log_.text();
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
   EXPECT_EQ(log_.count("refresh dispatched"), 1u);
-  EXPECT_EQ(verify_requests().size(), 2u);
-}
-
-TEST_F(HttpDoorTest, DeniedRefreshRevokesTheGrant) {
-  gw_auth_cache_set_clock_for_testing(s_fake_clock);
-  open();
-  ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
-  write_file(env_.callout().credentials_path(),
-             CalloutEnv::credentials_text({{kRemote, "changed"}, {HttpScanEnv::kWorkerUser, HttpScanEnv::kWorkerPassword}}));
-  broker().signal(SIGHUP);
-  ASSERT_TRUE(broker().wait_for_err("credential_store: reloaded", 10s)) << broker().err();
-  s_now_ms += 61000;
-  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // still served; the refresh learns the news
-  ASSERT_TRUE(wait_until([&] { return cached(kRemote, kRemotePassword) == GW_AUTH_CACHE_MISS; }, 10s));
-  EXPECT_TRUE(log_.contains("refresh DENIED user=verify-user — invalidating cache (password changed or account disabled?)"));
-  EXPECT_EQ(status_of(kRemote, kRemotePassword), 401);
-  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_DENY);
+  EXPECT_EQ(verify_.requests().size(), 2u);
 }
 
 TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   gw_auth_cache_set_clock_for_testing(s_fake_clock);
   open();
-  script_verify({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
+  verify_.script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
                  {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
                  {"flaky", R"({"ok":true})"}});
   struct {
@@ -224,31 +180,27 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
     EXPECT_EQ(cached(row.user, row.password), row.cached) << row.user;
     EXPECT_TRUE(log_.contains(row.log)) << row.user;
   }
-  script_verify({});
+  verify_.script({});
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // the outage left no refusal behind
-  // In a refresh an unreadable reply revokes the grant.
-  script_verify({{"flaky", "<html>"}});
+  // In a refresh a refusal, and an unreadable reply too, revoke the grant; it is still
+  // served once while the refresh learns the news.
+  verify_.script({{"granted", R"({"ok":false})"}, {"flaky", "<html>"}});
   s_now_ms += 61000;
-  EXPECT_EQ(status_of("flaky", "pw"), 200);
-  EXPECT_TRUE(wait_until([&] { return cached("flaky", "pw") == GW_AUTH_CACHE_MISS; }, 10s));
-  EXPECT_TRUE(log_.contains("refresh DENIED user=flaky"));
+  for (const char* user : {"granted", "flaky"}) {
+    EXPECT_EQ(status_of(user, "pw"), 200) << user;
+    EXPECT_TRUE(wait_until([&] { return cached(user, "pw") == GW_AUTH_CACHE_MISS; }, 10s)) << user;
+    EXPECT_TRUE(log_.contains(std::string("refresh DENIED user=") + user +
+                              " — invalidating cache (password changed or account disabled?)"));
+  }
+  EXPECT_EQ(status_of("granted", "pw"), 401);
+  EXPECT_EQ(cached("granted", "pw"), GW_AUTH_CACHE_DENY);
 }
 
-TEST_F(HttpDoorTest, TlsFromPemFilesAndStartRefusals) {
+// TLS that works is the broker's own test (curl over https); here what refuses to start.
+TEST_F(HttpDoorTest, StartRefusals) {
   TempDir dir;
   const TestCertificates certs = make_test_certificates(dir, "qmtest http CA");
-  open([&](gw_config_t& cfg) {
-    cfg.http_tls_cert = certs.cert_file;
-    cfg.http_tls_key = certs.key_file;
-  });
-  HttpRequest request = as(kLocal, kLocalPassword, [&](HttpRequest& r) { r.ca_file = certs.ca_file; });
-  EXPECT_EQ(http_send(request).body, s_scan_reply(""));
-  request.ca_file.clear();  // the system's CAs do not know ours
-  EXPECT_EQ(http_send(request).curl, CURLE_PEER_FAILED_VERIFICATION);
-  request.url = "http://127.0.0.1:" + std::to_string(door_->port()) + "/vsi";
-  EXPECT_NE(http_send(request).status, 200);
-  EXPECT_TRUE(log_.contains(" [TLS] path=/vsi backlog=65535 requested, capped by net.core.somaxconn"));
-  EXPECT_FALSE(log_.contains("is not the first option"));
+  open();  // its port is taken
 
   write_file(dir.file("garbage.pem"), "-----BEGIN CERTIFICATE-----\nnot base64\n-----END CERTIFICATE-----\n");
   const std::string together = "HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start";
@@ -273,13 +225,12 @@ TEST_F(HttpDoorTest, TlsFromPemFilesAndStartRefusals) {
     gw_config_t cfg;
     cfg.http_tls_cert = row.cert;
     cfg.http_tls_key = row.key;
-    cfg.http_listen_port = row.port != 0 ? row.port : free_port();
+    cfg.http_listen_port = row.port;
     qm::c_ptr<gw_http_frontend_t, gw_http_frontend_destroy> fe(
         gw_http_frontend_create(&cfg, creds.get(), relay.get(), nullptr));
     EXPECT_EQ(gw_http_frontend_start(fe.get()), -1) << row.log;
     EXPECT_TRUE(log_.contains(row.log)) << row.log;
   }
-  EXPECT_TRUE(log_.contains("http_frontend: could not load TLS cert or key"));
   EXPECT_EQ(gw_http_frontend_create(&relay_cfg, nullptr, relay.get(), nullptr), nullptr);
 }
 

@@ -54,6 +54,13 @@ class AmqpClient::Handler : public proton::messaging_handler {
     return cv_.wait_for(lock, timeout, pred);
   }
 
+  // A copy of shared state, read under mu_.
+  template <class T>
+  T read(const T& field) {
+    std::lock_guard<std::mutex> lock(mu_);
+    return field;
+  }
+
   void on_container_start(proton::container& c) override {
     proton::connection_options opts;
     opts.sasl_enabled(login_.sasl).sasl_allow_insecure_mechs(true).sasl_allowed_mechs(login_.mechanisms);
@@ -118,15 +125,6 @@ class AmqpClient::Handler : public proton::messaging_handler {
   void on_tracker_settle(proton::tracker& t) override { settle(t, Outcome::settled); }
 
   void on_message(proton::delivery&, proton::message& m) override {
-    if (loop_remaining_ > 0) {
-      loop_latencies_.push_back(std::chrono::duration<double, std::milli>(steady::now() - loop_sent_).count());
-      if (--loop_remaining_ > 0) {
-        loop_send();
-      } else {
-        update([&] { loop_done_ = true; });
-      }
-      return;
-    }
     update([&] { messages_.push_back(m); });
   }
 
@@ -165,19 +163,6 @@ class AmqpClient::Handler : public proton::messaging_handler {
     if (connection_) connection_.close();
   }
 
-  void do_round_trips(size_t index, int count, std::function<proton::message(int)> make_request) {
-    loop_sender_ = index;
-    loop_make_ = std::move(make_request);
-    loop_remaining_ = count;
-    loop_latencies_.clear();
-    loop_latencies_.reserve(static_cast<size_t>(count));
-    loop_send();
-  }
-
-  // Read by the caller once loop_done_ is set (under mu_), or after the connection ended.
-  std::vector<double> loop_latencies_;
-  bool loop_done_ = false;
-
   // ---- state shared with the caller's thread, under mu_ -----------------------------
 
   bool open_ = false;
@@ -209,7 +194,7 @@ class AmqpClient::Handler : public proton::messaging_handler {
       const auto& [ticket, msg] = it->second.front();
       const std::string tag = std::to_string(ticket);
       s.send(msg, proton::binary(tag.begin(), tag.end()));
-      if (ticket > 0) update([&, t = ticket] { outcomes_.emplace(t, Outcome::pending); });
+      update([&, t = ticket] { outcomes_.emplace(t, Outcome::pending); });
       it->second.pop_front();
     }
   }
@@ -217,25 +202,11 @@ class AmqpClient::Handler : public proton::messaging_handler {
   void settle(proton::tracker& t, Outcome outcome) {
     const proton::binary tag = t.tag();
     const int ticket = std::stoi(std::string(tag.begin(), tag.end()));
-    if (ticket < 0) return;
     update([&] {
       Outcome& current = outcomes_[ticket];
       if (current == Outcome::pending || outcome != Outcome::settled) current = outcome;
     });
   }
-
-  void loop_send() {
-    const int n = static_cast<int>(loop_latencies_.size());
-    loop_sent_ = steady::now();
-    pending_sends_[loop_sender_].push_back({-1 - n, loop_make_(n)});
-    flush(senders_[loop_sender_]);
-  }
-
-  using steady = std::chrono::steady_clock;
-  size_t loop_sender_ = 0;
-  std::function<proton::message(int)> loop_make_;
-  int loop_remaining_ = 0;
-  steady::time_point loop_sent_;
 
   AmqpLogin login_;
   int port_;
@@ -256,25 +227,11 @@ AmqpClient::AmqpClient(int port, AmqpLogin login, std::chrono::milliseconds time
 
 AmqpClient::~AmqpClient() { close(); }
 
-bool AmqpClient::is_open() const { return handler_->wait(std::chrono::milliseconds(0), [this] { return handler_->open_; }); }
+bool AmqpClient::is_open() const { return handler_->read(handler_->open_); }
 
-std::string AmqpClient::error() const {
-  std::string error;
-  handler_->wait(std::chrono::milliseconds(0), [&] {
-    error = handler_->error_;
-    return true;
-  });
-  return error;
-}
+std::string AmqpClient::error() const { return handler_->read(handler_->error_); }
 
-int AmqpClient::sasl_outcome() const {
-  int outcome = -1;
-  handler_->wait(std::chrono::milliseconds(0), [&] {
-    outcome = handler_->sasl_outcome_;
-    return true;
-  });
-  return outcome;
-}
+int AmqpClient::sasl_outcome() const { return handler_->read(handler_->sasl_outcome_); }
 
 bool AmqpClient::wait_closed(std::chrono::milliseconds timeout) {
   return handler_->wait(timeout, [this] { return handler_->closed_; });
@@ -348,20 +305,6 @@ std::optional<proton::message> AmqpClient::receive(std::chrono::milliseconds tim
     return true;
   });
   return message;
-}
-
-std::vector<double> AmqpClient::round_trips(int sender, int count,
-                                            const std::function<proton::message(int)>& make_request,
-                                            std::chrono::milliseconds timeout) {
-  handler_->wait(std::chrono::milliseconds(0), [this] { return !(handler_->loop_done_ = false); });
-  if (count < 1 ||
-      !handler_->post([this, sender, count, make_request] {
-        handler_->do_round_trips(static_cast<size_t>(sender), count, make_request);
-      })) {
-    return {};
-  }
-  if (!handler_->wait(timeout, [this] { return handler_->loop_done_ || handler_->closed_; })) close();
-  return handler_->loop_latencies_;
 }
 
 void AmqpClient::close() {

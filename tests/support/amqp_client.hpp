@@ -7,7 +7,6 @@
 #include <proton/message_id.hpp>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,12 +58,6 @@ class AmqpClient {
   int credit(int sender);
   // The next message of any receiver.
   std::optional<proton::message> receive(std::chrono::milliseconds timeout);
-  // `count` request/reply round trips on the client's own thread, each request sent as
-  // the previous reply arrives (for benchmarks: no hand-over between threads per request).
-  // make_request(n) builds the n-th request; the latency of each round trip in ms, fewer
-  // than count when the connection ended or a reply did not come within `timeout`.
-  std::vector<double> round_trips(int sender, int count, const std::function<proton::message(int)>& make_request,
-                                  std::chrono::milliseconds timeout);
   // Closes the connection and waits for the client's thread.
   void close();
 

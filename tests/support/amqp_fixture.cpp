@@ -5,7 +5,6 @@
 #include <csignal>
 #include <stdexcept>
 
-#include "gw_sasl_setup.hpp"
 #include "log_capture.hpp"
 #include "qm_handles.hpp"
 #include "qmhlp_network.hpp"
@@ -24,31 +23,49 @@ bool s_port_open(int port) {
 
 }  // namespace
 
-AmqpEnv::AmqpEnv(AmqpEnvOptions options) : port_(free_port()), tls_(options.tls) {
+AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   CalloutOptions callout;
   callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
   callout.tracelevel = options.tracelevel;
   callout.callout_service = options.callout_service;
   callout.bin_dir = options.bin_dir;
   callout.env = options.env;
+  if (tls_) make_test_certificates(certs_, "qmtest amqp CA");
+  // The broker cannot be told to pick its own port: another process may take the free
+  // one first, and then the broker starts again on the next.
+  for (int attempt = 1; !start_listener(callout, options); ++attempt) {
+    if (attempt == 3) throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
+  }
+  if (options.worker) {
+    const bool via_callout = options.callout_service;
+    // Quiet below debug level: at 5 it logs every request.
+    worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, options.tracelevel >= 5 ? 5 : 4,
+                                           via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
+                                           via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
+  }
+}
+
+bool AmqpEnv::start_listener(CalloutOptions callout, const AmqpEnvOptions& options) {
+  port_ = free_port();
+  const std::string address = "127.0.0.1:" + std::to_string(port_);
   callout.broker_args = {"--amqp-enabled", "true", "--amqp-listen-host", "127.0.0.1", "--amqp-listen-port",
                          std::to_string(port_)};
   if (tls_) {
-    make_test_certificates(certs_, "qmtest amqp CA");
     callout.broker_args.insert(callout.broker_args.end(), {"--amqp-tls-cert", certs_.file("server.pem"),
                                                            "--amqp-tls-key", certs_.file("server.key")});
   }
   callout.broker_args.insert(callout.broker_args.end(), options.broker_args.begin(), options.broker_args.end());
+  callout_.reset();
   callout_ = std::make_unique<CalloutEnv>(callout);
-  if (!wait_until([&] { return !broker().running() || s_port_open(port_); }, 60s) || !broker().running()) {
-    throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
-  }
-  if (options.worker) {
-    const bool via_callout = options.callout_service;
-    worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, 5,
-                                           via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
-                                           via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
-  }
+  // Below info level the broker does not say that it listens: an open port has to do.
+  const auto ours = [&] {
+    if (options.tracelevel < 4) return s_port_open(port_);
+    return LogCapture::count_in(broker_log(), "amqp_acceptor: listening on " + address) > 0;
+  };
+  const auto failed = [&] {
+    return !broker().running() || LogCapture::count_in(broker_log(), "listener on " + address + " closed") > 0;
+  };
+  return wait_until([&] { return failed() || ours(); }, 60s) && !failed();
 }
 
 // The broker stops first, so that what its sanitizers find at exit fails the test.
@@ -57,12 +74,14 @@ AmqpEnv::~AmqpEnv() {
   const std::string log = broker_log();
   const size_t report = log.find("Sanitizer");
   EXPECT_EQ(report, std::string::npos) << log.substr(report == std::string::npos ? 0 : report);
-  if (worker_) {
-    worker_->child().signal(SIGTERM);
-    worker_->child().wait(10s);
-  }
-  worker_.reset();
-  callout_.reset();
+}
+
+gw_config_t AmqpEnv::relay_config() const {
+  gw_config_t cfg;
+  cfg.nats_url = nats_url();
+  cfg.nats_user = CalloutEnv::kGatewayUser;
+  cfg.nats_password = CalloutEnv::kGatewayPassword;
+  return cfg;
 }
 
 bool AmqpEnv::wait_for_log(const std::string& text, std::chrono::milliseconds timeout, size_t times) {
@@ -97,9 +116,9 @@ VerifyEndpoint::~VerifyEndpoint() {
   for (std::thread& t : late_answers_) t.join();
 }
 
-void VerifyEndpoint::set_reply(const std::string& text) {
+void VerifyEndpoint::script(std::map<std::string, std::string> replies) {
   std::lock_guard<std::mutex> lock(mu_);
-  fixed_reply_ = text;
+  script_ = std::move(replies);
 }
 
 void VerifyEndpoint::set_delay(std::chrono::milliseconds delay) {
@@ -119,29 +138,31 @@ void VerifyEndpoint::release() {
   held_.clear();
 }
 
-int VerifyEndpoint::requests() const {
+std::vector<std::string> VerifyEndpoint::requests() const {
   std::lock_guard<std::mutex> lock(mu_);
   return requests_;
 }
 
-std::string VerifyEndpoint::last_password() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return last_password_;
+std::string VerifyEndpoint::answer(const std::string& request) const {
+  const std::string user = json_member(request, "user");
+  if (!script_.empty()) {
+    const auto scripted = script_.find(user);
+    return scripted == script_.end() ? "" : scripted->second;
+  }
+  const std::string password = json_member(request, "password");
+  bool ok = false;
+  for (const auto& [known_user, known_password] : users_) ok = ok || (user == known_user && password == known_password);
+  return std::string("{\"ok\":") + (ok ? "true" : "false") + ",\"backend\":\"test\"}";
 }
 
 void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
   qm::nats_msg_ptr owned(msg);
   auto* self = static_cast<VerifyEndpoint*>(closure);
   const std::string request(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
-  const std::string user = json_member(request, "user");
-  const std::string password = json_member(request, "password");
-  bool ok = false;
-  for (const auto& [known_user, known_password] : self->users_) ok = ok || (user == known_user && password == known_password);
-  std::string reply = std::string("{\"ok\":") + (ok ? "true" : "false") + ",\"backend\":\"test\"}";
   std::lock_guard<std::mutex> lock(self->mu_);
-  ++self->requests_;
-  self->last_password_ = password;
-  if (!self->fixed_reply_.empty()) reply = self->fixed_reply_;
+  self->requests_.push_back(request);
+  const std::string reply = self->answer(request);
+  if (reply.empty()) return;
   if (self->holding_) {
     self->held_.emplace_back(natsMsg_GetReply(msg), reply);
     return;
@@ -157,43 +178,7 @@ void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg
   });
 }
 
-LocalAcceptor::LocalAcceptor(const std::function<void(gw_config_t&)>& tweak, user_list users)
-    : verify_(scan_.nc(), std::move(users)), cfg_(scan_.relay_config()) {
-  scan_.start_worker(AmqpEnv::kService);
-  cfg_.amqp_listen_host = "127.0.0.1";
-  cfg_.amqp_listen_port = free_port();
-  if (tweak) tweak(cfg_);
-  relay_ = scan_.make_relay();
-  const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_.file("rt").c_str(), relay_.get());
-  if (config_dir == nullptr) throw std::runtime_error("SASL set-up failed");
-  acceptor_ = gw_amqp_acceptor_create(&cfg_, relay_.get(), config_dir);
-  if (acceptor_ == nullptr) throw std::runtime_error("acceptor not created");
-  loop_ = std::thread([this] { gw_amqp_acceptor_run(acceptor_); });
-  if (!wait_until([&] { return s_port_open(port()); }, 30s)) throw std::runtime_error("AMQP listener did not open");
-}
-
-LocalAcceptor::~LocalAcceptor() {
-  stop();
-  gw_amqp_acceptor_destroy(acceptor_);
-  relay_.reset();
-  gw_sasl_teardown();
-}
-
-void LocalAcceptor::stop() {
-  gw_amqp_acceptor_stop(acceptor_);
-  if (loop_.joinable()) loop_.join();
-}
-
-AmqpLogin LocalAcceptor::login() const {
-  AmqpLogin login;
-  login.user = AmqpEnv::kUser;
-  login.password = AmqpEnv::kPassword;
-  return login;
-}
-
-ScanClient::ScanClient(AmqpEnv& env) : ScanClient(env.port(), env.login()) {}
-
-ScanClient::ScanClient(int port, const AmqpLogin& login) : client(port, login) {
+ScanClient::ScanClient(AmqpEnv& env) : client(env.port(), env.login()) {
   EXPECT_TRUE(client.is_open()) << client.error();
   reply_address = client.open_receiver();
   EXPECT_FALSE(reply_address.empty());

@@ -5,7 +5,7 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,7 +15,6 @@
 
 #include "amqp_client.hpp"
 #include "callout_fixture.hpp"
-#include "gw_amqp_acceptor.hpp"
 #include "scan_fixture.hpp"
 
 namespace qmtest {
@@ -50,6 +49,8 @@ class AmqpEnv {
 
   int port() const { return port_; }
   std::string nats_url() const { return callout_->url(); }
+  // What an in-process relay needs to reach this server as the gateway user.
+  gw_config_t relay_config() const;
   CalloutEnv& callout() { return *callout_; }
   Child& broker() { return callout_->broker(); }
   std::string broker_log() { return broker().err(); }
@@ -62,6 +63,9 @@ class AmqpEnv {
   std::optional<int> stop_broker();
 
  private:
+  // The broker on a fresh port; false when its listener did not open there.
+  bool start_listener(CalloutOptions callout, const AmqpEnvOptions& options);
+
   TempDir certs_;
   int port_ = 0;
   bool tls_ = false;
@@ -70,8 +74,8 @@ class AmqpEnv {
 };
 
 // Answers "qm.auth.verify" on a connection (queue group "qm-auth-verify") as the callout
-// service would: grants exactly `users`, with backend "test"; or, after set_reply, answers
-// every request with that text. Counts the requests it saw.
+// service would: grants exactly `users`, with backend "test"; or as scripted. Keeps the
+// requests it saw.
 class VerifyEndpoint {
  public:
   VerifyEndpoint(natsConnection* nc, user_list users);
@@ -79,66 +83,38 @@ class VerifyEndpoint {
   VerifyEndpoint(const VerifyEndpoint&) = delete;
   VerifyEndpoint& operator=(const VerifyEndpoint&) = delete;
 
-  // "" goes back to answering from the users.
-  void set_reply(const std::string& text);
+  // From now on the users in `replies` get their text and the others no answer at all;
+  // empty: back to answering from the users.
+  void script(std::map<std::string, std::string> replies);
   // Every answer from now on comes this late (requests are answered in parallel).
   void set_delay(std::chrono::milliseconds delay);
   // Holds every answer back from now on, until release() sends them all.
   void hold();
   void release();
-  int requests() const;
-  // The "password" of the last request.
-  std::string last_password() const;
+  // The bodies of the requests so far.
+  std::vector<std::string> requests() const;
 
  private:
   static void s_on_request(natsConnection* nc, natsSubscription* sub, natsMsg* msg, void* closure);
+  // The answer to a request ("" for none), under mu_.
+  std::string answer(const std::string& request) const;
 
   natsConnection* nc_;
   user_list users_;
   mutable std::mutex mu_;
-  std::string fixed_reply_;
+  std::map<std::string, std::string> script_;
   std::chrono::milliseconds delay_{0};
-  int requests_ = 0;
-  std::string last_password_;
+  std::vector<std::string> requests_;
   std::vector<std::thread> late_answers_;
   bool holding_ = false;
   std::vector<std::pair<std::string, std::string>> held_;  // inbox, answer
   qm::nats_subscription_ptr sub_;
 };
 
-// The acceptor in this process, for what the broker binary cannot be asked to do: a
-// ScanEnv with a demo worker on "scan", a relay, the SASL set-up (its runtime directory in
-// a temporary directory) and a verify endpoint this fixture answers from `users`, the
-// event loop on a thread of its own. Everything stops with the object.
-class LocalAcceptor {
- public:
-  explicit LocalAcceptor(const std::function<void(gw_config_t&)>& tweak = {},
-                         user_list users = {{AmqpEnv::kUser, AmqpEnv::kPassword}});
-  ~LocalAcceptor();
-  LocalAcceptor(const LocalAcceptor&) = delete;
-  LocalAcceptor& operator=(const LocalAcceptor&) = delete;
-
-  gw_amqp_acceptor_t* get() { return acceptor_; }
-  int port() const { return cfg_.amqp_listen_port; }
-  AmqpLogin login() const;
-  // Stops the loop and waits for its thread (destroy follows in the destructor).
-  void stop();
-
- private:
-  ScanEnv scan_;
-  TempDir runtime_;
-  VerifyEndpoint verify_;
-  gw_config_t cfg_;
-  relay_ptr relay_;
-  gw_amqp_acceptor_t* acceptor_ = nullptr;
-  std::thread loop_;
-};
-
 // A client of env logged in as its test user, with a reply receiver on a dynamic node and
 // a sender to "scan". Asserts (gtest) that each step worked.
 struct ScanClient {
   explicit ScanClient(AmqpEnv& env);
-  ScanClient(int port, const AmqpLogin& login);
   AmqpClient client;
   std::string reply_address;
   int sender = -1;

@@ -116,31 +116,6 @@ std::string RawClient::read(std::chrono::milliseconds timeout) {
   return received;
 }
 
-namespace {
-
-CalloutOptions s_callout_options(const user_list& verify_users, std::vector<std::string> broker_args, int tracelevel) {
-  CalloutOptions options;
-  options.users = verify_users;
-  options.users.emplace_back(HttpScanEnv::kWorkerUser, HttpScanEnv::kWorkerPassword);
-  options.broker_args = std::move(broker_args);
-  options.tracelevel = tracelevel;
-  return options;
-}
-
-}  // namespace
-
-HttpScanEnv::HttpScanEnv(const user_list& verify_users, std::vector<std::string> broker_args, int tracelevel)
-    : callout_(s_callout_options(verify_users, std::move(broker_args), tracelevel)),
-      worker_(callout_.url(), "scan", false, tracelevel >= 5 ? 5 : 4, kWorkerUser, kWorkerPassword) {}
-
-gw_config_t HttpScanEnv::relay_config() const {
-  gw_config_t cfg;
-  cfg.nats_url = callout_.url();
-  cfg.nats_user = CalloutEnv::kGatewayUser;
-  cfg.nats_password = CalloutEnv::kGatewayPassword;
-  return cfg;
-}
-
 void HttpDoor::drain_and_destroy(gw_auth_cache_t* cache) {
   if (gw_auth_cache_wait_inflight_drain(cache, 6000) == 0) gw_auth_cache_destroy(cache);
 }
@@ -150,7 +125,7 @@ HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users
     : cfg_(relay_config) {
   cfg_.http_enabled = true;
   cfg_.http_listen_host = "127.0.0.1";
-  cfg_.http_listen_port = free_port();
+  cfg_.http_listen_port = 0;  // the kernel's choice: no other server can take it first
   if (tweak) tweak(cfg_);
   write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(local_users));
   creds_.reset(gw_credential_store_load(dir_.file("credentials.conf").c_str()));

@@ -1,8 +1,6 @@
-// The REST front door's surroundings for tests and benchmarks: a callout environment
-// (nats-server deciding logins through the broker binary, which also answers
-// "qm.auth.verify") with a demo scan worker logged in through it; a front door running
-// in this process on top of any such server; and HTTP clients (libcurl, and a raw
-// socket for bodies no well-behaved client sends).
+// The REST front door's surroundings for tests and benchmarks: a front door running in
+// this process on top of any server (AmqpEnv's, say), and HTTP clients (libcurl, and a
+// raw socket for bodies no well-behaved client sends).
 #pragma once
 
 #include <curl/curl.h>
@@ -80,26 +78,8 @@ class RawClient {
 
 // ---- servers ----
 
-// CalloutEnv plus a demo worker for "scan" that logs in as kWorkerUser.
-class HttpScanEnv {
- public:
-  static constexpr const char* kWorkerUser = "scan-worker";
-  static constexpr const char* kWorkerPassword = "scan-worker-secret";
-
-  // verify_users: admitted by the broker's callout and its verify endpoint. broker_args:
-  // extra broker options (its own HTTP door, say).
-  explicit HttpScanEnv(const user_list& verify_users, std::vector<std::string> broker_args = {}, int tracelevel = 6);
-  CalloutEnv& callout() { return callout_; }
-  // What an in-process relay needs to reach this server as the gateway user.
-  gw_config_t relay_config() const;
-
- private:
-  CalloutEnv callout_;
-  ScanWorker worker_;
-};
-
 // A front door in this process with its own relay, credentials file (local_users) and
-// auth cache, started on a free port after `tweak` adjusted its configuration; throws
+// auth cache, started on a port the kernel chooses after `tweak` adjusted its configuration; throws
 // when it does not start. Torn down in the broker's order.
 class HttpDoor {
  public:
@@ -108,7 +88,7 @@ class HttpDoor {
   HttpDoor(const HttpDoor&) = delete;
   HttpDoor& operator=(const HttpDoor&) = delete;
 
-  int port() const { return cfg_.http_listen_port; }
+  int port() const { return gw_http_frontend_bound_port(fe_.get()); }
   std::string url(const std::string& path = "/vsi") const;
   gw_http_frontend_t* frontend() { return fe_.get(); }
   gw_auth_cache_t* cache() { return cache_.get(); }

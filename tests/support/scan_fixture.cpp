@@ -4,7 +4,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <csignal>
+#include <cstring>
 #include <stdexcept>
 
 #include "broker_kv_bootstrap.hpp"
@@ -19,26 +19,13 @@ std::string scan_worker_binary() { return QM_SCAN_WORKER_BINARY; }
 
 ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
                        const std::string& user, const std::string& password) {
+  // Below info level the worker would not say that it is ready.
   std::vector<std::string> argv = {scan_worker_binary(), "--nats-url", url, "--service", service, "--tracelevel",
-                                   std::to_string(tracelevel)};
+                                   std::to_string(std::max(tracelevel, static_cast<int>(QMLOG_INFO)))};
   if (work_queue) argv.emplace_back("--work-queue");
   if (!user.empty()) argv.insert(argv.end(), {"--user", user, "--password", password});
   child_ = std::make_unique<Child>(argv);
-  // Below info level the worker does not say that it is ready: it answers a request then.
-  qm::nats_connection_ptr probe;
-  if (tracelevel < QMLOG_INFO) {
-    natsConnection* raw = nullptr;
-    if (natsConnection_ConnectTo(&raw, url.c_str()) != NATS_OK) throw std::runtime_error("connect " + url);
-    probe.reset(raw);
-  }
-  const auto ready = [&] {
-    if (probe == nullptr) return log().find("qm-scan-worker: ready") != std::string::npos;
-    natsMsg* reply = nullptr;
-    const bool answered = natsConnection_RequestString(&reply, probe.get(), service.c_str(), "{}", 200) == NATS_OK;
-    natsMsg_Destroy(reply);
-    return answered;
-  };
-  const bool up = wait_until([&] { return !child_->running() || ready(); }, 30s);
+  const bool up = wait_until([&] { return !child_->running() || log().find("qm-scan-worker: ready") != std::string::npos; }, 30s);
   if (!up || !child_->running()) throw std::runtime_error("scan worker did not come up:\n" + log());
 }
 
@@ -61,18 +48,6 @@ ScanEnv::ScanEnv(ScanEnvOptions options) : work_services_(options.work_services)
   kv_.reset(raw_kv);
 }
 
-ScanEnv::~ScanEnv() {
-  for (auto& worker : workers_) {
-    worker->child().signal(SIGTERM);
-    worker->child().wait(10s);
-  }
-  workers_.clear();
-  kv_.reset();
-  js_.reset();
-  nc_.reset();
-  server_.stop();
-}
-
 ScanWorker& ScanEnv::start_worker(const std::string& service, bool work_queue, int tracelevel) {
   workers_.push_back(std::make_unique<ScanWorker>(url(), service, work_queue, tracelevel));
   return *workers_.back();
@@ -93,12 +68,26 @@ relay_ptr ScanEnv::make_relay(const std::function<void(gw_config_t&)>& tweak) co
   return relay;
 }
 
+// Listed through the stream in one bounded request, then each key read back to leave out
+// deleted ones: a KV watcher over entries that expire while it reads can wait for ever.
 std::vector<std::string> ScanEnv::bucket_keys() {
+  jsOptions opts;
+  jsOptions_Init(&opts);
+  opts.Wait = 10000;
+  opts.Stream.Info.SubjectsFilter = ">";
+  jsStreamInfo* raw = nullptr;
+  const std::string stream = std::string("KV_") + GW_SCAN_DATA_BUCKET;
+  if (js_GetStreamInfo(&raw, js_.get(), stream.c_str(), &opts, nullptr) != NATS_OK) return {"<no listing>"};
+  qm::js_stream_info_ptr info(raw);
+  const size_t prefix = std::string("$KV.").size() + strlen(GW_SCAN_DATA_BUCKET) + 1;
   std::vector<std::string> keys;
-  kvKeysList list{};
-  if (kvStore_Keys(&list, kv_.get(), nullptr) != NATS_OK) return keys;
-  for (int i = 0; i < list.Count; ++i) keys.emplace_back(list.Keys[i]);
-  kvKeysList_Destroy(&list);
+  for (int i = 0; info->State.Subjects != nullptr && i < info->State.Subjects->Count; ++i) {
+    const std::string key = std::string(info->State.Subjects->List[i].Subject).substr(prefix);
+    kvEntry* raw_entry = nullptr;
+    const natsStatus found = kvStore_Get(&raw_entry, kv_.get(), key.c_str());
+    qm::kv_entry_ptr entry(raw_entry);
+    if (found == NATS_OK) keys.push_back(key);
+  }
   std::sort(keys.begin(), keys.end());
   return keys;
 }
@@ -129,13 +118,6 @@ bool ScanEnv::update_stream_field(const std::string& stream, const std::string& 
   json_object_object_add(config, field.c_str(), json_tokener_parse(json_value.c_str()));
   qm::json_ptr reply(json_tokener_parse(js_api("$JS.API.STREAM.UPDATE." + stream, json_object_to_json_string(config)).c_str()));
   return s_config_of(reply.get()) != nullptr;
-}
-
-bool ScanEnv::scan_data_has_msg_ttl() {
-  qm::json_ptr info(json_tokener_parse(js_api(std::string("$JS.API.STREAM.INFO.KV_") + GW_SCAN_DATA_BUCKET).c_str()));
-  json_object* flag = nullptr;
-  json_object* config = s_config_of(info.get());
-  return config != nullptr && json_object_object_get_ex(config, "allow_msg_ttl", &flag) && json_object_get_boolean(flag);
 }
 
 RelayReply relay_request(gw_nats_relay_t* relay, const std::string& subject, const std::string& request_json,

@@ -31,6 +31,7 @@ struct ScanEnvOptions {
 
 // One demo worker; waits until it logs that it is ready (throws when it does not).
 // With a user it logs in as that user (a server whose logins go to the auth callout).
+// It logs at tracelevel 4 (info) at least.
 class ScanWorker {
  public:
   ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
@@ -51,12 +52,10 @@ using relay_ptr = qm::c_ptr<gw_nats_relay_t, gw_nats_relay_destroy>;
 class ScanEnv {
  public:
   explicit ScanEnv(ScanEnvOptions options = {});
-  ~ScanEnv();
   ScanEnv(const ScanEnv&) = delete;
   ScanEnv& operator=(const ScanEnv&) = delete;
 
   std::string url() const { return server_.url(); }
-  NatsServer& server() { return server_; }
   // A plain client of the server and its handle on "qm-av-scan-data".
   natsConnection* nc() { return nc_.get(); }
   jsCtx* js() { return js_.get(); }
@@ -70,15 +69,14 @@ class ScanEnv {
   gw_config_t relay_config() const;
   relay_ptr make_relay(const std::function<void(gw_config_t&)>& tweak = {}) const;
 
-  // Keys in "qm-av-scan-data" (deleted ones excluded), sorted.
+  // Keys in "qm-av-scan-data" (deleted ones excluded), sorted; {"<no listing>"} when the
+  // server did not answer in time.
   std::vector<std::string> bucket_keys();
 
   // The JetStream API's answer as text ("" on time-out).
   std::string js_api(const std::string& subject, const std::string& body = "");
   // Changes one field of a stream's configuration through the JetStream API; false when refused.
   bool update_stream_field(const std::string& stream, const std::string& field, const std::string& json_value);
-  // Whether the server keeps per-message TTL switched on for the scan-data stream (2.11+).
-  bool scan_data_has_msg_ttl();
 
  private:
   std::string work_services_;
@@ -86,6 +84,7 @@ class ScanEnv {
   qm::nats_connection_ptr nc_;
   qm::js_ctx_ptr js_;
   qm::kv_store_ptr kv_;
+  // First to go: the workers, then the client, then the server.
   std::vector<std::unique_ptr<ScanWorker>> workers_;
 };
 
