@@ -1,0 +1,154 @@
+// The relay worker pool through its API, with a real relay and demo worker; the event
+// loop's wake-up is a stand-in that records which connection was woken.
+#include "gw_relay_pool.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "gw_relay_pool_testing.hpp"
+#include "scan_fixture.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using qmtest::ScanEnv;
+
+// What the pool's hand-off woke, per connection.
+struct WakeLog {
+  std::mutex mu;
+  std::condition_variable cv;
+  std::map<pn_connection_t*, int> wakes;
+
+  void reset() {
+    std::lock_guard<std::mutex> guard(mu);
+    wakes.clear();
+  }
+  int count(pn_connection_t* conn) {
+    std::lock_guard<std::mutex> guard(mu);
+    return wakes[conn];
+  }
+  bool wait_for(pn_connection_t* conn, int times, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mu);
+    return cv.wait_for(lock, timeout, [&] { return wakes[conn] >= times; });
+  }
+};
+WakeLog g_wakes;
+
+void s_record_wake(pn_connection_t* conn) {
+  {
+    std::lock_guard<std::mutex> guard(g_wakes.mu);
+    ++g_wakes.wakes[conn];
+  }
+  g_wakes.cv.notify_all();
+}
+
+// Stand-ins for AMQP connections: only ever compared and passed to the wake call.
+pn_connection_t* s_fake_conn(int& slot) { return reinterpret_cast<pn_connection_t*>(&slot); }
+
+using pool_ptr = qm::c_ptr<gw_relay_pool_t, gw_relay_pool_destroy>;
+
+class RelayPool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_wakes.reset();
+    worker_ = &env_.start_worker("scan", false, 5);
+    relay_ = env_.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = 20000; });
+  }
+
+  pool_ptr make_pool(int threads) {
+    pool_ptr pool(gw_relay_pool_create(relay_.get(), threads));
+    gw_relay_pool_set_wake(pool.get(), s_record_wake);
+    return pool;
+  }
+
+  // A job for connection h asking the worker to take delay_ms; `tag` ends up in its reply
+  // as the payload size, so that jobs can be told apart.
+  static gw_relay_job_t* make_job(gw_relay_conn_handle_t* h, size_t tag, int delay_ms = 0,
+                                  const char* subject = "scan") {
+    gw_relay_job_t* job = gw_relay_job_new();
+    job->address = subject;
+    job->json_str = R"({"delay_ms":)" + std::to_string(delay_ms) + "}";
+    if (tag > 0) {
+      job->bin_data = static_cast<char*>(malloc(tag));
+      memset(job->bin_data, 'x', tag);
+      job->bin_len = tag;
+    }
+    job->handle = h;
+    gw_relay_conn_handle_addref(h);
+    return job;
+  }
+
+  // The tags of a drained list, in list order.
+  static std::vector<std::string> drained_sizes(gw_relay_job_t* list) {
+    std::vector<std::string> sizes;
+    while (list != nullptr) {
+      gw_relay_job_t* next = list->next;
+      EXPECT_EQ(list->rc, 0);
+      sizes.push_back(qmtest::json_member(list->reply_json ? list->reply_json.get() : "", "size"));
+      gw_relay_job_free(list);
+      list = next;
+    }
+    return sizes;
+  }
+
+  static void end_connection(gw_relay_conn_handle_t* h) {
+    gw_relay_conn_handle_close(h);
+    gw_relay_conn_handle_release(h);
+  }
+
+  ScanEnv env_;
+  qmtest::ScanWorker* worker_ = nullptr;
+  qmtest::relay_ptr relay_;
+};
+
+// One worker hands off in completion order, and the drain gives the newest first; a pool
+// destroyed with jobs still queued relays and hands off every one of them before it goes.
+TEST_F(RelayPool, JobsAreHandedOffNewestFirstAndDestroyRelaysWhatIsQueued) {
+  int slot = 0;
+  gw_relay_conn_handle_t* h = gw_relay_conn_handle_new(s_fake_conn(slot));
+  pool_ptr pool = make_pool(1);
+  for (size_t tag : {1, 2, 3}) ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, tag)), 0);
+  ASSERT_TRUE(g_wakes.wait_for(s_fake_conn(slot), 3, 30s));
+  EXPECT_EQ(drained_sizes(gw_relay_conn_handle_drain(h)), (std::vector<std::string>{"3", "2", "1"}));
+  EXPECT_EQ(gw_relay_conn_handle_drain(h), nullptr);
+
+  pool = make_pool(2);
+  for (size_t tag : {4, 5, 6, 7}) ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, tag, 100)), 0);
+  pool.reset();  // joins: every job has been relayed and handed off by now
+  EXPECT_EQ(g_wakes.count(s_fake_conn(slot)), 7);
+  std::vector<std::string> sizes = drained_sizes(gw_relay_conn_handle_drain(h));
+  std::sort(sizes.begin(), sizes.end());  // two workers: any order
+  EXPECT_EQ(sizes, (std::vector<std::string>{"4", "5", "6", "7"}));
+  end_connection(h);
+}
+
+// Nothing is leaked or handed back for a job the pool refuses or whose connection ended
+// while it ran (AddressSanitizer's leak check fails the test if a job or handle is kept).
+TEST_F(RelayPool, RefusedJobsAndJobsOfClosedConnectionsAreFreed) {
+  pool_ptr pool = make_pool(1);
+  int slot = 0;
+  gw_relay_conn_handle_t* h = gw_relay_conn_handle_new(s_fake_conn(slot));
+  ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, 5, 300)), 0);
+  ASSERT_TRUE(worker_->wait_for_log("request received", 10s));
+  gw_relay_job_t* orphan = gw_relay_job_new();  // no handle
+  orphan->bin_data = static_cast<char*>(malloc(16));
+  EXPECT_EQ(gw_relay_pool_submit(pool.get(), orphan), -1);
+  EXPECT_EQ(gw_relay_pool_submit(nullptr, make_job(h, 1)), -1);
+  gw_relay_pool_stop(pool.get());
+  EXPECT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, 1)), -1);
+  end_connection(h);  // the running job now holds the handle's last reference
+  pool.reset();
+  EXPECT_EQ(g_wakes.count(s_fake_conn(slot)), 0);
+  EXPECT_TRUE(worker_->wait_for_log("request answered", 10s));
+}
+
+}  // namespace
