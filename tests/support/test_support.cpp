@@ -51,6 +51,35 @@ int free_port() {
   return ntohs(addr.sin_port);
 }
 
+ReservedPort::ReservedPort() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const int on = 1;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  if (fd_ < 0 || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+      bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    if (fd_ >= 0) close(fd_);
+    throw std::runtime_error("cannot reserve a port");
+  }
+  port_ = ntohs(addr.sin_port);
+}
+
+ReservedPort::~ReservedPort() { close(fd_); }
+
+std::string ReservedPort::url(const std::string& scheme) const {
+  return scheme + "://127.0.0.1:" + std::to_string(port_);
+}
+
+bool process_running(pid_t pid) {
+  if (pid <= 0) return false;
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  const size_t name_end = stat.rfind(')');
+  return name_end != std::string::npos && name_end + 2 < stat.size() && stat[name_end + 2] != 'Z' &&
+         stat[name_end + 2] != 'X';
+}
+
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream ss;
@@ -105,6 +134,7 @@ Child::Child(std::vector<std::string> argv, std::vector<std::string> extra_env,
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
+    setpgid(0, 0);
     const int out_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int err_fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int null_fd = open("/dev/null", O_RDONLY);
@@ -119,13 +149,15 @@ Child::Child(std::vector<std::string> argv, std::vector<std::string> extra_env,
     execve(argv_c[0], argv_c.data(), env_c.data());
     _exit(127);
   }
+  setpgid(pid_, pid_);  // both sides, so that the group exists whichever runs first
 }
 
 Child::~Child() {
-  if (running()) {
-    kill(pid_, SIGKILL);
-    wait(std::chrono::seconds(10));
-  }
+  if (pid_ <= 0) return;
+  // The group outlives its leader while anything in it runs, so this also reaches a
+  // grandchild whose parent has already ended.
+  kill(-pid_, SIGKILL);
+  if (running()) wait(std::chrono::seconds(10));
 }
 
 bool Child::running() {
