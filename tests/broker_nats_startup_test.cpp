@@ -17,8 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-bool process_alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
-
 class BrokerNats : public ::testing::Test {
  protected:
   std::vector<std::string> base_args(const std::string& url) {
@@ -32,21 +30,31 @@ class BrokerNats : public ::testing::Test {
             "--trace-to-screen", "1"};
   }
 
+  // A broker managing `binary` with a configuration for the reserved port.
+  std::vector<std::string> managed_args(const std::string& binary, const std::string& server_log = "") {
+    const std::string config = dir_.file("nats.conf");
+    qmtest::write_nats_server_config(config, port_.port(), dir_.file("js"), "", server_log);
+    std::vector<std::string> args = base_args(port_.url());
+    args.insert(args.end(), {"--nats-server-binary", binary, "--nats-server-config", config, "--nats-server-pid-file",
+                             dir_.file("nats.pid")});
+    return args;
+  }
+
+  pid_t server_pid() const {
+    const std::string text = qmtest::read_file(dir_.file("nats.pid"));
+    return text.empty() ? -1 : std::stoi(text);
+  }
+
   qmtest::TempDir dir_;
+  // The managed server's port stays ours while the test runs, restarts included.
+  const qmtest::ReservedPort port_;
 };
 
 TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
-  const int port = qmtest::free_port();
-  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
-  const std::string config = dir_.file("nats.conf");
+  const std::string url = port_.url();
   const std::string server_log = dir_.file("nats.log");
-  qmtest::write_nats_server_config(config, port, dir_.file("js"), "", server_log);
-  std::vector<std::string> args = base_args(url);
-  for (const std::string& a : {std::string("--nats-server-binary"), qmtest::nats_server_binary(),
-                               std::string("--nats-server-config"), config, std::string("--nats-server-pid-file"),
-                               dir_.file("nats.pid"), std::string("--js-work-services"), std::string("scan.a")}) {
-    args.push_back(a);
-  }
+  std::vector<std::string> args = managed_args(qmtest::nats_server_binary(), server_log);
+  args.insert(args.end(), {"--js-work-services", "scan.a"});
   qmtest::Child broker(args);
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
   const std::string started = broker.err();
@@ -54,15 +62,14 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   EXPECT_NE(started.find("KV bootstrap: created bucket 'qm-av-wq-dedup' (replicas=1)"), std::string::npos);
   EXPECT_NE(started.find("WQ bootstrap: created durable pull consumer 'WORK_scan_a' on 'JOBS_scan_a'"),
             std::string::npos);
-  const pid_t first = std::stoi(qmtest::read_file(dir_.file("nats.pid")));
+  const pid_t first = server_pid();
 
   kill(first, SIGKILL);
   ASSERT_TRUE(broker.wait_for_err("nats-server: restarting in 500ms", 20s)) << broker.err();
   pid_t second = -1;
   ASSERT_TRUE(qmtest::wait_until(
       [&] {
-        const std::string text = qmtest::read_file(dir_.file("nats.pid"));
-        second = text.empty() ? -1 : std::stoi(text);
+        second = server_pid();
         return second > 0 && second != first && qmtest::nats_accepts_connections(url);
       },
       20s));
@@ -74,7 +81,7 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0) << broker.err();
-  EXPECT_FALSE(process_alive(second));
+  EXPECT_FALSE(qmtest::process_running(second));
   const std::string all = broker.err();
   EXPECT_NE(all.find("during shutdown"), std::string::npos);
   EXPECT_EQ(all.find("crash #2"), std::string::npos);
@@ -84,21 +91,14 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 // Supervision that gives up leaves the broker without a server: it shuts down in order
 // with exit code 1, so that the service manager starts it afresh.
 TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
-  const int port = qmtest::free_port();
-  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
-  const std::string config = dir_.file("nats.conf");
-  qmtest::write_nats_server_config(config, port, dir_.file("js"));
   // The real server the first time; every restart fails at once.
   const std::string binary = dir_.file("flaky-nats-server");
   qmtest::write_file(binary, "#!/bin/sh\n[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " + dir_.file("ran") +
                                  "\nexec " + qmtest::nats_server_binary() + " \"$@\"\n");
   chmod(binary.c_str(), 0755);
-  std::vector<std::string> args = base_args(url);
-  args.insert(args.end(), {"--nats-server-binary", binary, "--nats-server-config", config, "--nats-server-pid-file",
-                           dir_.file("nats.pid")});
-  qmtest::Child broker(args);
+  qmtest::Child broker(managed_args(binary));
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
-  kill(std::stoi(qmtest::read_file(dir_.file("nats.pid"))), SIGKILL);
+  kill(server_pid(), SIGKILL);
   // Five restarts with back-off: 0.5 + 1 + 2 + 4 + 8 s.
   EXPECT_EQ(broker.wait(90s), 1) << broker.err();
   const std::string log = broker.err();
@@ -113,7 +113,7 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
 // code 0), never after the wait has run its course.
 TEST_F(BrokerNats, AStopDuringTheStartUpWaitsEndsTheBroker) {
   qmtest::NatsServer without_jetstream(qmtest::NatsServerOptions{false, "", 0});
-  const std::string nowhere = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
+  const std::string nowhere = port_.url();
   const std::string sleeper = dir_.file("sleeper");
   qmtest::write_file(sleeper, "#!/bin/sh\nexec sleep 600\n");
   chmod(sleeper.c_str(), 0755);
@@ -165,7 +165,7 @@ TEST_F(BrokerNats, ExternalServerIsProbedAndProvisioned) {
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading", 10s));
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0);
-  EXPECT_TRUE(process_alive(server.pid()));
+  EXPECT_TRUE(qmtest::process_running(server.pid()));
   // The relay goes after the front doors and before the auth-callout thread.
   const std::string all = broker.err();
   const size_t relay_down = all.find("Tearing down NATS relay");
@@ -173,27 +173,47 @@ TEST_F(BrokerNats, ExternalServerIsProbedAndProvisioned) {
   EXPECT_LT(relay_down, all.find("Stopping auth-callout thread"));
 }
 
-TEST_F(BrokerNats, UnreachableExternalServerIsFatal) {
-  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  std::vector<std::string> args = base_args(url);
-  args.insert(args.end(), {"--nats-server-managed", "false", "--nats-server-ready-timeout-seconds", "1"});
-  qmtest::Child broker(args);
-  EXPECT_EQ(broker.wait(30s), 1);
-  EXPECT_NE(broker.err().find("nats-server: external server not reachable at " + url), std::string::npos);
-  EXPECT_EQ(broker.err().find("qm-av-broker ready"), std::string::npos);
+// A server that never answers ends the start-up with exit code 1, named in the log.
+TEST_F(BrokerNats, AServerThatNeverAnswersIsFatal) {
+  const std::string url = port_.url();
+  const std::string missing = dir_.file("missing-nats-server");
+  const struct {
+    const char* name;
+    std::vector<std::string> extra;
+    std::vector<std::string> logged;
+  } cases[] = {
+      {"external", {"--nats-server-managed", "false"}, {"nats-server: external server not reachable at " + url}},
+      {"managed",
+       {"--nats-server-binary", missing, "--nats-server-config", dir_.file("nats.conf")},
+       {"nats-server: execv(" + missing + ") failed: ", "nats-server supervisor failed to start",
+        "qm-av-broker stopped (rc=1)"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> args = base_args(url);
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "1"});
+    qmtest::Child broker(args);
+    EXPECT_EQ(broker.wait(30s), 1);
+    for (const auto& line : c.logged) EXPECT_NE(broker.err().find(line), std::string::npos) << line;
+    EXPECT_EQ(broker.err().find("qm-av-broker ready"), std::string::npos);
+  }
 }
 
-TEST_F(BrokerNats, ManagedChildThatNeverStartsIsFatal) {
-  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  std::vector<std::string> args = base_args(url);
-  args.insert(args.end(), {"--nats-server-binary", dir_.file("missing-nats-server"), "--nats-server-config",
-                           dir_.file("nats.conf"), "--nats-server-ready-timeout-seconds", "1"});
-  qmtest::Child broker(args);
-  EXPECT_EQ(broker.wait(30s), 1);
-  const std::string err = broker.err();
-  EXPECT_NE(err.find("nats-server: execv(" + dir_.file("missing-nats-server") + ") failed: "), std::string::npos);
-  EXPECT_NE(err.find("nats-server supervisor failed to start"), std::string::npos);
-  EXPECT_NE(err.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+// A broker killed outright cannot stop its server: the test fixture's process group
+// does, so that no test leaves a nats-server behind.
+TEST_F(BrokerNats, AKilledBrokersServerGoesWithItsFixture) {
+  pid_t server = -1;
+  {
+    qmtest::Child broker(managed_args(qmtest::nats_server_binary()));
+    ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+    server = server_pid();
+    ASSERT_TRUE(qmtest::process_running(server));
+    broker.signal(SIGKILL);
+    ASSERT_EQ(broker.wait(30s), 128 + SIGKILL);
+    EXPECT_TRUE(qmtest::process_running(server));  // orphaned, not ended
+  }
+  EXPECT_TRUE(qmtest::wait_until([&] { return !qmtest::process_running(server); }, 30s));
 }
 
 }  // namespace

@@ -5,10 +5,13 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -70,6 +73,29 @@ ReservedPort::~ReservedPort() { close(fd_); }
 
 std::string ReservedPort::url(const std::string& scheme) const {
   return scheme + "://127.0.0.1:" + std::to_string(port_);
+}
+
+NotifySocket::NotifySocket(const std::string& name) : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  // An abstract name starts with a NUL and is padded with NULs to the full size, as the
+  // sender addresses it.
+  memcpy(addr.sun_path + (name[0] == '@'), name.data() + (name[0] == '@'),
+         std::min(name.size() - (name[0] == '@'), sizeof addr.sun_path - 1));
+  const timeval timeout{30, 0};
+  if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
+    if (fd_ >= 0) close(fd_);
+    throw std::runtime_error("cannot bind notify socket " + name);
+  }
+}
+
+NotifySocket::~NotifySocket() { close(fd_); }
+
+std::string NotifySocket::receive() const {
+  char buf[256];
+  const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+  return n < 0 ? std::string("<nothing>") : std::string(buf, static_cast<size_t>(n));
 }
 
 bool process_running(pid_t pid) {

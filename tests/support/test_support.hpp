@@ -56,6 +56,22 @@ class ReservedPort {
   int port_ = 0;
 };
 
+// A bound UNIX datagram socket standing in for a service manager's notify socket.
+// name: a file path, or "@name" for the abstract namespace. Throws when it cannot bind.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& name);
+  ~NotifySocket();
+  NotifySocket(const NotifySocket&) = delete;
+  NotifySocket& operator=(const NotifySocket&) = delete;
+
+  // The next datagram, or "<nothing>" when none comes within 30 s.
+  std::string receive() const;
+
+ private:
+  int fd_ = -1;
+};
+
 // True while pid names a process that has not ended (a zombie has ended).
 bool process_running(pid_t pid);
 
