@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "qm_handles.hpp"
+
 namespace qmtest {
 
 std::string nats_server_binary() {
@@ -26,15 +28,15 @@ void write_nats_server_config(const std::string& path, int port, const std::stri
 }
 
 bool nats_accepts_connections(const std::string& url, int timeout_ms) {
-  natsOptions* opts = nullptr;
-  if (natsOptions_Create(&opts) != NATS_OK) return false;
-  natsOptions_SetURL(opts, url.c_str());
-  natsOptions_SetTimeout(opts, timeout_ms);
-  natsOptions_SetAllowReconnect(opts, false);
+  natsOptions* raw_opts = nullptr;
+  if (natsOptions_Create(&raw_opts) != NATS_OK) return false;
+  const qm::nats_options_ptr opts(raw_opts);
+  natsOptions_SetURL(raw_opts, url.c_str());
+  natsOptions_SetTimeout(raw_opts, timeout_ms);
+  natsOptions_SetAllowReconnect(raw_opts, false);
   natsConnection* nc = nullptr;
-  const natsStatus s = natsConnection_Connect(&nc, opts);
-  natsConnection_Destroy(nc);
-  natsOptions_Destroy(opts);
+  const natsStatus s = natsConnection_Connect(&nc, raw_opts);
+  const qm::nats_connection_ptr connection(nc);
   return s == NATS_OK;
 }
 
