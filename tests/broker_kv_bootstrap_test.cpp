@@ -60,8 +60,9 @@ class JsClient {
   // Per-message TTL support, told by whether the server keeps allow_msg_ttl in the
   // configuration it echoes (older servers drop it silently).
   bool supports_msg_ttl() {
-    const std::string reply = api("$JS.API.STREAM.CREATE.TTLPROBE",
-                                  R"({"name":"TTLPROBE","subjects":["ttlprobe.>"],"storage":"memory","allow_msg_ttl":true})");
+    const std::string reply =
+        api("$JS.API.STREAM.CREATE.TTLPROBE",
+            R"({"name":"TTLPROBE","subjects":["ttlprobe.>"],"storage":"memory","allow_msg_ttl":true})");
     api("$JS.API.STREAM.DELETE.TTLPROBE");
     return json_member(json_member(reply, "config"), "allow_msg_ttl") == "true";
   }
@@ -343,7 +344,8 @@ TEST(KvBootstrapRetry, ServerThatComesUpLateIsProvisioned) {
   const qmtest::ReservedPort port;
   const std::string url = port.url();
   int result = -2;
-  std::thread runner([&] { result = broker_kv_bootstrap(url.c_str(), nullptr, nullptr, nullptr, 1, true, true, nullptr); });
+  std::thread runner(
+      [&] { result = broker_kv_bootstrap(url.c_str(), nullptr, nullptr, nullptr, 1, true, true, nullptr); });
   const bool failed_once = log.wait_for("KV bootstrap: connect failed: ", 30s);
   std::unique_ptr<qmtest::NatsServer> server;
   if (failed_once) server = std::make_unique<qmtest::NatsServer>(qmtest::NatsServerOptions{true, "", port.port()});

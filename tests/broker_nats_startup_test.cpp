@@ -1,6 +1,6 @@
 // The broker binary with its nats-server steps: a managed child that is provisioned,
-// restarted after a crash, reloaded on SIGHUP and stopped with the broker; an external
-// server; and the fatal start-up paths.
+// restarted after a crash, reloaded on SIGHUP and stopped with the broker, and the
+// fatal start-up paths. An external server is used in broker_main_test.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -146,31 +146,6 @@ TEST_F(BrokerNats, AStopDuringTheStartUpWaitsEndsTheBroker) {
     EXPECT_EQ(log.find("FATAL"), std::string::npos);
     EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
   }
-}
-
-TEST_F(BrokerNats, ExternalServerIsProbedAndProvisioned) {
-  qmtest::NatsServer server;
-  std::vector<std::string> args = base_args(server.url());
-  args.insert(args.end(), {"--nats-server-managed", "false", "--tracelevel", "5"});
-  qmtest::Child broker(args);
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
-  EXPECT_NE(broker.err().find("nats-server: external (--nats-server-managed=false); probing readiness"),
-            std::string::npos);
-  EXPECT_NE(broker.err().find("KV bootstrap: created bucket 'qm-av-scan-data'"), std::string::npos);
-  EXPECT_NE(broker.err().find("Connecting NATS relay (gateway leg) to " + server.url()), std::string::npos);
-  EXPECT_NE(broker.err().find("nats_relay: connected to " + server.url() + " (JetStream+KV ready)"),
-            std::string::npos);
-  EXPECT_NE(broker.err().find("NATS relay connected"), std::string::npos);
-  broker.signal(SIGHUP);  // only the credentials would be reloaded: there is no child
-  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading", 10s));
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-  EXPECT_TRUE(qmtest::process_running(server.pid()));
-  // The relay goes after the front doors and before the auth-callout thread.
-  const std::string all = broker.err();
-  const size_t relay_down = all.find("Tearing down NATS relay");
-  ASSERT_NE(relay_down, std::string::npos) << all;
-  EXPECT_LT(relay_down, all.find("Stopping auth-callout thread"));
 }
 
 // A server that never answers ends the start-up with exit code 1, named in the log.
