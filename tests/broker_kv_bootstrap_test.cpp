@@ -77,6 +77,17 @@ size_t unexpected_warnings(const qmtest::LogCapture& log) {
   return log.count("WARN ") - log.count("— scan payloads will use the bucket TTL");
 }
 
+// Work queues for `services` with AckWait 35 s, MaxDeliver 3 and the given consumer limits.
+broker_workqueue_opts wq_opts(const char* services, int maxwaiting, int maxackpending) {
+  broker_workqueue_opts wq;
+  wq.work_services = services;
+  wq.ackwait_ns = 35 * kSec;
+  wq.maxdeliver = 3;
+  wq.maxwaiting = maxwaiting;
+  wq.maxackpending = maxackpending;
+  return wq;
+}
+
 int bootstrap(const qmtest::NatsServer& server, bool memory, const broker_workqueue_opts* wq,
               bool allow_direct = true) {
   return broker_kv_bootstrap(server.url().c_str(), nullptr, nullptr, nullptr, 1, allow_direct, memory, wq);
@@ -107,12 +118,7 @@ class KvBootstrap : public ::testing::Test {
 // work service with the server's own consumer limits.
 TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
   qmtest::LogCapture log;
-  broker_workqueue_opts wq;
-  wq.work_services = " svc.a ,\t,b\t, ,,c ";
-  wq.ackwait_ns = 35 * kSec;
-  wq.maxdeliver = 3;
-  wq.maxwaiting = 64;
-  wq.maxackpending = 10;
+  broker_workqueue_opts wq = wq_opts(" svc.a ,\t,b\t, ,,c ", 64, 10);
   wq.stream_maxage_ns = 90 * kSec;
   ASSERT_EQ(bootstrap(server_, false, &wq), 0) << log.text();
   JsClient client(server_.url());
@@ -193,37 +199,19 @@ TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
 // told what to do about storage, AckWait and MaxWaiting only.
 TEST_F(KvBootstrap, MismatchedExistingWorkQueueIsBoundWithWarnings) {
   JsClient client(server_.url());
-  jsStreamConfig sc;
-  jsStreamConfig_Init(&sc);
-  sc.Name = "JOBS_scan_proxy";
-  const char* subjects[] = {"jobs.scan.proxy"};
-  sc.Subjects = subjects;
-  sc.SubjectsLen = 1;
-  sc.Retention = js_WorkQueuePolicy;
-  sc.Storage = js_FileStorage;
-  jsStreamInfo* si = nullptr;
-  ASSERT_EQ(js_AddStream(&si, client.js(), &sc, nullptr, nullptr), NATS_OK);
-  const qm::js_stream_info_ptr stream_info(si);
-  jsConsumerConfig cc;
-  jsConsumerConfig_Init(&cc);
-  cc.Durable = "WORK_scan_proxy";
-  cc.FilterSubject = "jobs.scan.proxy";
-  cc.AckPolicy = js_AckExplicit;
-  cc.AckWait = 10 * kSec;
-  cc.MaxDeliver = 7;
-  cc.MaxAckPending = 9;
-  cc.MaxWaiting = 100;
-  jsConsumerInfo* ci = nullptr;
-  ASSERT_EQ(js_AddConsumer(&ci, client.js(), "JOBS_scan_proxy", &cc, nullptr, nullptr), NATS_OK);
-  const qm::js_consumer_info_ptr consumer_info(ci);
+  const std::string stream = client.api(
+      "$JS.API.STREAM.CREATE.JOBS_scan_proxy",
+      R"({"name":"JOBS_scan_proxy","subjects":["jobs.scan.proxy"],"retention":"workqueue","storage":"file"})");
+  ASSERT_EQ(json_member(stream, "error"), "<absent>") << stream;
+  const std::string consumer_made = client.api(
+      "$JS.API.CONSUMER.CREATE.JOBS_scan_proxy.WORK_scan_proxy",
+      R"({"stream_name":"JOBS_scan_proxy","config":{"durable_name":"WORK_scan_proxy","name":"WORK_scan_proxy",)"
+      R"("filter_subject":"jobs.scan.proxy","ack_policy":"explicit","ack_wait":10000000000,"max_deliver":7,)"
+      R"("max_ack_pending":9,"max_waiting":100}})");
+  ASSERT_EQ(json_member(consumer_made, "error"), "<absent>") << consumer_made;
 
   qmtest::LogCapture log;
-  broker_workqueue_opts wq;
-  wq.work_services = "scan.proxy";
-  wq.ackwait_ns = 35 * kSec;
-  wq.maxdeliver = 3;
-  wq.maxwaiting = 200;
-  wq.maxackpending = 5;
+  broker_workqueue_opts wq = wq_opts("scan.proxy", 200, 5);
   ASSERT_EQ(bootstrap(server_, true, &wq), 0);
   EXPECT_EQ(log.count("WQ bootstrap: 'JOBS_scan_proxy' is file-backed but this broker is configured for memory. "
                       "Storage cannot be changed in place — delete the stream ('nats stream rm JOBS_scan_proxy') and "
