@@ -28,7 +28,7 @@ TEST_F(SdNotify, ReachesPathAndAbstractSocketsOf107Bytes) {
     SCOPED_TRACE(name);
     const qmtest::NotifySocket listener(name);
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
-    EXPECT_EQ(broker_sd_notify("READY=1"), 0);
+    ASSERT_EQ(broker_sd_notify("READY=1"), 0);
     EXPECT_EQ(listener.receive(), "READY=1");
   }
 }
