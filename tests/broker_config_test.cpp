@@ -48,9 +48,10 @@ template <typename N>
 std::string text(N n) {
   return std::to_string(n);
 }
-std::string backend_text(auth_backend_type_t b) {
+std::string text(auth_backend_type_t b) {
   return b == AUTH_BACKEND_LDAP ? "ldap" : b == AUTH_BACKEND_FILE_THEN_LDAP ? "file+ldap" : "file";
 }
+std::string storage_of(const broker_config_t& c) { return c.js_transient_memory ? "memory" : "file"; }
 std::string megabytes_text(size_t bytes) {
   return bytes % (1u << 20) == 0 ? std::to_string(bytes >> 20) : std::to_string(bytes) + " bytes";
 }
@@ -77,8 +78,7 @@ const std::vector<option_row> kOptions = {
     {"--js-maxackpending", FIELD(js_maxackpending), "0", "9"},
     {"--js-maxwaiting", FIELD(js_maxwaiting), "0", "11"},
     {"--js-stream-maxage-ms", FIELD(js_stream_maxage_ms), "0", "13"},
-    {"--js-transient-storage", [](const broker_config_t& c) { return c.js_transient_memory ? "memory" : "file"; },
-     "memory", "FILE", "file"},
+    {"--js-transient-storage", storage_of, "memory", "FILE", "file"},
     {"--nats-server-binary", FIELD(nats_server_binary), nullptr, "/bin/other"},
     {"--nats-server-config", FIELD(nats_server_config), nullptr, "/etc/other.conf"},
     {"--nats-server-managed", FIELD(nats_server_managed), "true", "false"},
@@ -89,8 +89,7 @@ const std::vector<option_row> kOptions = {
     {"--auth-nats-user", FIELD(auth->nats_user), nullptr, "au"},
     {"--auth-nats-password", FIELD(auth->nats_password), nullptr, "ap"},
     {"--auth-signing-key", FIELD(auth->signing_key_path), nullptr, "/seed"},
-    {"--auth-backend", [](const broker_config_t& c) { return backend_text(c.auth->backend_type); }, "file",
-     "File+LDAP", "file+ldap"},
+    {"--auth-backend", FIELD(auth->backend_type), "file", "File+LDAP", "file+ldap"},
     {"--auth-file", FIELD(gw->credential_file), nullptr, "/creds"},
     {"--ldap-url", FIELD(auth->ldap_url), nullptr, "ldap://l"},
     {"--ldap-base-dn", FIELD(auth->ldap_base_dn), nullptr, "dc=x"},
@@ -262,21 +261,17 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
       {{"--listen-backlog", "-1"}, FIELD(gw->listen_backlog), "65535"},
       {{"--listen-backlog", "abc"}, FIELD(gw->listen_backlog), "65535"},
       {{"--listen-backlog", "1"}, FIELD(gw->listen_backlog), "1"},
-      {{"--js-transient-storage", "MEMORY"}, [](const broker_config_t& c) { return text(c.js_transient_memory); },
-       "true"},
-      {{"--js-transient-storage", "disk"}, [](const broker_config_t& c) { return text(c.js_transient_memory); },
-       "true", "--js-transient-storage: unknown value 'disk' \u2014 using memory\n"},
-      {{"--auth-backend", "file,ldap"}, [](const broker_config_t& c) { return backend_text(c.auth->backend_type); },
-       "file+ldap"},
-      {{"--auth-backend", "FileThenLdap"}, [](const broker_config_t& c) { return backend_text(c.auth->backend_type); },
-       "file+ldap"},
-      {{"--auth-backend", "ldap+file"}, [](const broker_config_t& c) { return backend_text(c.auth->backend_type); },
-       "file"},
-      {{"--auth-backend", ""}, [](const broker_config_t& c) { return backend_text(c.auth->backend_type); }, "file"},
+      {{"--js-transient-storage", "file", "--js-transient-storage", "MEMORY"}, storage_of, "memory"},
+      {{"--js-transient-storage", "file", "--js-transient-storage", "disk"}, storage_of, "memory",
+       "--js-transient-storage: unknown value 'disk' \u2014 using memory\n"},
+      {{"--auth-backend", "file,ldap"}, FIELD(auth->backend_type), "file+ldap"},
+      {{"--auth-backend", "FileThenLdap"}, FIELD(auth->backend_type), "file+ldap"},
+      {{"--auth-backend", "ldap", "--auth-backend", "ldap+file"}, FIELD(auth->backend_type), "file"},
+      {{"--auth-backend", "ldap", "--auth-backend", ""}, FIELD(auth->backend_type), "file"},
   };
   log_set_level(QMLOG_OFF);
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.args[0] + " '" + c.args[1] + "'");
+    SCOPED_TRACE(c.args[c.args.size() - 2] + " '" + c.args.back() + "'");
     const auto r = parse(c.args);
     ASSERT_EQ(r.result, BROKER_PARSE_RUN);
     EXPECT_EQ(c.field(*r.cfg), c.stored);
