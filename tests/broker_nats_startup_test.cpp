@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -91,10 +93,15 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 // Supervision that gives up leaves the broker without a server: it shuts down in order
 // with exit code 1, so that the service manager starts it afresh.
 TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
-  // The real server the first time; every restart fails at once.
+  // The real server the first time; every restart fails at once. Each run records its
+  // signal state first, with builtins only (nats-server would reset its own, and the
+  // shell blocks everything while it starts a command).
   const std::string binary = dir_.file("flaky-nats-server");
-  qmtest::write_file(binary, "#!/bin/sh\n[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " + dir_.file("ran") +
-                                 "\nexec " + qmtest::nats_server_binary() + " \"$@\"\n");
+  const std::string masks = dir_.file("masks");
+  qmtest::write_file(binary, "#!/bin/sh\nwhile read -r key value; do case $key in SigBlk:|SigIgn:) echo \"$key $value\";; "
+                             "esac; done < /proc/$$/status >> " + masks + "\n[ -e " + dir_.file("ran") +
+                                 " ] && exit 1\ntouch " + dir_.file("ran") + "\nexec " + qmtest::nats_server_binary() +
+                                 " \"$@\"\n");
   chmod(binary.c_str(), 0755);
   qmtest::Child broker(managed_args(binary));
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
@@ -107,6 +114,16 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
   EXPECT_LT(gave_up, log.find("nats-server: supervision gave up"));
   EXPECT_LT(gave_up, log.find("qm-av-broker shutting down"));
   EXPECT_NE(log.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+
+  // The broker blocks its process signals in every thread and ignores SIGPIPE: the
+  // children, the first and those the supervisor's thread restarts, start with neither.
+  std::istringstream lines(qmtest::read_file(masks));
+  int runs = 0;
+  for (std::string key, mask; lines >> key >> mask; runs += key == "SigBlk:") {
+    const uint64_t forbidden = key == "SigBlk:" ? ~uint64_t{0} : uint64_t{1} << (SIGPIPE - 1);
+    EXPECT_EQ(std::stoull(mask, nullptr, 16) & forbidden, 0u) << key << " " << mask;
+  }
+  EXPECT_EQ(runs, 6);
 }
 
 // A stop during one of the start-up's long waits ends the broker at once (in order, exit

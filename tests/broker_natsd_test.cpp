@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,15 +22,6 @@ namespace {
 using namespace std::chrono_literals;
 
 using NatsdPtr = qm::c_ptr<broker_natsd_t, broker_natsd_destroy>;
-
-// The signal mask line ("SigBlk:", "SigIgn:", "SigCgt:") of a process, as a bit set.
-uint64_t proc_mask(pid_t pid, const std::string& field) {
-  const std::string status = qmtest::read_file("/proc/" + std::to_string(pid) + "/status");
-  const size_t at = status.find(field);
-  return at == std::string::npos ? 0 : std::stoull(status.substr(at + field.size()), nullptr, 16);
-}
-
-uint64_t bit(int sig) { return uint64_t{1} << (sig - 1); }
 
 // True once the shell script a child ran has exec'd `sleep`.
 bool sleeping(pid_t pid) { return qmtest::read_file("/proc/" + std::to_string(pid) + "/comm") == "sleep\n"; }
@@ -80,18 +70,6 @@ TEST(NatsdCreate, RequiresBinaryConfigAndUrl) {
     o.nats_url = missing == 2 ? nullptr : "nats://127.0.0.1:1";
     EXPECT_EQ(broker_natsd_create(&o), nullptr) << missing;
   }
-  broker_natsd_options_t o;
-  o.binary_path = "/bin/true";
-  o.config_path = "/dev/null";
-  o.nats_url = "nats://127.0.0.1:1";
-  NatsdPtr natsd(broker_natsd_create(&o));
-  ASSERT_NE(natsd, nullptr);
-  // Without a child there is nothing to signal or stop.
-  EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
-  EXPECT_EQ(broker_natsd_signal(natsd.get(), SIGHUP), 0);
-  broker_natsd_stop(natsd.get());
-  EXPECT_EQ(broker_natsd_pid(nullptr), -1);
-  EXPECT_EQ(broker_natsd_signal(nullptr, SIGHUP), 0);
 }
 
 TEST_F(NatsdTest, ExitStatusZeroIsACrashAndTheBudgetEndsSupervision) {
@@ -180,29 +158,6 @@ TEST_F(NatsdTest, ChildIgnoringSigtermIsKilledAfterTheGrace) {
   EXPECT_TRUE(log_.contains("nats-server: did not exit within 300ms \u2014 sending SIGKILL"));
   EXPECT_TRUE(log_.contains("nats-server: child exited via signal 9 during shutdown"));
   EXPECT_FALSE(qmtest::process_running(child));
-}
-
-// The broker blocks its process signals in every thread and ignores SIGPIPE: the
-// children, the first and those the supervisor restarts, must start with neither.
-TEST_F(NatsdTest, ChildrenStartWithACleanSignalMask) {
-  broker_natsd_options_t o = scripted("exec sleep 600");
-  NatsdPtr natsd(broker_natsd_create(&o));
-  {
-    const qmtest::BrokerSignalState as_in_the_broker;
-    ASSERT_EQ(broker_natsd_start(natsd.get()), 0);  // the supervisor inherits the mask
-  }
-  // The restarted child comes from the supervisor's thread; the first one from the same spawn.
-  const pid_t first = broker_natsd_pid(natsd.get());
-  kill(first, SIGKILL);
-  pid_t child = -1;
-  ASSERT_TRUE(qmtest::wait_until(
-      [&] {
-        child = broker_natsd_pid(natsd.get());
-        return child > 0 && child != first && sleeping(child);
-      },
-      30s));
-  EXPECT_EQ(proc_mask(child, "SigBlk:"), 0u);
-  EXPECT_EQ(proc_mask(child, "SigIgn:") & bit(SIGPIPE), 0u);
 }
 
 // A start that fails leaves no child. A child that is gone will never answer: the probe

@@ -7,54 +7,46 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "test_support.hpp"
 
 namespace {
 
-class SdNotify : public ::testing::Test {
- protected:
-  void TearDown() override { unsetenv("NOTIFY_SOCKET"); }
-  qmtest::TempDir dir_;
-};
-
-// 107 bytes is the most a name can have, for a path and for an abstract name (after '@').
-TEST_F(SdNotify, ReachesPathAndAbstractSocketsOf107Bytes) {
-  const std::string dir = dir_.path().string() + "/";
+// 107 bytes is the most a name can have, for a path and for an abstract name (after '@');
+// failures keep their errno, and without a socket there is nothing to do.
+TEST(SdNotify, ReachesNamesOf107BytesAndFailuresKeepTheirErrno) {
+  qmtest::TempDir dir;
+  const std::string base = dir.path().string() + "/";
   std::string abstract = "@qm" + std::to_string(getpid());
   abstract += std::string(108 - abstract.size(), 'z');
-  for (const std::string& name : {dir + std::string(107 - dir.size(), 'p'), abstract}) {
-    SCOPED_TRACE(name);
-    const qmtest::NotifySocket listener(name);
-    setenv("NOTIFY_SOCKET", name.c_str(), 1);
-    ASSERT_EQ(broker_sd_notify("READY=1"), 0);
-    EXPECT_EQ(listener.receive(), "READY=1");
-  }
-}
-
-TEST_F(SdNotify, NothingToDoSucceedsAndFailuresKeepTheirErrno) {
-  unsetenv("NOTIFY_SOCKET");
-  EXPECT_EQ(broker_sd_notify("READY=1"), 0);
-  setenv("NOTIFY_SOCKET", dir_.file("unused").c_str(), 1);
-  EXPECT_EQ(broker_sd_notify(nullptr), 0);
   const struct {
     std::string name;
+    bool listening;
     int rc;
-    int err;
+    int err;  // errno after a failure
   } cases[] = {
-      {"", 0, 0},
-      {dir_.file("nobody-listens"), -1, ENOENT},
-      {"/" + std::string(107, 'p'), -1, ENAMETOOLONG},
-      {"@" + std::string(108, 'a'), -1, ENAMETOOLONG},
+      {base + std::string(107 - base.size(), 'p'), true, 0, 0},
+      {abstract, true, 0, 0},
+      {"", false, 0, 0},
+      {dir.file("nobody-listens"), false, -1, ENOENT},
+      {"/" + std::string(107, 'p'), false, -1, ENAMETOOLONG},
+      {"@" + std::string(108, 'a'), false, -1, ENAMETOOLONG},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
+    std::optional<qmtest::NotifySocket> listener;
+    if (c.listening) listener.emplace(c.name);
     setenv("NOTIFY_SOCKET", c.name.c_str(), 1);
     errno = 0;
     EXPECT_EQ(broker_sd_notify("READY=1"), c.rc);
-    EXPECT_EQ(errno, c.err);
+    EXPECT_EQ(c.rc == 0 ? 0 : errno, c.err);
+    EXPECT_EQ(listener ? listener->receive() : "READY=1", "READY=1");
   }
+  EXPECT_EQ(broker_sd_notify(nullptr), 0);
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(broker_sd_notify("READY=1"), 0);
 }
 
 }  // namespace

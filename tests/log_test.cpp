@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <regex>
 #include <string>
 
 #include "log-rotate-min.hpp"
 #include "log.hpp"
-#include "qmerror.hpp"
 #include "test_support.hpp"
 
 namespace {
@@ -182,11 +180,6 @@ TEST(LogSafe, EscapesControlsAndBrokenUtf8AndCapsTheLength) {
   for (const auto& c : cases) EXPECT_EQ(log_safe(c.in), c.out) << c.in;
   EXPECT_EQ(log_safe(static_cast<const char*>(nullptr)), "(null)");
   EXPECT_EQ(log_safe(std::string(1000000, 'x')).size(), LOG_SAFE_MAX_BYTES + std::string("...(1000000 bytes)").size());
-}
-
-TEST(QMstrerrorTest, ReturnsTheSystemTextAndHandlesUnknownNumbers) {
-  EXPECT_STREQ(QMstrerror(ENOENT), "No such file or directory");
-  EXPECT_NE(std::string(QMstrerror(99999)).find("Unknown error"), std::string::npos);
 }
 
 }  // namespace

@@ -56,6 +56,10 @@ ReservedPort::ReservedPort() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0
 
 ReservedPort::~ReservedPort() { close(fd_); }
 
+void ReservedPort::listen(int backlog) const {
+  if (::listen(fd_, backlog) != 0) throw std::runtime_error("cannot listen on port " + std::to_string(port_));
+}
+
 std::string ReservedPort::url(const std::string& scheme) const {
   return scheme + "://127.0.0.1:" + std::to_string(port_);
 }

@@ -48,6 +48,8 @@ class ReservedPort {
   ReservedPort& operator=(const ReservedPort&) = delete;
 
   int port() const { return port_; }
+  // Makes the socket listen, for a peer the test plays itself; throws when it cannot.
+  void listen(int backlog) const;
   // "<scheme>://127.0.0.1:<port>"
   std::string url(const std::string& scheme = "nats") const;
 
