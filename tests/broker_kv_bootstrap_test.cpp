@@ -210,21 +210,19 @@ TEST_F(KvBootstrap, MismatchedExistingWorkQueueIsBoundWithWarnings) {
   qmtest::LogCapture log;
   broker_workqueue_opts wq = wq_opts("scan.proxy", 200, 5);
   ASSERT_EQ(bootstrap(server_, true, &wq), 0);
-  EXPECT_EQ(log.count("WQ bootstrap: 'JOBS_scan_proxy' is file-backed but this broker is configured for memory. "
-                      "Storage cannot be changed in place — delete the stream ('nats stream rm JOBS_scan_proxy') and "
-                      "let the next broker start recreate it. Do it while the queue is drained: deleting it discards "
-                      "any job still enqueued."),
-            1u);
-  EXPECT_EQ(log.count("WQ bootstrap: 'WORK_scan_proxy' runs with AckWait=10000ms but this broker is configured for "
-                      "35000ms — the existing consumer keeps its own value. Apply it with 'nats consumer edit "
-                      "JOBS_scan_proxy WORK_scan_proxy --ack-wait=35s', or delete the consumer and let the next "
-                      "broker start recreate it."),
-            1u);
-  EXPECT_EQ(log.count("WQ bootstrap: 'WORK_scan_proxy' runs with MaxWaiting=100 but this broker is configured for "
-                      "200. This field cannot be updated in place — delete the consumer ('nats consumer rm "
-                      "JOBS_scan_proxy WORK_scan_proxy') and let the next broker start recreate it, or the fleet's "
-                      "puller threads will keep being rejected once they exceed 100."),
-            1u);
+  for (const char* warning :
+       {"WQ bootstrap: 'JOBS_scan_proxy' is file-backed but this broker is configured for memory. Storage cannot be "
+        "changed in place — delete the stream ('nats stream rm JOBS_scan_proxy') and let the next broker start "
+        "recreate it. Do it while the queue is drained: deleting it discards any job still enqueued.",
+        "WQ bootstrap: 'WORK_scan_proxy' runs with AckWait=10000ms but this broker is configured for 35000ms — the "
+        "existing consumer keeps its own value. Apply it with 'nats consumer edit JOBS_scan_proxy WORK_scan_proxy "
+        "--ack-wait=35s', or delete the consumer and let the next broker start recreate it.",
+        "WQ bootstrap: 'WORK_scan_proxy' runs with MaxWaiting=100 but this broker is configured for 200. This field "
+        "cannot be updated in place — delete the consumer ('nats consumer rm JOBS_scan_proxy WORK_scan_proxy') and let "
+        "the next broker start recreate it, or the fleet's puller threads will keep being rejected once they exceed "
+        "100."}) {
+    EXPECT_EQ(log.count(warning), 1u) << warning;
+  }
   // MaxDeliver and MaxAckPending differ too, but are not compared.
   EXPECT_EQ(log.count("WQ bootstrap: 'WORK_scan_proxy' runs with"), 2u);
   EXPECT_EQ(log.count("WQ bootstrap: 'JOBS_scan_proxy' is "), 1u);
@@ -242,11 +240,11 @@ TEST_F(KvBootstrap, MismatchedExistingWorkQueueIsBoundWithWarnings) {
   EXPECT_EQ(log.count("runs with AckWait"), 1u);
 }
 
-// A worker registry as an older deployment may have made it: memory, one value, `ttl`.
-natsStatus create_registry(JsClient& client, int64_t ttl) {
+// A bucket as an older deployment may have made it: memory, one value, `ttl`.
+natsStatus create_bucket(JsClient& client, const char* bucket, int64_t ttl) {
   kvConfig kc;
   kvConfig_Init(&kc);
-  kc.Bucket = "qm-av-worker-registry";
+  kc.Bucket = bucket;
   kc.History = 1;
   kc.StorageType = js_MemoryStorage;
   kc.TTL = ttl;
@@ -260,14 +258,25 @@ natsStatus create_registry(JsClient& client, int64_t ttl) {
 // stream carries allow_msg_ttl (which the client library's own update would drop).
 TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
   JsClient client(server_.url());
-  // A registry made with a short TTL, then one with a longer TTL (and so a 2-minute
-  // duplicates window): both are brought to 60 s.
-  for (const int64_t ttl : {10 * kSec, 600 * kSec}) {
-    SCOPED_TRACE(ttl);
-    js_DeleteKeyValue(client.js(), "qm-av-worker-registry");
-    ASSERT_EQ(create_registry(client, ttl), NATS_OK);
+  // Lease buckets made with another TTL are brought to their MaxAge; the registry's longer
+  // TTL also came with a 2-minute duplicates window, which must shrink with it.
+  const struct {
+    const char* bucket;
+    int64_t ttl_sec, max_age_sec;
+  } drifted[] = {{"qm-av-worker-registry", 10, 60},
+                 {"qm-av-worker-registry", 600, 60},
+                 {"qm-av-event-subscriptions", 5, 120}};
+  for (const auto& d : drifted) {
+    SCOPED_TRACE(testing::Message() << d.bucket << " " << d.ttl_sec);
+    js_DeleteKeyValue(client.js(), d.bucket);
+    ASSERT_EQ(create_bucket(client, d.bucket, d.ttl_sec * kSec), NATS_OK);
+    const qmtest::LogCapture log;
     ASSERT_EQ(bootstrap(server_, true, nullptr, true), 0);
-    EXPECT_EQ(json_member(client.stream("KV_qm-av-worker-registry"), "max_age"), ns(60));
+    EXPECT_EQ(json_member(client.stream(std::string("KV_") + d.bucket), "max_age"), ns(d.max_age_sec));
+    EXPECT_EQ(log.count("KV bootstrap: set MaxAge=" + std::to_string(d.max_age_sec * 1000) + "ms on stream 'KV_" +
+                        d.bucket + "' (lease-bucket dead-entry backstop)"),
+              1u);
+    EXPECT_EQ(unexpected_warnings(log), 0u) << log.text();
   }
 
   qmtest::LogCapture log;
@@ -282,22 +291,6 @@ TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
   ASSERT_EQ(bootstrap(server_, true, nullptr, true), 0);
   EXPECT_EQ(log.count("KV bootstrap: set AllowDirect=true on stream 'KV_qm-av-scan-data' (fast replica reads)"), 1u);
   EXPECT_EQ(json_member(client.stream("KV_qm-av-scan-data"), "allow_direct"), "true");
-
-  // A lease bucket whose MaxAge drifted is put back.
-  qm::json_ptr cfg(json_tokener_parse(client.stream("KV_qm-av-event-subscriptions").c_str()));
-  ASSERT_TRUE(cfg);
-  json_object_object_add(cfg.get(), "max_age", json_object_new_int64(5 * kSec));
-  json_object_object_add(cfg.get(), "duplicate_window", json_object_new_int64(5 * kSec));
-  const std::string updated =
-      client.api("$JS.API.STREAM.UPDATE.KV_qm-av-event-subscriptions", json_object_to_json_string(cfg.get()));
-  ASSERT_EQ(json_member(client.stream("KV_qm-av-event-subscriptions"), "max_age"), ns(5)) << updated;
-  log.clear();
-  ASSERT_EQ(bootstrap(server_, true, nullptr, true), 0);
-  EXPECT_EQ(log.count("KV bootstrap: set MaxAge=120000ms on stream 'KV_qm-av-event-subscriptions' (lease-bucket "
-                      "dead-entry backstop)"),
-            1u);
-  EXPECT_EQ(json_member(client.stream("KV_qm-av-event-subscriptions"), "max_age"), ns(120));
-  EXPECT_EQ(unexpected_warnings(log), 0u) << log.text();
 }
 
 // The order of the retry lines and their counts are checked, never how many attempts

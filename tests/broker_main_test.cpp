@@ -49,9 +49,7 @@ TEST(BrokerCommandLine, HelpAndErrorsExitBeforeStarting) {
     std::string err;  // how standard error begins
   } cases[] = {
       {{"--help"}, 0, "Usage: " + bin + " --nats-url <url>"},
-      {{"--auth-file", "x"}, 1, bin + ": --nats-url is required\nUsage: "},
       {{"--nats-url", "u", "--bogus"}, 1, bin + ": unrecognized option '--bogus'\nUsage: "},
-      {{"--nats-url", "u", "--tracefile"}, 1, bin + ": option '--tracefile' requires an argument\nUsage: "},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args[0]);
