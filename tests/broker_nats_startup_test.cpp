@@ -129,12 +129,13 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
 // A start-up that cannot finish: a stop during one of its long waits ends the broker at
 // once (in order, exit code 0), never after the wait has run its course; a server that
 // never answers ends it with exit code 1, named in the log, and a managed child that is
-// gone ends the wait for it at once.
+// gone ends the wait for it at once. A managed child that never answered is not left behind.
 TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
   qmtest::NatsServer without_jetstream(qmtest::NatsServerOptions{false, "", 0});
   const std::string nowhere = port_.url();
   const std::string sleeper = dir_.file("sleeper");
-  qmtest::write_file(sleeper, "#!/bin/sh\nexec sleep 600\n");
+  const std::string sleeper_pid = dir_.file("sleeper.pid");
+  qmtest::write_file(sleeper, "#!/bin/sh\necho $$ > " + sleeper_pid + "\nexec sleep 600\n");
   chmod(sleeper.c_str(), 0755);
   const std::string missing = dir_.file("missing-nats-server");
   const std::vector<std::string> external = {"--nats-server-managed", "false"};
@@ -156,6 +157,11 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
       {"external server never answers", nowhere,
        {"--nats-server-managed", "false", "--nats-server-ready-timeout-seconds", "1"}, nullptr, 0, 1,
        {"nats-server: external server not reachable at " + nowhere}},
+      {"managed child never answers", nowhere,
+       {"--nats-server-binary", sleeper, "--nats-server-config", "/dev/null", "--nats-server-ready-timeout-seconds",
+        "1"},
+       nullptr, 0, 1,
+       {"nats-server: readiness probe timed out after 1s (last status: ", "qm-av-broker stopped (rc=1)"}},
       {"managed binary missing", nowhere,
        {"--nats-server-binary", missing, "--nats-server-config", dir_.file("nats.conf")}, nullptr, 0, 1,
        {"nats-server: execv(" + missing + ") failed: ", "nats-server supervisor failed to start",
@@ -163,6 +169,7 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
+    std::filesystem::remove(sleeper_pid);
     std::vector<std::string> args = base_args(c.url);
     args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "600", "--tracelevel", "5"});
     args.insert(args.end(), c.extra.begin(), c.extra.end());
@@ -176,6 +183,8 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
     for (const auto& line : c.logged) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
     EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
     EXPECT_TRUE(c.code != 0 || log.find("FATAL") == std::string::npos);
+    const std::string child = qmtest::read_file(sleeper_pid);
+    EXPECT_TRUE(child.empty() || !qmtest::process_running(std::stoi(child))) << child;
   }
 }
 

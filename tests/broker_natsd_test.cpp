@@ -1,6 +1,7 @@
 // The nats-server supervisor in process, with scripted children whose behaviour (crash,
-// ignore SIGTERM, never answer) a real server will not show on demand. The real server
-// as the broker's managed child is tested with the broker binary (broker_main_test).
+// ignore SIGTERM) a real server will not show on demand. The real server as the broker's
+// managed child, and start-ups that fail, are tested with the broker binary
+// (broker_nats_startup_test).
 #include "broker_natsd.hpp"
 
 #include <gtest/gtest.h>
@@ -158,34 +159,6 @@ TEST_F(NatsdTest, ChildIgnoringSigtermIsKilledAfterTheGrace) {
   EXPECT_TRUE(log_.contains("nats-server: did not exit within 300ms \u2014 sending SIGKILL"));
   EXPECT_TRUE(log_.contains("nats-server: child exited via signal 9 during shutdown"));
   EXPECT_FALSE(qmtest::process_running(child));
-}
-
-// A start that fails leaves no child. A child that is gone will never answer: the probe
-// ends there, not at its deadline.
-TEST_F(NatsdTest, StartFailsAndLeavesNoChildWhenTheServerNeverAnswers) {
-  const struct {
-    const char* script;
-    int ready_timeout_sec;
-    const char* logged;
-    const char* not_logged;
-  } cases[] = {
-      {"exec sleep 600", 1, "nats-server: readiness probe timed out after 1s (last status: ", "exited before"},
-      {"exit 3", 600, " exited before it was ready", "timed out"},
-  };
-  const qmtest::ReservedPort nobody;
-  const std::string url = nobody.url();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.script);
-    log_.clear();
-    broker_natsd_options_t o = scripted(c.script);
-    o.nats_url = url.c_str();
-    o.ready_timeout_sec = c.ready_timeout_sec;
-    NatsdPtr natsd(broker_natsd_create(&o));
-    EXPECT_EQ(broker_natsd_start(natsd.get()), -1);
-    EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
-    EXPECT_TRUE(log_.contains(c.logged)) << log_.text();
-    EXPECT_FALSE(log_.contains(c.not_logged));
-  }
 }
 
 TEST(NatsdProbe, AnswersFailuresAndDeadlines) {
