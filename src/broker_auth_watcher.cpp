@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -46,6 +47,7 @@ struct broker_auth_watcher {
   std::condition_variable wake;
   bool stop = false;
   bool running = false;
+  std::atomic<unsigned> polls{0};
 
   // Waits one interval; false when a stop was requested meanwhile.
   bool wait_interval() {
@@ -74,7 +76,10 @@ struct broker_auth_watcher {
 
   void poll_loop() {
     log_debug("auth-watcher: polling %s every %ds", path.c_str(), interval_sec);
-    while (wait_interval()) check_once();
+    while (wait_interval()) {
+      check_once();
+      ++polls;
+    }
     log_debug("auth-watcher: stopping");
   }
 };
@@ -126,3 +131,5 @@ void broker_auth_watcher_destroy(broker_auth_watcher_t* w) {
   broker_auth_watcher_stop(w);
   std::unique_ptr<broker_auth_watcher> owned(w);
 }
+
+unsigned broker_auth_watcher_polls(const broker_auth_watcher_t* w) { return w ? w->polls.load() : 0; }

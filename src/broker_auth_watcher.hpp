@@ -17,3 +17,5 @@ int broker_auth_watcher_start(broker_auth_watcher_t* w);
 void broker_auth_watcher_stop(broker_auth_watcher_t* w);
 // Stops and frees; accepts NULL.
 void broker_auth_watcher_destroy(broker_auth_watcher_t* w);
+// Tests only: how many polls the thread has completed so far (0 for NULL).
+unsigned broker_auth_watcher_polls(const broker_auth_watcher_t* w);

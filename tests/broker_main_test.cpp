@@ -1,10 +1,8 @@
-// The real broker binary as a child process: exit codes, signals, pid file and
-// readiness notification.
+// The real broker binary as a child process: command-line exits, one whole lifetime
+// (pid file, readiness notification, reloads, signals), and the problems that are
+// warnings only.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -12,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "log_capture.hpp"
 #include "nats_server_fixture.hpp"
 #include "test_support.hpp"
 
@@ -20,23 +19,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class BrokerMainTest : public ::testing::Test {
+using qmtest::LogCapture;
+
+class BrokerMain : public ::testing::Test {
  protected:
   void SetUp() override {
-    qmtest::write_file(dir_.file("auth.conf"),
-                       "users = [\n  {\n    user: \"alice\"\n    password: \"wonder\"\n  }\n]\n");
+    qmtest::write_file(dir_.file("auth.conf"), "users = [ {user: \"alice\", password: \"w\"} ]\n");
   }
 
   // The least a broker needs to come up here: an external nats-server with JetStream and
   // the auth files.
-  std::vector<std::string> base_args() const {
-    return {qmtest::broker_binary(), "--nats-url", nats_.url(), "--nats-server-managed", "false",
-            "--auth-signing-key", dir_.file("seed"), "--auth-file", dir_.file("auth.conf"),
-            "--amqp-enabled", "false", "--update-binary", "false"};
-  }
-
-  std::vector<std::string> args_with(std::vector<std::string> extra) const {
-    auto args = base_args();
+  std::vector<std::string> args_with(std::vector<std::string> extra = {}) const {
+    std::vector<std::string> args{qmtest::broker_binary(), "--nats-url", nats_.url(), "--nats-server-managed",
+                                  "false", "--auth-signing-key", dir_.file("seed"), "--auth-file",
+                                  dir_.file("auth.conf"), "--amqp-enabled", "false", "--update-binary", "false"};
     args.insert(args.end(), extra.begin(), extra.end());
     return args;
   }
@@ -45,175 +41,36 @@ class BrokerMainTest : public ::testing::Test {
   qmtest::NatsServer nats_;
 };
 
-TEST_F(BrokerMainTest, HelpPrintsUsageOnStandardErrorAndExitsZero) {
-  qmtest::Child broker({qmtest::broker_binary(), "--help"});
-  EXPECT_EQ(broker.wait(10s), 0);
-  EXPECT_EQ(broker.out(), "");
-  EXPECT_EQ(broker.err().rfind("Usage: " + qmtest::broker_binary() + " --nats-url <url>", 0), 0u);
-  EXPECT_NE(broker.err().find("Show this help message"), std::string::npos);
-}
-
-TEST_F(BrokerMainTest, MissingNatsUrlExitsOneWithItsMessage) {
-  qmtest::Child broker({qmtest::broker_binary(), "--auth-file", "x"});
-  EXPECT_EQ(broker.wait(10s), 1);
-  EXPECT_EQ(broker.err().rfind(qmtest::broker_binary() + ": --nats-url is required\nUsage: ", 0), 0u)
-      << broker.err();
-}
-
-TEST_F(BrokerMainTest, UnknownOptionAndMissingArgumentExitOne) {
-  qmtest::Child unknown(args_with({"--bogus"}));
-  EXPECT_EQ(unknown.wait(10s), 1);
-  EXPECT_NE(unknown.err().find("Usage: "), std::string::npos);
-  qmtest::Child missing(args_with({"--tracefile"}));
-  EXPECT_EQ(missing.wait(10s), 1);
-  EXPECT_NE(missing.err().find("Usage: "), std::string::npos);
-}
-
-TEST_F(BrokerMainTest, SigtermGivesOrderlyShutdownAndRemovesThePidFile) {
-  const std::string pid_file = dir_.file("broker.pid");
-  qmtest::Child broker(args_with({"--pid-file", pid_file}));
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
-  EXPECT_EQ(qmtest::read_file(pid_file), std::to_string(broker.pid()) + "\n");
-  EXPECT_NE(broker.err().find("pid file: " + pid_file), std::string::npos);
-  EXPECT_NE(broker.err().find("qm-av-broker starting (pid=" + std::to_string(broker.pid()) + ")"),
-            std::string::npos);
-  EXPECT_NE(broker.err().find("config: nats_url=" + nats_.url() +
-                              " nats_server_managed=no auth_callout=yes amqp=no http=no"),
-            std::string::npos);
-
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0) << broker.err();
-  EXPECT_FALSE(fs::exists(pid_file));
-  EXPECT_FALSE(fs::exists(pid_file + ".tmp." + std::to_string(broker.pid())));
-  const std::string log = broker.err();
-  EXPECT_NE(log.find("qm-av-broker shutting down"), std::string::npos);
-  EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
-}
-
-TEST_F(BrokerMainTest, SigintAlsoShutsDownCleanly) {
-  const std::string pid_file = dir_.file("broker.pid");
-  qmtest::Child broker(args_with({"--pid-file", pid_file}));
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
-  broker.signal(SIGINT);
-  EXPECT_EQ(broker.wait(30s), 0) << broker.err();
-  EXPECT_FALSE(fs::exists(pid_file));
-}
-
-TEST_F(BrokerMainTest, SighupReloadsAndKeepsRunning) {
-  qmtest::Child broker(base_args());
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
-  for (int i = 0; i < 3; ++i) broker.signal(SIGHUP);
-  ASSERT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));
-  EXPECT_TRUE(broker.running());
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-}
-
-TEST_F(BrokerMainTest, ChangedCredentialsFileIsReloadedWithoutOperatorAction) {
-  qmtest::Child broker(base_args());
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
-  EXPECT_NE(broker.err().find("auth-watcher: watching " + dir_.file("auth.conf") +
-                              " for external changes (poll interval 5s)"),
-            std::string::npos);
-  qmtest::write_file(dir_.file("auth.new"), "user: \"bob\"\npassword: \"builder\"\n");
-  ASSERT_EQ(rename(dir_.file("auth.new").c_str(), dir_.file("auth.conf").c_str()), 0);
-  ASSERT_TRUE(broker.wait_for_err("triggering reload via SIGHUP", 15s)) << broker.err();
-  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store", 5s));
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-}
-
-TEST_F(BrokerMainTest, PidFileProblemsAreWarningsOnly) {
-  const std::string unwritable = dir_.file("no-such-dir/broker.pid");
-  qmtest::Child broker(args_with({"--pid-file", unwritable}));
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
-  EXPECT_NE(broker.err().find("--pid-file: cannot open " + unwritable + ".tmp."), std::string::npos);
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-}
-
-TEST_F(BrokerMainTest, OverlongPidFilePathIsSkippedButStillUnlinkedAtExit) {
-  // 4090 characters: the temporary name with its ".tmp.<pid>" suffix no longer fits 4096 bytes.
-  std::string path = dir_.path().string() + "/";
-  path += std::string(4090 - path.size(), 'p');
-  ASSERT_EQ(path.size(), 4090u);
-  qmtest::Child broker(args_with({"--pid-file", path}));
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
-  EXPECT_NE(broker.err().find("--pid-file path too long, skipping write: " + path), std::string::npos);
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-}
-
-TEST_F(BrokerMainTest, NotifiesReadyAndStoppingOverTheNotifySocket) {
-  const std::string sock_path = dir_.file("notify.sock");
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  memcpy(addr.sun_path, sock_path.c_str(), sock_path.size() + 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  timeval tv{30, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  auto receive = [fd] {
-    char buf[64];
-    const ssize_t n = recv(fd, buf, sizeof buf, 0);
-    return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
+TEST(BrokerCommandLine, HelpAndErrorsExitBeforeStarting) {
+  const std::string bin = qmtest::broker_binary();
+  const struct {
+    std::vector<std::string> args;
+    int code;
+    std::string err;  // how standard error begins
+  } cases[] = {
+      {{"--help"}, 0, "Usage: " + bin + " --nats-url <url>"},
+      {{"--nats-url", "u", "--bogus"}, 1, bin + ": unrecognized option '--bogus'\nUsage: "},
   };
-
-  qmtest::Child broker(base_args(), {"NOTIFY_SOCKET=" + sock_path});
-  EXPECT_EQ(receive(), "READY=1");
-  broker.signal(SIGTERM);
-  EXPECT_EQ(receive(), "STOPPING=1");
-  EXPECT_EQ(broker.wait(30s), 0);
-  close(fd);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[0]);
+    std::vector<std::string> argv{bin};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    qmtest::Child broker(argv);
+    EXPECT_EQ(broker.wait(30s), c.code);
+    EXPECT_EQ(broker.out(), "");
+    EXPECT_TRUE(broker.err().starts_with(c.err)) << broker.err();
+  }
 }
 
-TEST_F(BrokerMainTest, WithoutNotifySocketNoWarningIsLogged) {
-  qmtest::Child broker(base_args(), {}, {"NOTIFY_SOCKET"});
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s));
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-  EXPECT_EQ(broker.err().find("sd_notify(READY=1) failed"), std::string::npos);
-}
-
-TEST_F(BrokerMainTest, UnreachableNotifySocketIsAWarningOnly) {
-  qmtest::Child broker(base_args(), {"NOTIFY_SOCKET=" + dir_.file("nobody")});
-  ASSERT_TRUE(broker.wait_for_err("sd_notify(READY=1) failed (running without systemd?)", 30s));
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-}
-
-TEST_F(BrokerMainTest, DaemonModeIsSilentAndTheLogFileGetsTheLines) {
-  // The silent one says nothing: its pid file shows that its signal handlers are in place.
-  const std::string silent_pid_file = dir_.file("silent.pid");
-  qmtest::Child silent(args_with({"--trace-to-screen", "0", "--pid-file", silent_pid_file}));
-  const std::string log_file = dir_.file("broker.log");
-  qmtest::Child logging(args_with({"--trace-to-screen", "0", "--tracefile", log_file, "--tracelevel", "6"}));
-  ASSERT_TRUE(qmtest::wait_until(
-      [&] { return qmtest::read_file(log_file).find("qm-av-broker ready") != std::string::npos; }, 30s));
-  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(silent_pid_file).empty(); }, 30s));
-  silent.signal(SIGTERM);
-  logging.signal(SIGTERM);
-  EXPECT_EQ(silent.wait(30s), 0);
-  EXPECT_EQ(logging.wait(30s), 0);
-  EXPECT_EQ(silent.err(), "");
-  // With a file the screen copy stays on (the daemon never sets quiet).
-  EXPECT_NE(logging.err().find("qm-av-broker ready"), std::string::npos);
-  const std::string log = qmtest::read_file(log_file);
-  EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
-  EXPECT_NE(log.find("(main.cpp:"), std::string::npos);  // trace threshold: file lines carry the source
-}
-
-// Process signals are taken by the main thread alone, with sigwaitinfo (which lets them
-// through while it waits): every other thread, the NATS library's included, has them
-// blocked, so no handler can run on one of them while the teardown frees what it uses.
-TEST_F(BrokerMainTest, EveryThreadBlocksTheProcessSignals) {
-  qmtest::Child broker(base_args());
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
+// Process signals are taken by the main thread alone, with sigwaitinfo: every other
+// thread, the NATS library's included, has them blocked, so that no handler can run on
+// one of them while the teardown frees what it uses.
+void expect_only_the_main_thread_takes_signals(pid_t pid) {
   uint64_t wanted = 0;
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) wanted |= uint64_t{1} << (sig - 1);
   int threads = 0;
-  for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(broker.pid()) + "/task")) {
-    if (task.path().filename() == std::to_string(broker.pid())) continue;  // the main thread
+  for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+    if (task.path().filename() == std::to_string(pid)) continue;
     const std::string status = qmtest::read_file(task.path().string() + "/status");
     const size_t at = status.find("SigBlk:");
     ASSERT_NE(at, std::string::npos);
@@ -221,19 +78,96 @@ TEST_F(BrokerMainTest, EveryThreadBlocksTheProcessSignals) {
     ++threads;
   }
   EXPECT_GE(threads, 3);  // the library's threads are there too
-  broker.signal(SIGHUP);
-  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store", 10s));
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
 }
 
-TEST_F(BrokerMainTest, SecondSigtermDuringShutdownDoesNotAbortIt) {
-  qmtest::Child broker(base_args());
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s));
+TEST_F(BrokerMain, OneLifetimeFromReadyToAnOrderlyStop) {
+  const std::string pid_file = dir_.file("broker.pid");
+  const qmtest::NotifySocket notify(dir_.file("notify.sock"));
+  qmtest::Child broker(args_with({"--pid-file", pid_file, "--tracelevel", "5"}),
+                       {"NOTIFY_SOCKET=" + dir_.file("notify.sock")});
+  EXPECT_EQ(notify.receive(), "READY=1");
+  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
+  const std::string pid = std::to_string(broker.pid());
+  EXPECT_EQ(qmtest::read_file(pid_file), pid + "\n");
+  for (const std::string& line : std::vector<std::string>
+       {"qm-av-broker starting (pid=" + pid + ")", "pid file: " + pid_file,
+        "config: nats_url=" + nats_.url() + " nats_server_managed=no auth_callout=yes amqp=no http=no",
+        "auth-watcher: watching " + dir_.file("auth.conf") + " for external changes (poll interval 5s)",
+        "nats-server: external (--nats-server-managed=false); probing readiness",
+        "KV bootstrap: created bucket 'qm-av-scan-data'", "Connecting NATS relay (gateway leg) to " + nats_.url(),
+        "nats_relay: connected to " + nats_.url() + " (JetStream+KV ready)", "NATS relay connected"}) {
+    EXPECT_NE(broker.err().find(line), std::string::npos) << line;
+  }
+  expect_only_the_main_thread_takes_signals(broker.pid());
+
+  const std::string reload = "SIGHUP: reloading credential store + forwarding to nats-server";
+  const auto reloads = [&] { return LogCapture::count_in(broker.err(), reload); };
+  for (int i = 0; i < 3; ++i) broker.signal(SIGHUP);
+  ASSERT_TRUE(qmtest::wait_until([&] { return reloads() >= 1; }, 30s));
+  // A replaced credentials file is reloaded without operator action.
+  const size_t by_hand = reloads();
+  qmtest::write_file(dir_.file("auth.new"), "user: \"bob\"\npassword: \"builder\"\n");
+  ASSERT_EQ(rename(dir_.file("auth.new").c_str(), dir_.file("auth.conf").c_str()), 0);
+  ASSERT_TRUE(broker.wait_for_err("triggering reload via SIGHUP", 30s)) << broker.err();
+  EXPECT_TRUE(qmtest::wait_until([&] { return reloads() > by_hand; }, 30s));
+  EXPECT_TRUE(broker.running());
+
+  // A second SIGTERM during the shutdown does not abort it.
   broker.signal(SIGTERM);
   broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-  EXPECT_NE(broker.err().find("stopped (rc=0)"), std::string::npos);
+  EXPECT_EQ(notify.receive(), "STOPPING=1");
+  EXPECT_EQ(broker.wait(30s), 0) << broker.err();
+  EXPECT_FALSE(fs::exists(pid_file));
+  EXPECT_FALSE(fs::exists(pid_file + ".tmp." + pid));
+  EXPECT_TRUE(qmtest::process_running(nats_.pid()));  // an external server is left alone
+  // In order: the relay goes after the front doors and before the auth-callout thread.
+  const std::string log = broker.err();
+  size_t at = 0;
+  for (const char* line : {"qm-av-broker shutting down", "Tearing down NATS relay", "Stopping auth-callout thread",
+                           "qm-av-broker stopped (rc=0)"}) {
+    at = log.find(line, at);
+    ASSERT_NE(at, std::string::npos) << line << "\n" << log;
+  }
+}
+
+// Three brokers side by side: a pid file or notify socket that cannot be used costs a
+// warning, never the run; with --trace-to-screen 0 the broker is silent, and a log file
+// gets the lines (with the screen copy kept, since the daemon never sets quiet).
+TEST_F(BrokerMain, PidFileNotifySocketAndScreenSettingsCostNoRun) {
+  // 4090 characters: the temporary name with its ".tmp.<pid>" suffix no longer fits 4096 bytes.
+  std::string overlong = dir_.path().string() + "/";
+  overlong += std::string(4090 - overlong.size(), 'p');
+  const std::string unwritable = dir_.file("no-such-dir/broker.pid");
+  const std::string silent_pid_file = dir_.file("silent.pid");
+  const std::string log_file = dir_.file("broker.log");
+  qmtest::Child warned(args_with({"--pid-file", unwritable}), {"NOTIFY_SOCKET=" + dir_.file("nobody")});
+  qmtest::Child silent(args_with({"--trace-to-screen", "0", "--pid-file", silent_pid_file}));
+  qmtest::Child logging(args_with({"--trace-to-screen", "0", "--tracefile", log_file, "--tracelevel", "6",
+                                   "--pid-file", overlong}),
+                        {}, {"NOTIFY_SOCKET"});
+  ASSERT_TRUE(warned.wait_for_err("qm-av-broker ready", 60s)) << warned.err();
+  ASSERT_TRUE(qmtest::wait_until(
+      [&] { return qmtest::read_file(log_file).find("qm-av-broker ready") != std::string::npos; }, 60s));
+  // The silent one says nothing: its pid file shows that its signal handlers are in place.
+  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(silent_pid_file).empty(); }, 60s));
+  warned.signal(SIGINT);
+  silent.signal(SIGTERM);
+  logging.signal(SIGTERM);
+  EXPECT_EQ(warned.wait(30s), 0);
+  EXPECT_EQ(silent.wait(30s), 0);
+  EXPECT_EQ(logging.wait(30s), 0);
+
+  EXPECT_NE(warned.err().find("--pid-file: cannot open " + unwritable + ".tmp."), std::string::npos);
+  EXPECT_NE(warned.err().find("sd_notify(READY=1) failed (running without systemd?)"), std::string::npos);
+  EXPECT_NE(warned.err().find("qm-av-broker stopped (rc=0)"), std::string::npos);
+  EXPECT_EQ(silent.err(), "");
+  EXPECT_FALSE(fs::exists(silent_pid_file));
+  EXPECT_NE(logging.err().find("qm-av-broker ready"), std::string::npos);
+  const std::string log = qmtest::read_file(log_file);
+  EXPECT_NE(log.find("--pid-file path too long, skipping write: " + overlong), std::string::npos);
+  EXPECT_EQ(log.find("sd_notify(READY=1) failed"), std::string::npos);
+  EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
+  EXPECT_NE(log.find("(main.cpp:"), std::string::npos);  // trace threshold: file lines carry the source
 }
 
 }  // namespace

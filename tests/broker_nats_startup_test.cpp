@@ -1,12 +1,14 @@
 // The broker binary with its nats-server steps: a managed child that is provisioned,
-// restarted after a crash, reloaded on SIGHUP and stopped with the broker; an external
-// server; and the fatal start-up paths.
+// restarted after a crash, reloaded on SIGHUP and stopped with the broker, and the
+// fatal start-up paths. An external server is used in broker_main_test.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,8 +18,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-bool process_alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
 
 class BrokerNats : public ::testing::Test {
  protected:
@@ -32,21 +32,31 @@ class BrokerNats : public ::testing::Test {
             "--trace-to-screen", "1"};
   }
 
+  // A broker managing `binary` with a configuration for the reserved port.
+  std::vector<std::string> managed_args(const std::string& binary, const std::string& server_log = "") {
+    const std::string config = dir_.file("nats.conf");
+    qmtest::write_nats_server_config(config, port_.port(), dir_.file("js"), "", server_log);
+    std::vector<std::string> args = base_args(port_.url());
+    args.insert(args.end(), {"--nats-server-binary", binary, "--nats-server-config", config, "--nats-server-pid-file",
+                             dir_.file("nats.pid")});
+    return args;
+  }
+
+  pid_t server_pid() const {
+    const std::string text = qmtest::read_file(dir_.file("nats.pid"));
+    return text.empty() ? -1 : std::stoi(text);
+  }
+
   qmtest::TempDir dir_;
+  // The managed server's port stays ours while the test runs, restarts included.
+  const qmtest::ReservedPort port_;
 };
 
 TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
-  const int port = qmtest::free_port();
-  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
-  const std::string config = dir_.file("nats.conf");
+  const std::string url = port_.url();
   const std::string server_log = dir_.file("nats.log");
-  qmtest::write_nats_server_config(config, port, dir_.file("js"), "", server_log);
-  std::vector<std::string> args = base_args(url);
-  for (const std::string& a : {std::string("--nats-server-binary"), qmtest::nats_server_binary(),
-                               std::string("--nats-server-config"), config, std::string("--nats-server-pid-file"),
-                               dir_.file("nats.pid"), std::string("--js-work-services"), std::string("scan.a")}) {
-    args.push_back(a);
-  }
+  std::vector<std::string> args = managed_args(qmtest::nats_server_binary(), server_log);
+  args.insert(args.end(), {"--js-work-services", "scan.a"});
   qmtest::Child broker(args);
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
   const std::string started = broker.err();
@@ -54,15 +64,14 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   EXPECT_NE(started.find("KV bootstrap: created bucket 'qm-av-wq-dedup' (replicas=1)"), std::string::npos);
   EXPECT_NE(started.find("WQ bootstrap: created durable pull consumer 'WORK_scan_a' on 'JOBS_scan_a'"),
             std::string::npos);
-  const pid_t first = std::stoi(qmtest::read_file(dir_.file("nats.pid")));
+  const pid_t first = server_pid();
 
   kill(first, SIGKILL);
   ASSERT_TRUE(broker.wait_for_err("nats-server: restarting in 500ms", 20s)) << broker.err();
   pid_t second = -1;
   ASSERT_TRUE(qmtest::wait_until(
       [&] {
-        const std::string text = qmtest::read_file(dir_.file("nats.pid"));
-        second = text.empty() ? -1 : std::stoi(text);
+        second = server_pid();
         return second > 0 && second != first && qmtest::nats_accepts_connections(url);
       },
       20s));
@@ -74,7 +83,7 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0) << broker.err();
-  EXPECT_FALSE(process_alive(second));
+  EXPECT_FALSE(qmtest::process_running(second));
   const std::string all = broker.err();
   EXPECT_NE(all.find("during shutdown"), std::string::npos);
   EXPECT_EQ(all.find("crash #2"), std::string::npos);
@@ -84,21 +93,19 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 // Supervision that gives up leaves the broker without a server: it shuts down in order
 // with exit code 1, so that the service manager starts it afresh.
 TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
-  const int port = qmtest::free_port();
-  const std::string url = "nats://127.0.0.1:" + std::to_string(port);
-  const std::string config = dir_.file("nats.conf");
-  qmtest::write_nats_server_config(config, port, dir_.file("js"));
-  // The real server the first time; every restart fails at once.
+  // The real server the first time; every restart fails at once. Each run records its
+  // signal state first, with builtins only (nats-server would reset its own, and the
+  // shell blocks everything while it starts a command).
   const std::string binary = dir_.file("flaky-nats-server");
-  qmtest::write_file(binary, "#!/bin/sh\n[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " + dir_.file("ran") +
-                                 "\nexec " + qmtest::nats_server_binary() + " \"$@\"\n");
+  const std::string masks = dir_.file("masks");
+  const std::string record = "while read -r key value; do case $key in SigBlk:|SigIgn:) echo \"$key $value\";; esac; "
+                             "done < /proc/$$/status >> " + masks + "\n";
+  qmtest::write_file(binary, "#!/bin/sh\n" + record + "[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " +
+                                 dir_.file("ran") + "\nexec " + qmtest::nats_server_binary() + " \"$@\"\n");
   chmod(binary.c_str(), 0755);
-  std::vector<std::string> args = base_args(url);
-  args.insert(args.end(), {"--nats-server-binary", binary, "--nats-server-config", config, "--nats-server-pid-file",
-                           dir_.file("nats.pid")});
-  qmtest::Child broker(args);
+  qmtest::Child broker(managed_args(binary));
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
-  kill(std::stoi(qmtest::read_file(dir_.file("nats.pid"))), SIGKILL);
+  kill(server_pid(), SIGKILL);
   // Five restarts with back-off: 0.5 + 1 + 2 + 4 + 8 s.
   EXPECT_EQ(broker.wait(90s), 1) << broker.err();
   const std::string log = broker.err();
@@ -107,93 +114,94 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
   EXPECT_LT(gave_up, log.find("nats-server: supervision gave up"));
   EXPECT_LT(gave_up, log.find("qm-av-broker shutting down"));
   EXPECT_NE(log.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+
+  // The broker blocks its process signals in every thread and ignores SIGPIPE: the
+  // children, the first and those the supervisor's thread restarts, start with neither.
+  std::istringstream lines(qmtest::read_file(masks));
+  int runs = 0;
+  for (std::string key, mask; lines >> key >> mask; runs += key == "SigBlk:") {
+    const uint64_t forbidden = key == "SigBlk:" ? ~uint64_t{0} : uint64_t{1} << (SIGPIPE - 1);
+    EXPECT_EQ(std::stoull(mask, nullptr, 16) & forbidden, 0u) << key << " " << mask;
+  }
+  EXPECT_EQ(runs, 6);
 }
 
-// A stop during one of the start-up's long waits ends the broker at once (in order, exit
-// code 0), never after the wait has run its course.
-TEST_F(BrokerNats, AStopDuringTheStartUpWaitsEndsTheBroker) {
+// A start-up that cannot finish: a stop during one of its long waits ends the broker at
+// once (in order, exit code 0), never after the wait has run its course; a server that
+// never answers ends it with exit code 1, named in the log, and a managed child that is
+// gone ends the wait for it at once. A managed child that never answered is not left behind.
+TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
   qmtest::NatsServer without_jetstream(qmtest::NatsServerOptions{false, "", 0});
-  const std::string nowhere = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
+  const std::string nowhere = port_.url();
   const std::string sleeper = dir_.file("sleeper");
-  qmtest::write_file(sleeper, "#!/bin/sh\nexec sleep 600\n");
+  const std::string sleeper_pid = dir_.file("sleeper.pid");
+  qmtest::write_file(sleeper, "#!/bin/sh\necho $$ > " + sleeper_pid + "\nexec sleep 600\n");
   chmod(sleeper.c_str(), 0755);
+  const std::string missing = dir_.file("missing-nats-server");
+  const std::vector<std::string> external = {"--nats-server-managed", "false"};
+  const std::vector<std::string> stopped = {"qm-av-broker shutting down", "qm-av-broker stopped (rc=0)"};
   const struct {
     const char* name;
     std::string url;
     std::vector<std::string> extra;
-    const char* waiting;  // the broker is in the wait once this is logged
+    const char* waiting;  // the broker is in the wait once this is logged, and is sent `sig`
     int sig;
+    int code;
+    std::vector<std::string> logged;
   } cases[] = {
-      {"external server's readiness", nowhere, {"--nats-server-managed", "false"}, "readiness probe not ready yet",
-       SIGTERM},
+      {"external server's readiness", nowhere, external, "readiness probe not ready yet", SIGTERM, 0, stopped},
       {"managed child's readiness", nowhere, {"--nats-server-binary", sleeper, "--nats-server-config", "/dev/null"},
-       "readiness probe not ready yet", SIGINT},
-      {"KV bootstrap's retries", without_jetstream.url(), {"--nats-server-managed", "false"},
-       "KV bootstrap: JetStream not ready yet", SIGTERM},
+       "readiness probe not ready yet", SIGINT, 0, stopped},
+      {"KV bootstrap's retries", without_jetstream.url(), external, "KV bootstrap: JetStream not ready yet", SIGTERM, 0,
+       stopped},
+      {"external server never answers", nowhere,
+       {"--nats-server-managed", "false", "--nats-server-ready-timeout-seconds", "1"}, nullptr, 0, 1,
+       {"nats-server: external server not reachable at " + nowhere}},
+      {"managed child never answers", nowhere,
+       {"--nats-server-binary", sleeper, "--nats-server-config", "/dev/null", "--nats-server-ready-timeout-seconds",
+        "1"},
+       nullptr, 0, 1,
+       {"nats-server: readiness probe timed out after 1s (last status: ", "qm-av-broker stopped (rc=1)"}},
+      {"managed binary missing", nowhere,
+       {"--nats-server-binary", missing, "--nats-server-config", dir_.file("nats.conf")}, nullptr, 0, 1,
+       {"nats-server: execv(" + missing + ") failed: ", "nats-server supervisor failed to start",
+        "qm-av-broker stopped (rc=1)"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
+    std::filesystem::remove(sleeper_pid);
     std::vector<std::string> args = base_args(c.url);
-    args.insert(args.end(), c.extra.begin(), c.extra.end());
     args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "600", "--tracelevel", "5"});
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
     qmtest::Child broker(args);
-    ASSERT_TRUE(broker.wait_for_err(c.waiting, 30s)) << broker.err();
-    broker.signal(c.sig);
-    EXPECT_EQ(broker.wait(30s), 0) << broker.err();
+    if (c.waiting != nullptr) {
+      ASSERT_TRUE(broker.wait_for_err(c.waiting, 30s)) << broker.err();
+      broker.signal(c.sig);
+    }
+    EXPECT_EQ(broker.wait(30s), c.code) << broker.err();
     const std::string log = broker.err();
-    EXPECT_NE(log.find("qm-av-broker shutting down"), std::string::npos) << log;
-    EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
-    EXPECT_EQ(log.find("FATAL"), std::string::npos);
+    for (const auto& line : c.logged) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
     EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
+    EXPECT_TRUE(c.code != 0 || log.find("FATAL") == std::string::npos);
+    const std::string child = qmtest::read_file(sleeper_pid);
+    EXPECT_TRUE(child.empty() || !qmtest::process_running(std::stoi(child))) << child;
   }
 }
 
-TEST_F(BrokerNats, ExternalServerIsProbedAndProvisioned) {
-  qmtest::NatsServer server;
-  std::vector<std::string> args = base_args(server.url());
-  args.insert(args.end(), {"--nats-server-managed", "false", "--tracelevel", "5"});
-  qmtest::Child broker(args);
-  ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
-  EXPECT_NE(broker.err().find("nats-server: external (--nats-server-managed=false); probing readiness"),
-            std::string::npos);
-  EXPECT_NE(broker.err().find("KV bootstrap: created bucket 'qm-av-scan-data'"), std::string::npos);
-  EXPECT_NE(broker.err().find("Connecting NATS relay (gateway leg) to " + server.url()), std::string::npos);
-  EXPECT_NE(broker.err().find("nats_relay: connected to " + server.url() + " (JetStream+KV ready)"),
-            std::string::npos);
-  EXPECT_NE(broker.err().find("NATS relay connected"), std::string::npos);
-  broker.signal(SIGHUP);  // only the credentials would be reloaded: there is no child
-  EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading", 10s));
-  broker.signal(SIGTERM);
-  EXPECT_EQ(broker.wait(30s), 0);
-  EXPECT_TRUE(process_alive(server.pid()));
-  // The relay goes after the front doors and before the auth-callout thread.
-  const std::string all = broker.err();
-  const size_t relay_down = all.find("Tearing down NATS relay");
-  ASSERT_NE(relay_down, std::string::npos) << all;
-  EXPECT_LT(relay_down, all.find("Stopping auth-callout thread"));
-}
-
-TEST_F(BrokerNats, UnreachableExternalServerIsFatal) {
-  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  std::vector<std::string> args = base_args(url);
-  args.insert(args.end(), {"--nats-server-managed", "false", "--nats-server-ready-timeout-seconds", "1"});
-  qmtest::Child broker(args);
-  EXPECT_EQ(broker.wait(30s), 1);
-  EXPECT_NE(broker.err().find("nats-server: external server not reachable at " + url), std::string::npos);
-  EXPECT_EQ(broker.err().find("qm-av-broker ready"), std::string::npos);
-}
-
-TEST_F(BrokerNats, ManagedChildThatNeverStartsIsFatal) {
-  const std::string url = "nats://127.0.0.1:" + std::to_string(qmtest::free_port());
-  std::vector<std::string> args = base_args(url);
-  args.insert(args.end(), {"--nats-server-binary", dir_.file("missing-nats-server"), "--nats-server-config",
-                           dir_.file("nats.conf"), "--nats-server-ready-timeout-seconds", "1"});
-  qmtest::Child broker(args);
-  EXPECT_EQ(broker.wait(30s), 1);
-  const std::string err = broker.err();
-  EXPECT_NE(err.find("nats-server: execv(" + dir_.file("missing-nats-server") + ") failed: "), std::string::npos);
-  EXPECT_NE(err.find("nats-server supervisor failed to start"), std::string::npos);
-  EXPECT_NE(err.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+// A broker killed outright cannot stop its server: the test fixture's process group
+// does, so that no test leaves a nats-server behind.
+TEST_F(BrokerNats, AKilledBrokersServerGoesWithItsFixture) {
+  pid_t server = -1;
+  {
+    qmtest::Child broker(managed_args(qmtest::nats_server_binary()));
+    ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+    server = server_pid();
+    ASSERT_TRUE(qmtest::process_running(server));
+    broker.signal(SIGKILL);
+    ASSERT_EQ(broker.wait(30s), 128 + SIGKILL);
+    EXPECT_TRUE(qmtest::process_running(server));  // orphaned, not ended
+  }
+  EXPECT_TRUE(qmtest::wait_until([&] { return !qmtest::process_running(server); }, 30s));
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// Work-queue names derived from a service name, truncated to the caller's buffer. Plain
+// names reach a real server in broker_kv_bootstrap_test.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -6,58 +8,37 @@
 
 namespace {
 
-std::string subject(const char* s) {
-  char buf[256];
-  qm_nats_wq_subject(s, buf, sizeof buf);
-  return buf;
-}
-std::string stream(const char* s) {
-  char buf[256];
-  qm_nats_wq_stream(s, buf, sizeof buf);
-  return buf;
-}
-std::string durable(const char* s) {
-  char buf[256];
-  qm_nats_wq_durable(s, buf, sizeof buf);
-  return buf;
-}
-
-TEST(WorkQueueNaming, PlainServiceName) {
-  EXPECT_EQ(subject("qm-av-scanproxy"), "jobs.qm-av-scanproxy");
-  EXPECT_EQ(stream("qm-av-scanproxy"), "JOBS_qm-av-scanproxy");
-  EXPECT_EQ(durable("qm-av-scanproxy"), "WORK_qm-av-scanproxy");
-}
-
-TEST(WorkQueueNaming, DotsStayInTheSubjectButNotInStreamAndDurable) {
-  EXPECT_EQ(subject("x.y"), "jobs.x.y");
-  EXPECT_EQ(stream("x.y"), "JOBS_x_y");
-  EXPECT_EQ(durable("a.b.c"), "WORK_a_b_c");
-  // Only dots are replaced.
-  EXPECT_EQ(stream("a*b>c d"), "JOBS_a*b>c d");
-}
-
-TEST(WorkQueueNaming, SanitizeTruncatesAndAlwaysTerminates) {
-  char out[4] = {'x', 'x', 'x', 'x'};
-  qm_nats_wq_sanitize("a.bcdef", out, sizeof out);
-  EXPECT_STREQ(out, "a_b");
-  char one[1] = {'x'};
-  qm_nats_wq_sanitize("abc", one, sizeof one);
-  EXPECT_EQ(one[0], '\0');
+TEST(WorkQueueNaming, PrefixesDotsAndTruncation) {
+  using namer = void (*)(const char*, char*, size_t);
+  const std::string long_name(300, 's');
+  const struct {
+    namer name;
+    std::string service;
+    size_t size;
+    std::string expected;
+  } cases[] = {
+      // Dots stay in the subject only; nothing else is replaced.
+      {qm_nats_wq_subject, "x.y", 256, "jobs.x.y"},
+      {qm_nats_wq_stream, "x.y", 256, "JOBS_x_y"},
+      {qm_nats_wq_durable, "a.b.c", 256, "WORK_a_b_c"},
+      {qm_nats_wq_stream, "a*b>c d", 256, "JOBS_a*b>c d"},
+      {qm_nats_wq_stream, "service", 8, "JOBS_se"},
+      {qm_nats_wq_subject, "service", 8, "jobs.se"},
+      // The sanitised name is capped at 199 characters before the prefix is added.
+      {qm_nats_wq_stream, long_name, 256, "JOBS_" + std::string(199, 's')},
+      {qm_nats_wq_subject, long_name, 256, ("jobs." + long_name).substr(0, 255)},
+      {qm_nats_wq_sanitize, "a.bcdef", 4, "a_b"},
+      {qm_nats_wq_sanitize, "abc", 1, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.service.substr(0, 10) + " in " + std::to_string(c.size));
+    std::string out(c.size, 'x');
+    c.name(c.service.c_str(), out.data(), out.size());
+    EXPECT_EQ(out.c_str(), c.expected);
+  }
   char untouched[2] = {'x', 'y'};
   qm_nats_wq_sanitize("abc", untouched, 0);
   EXPECT_EQ(untouched[0], 'x');
-}
-
-TEST(WorkQueueNaming, NamesAreTruncatedToTheCallersBuffer) {
-  char small[8];
-  qm_nats_wq_stream("service", small, sizeof small);
-  EXPECT_STREQ(small, "JOBS_se");
-  qm_nats_wq_subject("service", small, sizeof small);
-  EXPECT_STREQ(small, "jobs.se");
-  // The sanitised name is capped at 199 characters before the prefix is added.
-  const std::string long_name(300, 's');
-  EXPECT_EQ(stream(long_name.c_str()), "JOBS_" + std::string(199, 's'));
-  EXPECT_EQ(subject(long_name.c_str()), ("jobs." + long_name).substr(0, 255));
 }
 
 }  // namespace

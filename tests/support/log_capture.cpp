@@ -12,9 +12,11 @@ LogCapture::LogCapture(int level) : path_(dir_.file("captured.log")) {
   log_set_level(level);
 }
 
+// Back to the logger's initial state, quiet mode included.
 LogCapture::~LogCapture() {
   log_set_level(QMLOG_OFF);
   log_set_filename(nullptr);
+  log_set_quiet(0);
 }
 
 std::string LogCapture::text() const { return read_file(path_); }

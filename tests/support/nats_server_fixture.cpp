@@ -1,15 +1,14 @@
 #include "nats_server_fixture.hpp"
 
-#include <arpa/inet.h>
 #include <nats/nats.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
+
+#include "qm_handles.hpp"
 
 namespace qmtest {
 
@@ -29,54 +28,42 @@ void write_nats_server_config(const std::string& path, int port, const std::stri
 }
 
 bool nats_accepts_connections(const std::string& url, int timeout_ms) {
-  natsOptions* opts = nullptr;
-  if (natsOptions_Create(&opts) != NATS_OK) return false;
-  natsOptions_SetURL(opts, url.c_str());
-  natsOptions_SetTimeout(opts, timeout_ms);
-  natsOptions_SetAllowReconnect(opts, false);
+  natsOptions* raw_opts = nullptr;
+  if (natsOptions_Create(&raw_opts) != NATS_OK) return false;
+  const qm::nats_options_ptr opts(raw_opts);
+  natsOptions_SetURL(raw_opts, url.c_str());
+  natsOptions_SetTimeout(raw_opts, timeout_ms);
+  natsOptions_SetAllowReconnect(raw_opts, false);
   natsConnection* nc = nullptr;
-  const natsStatus s = natsConnection_Connect(&nc, opts);
-  natsConnection_Destroy(nc);
-  natsOptions_Destroy(opts);
+  const natsStatus s = natsConnection_Connect(&nc, raw_opts);
+  const qm::nats_connection_ptr connection(nc);
   return s == NATS_OK;
 }
 
-namespace {
-
-// The server greets every client with INFO before any authentication, so this works
-// whatever users the configuration defines.
-bool s_greets_with_info(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  timeval timeout{1, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  char greeting[5] = {};
-  const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-                  recv(fd, greeting, 4, MSG_WAITALL) == 4 && std::string(greeting) == "INFO";
-  close(fd);
-  return ok;
-}
-
-}  // namespace
-
 NatsServer::NatsServer(NatsServerOptions options) {
-  port_ = options.port > 0 ? options.port : free_port();
   config_path_ = dir_.file("nats-server.conf");
   log_path_ = dir_.file("nats-server.log");
-  write_nats_server_config(config_path_, port_, options.jetstream ? dir_.file("jetstream") : "",
-                           options.extra_config, log_path_);
+  // Port -1: the server binds a free port of its own choosing and writes it to a file in
+  // ports_file_dir once it listens.
+  write_nats_server_config(config_path_, options.port > 0 ? options.port : -1,
+                           options.jetstream ? dir_.file("jetstream") : "",
+                           "ports_file_dir: \"" + dir_.path().string() + "\"\n" + options.extra_config, log_path_);
   child_ = std::make_unique<Child>(std::vector<std::string>{nats_server_binary(), "-c", config_path_});
-  const bool up = wait_until([&] { return !child_->running() || s_greets_with_info(port_); },
-                             std::chrono::seconds(20));
-  if (!up || !child_->running()) {
+  const std::string ports_file =
+      dir_.file(std::filesystem::path(nats_server_binary()).filename().string() + "_" +
+                std::to_string(child_->pid()) + ".ports");
+  const std::string prefix = "[\"nats://127.0.0.1:";
+  std::string ports;
+  // Read until the file is whole: it ends with the closing brace.
+  wait_until([&] { return !child_->running() || (ports = read_file(ports_file)).ends_with("}"); },
+             std::chrono::seconds(20));
+  const size_t at = ports.find(prefix);
+  if (at == std::string::npos || !child_->running()) {
     const std::string why = log();
     stop();
-    throw std::runtime_error("nats-server did not come up on " + url() + ": " + why);
+    throw std::runtime_error("nats-server did not come up: " + why);
   }
+  port_ = std::stoi(ports.substr(at + prefix.size()));
 }
 
 NatsServer::~NatsServer() { stop(); }

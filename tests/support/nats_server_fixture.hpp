@@ -1,6 +1,6 @@
-// A real nats-server for tests: the project's binary on a free 127.0.0.1 port, with its
-// configuration, JetStream store and log in a temporary directory. It is always
-// stopped (SIGTERM, then SIGKILL) when the object goes away.
+// A real nats-server for tests: the project's binary on a 127.0.0.1 port it chooses
+// itself, with its configuration, JetStream store and log in a temporary directory. It
+// is always stopped (SIGTERM, then SIGKILL) when the object goes away.
 #pragma once
 
 #include <sys/types.h>
@@ -19,7 +19,7 @@ struct NatsServerOptions {
   bool jetstream = true;
   // Appended to the generated configuration as it is (users, authorization blocks ...).
   std::string extra_config;
-  // 0: pick a free port.
+  // 0: the server picks a free one. Another port should be held by a ReservedPort.
   int port = 0;
 };
 
@@ -31,8 +31,7 @@ void write_nats_server_config(const std::string& path, int port, const std::stri
 
 class NatsServer {
  public:
-  // Starts the server and waits until it accepts NATS connections; throws when it
-  // does not within 20 s.
+  // Starts the server and waits until it listens; throws when it does not within 20 s.
   explicit NatsServer(NatsServerOptions options = {});
   ~NatsServer();
   NatsServer(const NatsServer&) = delete;

@@ -5,10 +5,13 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -34,21 +37,62 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
-int free_port() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("socket failed");
+int free_port() { return ReservedPort().port(); }
+
+ReservedPort::ReservedPort() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const int on = 1;
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
   socklen_t len = sizeof addr;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    close(fd);
-    throw std::runtime_error("bind failed");
+  if (fd_ < 0 || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+      bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    if (fd_ >= 0) close(fd_);
+    throw std::runtime_error("cannot reserve a port");
   }
-  close(fd);
-  return ntohs(addr.sin_port);
+  port_ = ntohs(addr.sin_port);
+}
+
+ReservedPort::~ReservedPort() { close(fd_); }
+
+void ReservedPort::listen(int backlog) const {
+  if (::listen(fd_, backlog) != 0) throw std::runtime_error("cannot listen on port " + std::to_string(port_));
+}
+
+std::string ReservedPort::url(const std::string& scheme) const {
+  return scheme + "://127.0.0.1:" + std::to_string(port_);
+}
+
+NotifySocket::NotifySocket(const std::string& name) : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  // An abstract name starts with a NUL and is padded with NULs to the full size, as the
+  // sender addresses it.
+  memcpy(addr.sun_path + (name[0] == '@'), name.data() + (name[0] == '@'),
+         std::min(name.size() - (name[0] == '@'), sizeof addr.sun_path - 1));
+  const timeval timeout{30, 0};
+  if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
+    if (fd_ >= 0) close(fd_);
+    throw std::runtime_error("cannot bind notify socket " + name);
+  }
+}
+
+NotifySocket::~NotifySocket() { close(fd_); }
+
+std::string NotifySocket::receive() const {
+  char buf[256];
+  const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+  return n < 0 ? std::string("<nothing>") : std::string(buf, static_cast<size_t>(n));
+}
+
+bool process_running(pid_t pid) {
+  if (pid <= 0) return false;
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  const size_t name_end = stat.rfind(')');
+  return name_end != std::string::npos && name_end + 2 < stat.size() && stat[name_end + 2] != 'Z' &&
+         stat[name_end + 2] != 'X';
 }
 
 std::string read_file(const std::string& path) {
@@ -105,6 +149,7 @@ Child::Child(std::vector<std::string> argv, std::vector<std::string> extra_env,
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
+    setpgid(0, 0);
     const int out_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int err_fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int null_fd = open("/dev/null", O_RDONLY);
@@ -119,13 +164,15 @@ Child::Child(std::vector<std::string> argv, std::vector<std::string> extra_env,
     execve(argv_c[0], argv_c.data(), env_c.data());
     _exit(127);
   }
+  setpgid(pid_, pid_);  // both sides, so that the group exists whichever runs first
 }
 
 Child::~Child() {
-  if (running()) {
-    kill(pid_, SIGKILL);
-    wait(std::chrono::seconds(10));
-  }
+  if (pid_ <= 0) return;
+  // The group outlives its leader while anything in it runs, so this also reaches a
+  // grandchild whose parent has already ended.
+  kill(-pid_, SIGKILL);
+  if (running()) wait(std::chrono::seconds(10));
 }
 
 bool Child::running() {

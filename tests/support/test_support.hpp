@@ -1,5 +1,5 @@
-// Fixtures shared by the tests: temporary directories, free loopback ports, child
-// processes with captured output, and waiting on a condition with a deadline.
+// Fixtures shared by the tests: temporary directories, loopback ports, child processes
+// with captured output, and waiting on a condition with a deadline.
 #pragma once
 
 #include <signal.h>
@@ -30,8 +30,52 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-// A TCP port on 127.0.0.1 that was free a moment ago.
+// A TCP port on 127.0.0.1 that was free a moment ago. Racy: under ctest -j another
+// process can take it before the server it is meant for binds it. Let the server choose
+// (port 0, nats-server's -1) and read the port back, or hold a ReservedPort instead.
 int free_port();
+
+// A port on 127.0.0.1 held for the object's lifetime by a bound socket that does not
+// listen: connections to it are refused, and neither free_port() nor an outgoing
+// connection anywhere on the machine can be given it. A server that binds with
+// SO_REUSEADDR (nats-server does) still can, so it suits a server whose port must be
+// known before it starts, and restarts, such as a broker's managed nats-server.
+class ReservedPort {
+ public:
+  ReservedPort();
+  ~ReservedPort();
+  ReservedPort(const ReservedPort&) = delete;
+  ReservedPort& operator=(const ReservedPort&) = delete;
+
+  int port() const { return port_; }
+  // Makes the socket listen, for a peer the test plays itself; throws when it cannot.
+  void listen(int backlog) const;
+  // "<scheme>://127.0.0.1:<port>"
+  std::string url(const std::string& scheme = "nats") const;
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+};
+
+// A bound UNIX datagram socket standing in for a service manager's notify socket.
+// name: a file path, or "@name" for the abstract namespace. Throws when it cannot bind.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& name);
+  ~NotifySocket();
+  NotifySocket(const NotifySocket&) = delete;
+  NotifySocket& operator=(const NotifySocket&) = delete;
+
+  // The next datagram, or "<nothing>" when none comes within 30 s.
+  std::string receive() const;
+
+ private:
+  int fd_ = -1;
+};
+
+// True while pid names a process that has not ended (a zombie has ended).
+bool process_running(pid_t pid);
 
 // Whole-file helpers; read_file returns "" for a missing file.
 std::string read_file(const std::string& path);
@@ -43,7 +87,9 @@ std::set<std::string> dir_entries(const std::string& dir);
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
 
 // A child process whose standard output and error go to files in its own temporary
-// directory. The destructor kills (SIGKILL) and reaps a child that is still running.
+// directory. It leads a process group of its own; the destructor kills (SIGKILL) the
+// whole group, so that what the child started (a broker's nats-server) goes with it,
+// and reaps the child.
 class Child {
  public:
   // argv[0] is the program path. extra_env entries ("NAME=value") are added to the
