@@ -9,23 +9,12 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "auth_handler.hpp"
 #include "auth_jwt.hpp"
-#include "broker_auth_thread.hpp"
-#include "gw_auth_cache.hpp"
-#include "gw_credential_store.hpp"
+#include "qm_cpp.hpp"
 
 namespace qmtest {
 
 using namespace std::chrono_literals;
-
-std::string issuer_nkey(const std::string& seed_path) {
-  auth_jwt_ctx_t* ctx = auth_jwt_init(seed_path.c_str());
-  if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
-  std::string key = auth_jwt_public_key(ctx);
-  auth_jwt_destroy(ctx);
-  return key;
-}
 
 std::unique_ptr<Slapd> start_directory() {
   SlapdOptions options;
@@ -34,19 +23,21 @@ std::unique_ptr<Slapd> start_directory() {
       "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
       "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
       "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
-      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n"
-      "dn: uid=lara,ou=people,dc=qm,dc=test\nobjectClass: account\nobjectClass: posixAccount\n"
-      "objectClass: qmGroupMember\nuid: lara\ncn: lara\nuidNumber: 2001\ngidNumber: 2000\n"
-      "homeDirectory: /home/lara\nuserPassword: lara-pw\nmemberOf: " +
-      std::string(kScannersGroup) + "\n\n";
-  options.extra_schema =
-      "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
-      "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
-      "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
+      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n" +
+      posix_user_ldif("uid=lara,ou=people,dc=qm,dc=test", "lara", "lara-pw", 2001, {kScannersGroup}) +
+      posix_user_ldif("uid=leo,ou=people,dc=qm,dc=test", "leo", "leo-pw", 2002);
+  options.extra_schema = kMemberOfSchema;
   return std::make_unique<Slapd>(options);
 }
 
 namespace {
+
+// The issuer NKey of the seed at seed_path (made when missing).
+std::string issuer_nkey(const std::string& seed_path) {
+  const qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> ctx(auth_jwt_init(seed_path.c_str()));
+  if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
+  return auth_jwt_public_key(ctx.get());
+}
 
 // Below this level the broker logs neither its readiness nor its subscriptions.
 constexpr int kInfoLevel = 4;
@@ -147,42 +138,6 @@ CalloutEnv::~CalloutEnv() {
   }
   broker_.reset();
   server_.reset();
-}
-
-InProcessCallout::InProcessCallout(const CalloutOptions& options) {
-  const std::string seed = dir_.file("issuer.seed");
-  NatsServerOptions server_options;
-  server_options.jetstream = false;
-  server_options.extra_config = CalloutEnv::authorization_block(issuer_nkey(seed));
-  server_ = std::make_unique<NatsServer>(server_options);
-  write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(options.users));
-  config_ = auth_config_new();
-  config_->nats_url = server_->url();
-  config_->nats_user = CalloutEnv::kAuthUser;
-  config_->nats_password = CalloutEnv::kAuthPassword;
-  config_->signing_key_path = seed;
-  if (!options.permissions_json.empty()) {
-    write_file(dir_.file("permissions.json"), options.permissions_json);
-    config_->permissions_file_path = dir_.file("permissions.json");
-  }
-  credentials_ = gw_credential_store_load(dir_.file("credentials.conf").c_str());
-  cache_ = gw_auth_cache_create(1024, 120, 10, 50);
-  service_ = auth_service_create(config_, credentials_, cache_);
-  thread_ = broker_auth_thread_create(service_);
-  if (broker_auth_thread_start(thread_) != 0) {
-    release();
-    throw std::runtime_error("the auth service did not start");
-  }
-}
-
-InProcessCallout::~InProcessCallout() { release(); }
-
-void InProcessCallout::release() {
-  broker_auth_thread_destroy(std::exchange(thread_, nullptr));
-  auth_service_destroy(std::exchange(service_, nullptr));
-  gw_auth_cache_destroy(std::exchange(cache_, nullptr));
-  gw_credential_store_free(std::exchange(credentials_, nullptr));
-  auth_config_free(std::exchange(config_, nullptr));
 }
 
 std::string CalloutEnv::server_log() const { return server_ ? server_->log() : read_file(server_log_); }

@@ -14,12 +14,6 @@
 #include "slapd_fixture.hpp"
 #include "test_support.hpp"
 
-struct auth_config;
-struct auth_service;
-struct broker_auth_thread;
-struct gw_auth_cache;
-struct gw_credential_store;
-
 namespace qmtest {
 
 using user_list = std::vector<std::pair<std::string, std::string>>;
@@ -85,40 +79,12 @@ class CalloutEnv {
   std::unique_ptr<Child> broker_;
 };
 
-// The auth service inside the test process, answering the callout of a real nats-server,
-// with its result cache within the test's reach (the HTTP frontend shares that cache
-// object in the broker). Only `users` and `permissions_json` of the options apply.
-class InProcessCallout {
- public:
-  explicit InProcessCallout(const CalloutOptions& options);
-  ~InProcessCallout();
-  InProcessCallout(const InProcessCallout&) = delete;
-  InProcessCallout& operator=(const InProcessCallout&) = delete;
-
-  std::string url() const { return server_->url(); }
-  gw_auth_cache* cache() const { return cache_; }
-
- private:
-  void release();
-
-  TempDir dir_;
-  std::unique_ptr<NatsServer> server_;
-  auth_config* config_ = nullptr;
-  gw_credential_store* credentials_ = nullptr;
-  gw_auth_cache* cache_ = nullptr;
-  auth_service* service_ = nullptr;
-  broker_auth_thread* thread_ = nullptr;
-};
-
 // A directory for the auth tests: the service account kReaderDn (password
-// "reader-secret") under dc=qm,dc=test and one user, lara (password "lara-pw"), member of
-// kScannersGroup through her memberOf attribute.
+// "reader-secret") under dc=qm,dc=test and two users: lara (password "lara-pw"), member
+// of kScannersGroup through her memberOf attribute, and leo (password "leo-pw"), in no group.
 inline constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
 inline constexpr const char* kScannersGroup = "cn=scanners,ou=groups,dc=qm,dc=test";
 std::unique_ptr<Slapd> start_directory();
-
-// The issuer NKey of the seed at seed_path (made when missing).
-std::string issuer_nkey(const std::string& seed_path);
 
 // A client login as user/password: NATS_OK and a connection, or the failure.
 struct NatsLogin {

@@ -48,20 +48,44 @@ std::vector<tcp_socket_row> s_tcp_rows() {
 }
 
 constexpr int kTcpEstablished = 1;
+constexpr int kStartAttempts = 5;
 
 }  // namespace
 
+std::string posix_user_ldif(const std::string& dn, const std::string& uid, const std::string& password, int number,
+                            const std::vector<std::string>& groups) {
+  const std::string n = std::to_string(number);
+  std::string entry = "dn: " + dn + "\nobjectClass: account\nobjectClass: posixAccount\n";
+  if (!groups.empty()) entry += "objectClass: qmGroupMember\n";
+  entry += "uid: " + uid + "\ncn: user" + n + "\nuidNumber: " + n + "\ngidNumber: 1000\nhomeDirectory: /home/user" + n +
+           "\nuserPassword: " + password + "\n";
+  for (const auto& group : groups) entry += "memberOf: " + group + "\n";
+  return entry + "\n";
+}
+
 Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
-  port_ = free_port();
-  url_ = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
   std::filesystem::create_directory(dir_.path() / "db");
-  if (options_.tls) {
-    ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
-    make_test_certificates(dir_, "qmtest slapd CA");
-  }
+  if (options_.tls) make_test_certificates(dir_, "qmtest slapd CA");
   write_config();
   load_ldif();
-  start();
+  start_on_a_free_port();
+}
+
+// A port from free_port() is closed again before slapd binds it, so a parallel test may
+// take it first: slapd then exits at once, and the start is tried on other ports.
+void Slapd::start_on_a_free_port() {
+  for (int attempt = 1;; ++attempt) {
+    port_ = free_port();
+    url_ = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
+    if (options_.tls) ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
+    try {
+      start();
+      return;
+    } catch (const std::runtime_error&) {
+      if (exited_at_start_ && attempt < kStartAttempts) continue;
+      throw;
+    }
+  }
 }
 
 Slapd::~Slapd() {
@@ -131,6 +155,7 @@ void Slapd::start() {
                                                             listeners});
   paused_ = false;
   const bool up = wait_until([this] { return !child_->running() || answers(); }, kStartTimeout);
+  exited_at_start_ = !child_->running();
   if (!up || !child_->running()) {
     const std::string output = child_->err();
     child_.reset();
@@ -187,6 +212,13 @@ long Slapd::unread_request_bytes() const {
   for (const auto& row : s_tcp_rows())
     if (row.local_port == port_ && row.state == kTcpEstablished) bytes += row.rx_queue;
   return bytes;
+}
+
+int Slapd::connections_with_unread_requests() const {
+  int count = 0;
+  for (const auto& row : s_tcp_rows())
+    if (row.local_port == port_ && row.state == kTcpEstablished && row.rx_queue > 0) ++count;
+  return count;
 }
 
 std::string Slapd::output() const { return child_ ? child_->err() : std::string(); }

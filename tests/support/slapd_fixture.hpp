@@ -1,16 +1,29 @@
 // A real OpenLDAP slapd as a child process: its own configuration and mdb database in a
 // temporary directory, loaded from an LDIF before the first start, listening on
-// ldap://127.0.0.1:<free port>/. Always stopped by the destructor.
+// ldap://127.0.0.1:<free port>/ (another port is tried when that one was taken before
+// slapd could bind it). Always stopped by the destructor.
 #pragma once
 
 #include <sys/types.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "test_support.hpp"
 
 namespace qmtest {
+
+// memberOf as a plain user attribute that the directory keeps on each user's entry.
+inline constexpr const char* kMemberOfSchema =
+    "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
+    "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
+    "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
+
+// The LDIF entry of a posix account at dn, member of `groups` through memberOf (needs
+// kMemberOfSchema when there are groups).
+std::string posix_user_ldif(const std::string& dn, const std::string& uid, const std::string& password, int number,
+                            const std::vector<std::string>& groups = {});
 
 struct SlapdOptions {
   std::string suffix = "dc=qm,dc=test";
@@ -64,12 +77,16 @@ class Slapd {
   int established_connections() const;
   // Bytes received on those connections that slapd has not read yet.
   long unread_request_bytes() const;
+  // Those connections with a request that slapd has not read yet (clients waiting on a
+  // paused server).
+  int connections_with_unread_requests() const;
   // Everything slapd has written to standard error since the last start.
   std::string output() const;
 
  private:
   void write_config() const;
   void load_ldif() const;
+  void start_on_a_free_port();
   bool answers() const;
   bool all_threads_stopped() const;
 
@@ -80,6 +97,7 @@ class Slapd {
   std::string ldaps_url_;
   std::unique_ptr<Child> child_;
   bool paused_ = false;
+  bool exited_at_start_ = false;
 };
 
 }  // namespace qmtest
