@@ -276,33 +276,44 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
 }
 
 TEST(CalloutLdap, FileThenLdapWithoutAUsableDirectoryStartsDegradedAndFileUsersLogIn) {
-  // No directory URL: the LDAP tier cannot be set up at all.
+  // No directory URL: the LDAP tier cannot be set up at all. (Cache settings ride along:
+  // without grants the refresh threshold goes in as 0; a non-positive size means 1,024.)
   CalloutOptions options = file_users();
-  options.broker_args = {"--auth-backend", "file+ldap", "--ldap-base-dn", "dc=qm,dc=test"};
+  options.broker_args = {"--auth-backend", "file+ldap", "--ldap-base-dn", "dc=qm,dc=test", "--auth-cache-ttl-seconds",
+                         "0", "--auth-cache-max-entries", "-4"};
   CalloutEnv env(options);
-  EXPECT_NE(env.broker().err().find("auth_service: LDAP backend init failed \u2014 running in degraded file-only "
-                                    "mode."),
+  const std::string log = env.broker().err();
+  EXPECT_NE(log.find("auth_service: LDAP backend init failed \u2014 running in degraded file-only mode."),
+            std::string::npos);
+  EXPECT_NE(log.find("auth_cache: enabled (capacity=1024, grant_ttl=0s, deny_ttl=10s, refresh_threshold=0%"),
             std::string::npos);
   EXPECT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
 }
 
-// Without its adjudicator the broker is of no use: a start-up failure of the service ends
-// the broker with exit code 1, before it ever says it is ready.
-TEST(CalloutStartup, AServiceThatCannotStartIsFatal) {
+// Without its credentials or its adjudicator the broker is of no use: a start-up failure
+// of either ends the broker with exit code 1, before it ever says it is ready.
+TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
   struct failure {
     const char* name;
     std::vector<std::string> args;
-    const char* logged;
+    std::string logged;
+    std::string stage;
   };
   qmtest::TempDir dir;
   std::filesystem::create_directory(dir.file("key-dir"));
   qmtest::write_file(dir.file("bad.json"), "{\"profiles\": [");
+  const std::string missing = dir.file("missing.conf");
+  const std::string service = "Failed to start auth-callout thread";
   const failure failures[] = {
-      {"LDAP-only without a directory", {"--auth-backend", "ldap"}, "auth_service: failed to initialize LDAP backend"},
+      {"missing credentials file", {"--auth-file", missing},
+       "credential_store: cannot open " + missing + ": No such file or directory",
+       "Failed to load credentials from " + missing},
+      {"LDAP-only without a directory", {"--auth-backend", "ldap"}, "auth_service: failed to initialize LDAP backend",
+       service},
       {"broken permissions file", {"--permissions-file", dir.file("bad.json")},
-       "auth_service: failed to load permissions file"},
+       "auth_service: failed to load permissions file", service},
       {"unreadable signing key", {"--auth-signing-key", dir.file("key-dir")},
-       "auth_service: failed to initialize JWT signing"},
+       "auth_service: failed to initialize JWT signing", service},
   };
   qmtest::NatsServer server;
   qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
@@ -316,9 +327,26 @@ TEST(CalloutStartup, AServiceThatCannotStartIsFatal) {
     ASSERT_EQ(broker.wait(30s), 1) << broker.err();
     const std::string log = broker.err();
     EXPECT_NE(log.find(f.logged), std::string::npos) << log;
-    EXPECT_NE(log.find("Failed to start auth-callout thread"), std::string::npos) << log;
+    EXPECT_NE(log.find(f.stage), std::string::npos) << log;
     EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos) << log;
   }
+}
+
+// --print-issuer-nkey makes the seed once and prints the same account key every time.
+TEST(CalloutStartup, PrintIssuerNkeyCreatesTheSeedOnceAndPrintsAStableAccountKey) {
+  qmtest::TempDir dir;
+  std::string first;
+  for (int run = 0; run < 2; ++run) {
+    qmtest::Child broker({qmtest::broker_binary(), "--print-issuer-nkey", "--auth-signing-key", dir.file("seed")});
+    ASSERT_EQ(broker.wait(30s), 0) << broker.err();
+    const std::string out = broker.out();
+    ASSERT_EQ(out.size(), 57u) << out;
+    EXPECT_EQ(out[0], 'A');
+    EXPECT_EQ(out.back(), '\n');
+    if (run == 0) first = out;
+    EXPECT_EQ(out, first);
+  }
+  EXPECT_EQ(std::filesystem::file_size(dir.file("seed")), 32u);
 }
 
 // ---- the verify endpoint, and hostile strings from clients ----
@@ -466,10 +494,13 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
 
 // ---- the broker around the service ----
 
+// Without a cache (both TTLs 0) every login is a live check against the reloaded file.
 TEST(CalloutBroker, RenamedCredentialsFileAdmitsANewUserAndSighupReachesTheChild) {
   CalloutOptions options = file_users();
   options.managed = true;
+  options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
   CalloutEnv env(options);
+  EXPECT_NE(env.broker().err().find("auth_cache: disabled by config (both TTLs == 0)"), std::string::npos);
   EXPECT_NE(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
   const std::string next = env.credentials_path() + ".new";
   qmtest::write_file(next, CalloutEnv::credentials_text({{"alice", "wonder"}, {"carol", "fresh"}}));
@@ -497,6 +528,16 @@ TEST(CalloutBroker, AReloadedFileOverridesGrantsTheCacheHeld) {
   EXPECT_NE(nats_login(env.url(), "bob", "builder").status, NATS_OK);
   EXPECT_EQ(nats_login(env.url(), "bob", "rebuilt").status, NATS_OK);
   EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=alice backend=none reason=invalid-credentials", 5s));
+  EXPECT_NE(env.broker().err().find("SIGHUP: reloading credential store + forwarding to nats-server"),
+            std::string::npos);
+
+  // Without the file the broker keeps the table it has.
+  std::filesystem::remove(env.credentials_path());
+  env.broker().signal(SIGHUP);
+  ASSERT_TRUE(env.broker().wait_for_err(
+      "SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries", 10s))
+      << env.broker().err();
+  EXPECT_EQ(nats_login(env.url(), "bob", "rebuilt").status, NATS_OK);
 }
 
 // Logins keep arriving while the broker stops, and the child and the broker get SIGTERM at
