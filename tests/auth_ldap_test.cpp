@@ -29,43 +29,19 @@
 namespace {
 
 using namespace std::chrono_literals;
-using qmtest::posix_user_ldif;
 using qmtest::Slapd;
-using qmtest::SlapdOptions;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
+using qmtest::kAdminsGroup;
+using qmtest::kReaderDn;
+using qmtest::kScannersGroup;
+
 constexpr const char* kBase = "dc=qm,dc=test";
-constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
 constexpr const char* kReaderPassword = "reader-secret";
 constexpr const char* kAliceDn = "uid=alice,ou=people,dc=qm,dc=test";
 constexpr const char* kAlicePassword = "alice-pw";
-constexpr const char* kScanners = "cn=scanners,ou=groups,dc=qm,dc=test";
-constexpr const char* kAdmins = "cn=admins,ou=groups,dc=qm,dc=test";
-
-std::unique_ptr<Slapd> s_start_directory(bool tls = false) {
-  SlapdOptions options;
-  options.ldif =
-      "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
-      "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
-      "dn: ou=staff,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: staff\n\n"
-      "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
-      "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
-      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n" +
-      posix_user_ldif(kAliceDn, "alice", kAlicePassword, 1001, {kScanners, kAdmins}) +
-      posix_user_ldif("uid=bob,ou=people,dc=qm,dc=test", "bob", "bob-pw", 1002) +
-      posix_user_ldif("uid=carol,ou=people,dc=qm,dc=test", "carol", "carol-pw", 1003, {kScanners}) +
-      // The same uid twice: a filter on it matches two entries.
-      posix_user_ldif("uid=twin,ou=people,dc=qm,dc=test", "twin", "twin-pw", 1004) +
-      posix_user_ldif("uid=twin,ou=staff,dc=qm,dc=test", "twin", "twin-pw", 1005) +
-      // Names made of filter metacharacters, to show that escaping keeps them usable.
-      posix_user_ldif("cn=odd one,ou=people,dc=qm,dc=test", "we)(ird*", "odd-pw", 1006) +
-      posix_user_ldif("cn=back slash,ou=people,dc=qm,dc=test", "back\\slash", "slash-pw", 1007);
-  options.extra_schema = qmtest::kMemberOfSchema;
-  options.tls = tls;
-  return std::make_unique<Slapd>(options);
-}
 
 // A loopback URL on which nothing listens.
 std::string s_closed_url() { return "ldap://127.0.0.1:" + std::to_string(qmtest::free_port()) + "/"; }
@@ -108,7 +84,7 @@ std::vector<int> s_socket_fds() {
 
 class AuthLdapTest : public ::testing::Test {
  protected:
-  void SetUp() override { directory_ = s_start_directory(); }
+  void SetUp() override { directory_ = qmtest::start_directory(); }
   ldap_setup setup(int pool_size = 4) const {
     ldap_setup setup;
     setup.url = directory_->url();
@@ -170,13 +146,13 @@ TEST_F(AuthLdapVerdicts, PasswordsFilterEscapingAndGroups) {
     SCOPED_TRACE("every value of the group attribute, none on a refusal or without the attribute");
     ldap_user_info_t info;
     ASSERT_TRUE(auth_ldap_validate_ext(ctx.get(), "alice", kAlicePassword, &info));
-    EXPECT_THAT(s_groups(info), UnorderedElementsAre(kScanners, kAdmins));
+    EXPECT_THAT(s_groups(info), UnorderedElementsAre(kScannersGroup, kAdminsGroup));
     ldap_user_info_free(&info);
     EXPECT_EQ(info.groups, nullptr);
     EXPECT_EQ(info.n_groups, 0);
     ldap_user_info_free(&info);
     ASSERT_TRUE(auth_ldap_validate_ext(ctx.get(), "carol", "carol-pw", &info));
-    EXPECT_THAT(s_groups(info), UnorderedElementsAre(kScanners));
+    EXPECT_THAT(s_groups(info), UnorderedElementsAre(kScannersGroup));
     ldap_user_info_free(&info);
     ASSERT_TRUE(auth_ldap_validate_ext(ctx.get(), "bob", "bob-pw", &info));
     EXPECT_EQ(info.groups, nullptr);
@@ -237,7 +213,7 @@ TEST_F(AuthLdapVerdicts, ConfigurationServiceBindAndFallbackInheritance) {
 
 TEST(AuthLdapTls, EachContextTrustsOnlyItsOwnUsableCaFile) {
   qmtest::LogCapture log(QMLOG_TRACE);
-  auto directory = s_start_directory(true);
+  auto directory = qmtest::start_directory(true);
   auto init = [&](const std::string& url, const std::string& ca_file) {
     ldap_setup setup;
     setup.url = url;
@@ -272,7 +248,7 @@ class AuthLdapFailover : public AuthLdapTest {
  protected:
   void SetUp() override {
     AuthLdapTest::SetUp();
-    fallback_ = s_start_directory();
+    fallback_ = qmtest::start_directory();
   }
   ctx_ptr init_pair(int pool_size) const {
     ldap_setup pair = setup(pool_size);

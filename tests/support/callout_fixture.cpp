@@ -16,20 +16,6 @@ namespace qmtest {
 
 using namespace std::chrono_literals;
 
-std::unique_ptr<Slapd> start_directory() {
-  SlapdOptions options;
-  options.ldif =
-      "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
-      "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
-      "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
-      "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
-      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n" +
-      posix_user_ldif("uid=lara,ou=people,dc=qm,dc=test", "lara", "lara-pw", 2001, {kScannersGroup}) +
-      posix_user_ldif("uid=leo,ou=people,dc=qm,dc=test", "leo", "leo-pw", 2002);
-  options.extra_schema = kMemberOfSchema;
-  return std::make_unique<Slapd>(options);
-}
-
 namespace {
 
 // The issuer NKey of the seed at seed_path (made when missing).

@@ -79,13 +79,6 @@ class CalloutEnv {
   std::unique_ptr<Child> broker_;
 };
 
-// A directory for the auth tests: the service account kReaderDn (password
-// "reader-secret") under dc=qm,dc=test and two users: lara (password "lara-pw"), member
-// of kScannersGroup through her memberOf attribute, and leo (password "leo-pw"), in no group.
-inline constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
-inline constexpr const char* kScannersGroup = "cn=scanners,ou=groups,dc=qm,dc=test";
-std::unique_ptr<Slapd> start_directory();
-
 // A client login as user/password: NATS_OK and a connection, or the failure.
 struct NatsLogin {
   natsStatus status = NATS_ERR;

@@ -50,18 +50,24 @@ std::vector<tcp_socket_row> s_tcp_rows() {
 constexpr int kTcpEstablished = 1;
 constexpr int kStartAttempts = 5;
 
-}  // namespace
+// memberOf as a plain user attribute that the directory keeps on each user's entry.
+constexpr const char* kMemberOfSchema =
+    "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
+    "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
+    "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
 
-std::string posix_user_ldif(const std::string& dn, const std::string& uid, const std::string& password, int number,
-                            const std::vector<std::string>& groups) {
+std::string s_posix_user(const std::string& rdn, const std::string& uid, const std::string& password, int number,
+                         const std::vector<std::string>& groups = {}) {
   const std::string n = std::to_string(number);
-  std::string entry = "dn: " + dn + "\nobjectClass: account\nobjectClass: posixAccount\n";
+  std::string entry = "dn: " + rdn + ",dc=qm,dc=test\nobjectClass: account\nobjectClass: posixAccount\n";
   if (!groups.empty()) entry += "objectClass: qmGroupMember\n";
   entry += "uid: " + uid + "\ncn: user" + n + "\nuidNumber: " + n + "\ngidNumber: 1000\nhomeDirectory: /home/user" + n +
            "\nuserPassword: " + password + "\n";
   for (const auto& group : groups) entry += "memberOf: " + group + "\n";
   return entry + "\n";
 }
+
+}  // namespace
 
 Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
   std::filesystem::create_directory(dir_.path() / "db");
@@ -221,6 +227,27 @@ int Slapd::connections_with_unread_requests() const {
   return count;
 }
 
-std::string Slapd::output() const { return child_ ? child_->err() : std::string(); }
+std::unique_ptr<Slapd> start_directory(bool tls) {
+  SlapdOptions options;
+  options.ldif =
+      "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
+      "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
+      "dn: ou=staff,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: staff\n\n"
+      "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
+      "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
+      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n" +
+      s_posix_user("uid=alice,ou=people", "alice", "alice-pw", 1001, {kScannersGroup, kAdminsGroup}) +
+      s_posix_user("uid=bob,ou=people", "bob", "bob-pw", 1002) +
+      s_posix_user("uid=carol,ou=people", "carol", "carol-pw", 1003, {kScannersGroup}) +
+      s_posix_user("uid=lara,ou=people", "lara", "lara-pw", 1004, {kScannersGroup}) +
+      s_posix_user("uid=leo,ou=people", "leo", "leo-pw", 1005) +
+      s_posix_user("cn=odd one,ou=people", "we)(ird*", "odd-pw", 1006) +
+      s_posix_user("cn=back slash,ou=people", "back\\slash", "slash-pw", 1007) +
+      s_posix_user("uid=twin,ou=people", "twin", "twin-pw", 1008) +
+      s_posix_user("uid=twin,ou=staff", "twin", "twin-pw", 1009);
+  options.extra_schema = kMemberOfSchema;
+  options.tls = tls;
+  return std::make_unique<Slapd>(options);
+}
 
 }  // namespace qmtest

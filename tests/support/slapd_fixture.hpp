@@ -8,22 +8,10 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "test_support.hpp"
 
 namespace qmtest {
-
-// memberOf as a plain user attribute that the directory keeps on each user's entry.
-inline constexpr const char* kMemberOfSchema =
-    "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
-    "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
-    "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
-
-// The LDIF entry of a posix account at dn, member of `groups` through memberOf (needs
-// kMemberOfSchema when there are groups).
-std::string posix_user_ldif(const std::string& dn, const std::string& uid, const std::string& password, int number,
-                            const std::vector<std::string>& groups = {});
 
 struct SlapdOptions {
   std::string suffix = "dc=qm,dc=test";
@@ -54,7 +42,6 @@ class Slapd {
 
   // "ldap://127.0.0.1:<port>/"; stays the same across stop() and start().
   const std::string& url() const { return url_; }
-  int port() const { return port_; }
   // "ldaps://127.0.0.1:<port>/" and the PEM file of the CA that issued the server's
   // certificate; empty without `tls`.
   const std::string& ldaps_url() const { return ldaps_url_; }
@@ -80,8 +67,6 @@ class Slapd {
   // Those connections with a request that slapd has not read yet (clients waiting on a
   // paused server).
   int connections_with_unread_requests() const;
-  // Everything slapd has written to standard error since the last start.
-  std::string output() const;
 
  private:
   void write_config() const;
@@ -99,5 +84,16 @@ class Slapd {
   bool paused_ = false;
   bool exited_at_start_ = false;
 };
+
+// A directory for the auth tests under dc=qm,dc=test: the service account kReaderDn
+// (password "reader-secret") and posix accounts, groups given by memberOf: in ou=people
+// alice ("alice-pw", in kScannersGroup and kAdminsGroup), bob ("bob-pw"), carol
+// ("carol-pw", in kScannersGroup), lara ("lara-pw", in kScannersGroup), leo ("leo-pw"),
+// "we)(ird*" ("odd-pw") and "back\slash" ("slash-pw"), names made of filter
+// metacharacters; and "twin" ("twin-pw") twice, in ou=people and ou=staff.
+inline constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
+inline constexpr const char* kScannersGroup = "cn=scanners,ou=groups,dc=qm,dc=test";
+inline constexpr const char* kAdminsGroup = "cn=admins,ou=groups,dc=qm,dc=test";
+std::unique_ptr<Slapd> start_directory(bool tls = false);
 
 }  // namespace qmtest
