@@ -258,15 +258,6 @@ TEST_F(AuthCache, FullTableEvictsTheLeastRecentlyUsed) {
   for (const char* u : {"a", "d", "e", "f"}) EXPECT_EQ(gw_auth_cache_lookup(c.get(), u, "p"), GW_AUTH_CACHE_GRANT) << u;
 }
 
-TEST_F(AuthCache, LongUserNamesShareKeysWithTheirTruncatedForm) {
-  CachePtr c = make(64, 120, 10, 50);
-  gw_auth_cache_insert_grant(c.get(), std::string(1030, 'x').c_str(), "pw");
-  // 1,022 user bytes + NUL leave one byte of password in the key.
-  EXPECT_EQ(gw_auth_cache_lookup(c.get(), std::string(1022, 'x').c_str(), "p"), GW_AUTH_CACHE_GRANT);
-  EXPECT_EQ(gw_auth_cache_lookup(c.get(), std::string(1022, 'x').c_str(), "q"), GW_AUTH_CACHE_MISS);
-  EXPECT_EQ(gw_auth_cache_lookup(c.get(), std::string(1021, 'x').c_str(), "p"), GW_AUTH_CACHE_MISS);
-}
-
 TEST_F(AuthCache, DrainWaitsForTheLastRefreshOrTimesOut) {
   qmtest::LogCapture log(QMLOG_TRACE);
   CachePtr c = make(64, 120, 10, 50);
