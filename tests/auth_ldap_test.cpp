@@ -43,9 +43,6 @@ constexpr const char* kReaderPassword = "reader-secret";
 constexpr const char* kAliceDn = "uid=alice,ou=people,dc=qm,dc=test";
 constexpr const char* kAlicePassword = "alice-pw";
 
-// A loopback URL on which nothing listens.
-std::string s_closed_url() { return "ldap://127.0.0.1:" + std::to_string(qmtest::free_port()) + "/"; }
-
 using ctx_ptr = qm::c_ptr<auth_ldap_ctx_t, auth_ldap_destroy>;
 
 struct ldap_setup {
@@ -81,6 +78,41 @@ std::vector<int> s_socket_fds() {
   }
   return fds;
 }
+
+// A loopback port held by this process. Closed: bound but not listening, so a connect is
+// refused at once. Full: a listener whose accept queue is full, so the kernel drops
+// further SYNs and a connect hangs until the client gives up.
+class LoopbackPort {
+ public:
+  enum kind { closed, full };
+  explicit LoopbackPort(kind k) {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+      throw std::runtime_error("port set-up failed");
+    port_ = ntohs(addr.sin_port);
+    if (k == closed) return;
+    filler_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listen(listener_, 0) != 0 || connect(filler_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+      throw std::runtime_error("filler connect failed");
+  }
+  ~LoopbackPort() {
+    if (filler_ >= 0) close(filler_);
+    close(listener_);
+  }
+  LoopbackPort(const LoopbackPort&) = delete;
+  LoopbackPort& operator=(const LoopbackPort&) = delete;
+  std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_) + "/"; }
+
+ private:
+  int listener_ = -1;
+  int filler_ = -1;
+  int port_ = 0;
+};
 
 class AuthLdapTest : public ::testing::Test {
  protected:
@@ -192,7 +224,8 @@ TEST_F(AuthLdapVerdicts, ConfigurationServiceBindAndFallbackInheritance) {
   {
     // A fallback given only as a URL searches with the primary's base, account and filter.
     SCOPED_TRACE("unset fallback fields inherit the primary's");
-    const std::string primary = s_closed_url();
+    const LoopbackPort closed(LoopbackPort::closed);
+    const std::string primary = closed.url();
     auto ctx = ctx_ptr(auth_ldap_init(primary.c_str(), kBase, kReaderDn, kReaderPassword,
                                       "(&(objectClass=posixAccount)(uid=%s))", directory_->url().c_str(), "", "",
                                       nullptr, "", 0, 300, "memberOf", nullptr));
@@ -466,44 +499,12 @@ TEST_F(AuthLdapPool, EightThreadsShareThePool) {
 // ---------------------------------------------------------------------------------------
 // Time-outs: a paused slapd completes the TCP handshake but never answers.
 
-// A listener whose accept queue is full: the kernel drops further SYNs, so a connect
-// to it hangs until the client gives up.
-class FullListener {
- public:
-  FullListener() {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listener_, 0) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-      throw std::runtime_error("listener set-up failed");
-    port_ = ntohs(addr.sin_port);
-    filler_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(filler_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-      throw std::runtime_error("filler connect failed");
-  }
-  ~FullListener() {
-    close(filler_);
-    close(listener_);
-  }
-  FullListener(const FullListener&) = delete;
-  FullListener& operator=(const FullListener&) = delete;
-  std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_) + "/"; }
-
- private:
-  int listener_ = -1;
-  int filler_ = -1;
-  int port_ = 0;
-};
-
 using AuthLdapTimeouts = AuthLdapTest;
 
 TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
   {
     SCOPED_TRACE("an unanswered connect ends after the network time-out");
-    FullListener black_hole;
+    LoopbackPort black_hole(LoopbackPort::full);
     ldap_setup setup;
     setup.url = black_hole.url();
     setup.fallback_url = directory_->url();

@@ -43,6 +43,16 @@ bool s_wait_for_verify_endpoint(const std::string& url, Child& broker, std::chro
   return answered;
 }
 
+bool s_came_up(Child& broker, const std::string& url, const CalloutOptions& options) {
+  if (options.tracelevel < kInfoLevel) {
+    // Nothing to probe without the service: the caller waits for what it needs itself.
+    return options.callout_service ? s_wait_for_verify_endpoint(url, broker, 60s) : broker.running();
+  }
+  // The broker says it is ready only once both subscriptions are in place.
+  wait_until([&] { return !broker.running() || broker.err().find("qm-av-broker ready") != std::string::npos; }, 60s);
+  return broker.err().find("qm-av-broker ready") != std::string::npos;
+}
+
 }  // namespace
 
 std::string CalloutEnv::credentials_text(const user_list& users) {
@@ -84,37 +94,40 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
     write_file(dir_.file("permissions.json"), options.permissions_json);
     args.insert(args.end(), {"--permissions-file", dir_.file("permissions.json")});
   }
-  if (managed) {
-    const int port = free_port();
-    url_ = "nats://127.0.0.1:" + std::to_string(port);
-    server_log_ = dir_.file("nats-server.log");
-    write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
-                             authorization_block(issuer_), server_log_);
-    args.insert(args.end(), {"--nats-server-binary", server_binary, "--nats-server-config",
-                             dir_.file("nats-server.conf"), "--nats-server-pid-file", dir_.file("nats-server.pid")});
-  } else {
+  if (!managed) {
     NatsServerOptions server_options;
     server_options.jetstream = options.jetstream;
     server_options.extra_config = authorization_block(issuer_);
     server_ = std::make_unique<NatsServer>(server_options);
     url_ = server_->url();
     args.insert(args.end(), {"--nats-server-managed", "false"});
+  } else {
+    server_log_ = dir_.file("nats-server.log");
+    args.insert(args.end(), {"--nats-server-binary", server_binary, "--nats-server-config",
+                             dir_.file("nats-server.conf"), "--nats-server-pid-file", dir_.file("nats-server.pid")});
   }
-  args.insert(args.end(), {"--nats-url", url_});
   if (!options.callout_service) args.insert(args.end(), {"--auth-callout-enabled", "false"});
   args.insert(args.end(), options.broker_args.begin(), options.broker_args.end());
-  broker_ = std::make_unique<Child>(args, options.env);
-  bool up = false;
-  if (!options.callout_service) {
-    // Nothing to probe: below info level the caller waits for what it needs itself.
-    up = options.tracelevel >= kInfoLevel ? broker_->wait_for_err("qm-av-broker ready", 60s) : broker_->running();
-  } else if (options.tracelevel >= kInfoLevel) {
-    // The broker says it is ready only once both subscriptions are in place.
-    up = broker_->wait_for_err("qm-av-broker ready", 60s);
-  } else {
-    up = s_wait_for_verify_endpoint(url_, *broker_, 60s);
+  // A managed server's port from free_port() is closed again before the server binds it,
+  // so a parallel test may take it first: the broker then stops at once, and another
+  // port is tried.
+  for (int attempt = 1;; ++attempt) {
+    if (managed) {
+      const int port = free_port();
+      url_ = "nats://127.0.0.1:" + std::to_string(port);
+      write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
+                               authorization_block(issuer_), server_log_);
+    }
+    std::vector<std::string> attempt_args = args;
+    attempt_args.insert(attempt_args.end(), {"--nats-url", url_});
+    broker_ = std::make_unique<Child>(attempt_args, options.env);
+    if (s_came_up(*broker_, url_, options)) return;
+    const bool port_taken =
+        managed && !broker_->running() &&
+        (read_file(server_log_) + broker_->err()).find("address already in use") != std::string::npos;
+    if (!port_taken || attempt == 3) throw std::runtime_error("broker did not come up:\n" + broker_->err());
+    std::filesystem::remove(server_log_);
   }
-  if (!up) throw std::runtime_error("broker did not come up:\n" + broker_->err());
 }
 
 CalloutEnv::~CalloutEnv() {
