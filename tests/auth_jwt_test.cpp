@@ -74,7 +74,8 @@ struct DecodedToken {
   std::string claims_text;
 };
 
-constexpr const char* kHeaderSegment = "eyJ0eXAiOiJKV1QiLCJhbGciOiJlZDI1NTE5LW5rZXkifQ";  // {"typ":"JWT","alg":"ed25519-nkey"}
+// {"typ":"JWT","alg":"ed25519-nkey"}, the same on every token.
+constexpr const char* kHeaderSegment = "eyJ0eXAiOiJKV1QiLCJhbGciOiJlZDI1NTE5LW5rZXkifQ";
 
 // Splits the token, checks its fixed header and its Ed25519 signature against `issuer`,
 // parses the claims.
