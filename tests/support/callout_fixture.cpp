@@ -136,6 +136,12 @@ CalloutEnv::~CalloutEnv() {
     broker_->wait(30s);
   }
   broker_.reset();
+  // A broker that had to be killed leaves its managed server behind: end that one too
+  // (if the pid is still the one running this environment's configuration).
+  const pid_t managed_server = server_ ? -1 : server_pid();
+  if (managed_server > 0 && read_file("/proc/" + std::to_string(managed_server) + "/cmdline")
+                                    .find(dir_.file("nats-server.conf")) != std::string::npos)
+    kill(managed_server, SIGKILL);
   server_.reset();
 }
 
