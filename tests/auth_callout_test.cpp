@@ -28,40 +28,6 @@ using qmtest::nats_login;
 
 namespace {
 
-// Collects the asynchronous errors nats-server sends a connection (permission violations).
-struct async_errors {
-  std::mutex mutex;
-  std::string text;
-  static void on_error(natsConnection* nc, natsSubscription*, natsStatus, void* closure) {
-    auto* self = static_cast<async_errors*>(closure);
-    const char* last = nullptr;
-    natsConnection_GetLastError(nc, &last);
-    std::lock_guard lock(self->mutex);
-    self->text += last ? last : "?";
-    self->text += "\n";
-  }
-  std::string get() {
-    std::lock_guard lock(mutex);
-    return text;
-  }
-};
-
-using conn_ptr = qm::nats_connection_ptr;
-
-// A login that records asynchronous errors.
-conn_ptr login_watching_errors(const std::string& url, const char* user, const char* password, async_errors& errors) {
-  natsOptions* raw = nullptr;
-  natsOptions_Create(&raw);
-  const qm::nats_options_ptr opts(raw);
-  natsOptions_SetURL(raw, url.c_str());
-  natsOptions_SetUserInfo(raw, user, password);
-  natsOptions_SetTimeout(raw, 5000);
-  natsOptions_SetErrorHandler(raw, async_errors::on_error, &errors);
-  natsConnection* nc = nullptr;
-  if (natsConnection_Connect(&nc, raw) != NATS_OK) nc = nullptr;
-  return conn_ptr(nc);
-}
-
 // True when a message published by `from` on subject reaches a subscriber on `to`.
 bool delivered(natsConnection* from, natsConnection* to, const std::string& subject, int wait_ms = 2000) {
   natsSubscription* sub = nullptr;
@@ -82,8 +48,18 @@ CalloutOptions file_users() {
   return options;
 }
 
-TEST(CalloutVerdicts, FileUsersRefusalsAndTheCache) {
-  CalloutEnv env(file_users());
+// alice is mapped to a profile the server enforces; bob, unmapped, gets the built-in
+// profile that allows everything.
+TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
+  CalloutOptions options = file_users();
+  options.permissions_json = R"j({
+    "profiles": {
+      "scanner": {"publish": {"allow": ["scan.>"], "deny": ["scan.secret"]},
+                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}
+    },
+    "file_user_map": [{"user": "alice", "profile": "scanner"}]
+  })j";
+  CalloutEnv env(options);
   {
     SCOPED_TRACE("an empty password");
     for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);
@@ -109,47 +85,27 @@ TEST(CalloutVerdicts, FileUsersRefusalsAndTheCache) {
     EXPECT_EQ(LogCapture::count_in(log, "auth_callout: DENY user=alice backend=none reason=invalid-credentials"), 2u);
     EXPECT_NE(log.find("auth_callout: DENY user=mallory backend=none reason=invalid-credentials"), std::string::npos);
     EXPECT_EQ(log.find("via=neg-cache"), std::string::npos);
-    EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=default groups=0"), std::string::npos);
-    EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=default", 5s));
+    EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=scanner groups=0"), std::string::npos);
+    EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=scanner", 5s));
   }
   {
-    SCOPED_TRACE("without a permissions file everything is allowed");
-    async_errors errors;
-    conn_ptr alice = login_watching_errors(env.url(), "alice", "wonder", errors);
-    conn_ptr bob = login_watching_errors(env.url(), "bob", "builder", errors);
-    ASSERT_TRUE(alice && bob);
-    EXPECT_TRUE(delivered(alice.get(), bob.get(), "any.subject.at.all"));
-    EXPECT_TRUE(delivered(bob.get(), alice.get(), "another"));
-    EXPECT_EQ(errors.get(), "");
+    SCOPED_TRACE("the server enforces the profile");
+    qmtest::AsyncErrors errors;
+    auto alice = nats_login(env.url(), "alice", "wonder", 5000, &errors);
+    auto bob = nats_login(env.url(), "bob", "builder", 5000, &errors);
+    ASSERT_TRUE(alice.conn && bob.conn);
+    EXPECT_TRUE(delivered(alice.conn, bob.conn, "scan.request"));
+    EXPECT_FALSE(delivered(alice.conn, bob.conn, "forbidden.subject", 300));
+    EXPECT_FALSE(delivered(alice.conn, bob.conn, "scan.secret", 300));
+    ASSERT_TRUE(
+        qmtest::wait_until([&] { return LogCapture::count_in(errors.text(), "Permissions Violation") >= 2; }, 5s));
+    EXPECT_NE(errors.text().find("Permissions Violation for Publish to \"forbidden.subject\""), std::string::npos)
+        << errors.text();
+    // bob publishes and subscribes anywhere.
+    EXPECT_TRUE(delivered(bob.conn, bob.conn, "any.subject.at.all"));
+    EXPECT_TRUE(delivered(bob.conn, alice.conn, "scan.reply"));
+    EXPECT_EQ(LogCapture::count_in(errors.text(), "Permissions Violation"), 2u) << errors.text();
   }
-}
-
-TEST(CalloutPermissions, TheUsersProfileIsEnforcedByTheServer) {
-  CalloutOptions options = file_users();
-  options.permissions_json = R"j({
-    "profiles": {
-      "scanner": {"publish": {"allow": ["scan.>"], "deny": ["scan.secret"]},
-                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}
-    },
-    "file_user_map": [{"user": "alice", "profile": "scanner"}]
-  })j";
-  CalloutEnv env(options);
-  async_errors errors;
-  conn_ptr alice = login_watching_errors(env.url(), "alice", "wonder", errors);
-  conn_ptr bob = login_watching_errors(env.url(), "bob", "builder", errors);
-  ASSERT_TRUE(alice && bob);
-  EXPECT_NE(env.broker().err().find("auth_callout: GRANT user=alice backend=file profile=scanner"),
-            std::string::npos);
-
-  EXPECT_TRUE(delivered(alice.get(), bob.get(), "scan.request"));
-  EXPECT_FALSE(delivered(alice.get(), bob.get(), "forbidden.subject", 300));
-  EXPECT_FALSE(delivered(alice.get(), bob.get(), "scan.secret", 300));
-  ASSERT_TRUE(qmtest::wait_until([&] { return LogCapture::count_in(errors.get(), "Permissions Violation") >= 2; }, 5s));
-  EXPECT_NE(errors.get().find("Permissions Violation for Publish to \"forbidden.subject\""), std::string::npos)
-      << errors.get();
-
-  // bob has no mapping: the built-in profile lets him publish anywhere.
-  EXPECT_TRUE(delivered(bob.get(), alice.get(), "scan.reply"));
 }
 
 // ---- LDAP users ----
@@ -171,13 +127,16 @@ std::vector<std::string> concurrent_verifies(CalloutEnv& env, qmtest::Slapd& dir
   directory.pause();
   std::vector<std::string> answers(2);
   std::vector<std::thread> askers;
+  bool both_asked = true;
   for (size_t i = 0; i < 2; ++i) {
-    askers.emplace_back([&, i] { answers[i] = qmtest::verify_request(gateway.conn, body); });
-    qmtest::wait_until(
-        [&] { return LogCapture::count_in(env.broker().err(), "auth_verify: request user=leo") >= seen + i + 1; }, 5s);
+    askers.emplace_back([&, i] { answers[i] = qmtest::verify_request(gateway.conn, body, 60'000); });
+    both_asked = both_asked && qmtest::wait_until(
+        [&] { return LogCapture::count_in(env.broker().err(), "auth_verify: request user=leo") >= seen + i + 1; },
+        30s);
   }
   directory.resume();
   for (auto& t : askers) t.join();
+  if (!both_asked) return {"the broker did not see both requests while the directory was held"};
   std::sort(answers.begin(), answers.end());
   return answers;
 }
@@ -217,14 +176,14 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   }
   {
     SCOPED_TRACE("a user in a mapped group gets the group's profile");
-    async_errors errors;
-    conn_ptr lara = login_watching_errors(env.url(), "lara", "lara-pw", errors);
-    conn_ptr bob = login_watching_errors(env.url(), "bob", "builder", errors);
-    ASSERT_TRUE(lara && bob) << env.broker().err();
-    EXPECT_TRUE(delivered(lara.get(), bob.get(), "scan.job"));
-    EXPECT_FALSE(delivered(lara.get(), bob.get(), "elsewhere", 300));
+    qmtest::AsyncErrors errors;
+    auto lara = nats_login(env.url(), "lara", "lara-pw", 5000, &errors);
+    auto bob = nats_login(env.url(), "bob", "builder", 5000, &errors);
+    ASSERT_TRUE(lara.conn && bob.conn) << env.broker().err();
+    EXPECT_TRUE(delivered(lara.conn, bob.conn, "scan.job"));
+    EXPECT_FALSE(delivered(lara.conn, bob.conn, "elsewhere", 300));
     EXPECT_TRUE(
-        qmtest::wait_until([&] { return errors.get().find("Permissions Violation") != std::string::npos; }, 5s));
+        qmtest::wait_until([&] { return errors.text().find("Permissions Violation") != std::string::npos; }, 5s));
     EXPECT_NE(nats_login(env.url(), "lara", "wrong").status, NATS_OK);
   }
   {
@@ -290,6 +249,14 @@ TEST(CalloutLdap, FileThenLdapWithoutAUsableDirectoryStartsDegradedAndFileUsersL
   EXPECT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
 }
 
+// A broker for the file users, beside a server that runs no callout of its own.
+std::vector<std::string> plain_broker_args(const qmtest::NatsServer& server, const qmtest::TempDir& dir) {
+  qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
+  return {qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
+          "--auth-file", dir.file("credentials.conf"), "--auth-signing-key", dir.file("issuer.seed"),
+          "--amqp-enabled", "false", "--update-binary", "false"};
+}
+
 // Without its credentials or its adjudicator the broker is of no use: a start-up failure
 // of either ends the broker with exit code 1, before it ever says it is ready.
 TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
@@ -316,12 +283,9 @@ TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
        "auth_service: failed to initialize JWT signing", service},
   };
   qmtest::NatsServer server;
-  qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
   for (const failure& f : failures) {
     SCOPED_TRACE(f.name);
-    std::vector<std::string> args = {qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed",
-                                     "false", "--auth-file", dir.file("credentials.conf"), "--auth-signing-key",
-                                     dir.file("issuer.seed"), "--amqp-enabled", "false", "--update-binary", "false"};
+    std::vector<std::string> args = plain_broker_args(server, dir);
     args.insert(args.end(), f.args.begin(), f.args.end());
     qmtest::Child broker(args);
     ASSERT_EQ(broker.wait(30s), 1) << broker.err();
@@ -425,16 +389,6 @@ TEST(VerifyEndpoint, VerdictsMalformedRequestsAndHostileStrings) {
 
 // ---- malformed callout requests, sent straight to the callout subject ----
 
-std::string callout_reply(natsConnection* conn, const std::string& payload) {
-  natsMsg* reply = nullptr;
-  if (natsConnection_Request(&reply, conn, "$SYS.REQ.USER.AUTH", payload.data(), static_cast<int>(payload.size()),
-                             1000) != NATS_OK)
-    return "";
-  std::string token(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
-  natsMsg_Destroy(reply);
-  return token;
-}
-
 std::string refusal_reason(const std::string& token) {
   json_object* claims = decode_jwt_payload(token.c_str());
   json_object* nats = nullptr;
@@ -458,15 +412,14 @@ std::string unsigned_request(const std::string& claims_json) {
 TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
   qmtest::NatsServer server;
   qmtest::TempDir dir;
-  qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
-  qmtest::Child broker({qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
-                        "--auth-file", dir.file("credentials.conf"), "--auth-signing-key", dir.file("issuer.seed"),
-                        "--amqp-enabled", "false", "--update-binary", "false"});
+  qmtest::Child broker(plain_broker_args(server, dir));
   ASSERT_TRUE(broker.wait_for_err("(generic verify endpoint)", 30s)) << broker.err();
   auto client = nats_login(server.url(), "", "");
   ASSERT_EQ(client.status, NATS_OK) << client.error;
-  natsConnection* conn = client.conn;
-  EXPECT_EQ(callout_reply(conn, ""), "");  // no data: no answer at all
+  auto callout_reply = [&](const std::string& request) {
+    return qmtest::request(client.conn, "$SYS.REQ.USER.AUTH", request, 1000);
+  };
+  EXPECT_EQ(callout_reply(""), "");  // no data: no answer at all
   const char* const malformed = "malformed auth request";
   const std::pair<std::string, const char*> rows[] = {
       {"not a jwt", malformed},
@@ -480,9 +433,9 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
        "invalid credentials"},
   };
   for (const auto& [request, reason] : rows)
-    EXPECT_EQ(refusal_reason(callout_reply(conn, request)), reason) << request.substr(0, 100);
+    EXPECT_EQ(refusal_reason(callout_reply(request)), reason) << request.substr(0, 100);
   // A proper grant still comes back after all that.
-  const std::string grant = callout_reply(conn, unsigned_request(
+  const std::string grant = callout_reply(unsigned_request(
       R"j({"nats":{"server_id":{"id":"S1"},"user_nkey":"UABC","connect_opts":{"user":"alice","pass":"wonder"}}})j"));
   EXPECT_EQ(refusal_reason(grant), "(no refusal)");
   EXPECT_NE(grant, "");

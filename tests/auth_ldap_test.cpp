@@ -436,7 +436,7 @@ TEST_F(AuthLdapPool, SecondConcurrentCheckOnPoolOfOneUsesOneShotConnection) {
   directory_->pause();
   std::atomic<bool> first_ok{false};
   std::thread first([&] { first_ok = auth_ldap_validate(ctx.get(), "alice", kAlicePassword); });
-  ASSERT_TRUE(qmtest::wait_until([&] { return directory_->unread_request_bytes() > 0; }, 5s));
+  ASSERT_TRUE(qmtest::wait_until([&] { return directory_->connections_with_unread_requests() > 0; }, 5s));
   std::atomic<bool> second_ok{false};
   std::thread second([&] { second_ok = auth_ldap_validate(ctx.get(), "carol", "carol-pw"); });
   EXPECT_TRUE(qmtest::wait_until(

@@ -160,8 +160,21 @@ NatsLogin::~NatsLogin() {
   }
 }
 
-NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
-                     int timeout_ms) {
+void AsyncErrors::on_error(natsConnection* nc, natsSubscription*, natsStatus, void* closure) {
+  auto* self = static_cast<AsyncErrors*>(closure);
+  const char* last = nullptr;
+  natsConnection_GetLastError(nc, &last);
+  const std::lock_guard lock(self->mutex_);
+  self->text_ += std::string(last ? last : "?") + "\n";
+}
+
+std::string AsyncErrors::text() const {
+  const std::lock_guard lock(mutex_);
+  return text_;
+}
+
+NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password, int timeout_ms,
+                     AsyncErrors* errors) {
   NatsLogin login;
   natsOptions* opts = nullptr;
   if (natsOptions_Create(&opts) != NATS_OK) return login;
@@ -170,6 +183,7 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
   natsOptions_SetTimeout(opts, timeout_ms);
   natsOptions_SetMaxReconnect(opts, 0);
   natsOptions_SetAllowReconnect(opts, false);
+  if (errors != nullptr) natsOptions_SetErrorHandler(opts, AsyncErrors::on_error, errors);
   login.status = natsConnection_Connect(&login.conn, opts);
   if (login.status != NATS_OK) {
     login.conn = nullptr;
@@ -212,10 +226,10 @@ std::string raw_login(const std::string& url, const std::string& connect_json, i
   return answer;
 }
 
-std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms) {
+std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms) {
   natsMsg* reply = nullptr;
-  if (natsConnection_Request(&reply, conn, "qm.auth.verify", body.data(), static_cast<int>(body.size()),
-                             timeout_ms) != NATS_OK)
+  if (natsConnection_Request(&reply, conn, subject.c_str(), body.data(), static_cast<int>(body.size()), timeout_ms) !=
+      NATS_OK)
     return "";
   std::string answer(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
   natsMsg_Destroy(reply);

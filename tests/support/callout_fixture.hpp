@@ -6,6 +6,7 @@
 #include <nats/nats.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -90,8 +91,19 @@ struct NatsLogin {
   NatsLogin(const NatsLogin&) = delete;
   ~NatsLogin();
 };
+// The asynchronous errors a server sent a connection (permission violations), one a line.
+class AsyncErrors {
+ public:
+  static void on_error(natsConnection* nc, natsSubscription*, natsStatus, void* closure);
+  std::string text() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::string text_;
+};
+// `errors`, when given, collects the connection's asynchronous errors and must outlive it.
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
-                     int timeout_ms = 5000);
+                     int timeout_ms = 5000, AsyncErrors* errors = nullptr);
 
 // A login in the raw client protocol: connect_json is sent as the CONNECT line's JSON
 // as it stands, so it may carry what no client library sends (a \u0000 in a password).
@@ -99,7 +111,11 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
 // when nothing came within timeout_ms.
 std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms = 5000);
 
+// One request on subject through conn; the raw answer, "" on time-out.
+std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms = 5000);
 // One request on qm.auth.verify through conn; the raw JSON answer, "" on time-out.
-std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000);
+inline std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000) {
+  return request(conn, "qm.auth.verify", body, timeout_ms);
+}
 
 }  // namespace qmtest

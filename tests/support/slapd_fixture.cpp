@@ -206,24 +206,11 @@ void Slapd::resume() {
   paused_ = false;
 }
 
-int Slapd::established_connections() const {
+int Slapd::count_connections(bool with_unread_requests_only) const {
   int count = 0;
   for (const auto& row : s_tcp_rows())
-    if (row.local_port == port_ && row.state == kTcpEstablished) ++count;
-  return count;
-}
-
-long Slapd::unread_request_bytes() const {
-  long bytes = 0;
-  for (const auto& row : s_tcp_rows())
-    if (row.local_port == port_ && row.state == kTcpEstablished) bytes += row.rx_queue;
-  return bytes;
-}
-
-int Slapd::connections_with_unread_requests() const {
-  int count = 0;
-  for (const auto& row : s_tcp_rows())
-    if (row.local_port == port_ && row.state == kTcpEstablished && row.rx_queue > 0) ++count;
+    if (row.local_port == port_ && row.state == kTcpEstablished && (!with_unread_requests_only || row.rx_queue > 0))
+      ++count;
   return count;
 }
 

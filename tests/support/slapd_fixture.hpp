@@ -60,13 +60,10 @@ class Slapd {
   void pause();
   void resume();
 
-  // Server-side TCP connections on the port that are established.
-  int established_connections() const;
-  // Bytes received on those connections that slapd has not read yet.
-  long unread_request_bytes() const;
-  // Those connections with a request that slapd has not read yet (clients waiting on a
-  // paused server).
-  int connections_with_unread_requests() const;
+  // Server-side TCP connections on the port that are established; of those, the ones
+  // with a request that slapd has not read yet (clients waiting on a paused server).
+  int established_connections() const { return count_connections(false); }
+  int connections_with_unread_requests() const { return count_connections(true); }
 
  private:
   void write_config() const;
@@ -74,6 +71,7 @@ class Slapd {
   void start_on_a_free_port();
   bool answers() const;
   bool all_threads_stopped() const;
+  int count_connections(bool with_unread_requests_only) const;
 
   SlapdOptions options_;
   TempDir dir_;
