@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <climits>
@@ -23,6 +22,7 @@
 #include "log.hpp"
 #include "log_capture.hpp"
 #include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 #include "slapd_fixture.hpp"
 #include "test_support.hpp"
 
@@ -85,33 +85,27 @@ std::vector<int> s_socket_fds() {
 class LoopbackPort {
  public:
   enum kind { closed, full };
-  explicit LoopbackPort(kind k) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  explicit LoopbackPort(kind k) : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+    if (bind(listener_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&addr), &len) != 0)
       throw std::runtime_error("port set-up failed");
-    port_ = ntohs(addr.sin_port);
+    url_ = "ldap://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
     if (k == closed) return;
-    filler_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listen(listener_, 0) != 0 || connect(filler_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+    filler_ = qm::unique_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (listen(listener_.get(), 0) != 0 ||
+        connect(filler_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
       throw std::runtime_error("filler connect failed");
   }
-  ~LoopbackPort() {
-    if (filler_ >= 0) close(filler_);
-    close(listener_);
-  }
-  LoopbackPort(const LoopbackPort&) = delete;
-  LoopbackPort& operator=(const LoopbackPort&) = delete;
-  std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_) + "/"; }
+  const std::string& url() const { return url_; }
 
  private:
-  int listener_ = -1;
-  int filler_ = -1;
-  int port_ = 0;
+  qm::unique_fd listener_;
+  qm::unique_fd filler_;
+  std::string url_;
 };
 
 class AuthLdapTest : public ::testing::Test {

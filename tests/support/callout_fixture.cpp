@@ -11,6 +11,7 @@
 
 #include "auth_jwt.hpp"
 #include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 
 namespace qmtest {
 
@@ -196,7 +197,8 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
 }
 
 std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const qm::unique_fd socket_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int fd = socket_fd.get();
   if (fd < 0) return "";
   timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -222,7 +224,6 @@ std::string raw_login(const std::string& url, const std::string& connect_json, i
       }
     }
   }
-  close(fd);
   return answer;
 }
 
