@@ -142,11 +142,9 @@ TEST_F(CredentialFile, LoadAndReloadLogAndKeepTheTableWhenTheFileCannotBeRead) {
   EXPECT_FALSE(gw_credential_store_validate(store.get(), "old", "1"));
   EXPECT_TRUE(gw_credential_store_validate(store.get(), "new", "2"));
 
+  // A path that opens but cannot be read is no empty file either (a missing one keeps
+  // the table too: the callout reload test shows it).
   std::filesystem::remove(path_);
-  EXPECT_EQ(gw_credential_store_reload(store.get()), -1);
-  EXPECT_TRUE(gw_credential_store_validate(store.get(), "new2", "3"));
-
-  // A path that opens but cannot be read is no empty file either.
   std::filesystem::create_directory(path_);
   EXPECT_EQ(gw_credential_store_reload(store.get()), -1);
   EXPECT_TRUE(log.contains("credential_store: cannot open " + path_ + ": Is a directory"));
