@@ -172,7 +172,7 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     const std::string log = env.broker().err();
     EXPECT_EQ(LogCapture::count_in(log, "auth_callout: GRANT user=lara backend=ldap profile=scanner groups=1"), 1u)
         << log;
-    EXPECT_EQ(LogCapture::count_in(log, "auth_callout: GRANT user=lara via=coalesced"), 1u) << log;
+    EXPECT_EQ(LogCapture::count_in(log, "auth_callout: GRANT user=lara via=coalesced profile=scanner"), 1u) << log;
   }
   {
     SCOPED_TRACE("a user in a mapped group gets the group's profile");
