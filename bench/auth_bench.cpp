@@ -67,4 +67,26 @@ void BM_CredentialsValidate128(benchmark::State& state) {
 }
 BENCHMARK(BM_CredentialsValidate128);
 
+// A check must not tell by its duration how much of a guess was right, nor whether it
+// was: the three rows (wrong_byte 0: right, 1: first byte wrong, 2: last byte wrong) must
+// take the same time.
+// 128 entries hold the same long password (duplicates are kept), so a comparison that
+// stops at the first wrong byte, or at the first match, would stand out many times over.
+void BM_CredentialsValidateGuess(benchmark::State& state) {
+  const std::string password(1000, 'k');
+  std::string guess = password;
+  if (state.range(0) == 1) guess.front() = 'x';
+  if (state.range(0) == 2) guess.back() = 'x';
+  qmtest::TempDir dir;
+  std::string content;
+  for (int i = 0; i < GW_CREDENTIAL_STORE_CAPACITY; ++i) content += "user: \"u\"\npassword: \"" + password + "\"\n";
+  qmtest::write_file(dir.file("users.conf"), content);
+  gw_credential_store_t* store = gw_credential_store_load(dir.file("users.conf").c_str());
+  for (auto _ : state) benchmark::DoNotOptimize(gw_credential_store_validate(store, "u", guess.c_str()));
+  if (gw_credential_store_validate(store, "u", guess.c_str()) != (state.range(0) == 0))
+    state.SkipWithError("wrong verdict");
+  gw_credential_store_free(store);
+}
+BENCHMARK(BM_CredentialsValidateGuess)->ArgName("wrong_byte")->Arg(0)->Arg(1)->Arg(2);
+
 }  // namespace

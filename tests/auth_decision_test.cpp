@@ -122,7 +122,7 @@ TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
   directory->pause();
   EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, lara, password}).source, AUTH_VERDICT_CACHED);
   // The refresh's search has reached the stopped directory: it is running, not queued.
-  ASSERT_TRUE(qmtest::wait_until([&] { return directory->unread_request_bytes() > 0; }, std::chrono::seconds(10)));
+  ASSERT_TRUE(qmtest::wait_until([&] { return directory->connections_with_unread_requests() > 0; }, std::chrono::seconds(10)));
   EXPECT_EQ(auth_decider_drain_refreshes(d.get(), 100), -1);
   d.reset();
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(cache_.get(), 0), 0);

@@ -9,44 +9,22 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "auth_handler.hpp"
 #include "auth_jwt.hpp"
-#include "broker_auth_thread.hpp"
-#include "gw_auth_cache.hpp"
-#include "gw_credential_store.hpp"
+#include "qm_cpp.hpp"
+#include "qm_handles.hpp"
 
 namespace qmtest {
 
 using namespace std::chrono_literals;
 
-std::string issuer_nkey(const std::string& seed_path) {
-  auth_jwt_ctx_t* ctx = auth_jwt_init(seed_path.c_str());
-  if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
-  std::string key = auth_jwt_public_key(ctx);
-  auth_jwt_destroy(ctx);
-  return key;
-}
-
-std::unique_ptr<Slapd> start_directory() {
-  SlapdOptions options;
-  options.ldif =
-      "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
-      "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
-      "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
-      "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
-      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n"
-      "dn: uid=lara,ou=people,dc=qm,dc=test\nobjectClass: account\nobjectClass: posixAccount\n"
-      "objectClass: qmGroupMember\nuid: lara\ncn: lara\nuidNumber: 2001\ngidNumber: 2000\n"
-      "homeDirectory: /home/lara\nuserPassword: lara-pw\nmemberOf: " +
-      std::string(kScannersGroup) + "\n\n";
-  options.extra_schema =
-      "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
-      "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
-      "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
-  return std::make_unique<Slapd>(options);
-}
-
 namespace {
+
+// The issuer NKey of the seed at seed_path (made when missing).
+std::string issuer_nkey(const std::string& seed_path) {
+  const qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> ctx(auth_jwt_init(seed_path.c_str()));
+  if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
+  return auth_jwt_public_key(ctx.get());
+}
 
 // Below this level the broker logs neither its readiness nor its subscriptions.
 constexpr int kInfoLevel = 4;
@@ -64,6 +42,16 @@ bool s_wait_for_verify_endpoint(const std::string& url, Child& broker, std::chro
       },
       timeout);
   return answered;
+}
+
+bool s_came_up(Child& broker, const std::string& url, const CalloutOptions& options) {
+  if (options.tracelevel < kInfoLevel) {
+    // Nothing to probe without the service: the caller waits for what it needs itself.
+    return options.callout_service ? s_wait_for_verify_endpoint(url, broker, 60s) : broker.running();
+  }
+  // The broker says it is ready only once both subscriptions are in place.
+  wait_until([&] { return !broker.running() || broker.err().find("qm-av-broker ready") != std::string::npos; }, 60s);
+  return broker.err().find("qm-av-broker ready") != std::string::npos;
 }
 
 }  // namespace
@@ -107,37 +95,40 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
     write_file(dir_.file("permissions.json"), options.permissions_json);
     args.insert(args.end(), {"--permissions-file", dir_.file("permissions.json")});
   }
-  if (managed) {
-    const int port = free_port();
-    url_ = "nats://127.0.0.1:" + std::to_string(port);
-    server_log_ = dir_.file("nats-server.log");
-    write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
-                             authorization_block(issuer_), server_log_);
-    args.insert(args.end(), {"--nats-server-binary", server_binary, "--nats-server-config",
-                             dir_.file("nats-server.conf"), "--nats-server-pid-file", dir_.file("nats-server.pid")});
-  } else {
+  if (!managed) {
     NatsServerOptions server_options;
     server_options.jetstream = options.jetstream;
     server_options.extra_config = authorization_block(issuer_);
     server_ = std::make_unique<NatsServer>(server_options);
     url_ = server_->url();
     args.insert(args.end(), {"--nats-server-managed", "false"});
+  } else {
+    server_log_ = dir_.file("nats-server.log");
+    args.insert(args.end(), {"--nats-server-binary", server_binary, "--nats-server-config",
+                             dir_.file("nats-server.conf"), "--nats-server-pid-file", dir_.file("nats-server.pid")});
   }
-  args.insert(args.end(), {"--nats-url", url_});
   if (!options.callout_service) args.insert(args.end(), {"--auth-callout-enabled", "false"});
   args.insert(args.end(), options.broker_args.begin(), options.broker_args.end());
-  broker_ = std::make_unique<Child>(args, options.env);
-  bool up = false;
-  if (!options.callout_service) {
-    // Nothing to probe: below info level the caller waits for what it needs itself.
-    up = options.tracelevel >= kInfoLevel ? broker_->wait_for_err("qm-av-broker ready", 60s) : broker_->running();
-  } else if (options.tracelevel >= kInfoLevel) {
-    // The broker says it is ready only once both subscriptions are in place.
-    up = broker_->wait_for_err("qm-av-broker ready", 60s);
-  } else {
-    up = s_wait_for_verify_endpoint(url_, *broker_, 60s);
+  // A managed server's port from free_port() is closed again before the server binds it,
+  // so a parallel test may take it first: the broker then stops at once, and another
+  // port is tried.
+  for (int attempt = 1;; ++attempt) {
+    if (managed) {
+      const int port = free_port();
+      url_ = "nats://127.0.0.1:" + std::to_string(port);
+      write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
+                               authorization_block(issuer_), server_log_);
+    }
+    std::vector<std::string> attempt_args = args;
+    attempt_args.insert(attempt_args.end(), {"--nats-url", url_});
+    broker_ = std::make_unique<Child>(attempt_args, options.env);
+    if (s_came_up(*broker_, url_, options)) return;
+    const bool port_taken =
+        managed && !broker_->running() &&
+        (read_file(server_log_) + broker_->err()).find("address already in use") != std::string::npos;
+    if (!port_taken || attempt == 3) throw std::runtime_error("broker did not come up:\n" + broker_->err());
+    std::filesystem::remove(server_log_);
   }
-  if (!up) throw std::runtime_error("broker did not come up:\n" + broker_->err());
 }
 
 CalloutEnv::~CalloutEnv() {
@@ -146,43 +137,13 @@ CalloutEnv::~CalloutEnv() {
     broker_->wait(30s);
   }
   broker_.reset();
+  // A broker that had to be killed leaves its managed server behind: end that one too
+  // (if the pid is still the one running this environment's configuration).
+  const pid_t managed_server = server_ ? -1 : server_pid();
+  if (managed_server > 0 && read_file("/proc/" + std::to_string(managed_server) + "/cmdline")
+                                    .find(dir_.file("nats-server.conf")) != std::string::npos)
+    kill(managed_server, SIGKILL);
   server_.reset();
-}
-
-InProcessCallout::InProcessCallout(const CalloutOptions& options) {
-  const std::string seed = dir_.file("issuer.seed");
-  NatsServerOptions server_options;
-  server_options.jetstream = false;
-  server_options.extra_config = CalloutEnv::authorization_block(issuer_nkey(seed));
-  server_ = std::make_unique<NatsServer>(server_options);
-  write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(options.users));
-  config_ = auth_config_new();
-  config_->nats_url = server_->url();
-  config_->nats_user = CalloutEnv::kAuthUser;
-  config_->nats_password = CalloutEnv::kAuthPassword;
-  config_->signing_key_path = seed;
-  if (!options.permissions_json.empty()) {
-    write_file(dir_.file("permissions.json"), options.permissions_json);
-    config_->permissions_file_path = dir_.file("permissions.json");
-  }
-  credentials_ = gw_credential_store_load(dir_.file("credentials.conf").c_str());
-  cache_ = gw_auth_cache_create(1024, 120, 10, 50);
-  service_ = auth_service_create(config_, credentials_, cache_);
-  thread_ = broker_auth_thread_create(service_);
-  if (broker_auth_thread_start(thread_) != 0) {
-    release();
-    throw std::runtime_error("the auth service did not start");
-  }
-}
-
-InProcessCallout::~InProcessCallout() { release(); }
-
-void InProcessCallout::release() {
-  broker_auth_thread_destroy(std::exchange(thread_, nullptr));
-  auth_service_destroy(std::exchange(service_, nullptr));
-  gw_auth_cache_destroy(std::exchange(cache_, nullptr));
-  gw_credential_store_free(std::exchange(credentials_, nullptr));
-  auth_config_free(std::exchange(config_, nullptr));
 }
 
 std::string CalloutEnv::server_log() const { return server_ ? server_->log() : read_file(server_log_); }
@@ -200,8 +161,21 @@ NatsLogin::~NatsLogin() {
   }
 }
 
-NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
-                     int timeout_ms) {
+void AsyncErrors::on_error(natsConnection* nc, natsSubscription*, natsStatus, void* closure) {
+  auto* self = static_cast<AsyncErrors*>(closure);
+  const char* last = nullptr;
+  natsConnection_GetLastError(nc, &last);
+  const std::lock_guard lock(self->mutex_);
+  self->text_ += std::string(last ? last : "?") + "\n";
+}
+
+std::string AsyncErrors::text() const {
+  const std::lock_guard lock(mutex_);
+  return text_;
+}
+
+NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password, int timeout_ms,
+                     AsyncErrors* errors) {
   NatsLogin login;
   natsOptions* opts = nullptr;
   if (natsOptions_Create(&opts) != NATS_OK) return login;
@@ -210,6 +184,7 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
   natsOptions_SetTimeout(opts, timeout_ms);
   natsOptions_SetMaxReconnect(opts, 0);
   natsOptions_SetAllowReconnect(opts, false);
+  if (errors != nullptr) natsOptions_SetErrorHandler(opts, AsyncErrors::on_error, errors);
   login.status = natsConnection_Connect(&login.conn, opts);
   if (login.status != NATS_OK) {
     login.conn = nullptr;
@@ -222,7 +197,8 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
 }
 
 std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const qm::unique_fd socket_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int fd = socket_fd.get();
   if (fd < 0) return "";
   timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -248,14 +224,13 @@ std::string raw_login(const std::string& url, const std::string& connect_json, i
       }
     }
   }
-  close(fd);
   return answer;
 }
 
-std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms) {
+std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms) {
   natsMsg* reply = nullptr;
-  if (natsConnection_Request(&reply, conn, "qm.auth.verify", body.data(), static_cast<int>(body.size()),
-                             timeout_ms) != NATS_OK)
+  if (natsConnection_Request(&reply, conn, subject.c_str(), body.data(), static_cast<int>(body.size()), timeout_ms) !=
+      NATS_OK)
     return "";
   std::string answer(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
   natsMsg_Destroy(reply);

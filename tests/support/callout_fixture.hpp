@@ -6,6 +6,7 @@
 #include <nats/nats.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,12 +14,6 @@
 #include "nats_server_fixture.hpp"
 #include "slapd_fixture.hpp"
 #include "test_support.hpp"
-
-struct auth_config;
-struct auth_service;
-struct broker_auth_thread;
-struct gw_auth_cache;
-struct gw_credential_store;
 
 namespace qmtest {
 
@@ -85,41 +80,6 @@ class CalloutEnv {
   std::unique_ptr<Child> broker_;
 };
 
-// The auth service inside the test process, answering the callout of a real nats-server,
-// with its result cache within the test's reach (the HTTP frontend shares that cache
-// object in the broker). Only `users` and `permissions_json` of the options apply.
-class InProcessCallout {
- public:
-  explicit InProcessCallout(const CalloutOptions& options);
-  ~InProcessCallout();
-  InProcessCallout(const InProcessCallout&) = delete;
-  InProcessCallout& operator=(const InProcessCallout&) = delete;
-
-  std::string url() const { return server_->url(); }
-  gw_auth_cache* cache() const { return cache_; }
-
- private:
-  void release();
-
-  TempDir dir_;
-  std::unique_ptr<NatsServer> server_;
-  auth_config* config_ = nullptr;
-  gw_credential_store* credentials_ = nullptr;
-  gw_auth_cache* cache_ = nullptr;
-  auth_service* service_ = nullptr;
-  broker_auth_thread* thread_ = nullptr;
-};
-
-// A directory for the auth tests: the service account kReaderDn (password
-// "reader-secret") under dc=qm,dc=test and one user, lara (password "lara-pw"), member of
-// kScannersGroup through her memberOf attribute.
-inline constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
-inline constexpr const char* kScannersGroup = "cn=scanners,ou=groups,dc=qm,dc=test";
-std::unique_ptr<Slapd> start_directory();
-
-// The issuer NKey of the seed at seed_path (made when missing).
-std::string issuer_nkey(const std::string& seed_path);
-
 // A client login as user/password: NATS_OK and a connection, or the failure.
 struct NatsLogin {
   natsStatus status = NATS_ERR;
@@ -131,8 +91,19 @@ struct NatsLogin {
   NatsLogin(const NatsLogin&) = delete;
   ~NatsLogin();
 };
+// The asynchronous errors a server sent a connection (permission violations), one a line.
+class AsyncErrors {
+ public:
+  static void on_error(natsConnection* nc, natsSubscription*, natsStatus, void* closure);
+  std::string text() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::string text_;
+};
+// `errors`, when given, collects the connection's asynchronous errors and must outlive it.
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
-                     int timeout_ms = 5000);
+                     int timeout_ms = 5000, AsyncErrors* errors = nullptr);
 
 // A login in the raw client protocol: connect_json is sent as the CONNECT line's JSON
 // as it stands, so it may carry what no client library sends (a \u0000 in a password).
@@ -140,7 +111,11 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
 // when nothing came within timeout_ms.
 std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms = 5000);
 
+// One request on subject through conn; the raw answer, "" on time-out.
+std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms = 5000);
 // One request on qm.auth.verify through conn; the raw JSON answer, "" on time-out.
-std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000);
+inline std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000) {
+  return request(conn, "qm.auth.verify", body, timeout_ms);
+}
 
 }  // namespace qmtest

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "qm_handles.hpp"
+
 namespace qmtest {
 
 namespace {
@@ -44,8 +46,8 @@ std::vector<region> s_writable_regions() {
 
 size_t occurrences_in_own_memory(std::string_view needle) {
   if (needle.empty()) return 0;
-  const int fd = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error("cannot open /proc/self/mem");
+  const qm::unique_fd mem(open("/proc/self/mem", O_RDONLY | O_CLOEXEC));
+  if (!mem) throw std::runtime_error("cannot open /proc/self/mem");
   // The region list comes first: the buffer below then lies in a region of its own or
   // in one already listed, and holds only what it copied from elsewhere.
   const std::vector<region> regions = s_writable_regions();
@@ -56,7 +58,7 @@ size_t occurrences_in_own_memory(std::string_view needle) {
     size_t carried = 0;  // the tail of the previous chunk, so a match across chunks counts
     for (unsigned long at = r.start; at < r.end; at += kChunk) {
       const size_t want = std::min<unsigned long>(kChunk, r.end - at);
-      const ssize_t got = pread(fd, buffer.data() + carried, want, static_cast<off_t>(at));
+      const ssize_t got = pread(mem.get(), buffer.data() + carried, want, static_cast<off_t>(at));
       if (got <= 0) break;
       const std::string_view window(buffer.data(), carried + static_cast<size_t>(got));
       for (size_t pos = window.find(needle); pos != std::string_view::npos; pos = window.find(needle, pos + 1)) ++found;
@@ -64,7 +66,6 @@ size_t occurrences_in_own_memory(std::string_view needle) {
       std::copy(window.end() - static_cast<long>(carried), window.end(), buffer.begin());
     }
   }
-  close(fd);
   return found;
 }
 

@@ -48,20 +48,50 @@ std::vector<tcp_socket_row> s_tcp_rows() {
 }
 
 constexpr int kTcpEstablished = 1;
+constexpr int kStartAttempts = 5;
+
+// memberOf as a plain user attribute that the directory keeps on each user's entry.
+constexpr const char* kMemberOfSchema =
+    "attributetype ( 1.3.6.1.4.1.4203.666.11.99.1 NAME 'memberOf'\n"
+    "  EQUALITY distinguishedNameMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.12 )\n"
+    "objectclass ( 1.3.6.1.4.1.4203.666.11.99.2 NAME 'qmGroupMember' AUXILIARY MAY memberOf )\n";
+
+std::string s_posix_user(const std::string& rdn, const std::string& uid, const std::string& password, int number,
+                         const std::vector<std::string>& groups = {}) {
+  const std::string n = std::to_string(number);
+  std::string entry = "dn: " + rdn + ",dc=qm,dc=test\nobjectClass: account\nobjectClass: posixAccount\n";
+  if (!groups.empty()) entry += "objectClass: qmGroupMember\n";
+  entry += "uid: " + uid + "\ncn: user" + n + "\nuidNumber: " + n + "\ngidNumber: 1000\nhomeDirectory: /home/user" + n +
+           "\nuserPassword: " + password + "\n";
+  for (const auto& group : groups) entry += "memberOf: " + group + "\n";
+  return entry + "\n";
+}
 
 }  // namespace
 
 Slapd::Slapd(SlapdOptions options) : options_(std::move(options)) {
-  port_ = free_port();
-  url_ = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
   std::filesystem::create_directory(dir_.path() / "db");
-  if (options_.tls) {
-    ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
-    make_test_certificates(dir_, "qmtest slapd CA");
-  }
+  if (options_.tls) make_test_certificates(dir_, "qmtest slapd CA");
   write_config();
   load_ldif();
-  start();
+  start_on_a_free_port();
+}
+
+// A port from free_port() is closed again before slapd binds it, so a parallel test may
+// take it first: slapd then exits at once, and the start is tried on other ports.
+void Slapd::start_on_a_free_port() {
+  for (int attempt = 1;; ++attempt) {
+    port_ = free_port();
+    url_ = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
+    if (options_.tls) ldaps_url_ = "ldaps://127.0.0.1:" + std::to_string(free_port()) + "/";
+    try {
+      start();
+      return;
+    } catch (const std::runtime_error&) {
+      if (exited_at_start_ && attempt < kStartAttempts) continue;
+      throw;
+    }
+  }
 }
 
 Slapd::~Slapd() {
@@ -131,6 +161,7 @@ void Slapd::start() {
                                                             listeners});
   paused_ = false;
   const bool up = wait_until([this] { return !child_->running() || answers(); }, kStartTimeout);
+  exited_at_start_ = !child_->running();
   if (!up || !child_->running()) {
     const std::string output = child_->err();
     child_.reset();
@@ -175,20 +206,35 @@ void Slapd::resume() {
   paused_ = false;
 }
 
-int Slapd::established_connections() const {
+int Slapd::count_connections(bool with_unread_requests_only) const {
   int count = 0;
   for (const auto& row : s_tcp_rows())
-    if (row.local_port == port_ && row.state == kTcpEstablished) ++count;
+    if (row.local_port == port_ && row.state == kTcpEstablished && (!with_unread_requests_only || row.rx_queue > 0))
+      ++count;
   return count;
 }
 
-long Slapd::unread_request_bytes() const {
-  long bytes = 0;
-  for (const auto& row : s_tcp_rows())
-    if (row.local_port == port_ && row.state == kTcpEstablished) bytes += row.rx_queue;
-  return bytes;
+std::unique_ptr<Slapd> start_directory(bool tls) {
+  SlapdOptions options;
+  options.ldif =
+      "dn: dc=qm,dc=test\nobjectClass: dcObject\nobjectClass: organization\no: qm\ndc: qm\n\n"
+      "dn: ou=people,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: people\n\n"
+      "dn: ou=staff,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: staff\n\n"
+      "dn: ou=services,dc=qm,dc=test\nobjectClass: organizationalUnit\nou: services\n\n"
+      "dn: cn=reader,ou=services,dc=qm,dc=test\nobjectClass: organizationalRole\n"
+      "objectClass: simpleSecurityObject\ncn: reader\nuserPassword: reader-secret\n\n" +
+      s_posix_user("uid=alice,ou=people", "alice", "alice-pw", 1001, {kScannersGroup, kAdminsGroup}) +
+      s_posix_user("uid=bob,ou=people", "bob", "bob-pw", 1002) +
+      s_posix_user("uid=carol,ou=people", "carol", "carol-pw", 1003, {kScannersGroup}) +
+      s_posix_user("uid=lara,ou=people", "lara", "lara-pw", 1004, {kScannersGroup}) +
+      s_posix_user("uid=leo,ou=people", "leo", "leo-pw", 1005) +
+      s_posix_user("cn=odd one,ou=people", "we)(ird*", "odd-pw", 1006) +
+      s_posix_user("cn=back slash,ou=people", "back\\slash", "slash-pw", 1007) +
+      s_posix_user("uid=twin,ou=people", "twin", "twin-pw", 1008) +
+      s_posix_user("uid=twin,ou=staff", "twin", "twin-pw", 1009);
+  options.extra_schema = kMemberOfSchema;
+  options.tls = tls;
+  return std::make_unique<Slapd>(options);
 }
-
-std::string Slapd::output() const { return child_ ? child_->err() : std::string(); }
 
 }  // namespace qmtest

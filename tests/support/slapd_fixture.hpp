@@ -1,6 +1,7 @@
 // A real OpenLDAP slapd as a child process: its own configuration and mdb database in a
 // temporary directory, loaded from an LDIF before the first start, listening on
-// ldap://127.0.0.1:<free port>/. Always stopped by the destructor.
+// ldap://127.0.0.1:<free port>/ (another port is tried when that one was taken before
+// slapd could bind it). Always stopped by the destructor.
 #pragma once
 
 #include <sys/types.h>
@@ -41,7 +42,6 @@ class Slapd {
 
   // "ldap://127.0.0.1:<port>/"; stays the same across stop() and start().
   const std::string& url() const { return url_; }
-  int port() const { return port_; }
   // "ldaps://127.0.0.1:<port>/" and the PEM file of the CA that issued the server's
   // certificate; empty without `tls`.
   const std::string& ldaps_url() const { return ldaps_url_; }
@@ -60,18 +60,18 @@ class Slapd {
   void pause();
   void resume();
 
-  // Server-side TCP connections on the port that are established.
-  int established_connections() const;
-  // Bytes received on those connections that slapd has not read yet.
-  long unread_request_bytes() const;
-  // Everything slapd has written to standard error since the last start.
-  std::string output() const;
+  // Server-side TCP connections on the port that are established; of those, the ones
+  // with a request that slapd has not read yet (clients waiting on a paused server).
+  int established_connections() const { return count_connections(false); }
+  int connections_with_unread_requests() const { return count_connections(true); }
 
  private:
   void write_config() const;
   void load_ldif() const;
+  void start_on_a_free_port();
   bool answers() const;
   bool all_threads_stopped() const;
+  int count_connections(bool with_unread_requests_only) const;
 
   SlapdOptions options_;
   TempDir dir_;
@@ -80,6 +80,18 @@ class Slapd {
   std::string ldaps_url_;
   std::unique_ptr<Child> child_;
   bool paused_ = false;
+  bool exited_at_start_ = false;
 };
+
+// A directory for the auth tests under dc=qm,dc=test: the service account kReaderDn
+// (password "reader-secret") and posix accounts, groups given by memberOf: in ou=people
+// alice ("alice-pw", in kScannersGroup and kAdminsGroup), bob ("bob-pw"), carol
+// ("carol-pw", in kScannersGroup), lara ("lara-pw", in kScannersGroup), leo ("leo-pw"),
+// "we)(ird*" ("odd-pw") and "back\slash" ("slash-pw"), names made of filter
+// metacharacters; and "twin" ("twin-pw") twice, in ou=people and ou=staff.
+inline constexpr const char* kReaderDn = "cn=reader,ou=services,dc=qm,dc=test";
+inline constexpr const char* kScannersGroup = "cn=scanners,ou=groups,dc=qm,dc=test";
+inline constexpr const char* kAdminsGroup = "cn=admins,ou=groups,dc=qm,dc=test";
+std::unique_ptr<Slapd> start_directory(bool tls = false);
 
 }  // namespace qmtest
