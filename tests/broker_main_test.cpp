@@ -73,7 +73,7 @@ void expect_only_the_main_thread_takes_signals(pid_t pid) {
     if (task.path().filename() == std::to_string(pid)) continue;
     const std::string status = qmtest::read_file(task.path().string() + "/status");
     const size_t at = status.find("SigBlk:");
-    ASSERT_NE(at, std::string::npos);
+    if (at == std::string::npos) continue;  // a short-lived thread ended since the listing
     EXPECT_EQ(std::stoull(status.substr(at + 7), nullptr, 16) & wanted, wanted) << task.path();
     ++threads;
   }
