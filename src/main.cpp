@@ -399,7 +399,7 @@ bool s_start_http_frontend(broker_app& app) {
     return false;
   }
   g_http_fe.store(fe);
-  log_info("HTTP frontend started on %s:%d", host, gw.http_listen_port);
+  log_info("HTTP frontend started on %s:%d", host, gw_http_frontend_bound_port(fe));
   return true;
 }
 

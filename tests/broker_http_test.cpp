@@ -16,12 +16,12 @@ using namespace std::chrono_literals;
 TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
   TempDir dir;
   const TestCertificates certs = make_test_certificates(dir, "qmtest broker CA");
-  // Port 0: the kernel chooses, and the door says which.
+  // Port 0: the kernel chooses, and the start-up line says which.
   AmqpEnvOptions options;
   options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0", "--http-tls-cert", certs.cert_file,
                          "--http-tls-key", certs.key_file};
   AmqpEnv env(options);
-  const std::string listening = "http_frontend: listening on 0.0.0.0:";
+  const std::string listening = "HTTP frontend started on 0.0.0.0:";
   ASSERT_TRUE(env.wait_for_log(listening));
   const std::string started = env.broker_log();
   const std::string port = std::to_string(atoi(started.c_str() + started.find(listening) + listening.size()));
