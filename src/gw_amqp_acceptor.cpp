@@ -79,8 +79,6 @@ struct gw_amqp_acceptor {
   sasl_steps_ptr sasl_steps;  // with the gateway's own Cyrus binding only
   // Listeners and connections still open; the final drain waits for them.
   int live_endpoints = 0;
-  // What the listener is bound to (port 0 lets the kernel choose); 0 until it listens.
-  std::atomic<int> bound_port{0};
   // A signal handler may stop the loop, but waking the proactor takes its locks: the
   // handler only writes this eventfd, and the waker thread interrupts the proactor.
   qm::unique_fd stop_fd;
@@ -712,10 +710,10 @@ int s_listener_port(pn_listener_t* listener) {
 
 void s_on_listener_open(gw_amqp_acceptor& acc, pn_listener_t* listener) {
   const gw_config_t& cfg = *acc.cfg;
-  const int port = s_listener_port(listener);
-  acc.bound_port.store(port > 0 ? port : cfg.amqp_listen_port);
+  const int bound = s_listener_port(listener);
+  const int port = bound > 0 ? bound : cfg.amqp_listen_port;
   log_info("amqp_acceptor: listening on %s:%d (tls=%s, backlog=%d requested, capped by net.core.somaxconn)",
-           qm::or_text(qm::cstr(cfg.amqp_listen_host), ""), acc.bound_port.load(), s_tls_configured(cfg) ? "yes" : "no",
+           qm::or_text(qm::cstr(cfg.amqp_listen_host), ""), port, s_tls_configured(cfg) ? "yes" : "no",
            cfg.listen_backlog);
 }
 
@@ -882,8 +880,6 @@ int gw_amqp_acceptor_run(gw_amqp_acceptor_t* acc) {
   }
   return 0;
 }
-
-int gw_amqp_acceptor_bound_port(const gw_amqp_acceptor_t* acc) { return acc == nullptr ? 0 : acc->bound_port.load(); }
 
 void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;

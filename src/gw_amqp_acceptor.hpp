@@ -23,10 +23,6 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
 // then closes every connection and returns 0.
 int gw_amqp_acceptor_run(gw_amqp_acceptor_t* acc);
 
-// The port the listener is bound to once it listens (amqp_listen_port 0 lets the kernel
-// choose one), else 0. Callable from any thread.
-int gw_amqp_acceptor_bound_port(const gw_amqp_acceptor_t* acc);
-
 // Ends the event loop. Async-signal-safe: callable from any thread and from a signal
 // handler. Accepts NULL.
 void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc);
