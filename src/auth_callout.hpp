@@ -13,6 +13,13 @@
 
 struct auth_jwt_ctx;
 
+// Who signs the answers, and where a granted login is placed.
+struct auth_signer {
+  const auth_jwt_ctx* jwt = nullptr;
+  // The account of admitted logins (the user JWT's audience); "$G" without accounts.
+  std::string account = "$G";
+};
+
 // What a callout request (the JWT nats-server sends) says about the connecting client.
 struct auth_request_t {
   std::string user;
@@ -43,9 +50,11 @@ auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req);
 // nothing when only the directory can tell: auth_callout_answer then, on a thread that
 // may wait. An empty token means signing failed: no answer is sent, and nats-server
 // refuses the client when its wait runs out.
-std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_jwt_ctx* jwt,
+// A grant carries the subject lists of auth_profile_grant; a user name that the user's
+// templated profile refuses is refused (logged).
+std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_signer& signer,
                                                    const auth_request_t& req);
-std::string auth_callout_answer(auth_decider_t* decider, const auth_jwt_ctx* jwt, const auth_request_t& req);
+std::string auth_callout_answer(auth_decider_t* decider, const auth_signer& signer, const auth_request_t& req);
 
 // The signed refusal of a request without "nats" claims, user or password.
-std::string auth_callout_refuse_malformed(const auth_jwt_ctx* jwt, const auth_request_t& req);
+std::string auth_callout_refuse_malformed(const auth_signer& signer, const auth_request_t& req);

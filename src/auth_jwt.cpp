@@ -346,6 +346,14 @@ std::string build_jwt(const auth_jwt_ctx_t* ctx, json_object* payload) {
 int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* account,
                         const char* const* pub_allow, const char* const* pub_deny, const char* const* sub_allow,
                         const char* const* sub_deny, char** out_jwt) {
+  return auth_jwt_sign_grant_ex(ctx, server_id, user_nkey, account, pub_allow, pub_deny, sub_allow, sub_deny, 0,
+                                out_jwt);
+}
+
+int auth_jwt_sign_grant_ex(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey,
+                           const char* account, const char* const* pub_allow, const char* const* pub_deny,
+                           const char* const* sub_allow, const char* const* sub_deny, int responses,
+                           char** out_jwt) {
   if (!s_usable(ctx, out_jwt)) return -1;
   try {
     const int64_t now = static_cast<int64_t>(time(nullptr));
@@ -357,6 +365,12 @@ int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const 
     json_object* user_nats = s_nats_head("user");
     s_add_perm_side(user_nats, "pub", pub_allow, pub_deny);
     s_add_perm_side(user_nats, "sub", sub_allow, sub_deny);
+    if (responses > 0) {
+      json_object* resp = json_object_new_object();
+      s_add(resp, "max", json_object_new_int(responses));
+      s_add(resp, "ttl", json_object_new_int64(0));
+      s_add(user_nats, "resp", resp);
+    }
     s_add(user.get(), "nats", user_nats);
     const std::string user_jwt = build_jwt(ctx, user.get());
     if (user_jwt.empty()) return -1;

@@ -42,6 +42,7 @@ const char* const s_empty_list[] = {nullptr};
 
 struct auth_profile {
   std::string name;
+  bool allow_responses = false;
   s_subject_list pub_allow;
   s_subject_list pub_deny;
   s_subject_list sub_allow;
@@ -221,6 +222,14 @@ bool s_parse_profiles(json_object* profiles, auth_profile_store& store) {
         !s_parse_list(body, "subscribe", "deny", profile->sub_deny)) {
       return false;
     }
+    json_object* responses = nullptr;
+    if (json_object_object_get_ex(body, "allow_responses", &responses)) {
+      if (!json_object_is_type(responses, json_type_boolean)) {
+        log_error("auth_profile: profile \"%s\" allow_responses is not a boolean", name);
+        return false;
+      }
+      profile->allow_responses = json_object_get_boolean(responses);
+    }
     if (!s_check_bucket_entries(*profile)) return false;
     store.profiles.push_back(std::move(profile));
   }
@@ -368,12 +377,11 @@ constexpr std::string_view kUserTemplate = "{user}";
 // gateway's inboxes.
 const char* const kDenyAlways[] = {"$SYS.>", "qm.auth.>", "_QMGW_INBOX.>"};
 // Never published by a login: the JetStream API that creates, changes, lists or removes
-// streams and consumers, or reads queued jobs.
+// streams and consumers.
 const char* const kPubDenyAlways[] = {
     "$JS.API.STREAM.CREATE.>", "$JS.API.STREAM.UPDATE.>", "$JS.API.STREAM.DELETE.>", "$JS.API.STREAM.PURGE.>",
     "$JS.API.STREAM.MSG.DELETE.>", "$JS.API.STREAM.SNAPSHOT.>", "$JS.API.STREAM.RESTORE.>",
     "$JS.API.STREAM.PEER.>", "$JS.API.STREAM.LEADER.>", "$JS.API.STREAM.NAMES", "$JS.API.STREAM.LIST",
-    "$JS.API.STREAM.MSG.GET.JOBS_*", "$JS.API.DIRECT.GET.JOBS_*", "$JS.API.DIRECT.GET.JOBS_*.>",
     "$JS.API.CONSUMER.CREATE.>", "$JS.API.CONSUMER.DURABLE.>", "$JS.API.CONSUMER.DELETE.>",
     "$JS.API.CONSUMER.NAMES.>", "$JS.API.CONSUMER.LIST.>", "$JS.API.CONSUMER.PAUSE.>", "$JS.API.CONSUMER.UNPIN.>",
     "$JS.API.META.>", "$JS.API.SERVER.>", "$JS.API.ACCOUNT.>"};
@@ -438,6 +446,9 @@ bool auth_profile_grant(const auth_profile_t* profile, const char* user, auth_gr
   out = auth_grant{};
   const std::string_view name = user ? user : "";
   if (auth_profile_is_templated(profile) && !s_safe_for_template(name)) return false;
+  // The built-in grant publishes anywhere but to the gateway's inboxes: it may answer
+  // requests like a worker.
+  out.allow_responses = profile == nullptr || profile->allow_responses;
   if (profile == nullptr) {
     out.pub_allow.assign(std::begin(kBuiltinAllow), std::end(kBuiltinAllow));
     out.sub_allow.assign(std::begin(kBuiltinAllow), std::end(kBuiltinAllow));

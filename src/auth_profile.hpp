@@ -48,6 +48,9 @@ struct auth_grant {
   std::vector<std::string> pub_deny;
   std::vector<std::string> sub_allow;
   std::vector<std::string> sub_deny;
+  // The login may publish one reply to each request it receives, whatever the lists say
+  // (the profile's "allow_responses": how a worker answers the gateway's inboxes).
+  bool allow_responses = false;
 };
 
 // False for a profile that templates "{user}" when the user name is empty or holds '.',

@@ -55,6 +55,7 @@ enum option_id : int {
   OPT_LDAP_GROUP_ATTRIBUTE,
   OPT_LDAP_CACERT,
   OPT_PERMISSIONS_FILE,
+  OPT_FLEET_ACCOUNT,
   OPT_GW_NATS_USER,
   OPT_GW_NATS_PASSWORD,
   OPT_LISTEN_BACKLOG,
@@ -132,6 +133,7 @@ const option kLongOptions[] = {
     {"ldap-group-attribute", required_argument, nullptr, OPT_LDAP_GROUP_ATTRIBUTE},
     {"ldap-cacert", required_argument, nullptr, OPT_LDAP_CACERT},
     {"permissions-file", required_argument, nullptr, OPT_PERMISSIONS_FILE},
+    {"fleet-account", required_argument, nullptr, OPT_FLEET_ACCOUNT},
     {"gw-nats-user", required_argument, nullptr, OPT_GW_NATS_USER},
     {"gw-nats-password", required_argument, nullptr, OPT_GW_NATS_PASSWORD},
     {"listen-backlog", required_argument, nullptr, OPT_LISTEN_BACKLOG},
@@ -252,6 +254,7 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_LDAP_GROUP_ATTRIBUTE: set_str(auth.ldap_group_attribute, arg); break;
     case OPT_LDAP_CACERT: set_str(auth.ldap_cacert_path, arg); break;
     case OPT_PERMISSIONS_FILE: set_str(auth.permissions_file_path, arg); break;
+    case OPT_FLEET_ACCOUNT: set_str(auth.fleet_account, arg); break;
     case OPT_GW_NATS_USER: set_str(gw.nats_user, arg); break;
     case OPT_GW_NATS_PASSWORD: set_str(gw.nats_password, arg); break;
     case OPT_LISTEN_BACKLOG: s_parse_listen_backlog(gw, arg); break;
@@ -337,6 +340,7 @@ Auth callout subsystem (default: enabled):
   --auth-nats-password <password>      its password
   --auth-backend <file|ldap|file+ldap> where passwords are checked (default file)
   --permissions-file <path>            JSON permission profiles (default: built-in profiles)
+  --fleet-account <name>               nats-server account of admitted logins (default QM_FLEET)
   --ldap-url <url>                     LDAP server (ldap:// or ldaps://)
   --ldap-base-dn <dn>                  search base
   --ldap-bind-dn <dn>                  service account

@@ -106,6 +106,7 @@ const std::vector<option_row> kOptions = {
     {"--ldap-group-attribute", FIELD(auth->ldap_group_attribute), nullptr, "memberOf"},
     {"--ldap-cacert", FIELD(auth->ldap_cacert_path), nullptr, "/l.pem"},
     {"--permissions-file", FIELD(auth->permissions_file_path), nullptr, "/p.json"},
+    {"--fleet-account", FIELD(auth->fleet_account), "QM_FLEET", "F"},
     {"--gw-nats-user", FIELD(gw->nats_user), nullptr, "gu"},
     {"--gw-nats-password", FIELD(gw->nats_password), nullptr, "gp"},
     {"--listen-backlog", FIELD(gw->listen_backlog), "65535", "128"},

@@ -66,10 +66,20 @@ std::string CalloutEnv::credentials_text(const user_list& users) {
 }
 
 std::string CalloutEnv::authorization_block(const std::string& issuer) {
-  return std::string("authorization {\n  users: [\n") + "    {user: \"" + kAuthUser + "\", password: \"" +
-         kAuthPassword + "\"}\n    {user: \"" + kGatewayUser + "\", password: \"" + kGatewayPassword +
-         "\"}\n  ]\n  auth_callout {\n    issuer: \"" + issuer + "\"\n    auth_users: [\"" + kAuthUser + "\", \"" +
-         kGatewayUser + "\"]\n  }\n}\n";
+  std::string text = read_file(std::string(QM_SOURCE_DIR) + "/packaging/nats-server.conf");
+  const size_t layout = text.find("# -- secure account layout --");
+  if (layout == std::string::npos) throw std::runtime_error("packaging/nats-server.conf has no account layout");
+  text.erase(0, layout);
+  for (const auto& [placeholder, value] : {std::pair<std::string, std::string>{"@ISSUER_NKEY@", issuer},
+                                           {"@AUTH_PASSWORD@", kAuthPassword},
+                                           {"@GATEWAY_PASSWORD@", kGatewayPassword}}) {
+    for (size_t at; (at = text.find(placeholder)) != std::string::npos;) text.replace(at, placeholder.size(), value);
+  }
+  return text;
+}
+
+std::string CalloutEnv::shipped_permissions() {
+  return read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json");
 }
 
 CalloutEnv::CalloutEnv(CalloutOptions options) {
@@ -175,7 +185,7 @@ std::string AsyncErrors::text() const {
 }
 
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password, int timeout_ms,
-                     AsyncErrors* errors) {
+                     AsyncErrors* errors, const std::string& inbox_prefix) {
   NatsLogin login;
   natsOptions* opts = nullptr;
   if (natsOptions_Create(&opts) != NATS_OK) return login;
@@ -185,6 +195,7 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
   natsOptions_SetMaxReconnect(opts, 0);
   natsOptions_SetAllowReconnect(opts, false);
   if (errors != nullptr) natsOptions_SetErrorHandler(opts, AsyncErrors::on_error, errors);
+  if (!inbox_prefix.empty()) natsOptions_SetCustomInboxPrefix(opts, inbox_prefix.c_str());
   login.status = natsConnection_Connect(&login.conn, opts);
   if (login.status != NATS_OK) {
     login.conn = nullptr;

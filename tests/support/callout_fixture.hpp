@@ -67,8 +67,11 @@ class CalloutEnv {
 
   // Credentials file text for these users, plus the broker's own two.
   static std::string credentials_text(const user_list& users);
-  // nats-server's authorization block with the auth callout for `issuer`.
+  // nats-server's accounts and authorization blocks for `issuer`: the secure account
+  // layout of packaging/nats-server.conf, rendered with the fixture's passwords.
   static std::string authorization_block(const std::string& issuer);
+  // packaging/qm-av-permissions.json: the shipped client and worker roles.
+  static std::string shipped_permissions();
 
  private:
   TempDir dir_;
@@ -102,8 +105,10 @@ class AsyncErrors {
   std::string text_;
 };
 // `errors`, when given, collects the connection's asynchronous errors and must outlive it.
+// inbox_prefix, when given, replaces "_INBOX" (the shipped roles receive replies only
+// below "_INBOX.<user>").
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
-                     int timeout_ms = 5000, AsyncErrors* errors = nullptr);
+                     int timeout_ms = 5000, AsyncErrors* errors = nullptr, const std::string& inbox_prefix = "");
 
 // A login in the raw client protocol: connect_json is sent as the CONNECT line's JSON
 // as it stands, so it may carry what no client library sends (a \u0000 in a password).
