@@ -10,6 +10,9 @@
 
 namespace {
 
+// The header nats-server names its own xkey in when it seals a callout request.
+constexpr const char* kServerXkeyHeader = "Nats-Server-Xkey";
+
 // The NULL-terminated view json arrays are built from.
 class c_list {
  public:
@@ -85,9 +88,15 @@ void s_log_verdict(const auth_request_t& req, const auth_verdict& v) {
   }
 }
 
+// A sealed request gets a sealed answer; a token that could not be made stays empty.
+std::string s_sealed(const auth_signer& signer, const auth_request_t& req, std::string token) {
+  if (req.server_xkey.empty() || token.empty()) return token;
+  return auth_jwt_seal(signer.jwt, token, req.server_xkey);
+}
+
 std::string s_answer(const auth_signer& signer, const auth_request_t& req, const auth_verdict& verdict) {
   s_log_verdict(req, verdict);
-  return s_sign(signer, req, verdict);
+  return s_sealed(signer, req, s_sign(signer, req, verdict));
 }
 
 }  // namespace
@@ -110,16 +119,29 @@ bool extract_auth_request(std::string_view token, auth_request_t& req) {
   return req.has_user && req.has_password;
 }
 
-auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req) {
+auth_callout_read_t auth_callout_read(natsMsg* msg, const auth_signer& signer, auth_request_t& req) {
   const char* data = natsMsg_GetData(msg);
   const int len = natsMsg_GetDataLength(msg);
   if (data == nullptr || len <= 0) return AUTH_CALLOUT_EMPTY;
-  const bool complete = extract_auth_request(std::string_view(data, static_cast<size_t>(len)), req);
+  const std::string_view payload(data, static_cast<size_t>(len));
+  const char* server_xkey = nullptr;
+  bool complete = false;
+  if (natsMsgHeader_Get(msg, kServerXkeyHeader, &server_xkey) == NATS_OK && server_xkey != nullptr) {
+    req.server_xkey = server_xkey;
+    if (std::optional<qm::secret_string> opened = auth_jwt_open(signer.jwt, payload, req.server_xkey))
+      complete = extract_auth_request(opened->str(), req);
+    else
+      log_warn("auth_callout: a sealed request does not open \u2014 is nats-server's auth_callout xkey this broker's "
+               "--print-issuer-xkey?");
+  } else {
+    complete = extract_auth_request(payload, req);
+  }
   qm_nats_msg_wipe(msg);
   if (!complete) return AUTH_CALLOUT_MALFORMED;
-  log_trace("auth_callout: request user=%s server=%s user_nkey=%s...", log_safe(req.user).c_str(),
+  log_trace("auth_callout: request user=%s server=%s user_nkey=%s... sealed=%s", log_safe(req.user).c_str(),
             req.server_id.empty() ? "(null)" : log_safe(req.server_id).c_str(),
-            req.user_nkey.empty() ? "(null)" : log_safe(std::string_view(req.user_nkey).substr(0, 12)).c_str());
+            req.user_nkey.empty() ? "(null)" : log_safe(std::string_view(req.user_nkey).substr(0, 12)).c_str(),
+            req.server_xkey.empty() ? "no" : "yes");
   return AUTH_CALLOUT_REQUEST;
 }
 
@@ -136,5 +158,5 @@ std::string auth_callout_answer(auth_decider_t* decider, const auth_signer& sign
 
 std::string auth_callout_refuse_malformed(const auth_signer& signer, const auth_request_t& req) {
   log_warn("auth_callout: malformed auth request \u2014 sending deny");
-  return s_sign_deny(signer, req, "malformed auth request");
+  return s_sealed(signer, req, s_sign_deny(signer, req, "malformed auth request"));
 }

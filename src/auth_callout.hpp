@@ -26,6 +26,9 @@ struct auth_request_t {
   qm::secret_string password;
   std::string server_id;
   std::string user_nkey;
+  // The server's xkey when it sealed the request (auth_callout { xkey }): the answer is
+  // sealed to it. Empty: a plain request and a plain answer.
+  std::string server_xkey;
   bool has_user = false;
   bool has_password = false;
 };
@@ -43,8 +46,9 @@ enum auth_callout_read_t {
 };
 
 // Reads the request in msg's payload into req, then wipes the payload (it carries the
-// client's password).
-auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req);
+// client's password). A request sealed to the signer's xkey (header "Nats-Server-Xkey")
+// is opened first; one that does not open is malformed (logged).
+auth_callout_read_t auth_callout_read(natsMsg* msg, const auth_signer& signer, auth_request_t& req);
 
 // The signed answer to a request that can be decided without waiting (auth_decide_now);
 // nothing when only the directory can tell: auth_callout_answer then, on a thread that

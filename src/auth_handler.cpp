@@ -208,7 +208,7 @@ void auth_callout_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* 
   const auto& data = *static_cast<const auth_callback_data_t*>(closure);
   try {
     auth_request_t req;
-    switch (auth_callout_read(msg, req)) {
+    switch (auth_callout_read(msg, data.signer, req)) {
       case AUTH_CALLOUT_EMPTY:
         return;
       case AUTH_CALLOUT_MALFORMED:

@@ -29,6 +29,10 @@ struct auth_jwt_ctx {
   // as a signature, and a login takes two. Signing threads share it read-only.
   unsigned char secret_key[crypto_sign_SECRETKEYBYTES] = {};
   std::string public_key_str;
+  // The curve25519 pair callout requests are sealed to, derived from the same seed.
+  unsigned char xkey_secret[crypto_box_SECRETKEYBYTES] = {};
+  unsigned char xkey_public[crypto_box_PUBLICKEYBYTES] = {};
+  std::string xkey_str;
   bool loaded = false;
 
   auth_jwt_ctx() = default;
@@ -37,12 +41,18 @@ struct auth_jwt_ctx {
   ~auth_jwt_ctx() {
     sodium_memzero(seed, sizeof seed);
     sodium_memzero(secret_key, sizeof secret_key);
+    sodium_memzero(xkey_secret, sizeof xkey_secret);
   }
 };
 
 namespace {
 
 using s_json_ptr = qm::json_ptr;
+
+// Base32 index of 'X', the prefix of curve25519 (xkey) NKeys.
+constexpr uint8_t kCurvePrefix = 23;
+// Version tag of a sealed message: the tag, a 24-byte nonce, then the crypto_box.
+constexpr std::string_view kXkeyVersion = "xkv1";
 
 constexpr const char* s_jwt_header = R"({"typ":"JWT","alg":"ed25519-nkey"})";
 constexpr const char* s_base32_alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
@@ -288,6 +298,10 @@ auth_jwt_ctx_t* auth_jwt_init(const char* seed_path) {
       if (seed_path != nullptr) s_store_seed_file(seed_path, *ctx);
     }
     ctx->public_key_str = nkey_encode_public(0, ctx->public_key);
+    if (crypto_sign_ed25519_sk_to_curve25519(ctx->xkey_secret, ctx->secret_key) != 0 ||
+        crypto_scalarmult_curve25519_base(ctx->xkey_public, ctx->xkey_secret) != 0)
+      return nullptr;
+    ctx->xkey_str = nkey_encode_public(kCurvePrefix, ctx->xkey_public);
     return ctx.release();
   } catch (...) {
     return nullptr;
@@ -433,6 +447,81 @@ int auth_jwt_print_issuer_nkey(const char* argv0, const char* seed_path) {
     return 1;
   }
   printf("%s\n", nkey);
+  fflush(stdout);
+  return 0;
+}
+
+namespace {
+
+// The raw key of a public NKey with the given prefix; false for anything else.
+bool s_nkey_decode(std::string_view text, uint8_t prefix_index, unsigned char out[32]) {
+  if (text.size() != 56) return false;
+  unsigned char raw[35];
+  size_t n = 0;
+  uint32_t buffer = 0;
+  int bits = 0;
+  for (const char c : text) {
+    const char* at = strchr(s_base32_alphabet, c);
+    if (c == '\0' || at == nullptr) return false;
+    buffer = (buffer << 5) | static_cast<uint32_t>(at - s_base32_alphabet);
+    bits += 5;
+    if (bits >= 8) {
+      if (n == sizeof raw) return false;
+      raw[n++] = static_cast<unsigned char>(buffer >> (bits - 8));
+      bits -= 8;
+    }
+  }
+  const uint16_t crc = s_crc16_xmodem(raw, 33);
+  if (n != sizeof raw || raw[0] != static_cast<unsigned char>(prefix_index << 3) ||
+      raw[33] != static_cast<unsigned char>(crc & 0xff) || raw[34] != static_cast<unsigned char>(crc >> 8))
+    return false;
+  memcpy(out, raw + 1, 32);
+  return true;
+}
+
+}  // namespace
+
+const char* auth_jwt_xkey(const auth_jwt_ctx_t* ctx) { return ctx ? ctx->xkey_str.c_str() : nullptr; }
+
+std::optional<qm::secret_string> auth_jwt_open(const auth_jwt_ctx_t* ctx, std::string_view sealed,
+                                               std::string_view sender_xkey) {
+  unsigned char sender[32];
+  const size_t head = kXkeyVersion.size() + crypto_box_NONCEBYTES;
+  if (ctx == nullptr || !ctx->loaded || !s_nkey_decode(sender_xkey, kCurvePrefix, sender) ||
+      sealed.size() < head + crypto_box_MACBYTES || !sealed.starts_with(kXkeyVersion))
+    return std::nullopt;
+  const auto* nonce = reinterpret_cast<const unsigned char*>(sealed.data() + kXkeyVersion.size());
+  const auto* box = reinterpret_cast<const unsigned char*>(sealed.data() + head);
+  std::string plain(sealed.size() - head - crypto_box_MACBYTES, '\0');
+  if (crypto_box_open_easy(reinterpret_cast<unsigned char*>(plain.data()), box, sealed.size() - head, nonce, sender,
+                           ctx->xkey_secret) != 0)
+    return std::nullopt;  // nothing was written: there is nothing to wipe
+  return qm::secret_string(std::move(plain));
+}
+
+std::string auth_jwt_seal(const auth_jwt_ctx_t* ctx, std::string_view plain, std::string_view recipient_xkey) {
+  unsigned char recipient[32];
+  if (ctx == nullptr || !ctx->loaded || !s_nkey_decode(recipient_xkey, kCurvePrefix, recipient)) return {};
+  std::string sealed(kXkeyVersion);
+  unsigned char nonce[crypto_box_NONCEBYTES];
+  randombytes_buf(nonce, sizeof nonce);
+  sealed.append(reinterpret_cast<const char*>(nonce), sizeof nonce);
+  const size_t head = sealed.size();
+  sealed.resize(head + plain.size() + crypto_box_MACBYTES);
+  if (crypto_box_easy(reinterpret_cast<unsigned char*>(sealed.data() + head),
+                      reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), nonce, recipient,
+                      ctx->xkey_secret) != 0)
+    return {};
+  return sealed;
+}
+
+int auth_jwt_print_issuer_xkey(const char* argv0, const char* seed_path) {
+  std::unique_ptr<auth_jwt_ctx> ctx(auth_jwt_init(seed_path));
+  if (!ctx) {
+    fprintf(stderr, "%s: failed to load or generate signing seed at %s\n", argv0, seed_path ? seed_path : "");
+    return 1;
+  }
+  printf("%s\n", ctx->xkey_str.c_str());
   fflush(stdout);
   return 0;
 }

@@ -86,6 +86,9 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_NE(log.find("auth_callout: DENY user=mallory backend=none reason=invalid-credentials"), std::string::npos);
     EXPECT_EQ(log.find("via=neg-cache"), std::string::npos);
     EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=scanner groups=0"), std::string::npos);
+    // The server seals every request to the broker's xkey, and opens the sealed answers.
+    EXPECT_NE(log.find("sealed=yes"), std::string::npos);
+    EXPECT_EQ(log.find("sealed=no"), std::string::npos);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=scanner", 5s));
   }
   {

@@ -67,9 +67,9 @@ class CalloutEnv {
 
   // Credentials file text for these users, plus the broker's own two.
   static std::string credentials_text(const user_list& users);
-  // nats-server's accounts and authorization blocks for `issuer`: the secure account
+  // nats-server's accounts and authorization blocks for `issuer` and its `xkey`: the secure account
   // layout of packaging/nats-server.conf, rendered with the fixture's passwords.
-  static std::string authorization_block(const std::string& issuer);
+  static std::string authorization_block(const std::string& issuer, const std::string& xkey);
   // packaging/qm-av-permissions.json: the shipped client and worker roles.
   static std::string shipped_permissions();
 
@@ -77,6 +77,7 @@ class CalloutEnv {
   TempDir dir_;
   std::string credentials_;
   std::string issuer_;
+  std::string xkey_;
   std::string url_;
   std::string server_log_;
   std::unique_ptr<NatsServer> server_;
