@@ -1,12 +1,12 @@
 #include "auth_callout.hpp"
 
+#include <vector>
+
 #include "auth_jwt.hpp"
 #include "auth_profile.hpp"
 #include "log.hpp"
 #include "qm_json.hpp"
 #include "qm_nats_conn.hpp"
-
-#include <vector>
 
 namespace {
 

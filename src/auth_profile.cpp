@@ -123,7 +123,6 @@ bool s_parse_list(json_object* body, const char* side, const char* kind, s_subje
   return true;
 }
 
-
 // ---- subjects ----
 
 std::vector<std::string_view> s_tokens(std::string_view subject) {
