@@ -52,14 +52,22 @@ CalloutOptions file_users() {
 // profile that allows everything.
 TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
   CalloutOptions options = file_users();
+  options.users.emplace_back("carl.os", "dotted");
   options.permissions_json = R"j({
     "profiles": {
       "scanner": {"publish": {"allow": ["scan.>"], "deny": ["scan.secret"]},
-                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}
+                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}},
+      "own": {"subscribe": {"allow": ["_INBOX.{user}.>"]}}
     },
-    "file_user_map": [{"user": "alice", "profile": "scanner"}]
+    "file_user_map": [{"user": "alice", "profile": "scanner"}, {"user": "carl.os", "profile": "own"}]
   })j";
   CalloutEnv env(options);
+  {
+    SCOPED_TRACE("a name that would widen a templated grant is refused");
+    EXPECT_NE(nats_login(env.url(), "carl.os", "dotted").status, NATS_OK);
+    EXPECT_TRUE(env.broker().wait_for_err(
+        "auth_callout: DENY user=carl.os profile=own reason=user-name-unfit-for-templated-grant", 5s));
+  }
   {
     SCOPED_TRACE("an empty password");
     for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);

@@ -78,6 +78,8 @@ TEST(AmqpScan, RepliesCarryTheVerdictAndTheRequestId) {
     EXPECT_EQ(json_member(reply_json(*reply), "size"), std::to_string(k.size));
     EXPECT_EQ(json_member(reply_json(*reply), "sha256"), sha256_hex(payload));
   }
+  // The door stages a caller's payload under a key bound to the caller.
+  EXPECT_TRUE(env.wait_for_log("nats_relay: kv put key=c.scanner.gw-"));
 
   // A bare string is the whole request; a message without id gets a reply without one.
   const std::string reply = scan(c, request_with_body(proton::value(std::string("{\"SCANTIMEOUT\":5000}")), c.reply_address));
