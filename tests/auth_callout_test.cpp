@@ -117,6 +117,15 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_TRUE(delivered(bob.conn, alice.conn, "scan.reply"));
     EXPECT_EQ(LogCapture::count_in(errors.text(), "Permissions Violation"), 2u) << errors.text();
   }
+  {
+    SCOPED_TRACE("a verify reply names the profile a door checks the caller's subjects against");
+    auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+    ASSERT_EQ(gateway.status, NATS_OK) << gateway.error;
+    EXPECT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"alice","password":"wonder","revalidate":true})j"),
+              R"j({"ok":true,"reason":"valid credentials","backend":"file","profile":"scanner"})j");
+    EXPECT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"bob","password":"builder","revalidate":true})j"),
+              R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
+  }
 }
 
 // ---- LDAP users ----
