@@ -11,7 +11,10 @@
 #include <cstring>
 #include <ctime>
 #include <string_view>
+#include <array>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "log.hpp"
@@ -33,6 +36,10 @@ struct auth_jwt_ctx {
   unsigned char xkey_secret[crypto_box_SECRETKEYBYTES] = {};
   unsigned char xkey_public[crypto_box_PUBLICKEYBYTES] = {};
   std::string xkey_str;
+  // The box key shared with each server xkey seen: computing it is the costly half of
+  // opening a request and sealing its answer, and a server keeps its xkey for its life.
+  mutable std::mutex shared_mutex;
+  mutable std::map<std::string, std::array<unsigned char, crypto_box_BEFORENMBYTES>> shared_keys;
   bool loaded = false;
 
   auth_jwt_ctx() = default;
@@ -42,6 +49,7 @@ struct auth_jwt_ctx {
     sodium_memzero(seed, sizeof seed);
     sodium_memzero(secret_key, sizeof secret_key);
     sodium_memzero(xkey_secret, sizeof xkey_secret);
+    for (auto& [server, key] : shared_keys) sodium_memzero(key.data(), key.size());
   }
 };
 
@@ -483,34 +491,68 @@ bool s_nkey_decode(std::string_view text, uint8_t prefix_index, unsigned char ou
 
 const char* auth_jwt_xkey(const auth_jwt_ctx_t* ctx) { return ctx ? ctx->xkey_str.c_str() : nullptr; }
 
+namespace {
+
+// A cluster has a few servers; a flood of made-up keys only empties the cache.
+constexpr size_t kMaxSharedKeys = 64;
+
+// The box key shared between the context's xkey and peer_xkey, or false when peer_xkey
+// is not an xkey.
+bool s_shared_key(const auth_jwt_ctx& ctx, std::string_view peer_xkey,
+                  std::array<unsigned char, crypto_box_BEFORENMBYTES>& out) {
+  const std::lock_guard lock(ctx.shared_mutex);
+  const auto found = ctx.shared_keys.find(std::string(peer_xkey));
+  if (found != ctx.shared_keys.end()) {
+    out = found->second;
+    return true;
+  }
+  unsigned char peer[32];
+  if (!s_nkey_decode(peer_xkey, kCurvePrefix, peer) || crypto_box_beforenm(out.data(), peer, ctx.xkey_secret) != 0)
+    return false;
+  if (ctx.shared_keys.size() >= kMaxSharedKeys) {
+    for (auto& [server, key] : ctx.shared_keys) sodium_memzero(key.data(), key.size());
+    ctx.shared_keys.clear();
+  }
+  ctx.shared_keys.emplace(std::string(peer_xkey), out);
+  return true;
+}
+
+// Wipes the copy of a shared key when it goes.
+struct s_shared_copy {
+  std::array<unsigned char, crypto_box_BEFORENMBYTES> key{};
+  ~s_shared_copy() { sodium_memzero(key.data(), key.size()); }
+};
+
+}  // namespace
+
 std::optional<qm::secret_string> auth_jwt_open(const auth_jwt_ctx_t* ctx, std::string_view sealed,
                                                std::string_view sender_xkey) {
-  unsigned char sender[32];
   const size_t head = kXkeyVersion.size() + crypto_box_NONCEBYTES;
-  if (ctx == nullptr || !ctx->loaded || !s_nkey_decode(sender_xkey, kCurvePrefix, sender) ||
-      sealed.size() < head + crypto_box_MACBYTES || !sealed.starts_with(kXkeyVersion))
+  s_shared_copy shared;
+  if (ctx == nullptr || !ctx->loaded || sealed.size() < head + crypto_box_MACBYTES ||
+      !sealed.starts_with(kXkeyVersion) || !s_shared_key(*ctx, sender_xkey, shared.key))
     return std::nullopt;
   const auto* nonce = reinterpret_cast<const unsigned char*>(sealed.data() + kXkeyVersion.size());
   const auto* box = reinterpret_cast<const unsigned char*>(sealed.data() + head);
   std::string plain(sealed.size() - head - crypto_box_MACBYTES, '\0');
-  if (crypto_box_open_easy(reinterpret_cast<unsigned char*>(plain.data()), box, sealed.size() - head, nonce, sender,
-                           ctx->xkey_secret) != 0)
+  if (crypto_box_open_easy_afternm(reinterpret_cast<unsigned char*>(plain.data()), box, sealed.size() - head, nonce,
+                                   shared.key.data()) != 0)
     return std::nullopt;  // nothing was written: there is nothing to wipe
   return qm::secret_string(std::move(plain));
 }
 
 std::string auth_jwt_seal(const auth_jwt_ctx_t* ctx, std::string_view plain, std::string_view recipient_xkey) {
-  unsigned char recipient[32];
-  if (ctx == nullptr || !ctx->loaded || !s_nkey_decode(recipient_xkey, kCurvePrefix, recipient)) return {};
+  s_shared_copy shared;
+  if (ctx == nullptr || !ctx->loaded || !s_shared_key(*ctx, recipient_xkey, shared.key)) return {};
   std::string sealed(kXkeyVersion);
   unsigned char nonce[crypto_box_NONCEBYTES];
   randombytes_buf(nonce, sizeof nonce);
   sealed.append(reinterpret_cast<const char*>(nonce), sizeof nonce);
   const size_t head = sealed.size();
   sealed.resize(head + plain.size() + crypto_box_MACBYTES);
-  if (crypto_box_easy(reinterpret_cast<unsigned char*>(sealed.data() + head),
-                      reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), nonce, recipient,
-                      ctx->xkey_secret) != 0)
+  if (crypto_box_easy_afternm(reinterpret_cast<unsigned char*>(sealed.data() + head),
+                              reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), nonce,
+                              shared.key.data()) != 0)
     return {};
   return sealed;
 }

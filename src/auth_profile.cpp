@@ -376,14 +376,14 @@ constexpr std::string_view kUserTemplate = "{user}";
 // gateway's inboxes.
 const char* const kDenyAlways[] = {"$SYS.>", "qm.auth.>", "_QMGW_INBOX.>"};
 // Never published by a login: the JetStream API that creates, changes, lists or removes
-// streams and consumers.
+// streams and consumers. (What only the system account may ask, such as META and SERVER,
+// needs no deny here.)
 const char* const kPubDenyAlways[] = {
     "$JS.API.STREAM.CREATE.>", "$JS.API.STREAM.UPDATE.>", "$JS.API.STREAM.DELETE.>", "$JS.API.STREAM.PURGE.>",
     "$JS.API.STREAM.MSG.DELETE.>", "$JS.API.STREAM.SNAPSHOT.>", "$JS.API.STREAM.RESTORE.>",
     "$JS.API.STREAM.PEER.>", "$JS.API.STREAM.LEADER.>", "$JS.API.STREAM.NAMES", "$JS.API.STREAM.LIST",
     "$JS.API.CONSUMER.CREATE.>", "$JS.API.CONSUMER.DURABLE.>", "$JS.API.CONSUMER.DELETE.>",
-    "$JS.API.CONSUMER.NAMES.>", "$JS.API.CONSUMER.LIST.>", "$JS.API.CONSUMER.PAUSE.>", "$JS.API.CONSUMER.UNPIN.>",
-    "$JS.API.META.>", "$JS.API.SERVER.>", "$JS.API.ACCOUNT.>"};
+    "$JS.API.CONSUMER.NAMES.>", "$JS.API.CONSUMER.LIST.>", "$JS.API.CONSUMER.PAUSE.>", "$JS.API.CONSUMER.UNPIN.>"};
 // Nobody listens to other logins' API requests or watches the staged data.
 const char* const kSubDenyAlways[] = {"$JS.API.>", "$JS.EVENT.>", kBucketSubjects};
 
@@ -428,6 +428,22 @@ bool s_matches(std::string_view pattern, std::string_view subject) {
   return tp.size() == ts.size();
 }
 
+// Adds each of `denies` that some allow entry reaches: a deny no allow entry overlaps
+// changes nothing, and every entry costs nats-server work at each login.
+template <size_t N>
+void s_add_reached(const std::vector<std::string>& allow, const char* const (&denies)[N],
+                   std::vector<std::string>& out) {
+  for (const char* deny : denies) {
+    for (const std::string& entry : allow) {
+      // A subscribe entry may be "subject queue".
+      if (s_overlap(std::string_view(entry).substr(0, entry.find(' ')), deny)) {
+        out.emplace_back(deny);
+        break;
+      }
+    }
+  }
+}
+
 bool s_any_matches(const std::vector<std::string>& patterns, std::string_view subject) {
   for (const std::string& pattern : patterns)
     if (s_matches(pattern, subject)) return true;
@@ -457,12 +473,12 @@ bool auth_profile_grant(const auth_profile_t* profile, const char* user, auth_gr
     s_fill_list(profile->sub_allow.view(), name, out.sub_allow);
     s_fill_list(profile->sub_deny.view(), name, out.sub_deny);
   }
-  out.pub_deny.insert(out.pub_deny.end(), std::begin(kDenyAlways), std::end(kDenyAlways));
-  out.pub_deny.insert(out.pub_deny.end(), std::begin(kPubDenyAlways), std::end(kPubDenyAlways));
-  out.sub_deny.insert(out.sub_deny.end(), std::begin(kDenyAlways), std::end(kDenyAlways));
-  out.sub_deny.insert(out.sub_deny.end(), std::begin(kSubDenyAlways), std::end(kSubDenyAlways));
+  s_add_reached(out.pub_allow, kDenyAlways, out.pub_deny);
+  s_add_reached(out.pub_allow, kPubDenyAlways, out.pub_deny);
+  s_add_reached(out.sub_allow, kDenyAlways, out.sub_deny);
+  s_add_reached(out.sub_allow, kSubDenyAlways, out.sub_deny);
   if (profile == nullptr || !s_names_bucket_anywhere(profile->pub_allow))
-    out.pub_deny.insert(out.pub_deny.end(), std::begin(kBucketAccess), std::end(kBucketAccess));
+    s_add_reached(out.pub_allow, kBucketAccess, out.pub_deny);
   return true;
 }
 

@@ -53,6 +53,7 @@ CalloutOptions file_users() {
 TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
   CalloutOptions options = file_users();
   options.users.emplace_back("carl.os", "dotted");
+  options.sealed = true;
   options.permissions_json = R"j({
     "profiles": {
       "scanner": {"publish": {"allow": ["scan.>"], "deny": ["scan.secret"]},

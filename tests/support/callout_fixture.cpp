@@ -66,11 +66,14 @@ std::string CalloutEnv::credentials_text(const user_list& users) {
   return text + "]\n";
 }
 
-std::string CalloutEnv::authorization_block(const std::string& issuer, const std::string& xkey) {
+std::string CalloutEnv::authorization_block(const std::string& issuer, const std::string& xkey, bool sealed) {
   std::string text = read_file(std::string(QM_SOURCE_DIR) + "/packaging/nats-server.conf");
   const size_t layout = text.find("# -- secure account layout --");
   if (layout == std::string::npos) throw std::runtime_error("packaging/nats-server.conf has no account layout");
   text.erase(0, layout);
+  const std::string optional_xkey = "# xkey: ";
+  if (sealed && text.find(optional_xkey) != std::string::npos)
+    text.replace(text.find(optional_xkey), optional_xkey.size(), "xkey: ");
   for (const auto& [placeholder, value] : {std::pair<std::string, std::string>{"@ISSUER_NKEY@", issuer},
                                            {"@ISSUER_XKEY@", xkey},
                                            {"@AUTH_PASSWORD@", kAuthPassword},
@@ -110,7 +113,7 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
   if (!managed) {
     NatsServerOptions server_options;
     server_options.jetstream = options.jetstream;
-    server_options.extra_config = authorization_block(issuer_, xkey_);
+    server_options.extra_config = authorization_block(issuer_, xkey_, options.sealed);
     server_ = std::make_unique<NatsServer>(server_options);
     url_ = server_->url();
     args.insert(args.end(), {"--nats-server-managed", "false"});
@@ -129,7 +132,7 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
       const int port = free_port();
       url_ = "nats://127.0.0.1:" + std::to_string(port);
       write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
-                               authorization_block(issuer_, xkey_), server_log_);
+                               authorization_block(issuer_, xkey_, options.sealed), server_log_);
     }
     std::vector<std::string> attempt_args = args;
     attempt_args.insert(attempt_args.end(), {"--nats-url", url_});

@@ -39,6 +39,9 @@ struct CalloutOptions {
   std::string bin_dir;
   // Extra environment of the broker ("NAME=value").
   std::vector<std::string> env;
+  // The server seals callout requests to the broker's xkey (the packaged configuration's
+  // optional xkey line, uncommented).
+  bool sealed = false;
 };
 
 class CalloutEnv {
@@ -69,7 +72,7 @@ class CalloutEnv {
   static std::string credentials_text(const user_list& users);
   // nats-server's accounts and authorization blocks for `issuer` and its `xkey`: the secure account
   // layout of packaging/nats-server.conf, rendered with the fixture's passwords.
-  static std::string authorization_block(const std::string& issuer, const std::string& xkey);
+  static std::string authorization_block(const std::string& issuer, const std::string& xkey, bool sealed);
   // packaging/qm-av-permissions.json: the shipped client and worker roles.
   static std::string shipped_permissions();
 
