@@ -388,6 +388,9 @@ const char* const kPubDenyAlways[] = {
 const char* const kSubDenyAlways[] = {"$JS.API.>", "$JS.EVENT.>", kBucketSubjects};
 
 const char* const kBuiltinAllow[] = {">"};
+// Denied beside kDenyAlways to the built-in grant: every login's grant costs nats-server
+// work per entry, and the built-in grant reaches everything.
+const char* const kBuiltinPubDeny[] = {"$JS.API.>", kBucketSubjects};
 
 bool s_safe_for_template(std::string_view user) {
   if (user.empty()) return false;
@@ -473,12 +476,16 @@ bool auth_profile_grant(const auth_profile_t* profile, const char* user, auth_gr
     s_fill_list(profile->sub_allow.view(), name, out.sub_allow);
     s_fill_list(profile->sub_deny.view(), name, out.sub_deny);
   }
-  s_add_reached(out.pub_allow, kDenyAlways, out.pub_deny);
-  s_add_reached(out.pub_allow, kPubDenyAlways, out.pub_deny);
   s_add_reached(out.sub_allow, kDenyAlways, out.sub_deny);
   s_add_reached(out.sub_allow, kSubDenyAlways, out.sub_deny);
-  if (profile == nullptr || !s_names_bucket_anywhere(profile->pub_allow))
-    s_add_reached(out.pub_allow, kBucketAccess, out.pub_deny);
+  s_add_reached(out.pub_allow, kDenyAlways, out.pub_deny);
+  if (profile == nullptr) {
+    // No role: no JetStream API at all (and so no staged data), in few entries.
+    out.pub_deny.insert(out.pub_deny.end(), std::begin(kBuiltinPubDeny), std::end(kBuiltinPubDeny));
+    return true;
+  }
+  s_add_reached(out.pub_allow, kPubDenyAlways, out.pub_deny);
+  if (!s_names_bucket_anywhere(profile->pub_allow)) s_add_reached(out.pub_allow, kBucketAccess, out.pub_deny);
   return true;
 }
 

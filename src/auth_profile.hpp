@@ -39,8 +39,9 @@ inline constexpr const char* AUTH_GATEWAY_INBOX_PREFIX = "_QMGW_INBOX";
 
 // The subject lists a login is granted: the profile's (or the built-in `>` for a NULL
 // profile) with "{user}" replaced by the user name, plus the denies every grant carries
-// whatever the profile says: the system account's and the auth service's subjects, the
-// gateway's inboxes, the JetStream API that administers streams and consumers, and the
+// whatever the profile says (each where an allow entry reaches it): the system account's
+// and the auth service's subjects, the gateway's inboxes, the JetStream API that
+// administers streams and consumers (all of it for the built-in grant), and the
 // staged-data bucket wherever the profile does not name it with entries bound to the
 // user.
 struct auth_grant {
