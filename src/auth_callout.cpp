@@ -42,15 +42,7 @@ std::string s_sign_deny(const auth_signer& signer, const auth_request_t& req, co
   return s_hand_over(rc, token);
 }
 
-std::string s_sign(const auth_signer& signer, const auth_request_t& req, const auth_verdict& verdict) {
-  if (!verdict.granted) return s_sign_deny(signer, req, "invalid credentials");
-  auth_grant grant;
-  if (!auth_profile_grant(verdict.profile, req.user.c_str(), grant)) {
-    // "{user}" would turn such a name into wildcards or extra tokens of the grant.
-    log_warn("auth_callout: DENY user=%s profile=%s reason=user-name-unfit-for-templated-grant",
-             log_safe(req.user).c_str(), s_profile_label(verdict.profile));
-    return s_sign_deny(signer, req, "user name unfit for a templated grant");
-  }
+std::string s_sign_grant(const auth_signer& signer, const auth_request_t& req, const auth_grant& grant) {
   const c_list pub_allow(grant.pub_allow), pub_deny(grant.pub_deny), sub_allow(grant.sub_allow),
       sub_deny(grant.sub_deny);
   char* token = nullptr;
@@ -95,8 +87,16 @@ std::string s_sealed(const auth_signer& signer, const auth_request_t& req, std::
 }
 
 std::string s_answer(const auth_signer& signer, const auth_request_t& req, const auth_verdict& verdict) {
+  auth_grant grant;
+  if (verdict.granted && !auth_profile_grant(verdict.profile, req.user.c_str(), grant)) {
+    // "{user}" would turn such a name into wildcards or extra tokens of the grant.
+    log_warn("auth_callout: DENY user=%s profile=%s reason=user-name-unfit-for-templated-grant",
+             log_safe(req.user).c_str(), s_profile_label(verdict.profile));
+    return s_sealed(signer, req, s_sign_deny(signer, req, "user name unfit for a templated grant"));
+  }
   s_log_verdict(req, verdict);
-  return s_sealed(signer, req, s_sign(signer, req, verdict));
+  if (!verdict.granted) return s_sealed(signer, req, s_sign_deny(signer, req, "invalid credentials"));
+  return s_sealed(signer, req, s_sign_grant(signer, req, grant));
 }
 
 }  // namespace

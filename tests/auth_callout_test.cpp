@@ -68,6 +68,7 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_NE(nats_login(env.url(), "carl.os", "dotted").status, NATS_OK);
     EXPECT_TRUE(env.broker().wait_for_err(
         "auth_callout: DENY user=carl.os profile=own reason=user-name-unfit-for-templated-grant", 5s));
+    EXPECT_EQ(env.broker().err().find("GRANT user=carl.os"), std::string::npos);
   }
   {
     SCOPED_TRACE("an empty password");
