@@ -231,6 +231,8 @@ storm_report s_run_storms() {
     qmtest::CalloutOptions warm_options;
     warm_options.users = configured;
     warm_options.tracelevel = s_trace_level();
+    // The roles the quick-start and the packaging ship: every storm user is a client.
+    warm_options.permissions_json = qmtest::CalloutEnv::shipped_permissions();
     qmtest::CalloutOptions cold_options = warm_options;
     cold_options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
     qmtest::CalloutEnv warm(warm_options);

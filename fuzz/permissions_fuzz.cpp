@@ -30,6 +30,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)walk(auth_profile_sub_allow(p));
     (void)walk(auth_profile_sub_deny(p));
     if (p != nullptr && auth_profile_name(p) == nullptr) abort();
+    // A grant never lets anyone publish to the auth service, whatever the file says.
+    auth_grant grant;
+    if (auth_profile_grant(p, user, grant) && auth_profile_permits_publish(p, user, "qm.auth.verify")) abort();
+    (void)auth_profile_permits_publish(p, user, "scan");
   }
   auth_profile_destroy(store);
   return 0;

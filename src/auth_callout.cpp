@@ -1,5 +1,7 @@
 #include "auth_callout.hpp"
 
+#include <vector>
+
 #include "auth_jwt.hpp"
 #include "auth_profile.hpp"
 #include "log.hpp"
@@ -8,8 +10,21 @@
 
 namespace {
 
-// A grant without a profile may publish and subscribe anywhere in the account.
-const char* const kDefaultAllow[] = {">", nullptr};
+// The header nats-server names its own xkey in when it seals a callout request.
+constexpr const char* kServerXkeyHeader = "Nats-Server-Xkey";
+
+// The NULL-terminated view json arrays are built from.
+class c_list {
+ public:
+  explicit c_list(const std::vector<std::string>& items) {
+    for (const std::string& item : items) view_.push_back(item.c_str());
+    view_.push_back(nullptr);
+  }
+  const char* const* get() const { return view_.data(); }
+
+ private:
+  std::vector<const char*> view_;
+};
 
 const char* s_profile_label(const auth_profile_t* profile) {
   const char* name = auth_profile_name(profile);
@@ -21,18 +36,19 @@ std::string s_hand_over(int rc, char* token) {
   return rc == 0 && owned ? std::string(owned.get()) : std::string();
 }
 
-std::string s_sign(const auth_jwt_ctx_t* jwt, const auth_request_t& req, const auth_verdict& verdict) {
+std::string s_sign_deny(const auth_signer& signer, const auth_request_t& req, const char* reason) {
   char* token = nullptr;
-  int rc = -1;
-  if (!verdict.granted)
-    rc = auth_jwt_sign_deny(jwt, req.server_id.c_str(), req.user_nkey.c_str(), "invalid credentials", &token);
-  else if (verdict.profile == nullptr)
-    rc = auth_jwt_sign_grant(jwt, req.server_id.c_str(), req.user_nkey.c_str(), "$G", kDefaultAllow, nullptr,
-                             kDefaultAllow, nullptr, &token);
-  else
-    rc = auth_jwt_sign_grant(jwt, req.server_id.c_str(), req.user_nkey.c_str(), "$G",
-                             auth_profile_pub_allow(verdict.profile), auth_profile_pub_deny(verdict.profile),
-                             auth_profile_sub_allow(verdict.profile), auth_profile_sub_deny(verdict.profile), &token);
+  const int rc = auth_jwt_sign_deny(signer.jwt, req.server_id.c_str(), req.user_nkey.c_str(), reason, &token);
+  return s_hand_over(rc, token);
+}
+
+std::string s_sign_grant(const auth_signer& signer, const auth_request_t& req, const auth_grant& grant) {
+  const c_list pub_allow(grant.pub_allow), pub_deny(grant.pub_deny), sub_allow(grant.sub_allow),
+      sub_deny(grant.sub_deny);
+  char* token = nullptr;
+  const int rc = auth_jwt_sign_grant_ex(signer.jwt, req.server_id.c_str(), req.user_nkey.c_str(),
+                                        signer.account.c_str(), pub_allow.get(), pub_deny.get(), sub_allow.get(),
+                                        sub_deny.get(), grant.allow_responses ? 1 : 0, &token);
   return s_hand_over(rc, token);
 }
 
@@ -64,9 +80,23 @@ void s_log_verdict(const auth_request_t& req, const auth_verdict& v) {
   }
 }
 
-std::string s_answer(const auth_jwt_ctx_t* jwt, const auth_request_t& req, const auth_verdict& verdict) {
+// A sealed request gets a sealed answer; a token that could not be made stays empty.
+std::string s_sealed(const auth_signer& signer, const auth_request_t& req, std::string token) {
+  if (req.server_xkey.empty() || token.empty()) return token;
+  return auth_jwt_seal(signer.jwt, token, req.server_xkey);
+}
+
+std::string s_answer(const auth_signer& signer, const auth_request_t& req, const auth_verdict& verdict) {
+  auth_grant grant;
+  if (verdict.granted && !auth_profile_grant(verdict.profile, req.user.c_str(), grant)) {
+    // "{user}" would turn such a name into wildcards or extra tokens of the grant.
+    log_warn("auth_callout: DENY user=%s profile=%s reason=user-name-unfit-for-templated-grant",
+             log_safe(req.user).c_str(), s_profile_label(verdict.profile));
+    return s_sealed(signer, req, s_sign_deny(signer, req, "user name unfit for a templated grant"));
+  }
   s_log_verdict(req, verdict);
-  return s_sign(jwt, req, verdict);
+  if (!verdict.granted) return s_sealed(signer, req, s_sign_deny(signer, req, "invalid credentials"));
+  return s_sealed(signer, req, s_sign_grant(signer, req, grant));
 }
 
 }  // namespace
@@ -89,34 +119,44 @@ bool extract_auth_request(std::string_view token, auth_request_t& req) {
   return req.has_user && req.has_password;
 }
 
-auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req) {
+auth_callout_read_t auth_callout_read(natsMsg* msg, const auth_signer& signer, auth_request_t& req) {
   const char* data = natsMsg_GetData(msg);
   const int len = natsMsg_GetDataLength(msg);
   if (data == nullptr || len <= 0) return AUTH_CALLOUT_EMPTY;
-  const bool complete = extract_auth_request(std::string_view(data, static_cast<size_t>(len)), req);
+  const std::string_view payload(data, static_cast<size_t>(len));
+  const char* server_xkey = nullptr;
+  bool complete = false;
+  if (natsMsgHeader_Get(msg, kServerXkeyHeader, &server_xkey) == NATS_OK && server_xkey != nullptr) {
+    req.server_xkey = server_xkey;
+    if (std::optional<qm::secret_string> opened = auth_jwt_open(signer.jwt, payload, req.server_xkey))
+      complete = extract_auth_request(opened->str(), req);
+    else
+      log_warn("auth_callout: a sealed request does not open \u2014 is nats-server's auth_callout xkey this broker's "
+               "--print-issuer-xkey?");
+  } else {
+    complete = extract_auth_request(payload, req);
+  }
   qm_nats_msg_wipe(msg);
   if (!complete) return AUTH_CALLOUT_MALFORMED;
-  log_trace("auth_callout: request user=%s server=%s user_nkey=%s...", log_safe(req.user).c_str(),
+  log_trace("auth_callout: request user=%s server=%s user_nkey=%s... sealed=%s", log_safe(req.user).c_str(),
             req.server_id.empty() ? "(null)" : log_safe(req.server_id).c_str(),
-            req.user_nkey.empty() ? "(null)" : log_safe(std::string_view(req.user_nkey).substr(0, 12)).c_str());
+            req.user_nkey.empty() ? "(null)" : log_safe(std::string_view(req.user_nkey).substr(0, 12)).c_str(),
+            req.server_xkey.empty() ? "no" : "yes");
   return AUTH_CALLOUT_REQUEST;
 }
 
-std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_jwt_ctx_t* jwt,
+std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_signer& signer,
                                                    const auth_request_t& req) {
   const std::optional<auth_verdict> verdict = auth_decide_now(decider, {AUTH_ASKER_CALLOUT, req.user, req.password});
   if (!verdict) return std::nullopt;
-  return s_answer(jwt, req, *verdict);
+  return s_answer(signer, req, *verdict);
 }
 
-std::string auth_callout_answer(auth_decider_t* decider, const auth_jwt_ctx_t* jwt, const auth_request_t& req) {
-  return s_answer(jwt, req, auth_decide(decider, {AUTH_ASKER_CALLOUT, req.user, req.password}));
+std::string auth_callout_answer(auth_decider_t* decider, const auth_signer& signer, const auth_request_t& req) {
+  return s_answer(signer, req, auth_decide(decider, {AUTH_ASKER_CALLOUT, req.user, req.password}));
 }
 
-std::string auth_callout_refuse_malformed(const auth_jwt_ctx_t* jwt, const auth_request_t& req) {
+std::string auth_callout_refuse_malformed(const auth_signer& signer, const auth_request_t& req) {
   log_warn("auth_callout: malformed auth request \u2014 sending deny");
-  char* token = nullptr;
-  const int rc =
-      auth_jwt_sign_deny(jwt, req.server_id.c_str(), req.user_nkey.c_str(), "malformed auth request", &token);
-  return s_hand_over(rc, token);
+  return s_sealed(signer, req, s_sign_deny(signer, req, "malformed auth request"));
 }

@@ -13,12 +13,22 @@
 
 struct auth_jwt_ctx;
 
+// Who signs the answers, and where a granted login is placed.
+struct auth_signer {
+  const auth_jwt_ctx* jwt = nullptr;
+  // The account of admitted logins (the user JWT's audience); "$G" without accounts.
+  std::string account = "$G";
+};
+
 // What a callout request (the JWT nats-server sends) says about the connecting client.
 struct auth_request_t {
   std::string user;
   qm::secret_string password;
   std::string server_id;
   std::string user_nkey;
+  // The server's xkey when it sealed the request (auth_callout { xkey }): the answer is
+  // sealed to it. Empty: a plain request and a plain answer.
+  std::string server_xkey;
   bool has_user = false;
   bool has_password = false;
 };
@@ -36,16 +46,19 @@ enum auth_callout_read_t {
 };
 
 // Reads the request in msg's payload into req, then wipes the payload (it carries the
-// client's password).
-auth_callout_read_t auth_callout_read(natsMsg* msg, auth_request_t& req);
+// client's password). A request sealed to the signer's xkey (header "Nats-Server-Xkey")
+// is opened first; one that does not open is malformed (logged).
+auth_callout_read_t auth_callout_read(natsMsg* msg, const auth_signer& signer, auth_request_t& req);
 
 // The signed answer to a request that can be decided without waiting (auth_decide_now);
 // nothing when only the directory can tell: auth_callout_answer then, on a thread that
 // may wait. An empty token means signing failed: no answer is sent, and nats-server
 // refuses the client when its wait runs out.
-std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_jwt_ctx* jwt,
+// A grant carries the subject lists of auth_profile_grant; a user name that the user's
+// templated profile refuses is refused (logged).
+std::optional<std::string> auth_callout_answer_now(auth_decider_t* decider, const auth_signer& signer,
                                                    const auth_request_t& req);
-std::string auth_callout_answer(auth_decider_t* decider, const auth_jwt_ctx* jwt, const auth_request_t& req);
+std::string auth_callout_answer(auth_decider_t* decider, const auth_signer& signer, const auth_request_t& req);
 
 // The signed refusal of a request without "nats" claims, user or password.
-std::string auth_callout_refuse_malformed(const auth_jwt_ctx* jwt, const auth_request_t& req);
+std::string auth_callout_refuse_malformed(const auth_signer& signer, const auth_request_t& req);

@@ -63,7 +63,7 @@ const char* s_or(const char* text, const char* fallback) { return text ? text : 
 // Everything the two handlers need; lives in auth_service_run's frame while serving.
 struct auth_callback_data_t {
   auth_service_t* svc = nullptr;
-  auth_jwt_ctx_t* jwt_ctx = nullptr;
+  auth_signer signer;                 // the issuer key and the account of admitted logins
   auth_decider_t* decider = nullptr;  // the cache, the credentials file, LDAP and the profiles
   auth_workers_t* workers = nullptr;  // where checks that wait for the directory run
 };
@@ -167,7 +167,7 @@ std::string s_reply_subject(natsMsg* msg) {
 }
 
 std::string s_answer_callout(const auth_callback_data_t& data, const auth_request_t& req) {
-  return auth_callout_answer(data.decider, data.jwt_ctx, req);
+  return auth_callout_answer(data.decider, data.signer, req);
 }
 
 std::string s_answer_verify(const auth_callback_data_t& data, const verify_request& req) {
@@ -208,16 +208,16 @@ void auth_callout_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* 
   const auto& data = *static_cast<const auth_callback_data_t*>(closure);
   try {
     auth_request_t req;
-    switch (auth_callout_read(msg, req)) {
+    switch (auth_callout_read(msg, data.signer, req)) {
       case AUTH_CALLOUT_EMPTY:
         return;
       case AUTH_CALLOUT_MALFORMED:
-        s_reply(nc, s_reply_subject(msg), auth_callout_refuse_malformed(data.jwt_ctx, req));
+        s_reply(nc, s_reply_subject(msg), auth_callout_refuse_malformed(data.signer, req));
         return;
       case AUTH_CALLOUT_REQUEST:
         break;
     }
-    if (std::optional<std::string> answer = auth_callout_answer_now(data.decider, data.jwt_ctx, req)) {
+    if (std::optional<std::string> answer = auth_callout_answer_now(data.decider, data.signer, req)) {
       s_reply(nc, s_reply_subject(msg), *answer);
       return;
     }
@@ -423,7 +423,8 @@ int s_serve(auth_service_t& svc) {
   nats_release_guard release(svc);
   if (!s_connect(svc) || !s_setup_deps(svc, deps)) return -1;
   data.svc = &svc;
-  data.jwt_ctx = deps.jwt.get();
+  data.signer.jwt = deps.jwt.get();
+  data.signer.account = svc.config->fleet_account.value_or("$G");
   data.decider = deps.decider.get();
   data.workers = deps.workers.get();
   if (!s_subscribe(svc, data)) return -1;

@@ -38,6 +38,8 @@ struct auth_config {
 
   qm::opt_string signing_key_path;
   qm::opt_string permissions_file_path;  // unset: built-in profiles
+  // The account admitted logins are placed in (declared in nats-server's accounts block).
+  qm::opt_string fleet_account = std::string("QM_FLEET");
 
   int log_level = 4;
   qm::opt_string log_file;

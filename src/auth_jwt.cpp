@@ -11,7 +11,10 @@
 #include <cstring>
 #include <ctime>
 #include <string_view>
+#include <array>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "log.hpp"
@@ -29,6 +32,14 @@ struct auth_jwt_ctx {
   // as a signature, and a login takes two. Signing threads share it read-only.
   unsigned char secret_key[crypto_sign_SECRETKEYBYTES] = {};
   std::string public_key_str;
+  // The curve25519 pair callout requests are sealed to, derived from the same seed.
+  unsigned char xkey_secret[crypto_box_SECRETKEYBYTES] = {};
+  unsigned char xkey_public[crypto_box_PUBLICKEYBYTES] = {};
+  std::string xkey_str;
+  // The box key shared with each server xkey seen: computing it is the costly half of
+  // opening a request and sealing its answer, and a server keeps its xkey for its life.
+  mutable std::mutex shared_mutex;
+  mutable std::map<std::string, std::array<unsigned char, crypto_box_BEFORENMBYTES>> shared_keys;
   bool loaded = false;
 
   auth_jwt_ctx() = default;
@@ -37,12 +48,19 @@ struct auth_jwt_ctx {
   ~auth_jwt_ctx() {
     sodium_memzero(seed, sizeof seed);
     sodium_memzero(secret_key, sizeof secret_key);
+    sodium_memzero(xkey_secret, sizeof xkey_secret);
+    for (auto& [server, key] : shared_keys) sodium_memzero(key.data(), key.size());
   }
 };
 
 namespace {
 
 using s_json_ptr = qm::json_ptr;
+
+// Base32 index of 'X', the prefix of curve25519 (xkey) NKeys.
+constexpr uint8_t kCurvePrefix = 23;
+// Version tag of a sealed message: the tag, a 24-byte nonce, then the crypto_box.
+constexpr std::string_view kXkeyVersion = "xkv1";
 
 constexpr const char* s_jwt_header = R"({"typ":"JWT","alg":"ed25519-nkey"})";
 constexpr const char* s_base32_alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
@@ -288,6 +306,10 @@ auth_jwt_ctx_t* auth_jwt_init(const char* seed_path) {
       if (seed_path != nullptr) s_store_seed_file(seed_path, *ctx);
     }
     ctx->public_key_str = nkey_encode_public(0, ctx->public_key);
+    if (crypto_sign_ed25519_sk_to_curve25519(ctx->xkey_secret, ctx->secret_key) != 0 ||
+        crypto_scalarmult_curve25519_base(ctx->xkey_public, ctx->xkey_secret) != 0)
+      return nullptr;
+    ctx->xkey_str = nkey_encode_public(kCurvePrefix, ctx->xkey_public);
     return ctx.release();
   } catch (...) {
     return nullptr;
@@ -346,6 +368,14 @@ std::string build_jwt(const auth_jwt_ctx_t* ctx, json_object* payload) {
 int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* account,
                         const char* const* pub_allow, const char* const* pub_deny, const char* const* sub_allow,
                         const char* const* sub_deny, char** out_jwt) {
+  return auth_jwt_sign_grant_ex(ctx, server_id, user_nkey, account, pub_allow, pub_deny, sub_allow, sub_deny, 0,
+                                out_jwt);
+}
+
+int auth_jwt_sign_grant_ex(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey,
+                           const char* account, const char* const* pub_allow, const char* const* pub_deny,
+                           const char* const* sub_allow, const char* const* sub_deny, int responses,
+                           char** out_jwt) {
   if (!s_usable(ctx, out_jwt)) return -1;
   try {
     const int64_t now = static_cast<int64_t>(time(nullptr));
@@ -357,6 +387,12 @@ int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const 
     json_object* user_nats = s_nats_head("user");
     s_add_perm_side(user_nats, "pub", pub_allow, pub_deny);
     s_add_perm_side(user_nats, "sub", sub_allow, sub_deny);
+    if (responses > 0) {
+      json_object* resp = json_object_new_object();
+      s_add(resp, "max", json_object_new_int(responses));
+      s_add(resp, "ttl", json_object_new_int64(0));
+      s_add(user_nats, "resp", resp);
+    }
     s_add(user.get(), "nats", user_nats);
     const std::string user_jwt = build_jwt(ctx, user.get());
     if (user_jwt.empty()) return -1;
@@ -419,6 +455,115 @@ int auth_jwt_print_issuer_nkey(const char* argv0, const char* seed_path) {
     return 1;
   }
   printf("%s\n", nkey);
+  fflush(stdout);
+  return 0;
+}
+
+namespace {
+
+// The raw key of a public NKey with the given prefix; false for anything else.
+bool s_nkey_decode(std::string_view text, uint8_t prefix_index, unsigned char out[32]) {
+  if (text.size() != 56) return false;
+  unsigned char raw[35];
+  size_t n = 0;
+  uint32_t buffer = 0;
+  int bits = 0;
+  for (const char c : text) {
+    const char* at = strchr(s_base32_alphabet, c);
+    if (c == '\0' || at == nullptr) return false;
+    buffer = (buffer << 5) | static_cast<uint32_t>(at - s_base32_alphabet);
+    bits += 5;
+    if (bits >= 8) {
+      if (n == sizeof raw) return false;
+      raw[n++] = static_cast<unsigned char>(buffer >> (bits - 8));
+      bits -= 8;
+    }
+  }
+  const uint16_t crc = s_crc16_xmodem(raw, 33);
+  if (n != sizeof raw || raw[0] != static_cast<unsigned char>(prefix_index << 3) ||
+      raw[33] != static_cast<unsigned char>(crc & 0xff) || raw[34] != static_cast<unsigned char>(crc >> 8))
+    return false;
+  memcpy(out, raw + 1, 32);
+  return true;
+}
+
+}  // namespace
+
+const char* auth_jwt_xkey(const auth_jwt_ctx_t* ctx) { return ctx ? ctx->xkey_str.c_str() : nullptr; }
+
+namespace {
+
+// A cluster has a few servers; a flood of made-up keys only empties the cache.
+constexpr size_t kMaxSharedKeys = 64;
+
+// The box key shared between the context's xkey and peer_xkey, or false when peer_xkey
+// is not an xkey.
+bool s_shared_key(const auth_jwt_ctx& ctx, std::string_view peer_xkey,
+                  std::array<unsigned char, crypto_box_BEFORENMBYTES>& out) {
+  const std::lock_guard lock(ctx.shared_mutex);
+  const auto found = ctx.shared_keys.find(std::string(peer_xkey));
+  if (found != ctx.shared_keys.end()) {
+    out = found->second;
+    return true;
+  }
+  unsigned char peer[32];
+  if (!s_nkey_decode(peer_xkey, kCurvePrefix, peer) || crypto_box_beforenm(out.data(), peer, ctx.xkey_secret) != 0)
+    return false;
+  if (ctx.shared_keys.size() >= kMaxSharedKeys) {
+    for (auto& [server, key] : ctx.shared_keys) sodium_memzero(key.data(), key.size());
+    ctx.shared_keys.clear();
+  }
+  ctx.shared_keys.emplace(std::string(peer_xkey), out);
+  return true;
+}
+
+// Wipes the copy of a shared key when it goes.
+struct s_shared_copy {
+  std::array<unsigned char, crypto_box_BEFORENMBYTES> key{};
+  ~s_shared_copy() { sodium_memzero(key.data(), key.size()); }
+};
+
+}  // namespace
+
+std::optional<qm::secret_string> auth_jwt_open(const auth_jwt_ctx_t* ctx, std::string_view sealed,
+                                               std::string_view sender_xkey) {
+  const size_t head = kXkeyVersion.size() + crypto_box_NONCEBYTES;
+  s_shared_copy shared;
+  if (ctx == nullptr || !ctx->loaded || sealed.size() < head + crypto_box_MACBYTES ||
+      !sealed.starts_with(kXkeyVersion) || !s_shared_key(*ctx, sender_xkey, shared.key))
+    return std::nullopt;
+  const auto* nonce = reinterpret_cast<const unsigned char*>(sealed.data() + kXkeyVersion.size());
+  const auto* box = reinterpret_cast<const unsigned char*>(sealed.data() + head);
+  std::string plain(sealed.size() - head - crypto_box_MACBYTES, '\0');
+  if (crypto_box_open_easy_afternm(reinterpret_cast<unsigned char*>(plain.data()), box, sealed.size() - head, nonce,
+                                   shared.key.data()) != 0)
+    return std::nullopt;  // nothing was written: there is nothing to wipe
+  return qm::secret_string(std::move(plain));
+}
+
+std::string auth_jwt_seal(const auth_jwt_ctx_t* ctx, std::string_view plain, std::string_view recipient_xkey) {
+  s_shared_copy shared;
+  if (ctx == nullptr || !ctx->loaded || !s_shared_key(*ctx, recipient_xkey, shared.key)) return {};
+  std::string sealed(kXkeyVersion);
+  unsigned char nonce[crypto_box_NONCEBYTES];
+  randombytes_buf(nonce, sizeof nonce);
+  sealed.append(reinterpret_cast<const char*>(nonce), sizeof nonce);
+  const size_t head = sealed.size();
+  sealed.resize(head + plain.size() + crypto_box_MACBYTES);
+  if (crypto_box_easy_afternm(reinterpret_cast<unsigned char*>(sealed.data() + head),
+                              reinterpret_cast<const unsigned char*>(plain.data()), plain.size(), nonce,
+                              shared.key.data()) != 0)
+    return {};
+  return sealed;
+}
+
+int auth_jwt_print_issuer_xkey(const char* argv0, const char* seed_path) {
+  std::unique_ptr<auth_jwt_ctx> ctx(auth_jwt_init(seed_path));
+  if (!ctx) {
+    fprintf(stderr, "%s: failed to load or generate signing seed at %s\n", argv0, seed_path ? seed_path : "");
+    return 1;
+  }
+  printf("%s\n", ctx->xkey_str.c_str());
   fflush(stdout);
   return 0;
 }

@@ -7,8 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <optional>
 #include <string_view>
 
+#include "qm_cpp.hpp"
 #include "qm_json.hpp"
 
 struct auth_jwt_ctx;
@@ -24,6 +26,18 @@ auth_jwt_ctx_t* auth_jwt_init(const char* seed_path);
 // The issuer's public account NKey (56 characters, "A..."), owned by ctx; NULL for NULL.
 const char* auth_jwt_public_key(const auth_jwt_ctx_t* ctx);
 
+// The public curve25519 key ("X...", an xkey) derived from the same seed, for
+// nats-server's auth_callout { xkey: ... }: the server then seals every callout request
+// to it and expects the answer sealed to the server's own xkey. NULL for NULL.
+const char* auth_jwt_xkey(const auth_jwt_ctx_t* ctx);
+
+// A message sealed by sender_xkey to the context's xkey: "xkv1", a 24-byte nonce, then
+// crypto_box. The plain text, or nothing when it is not such a message or does not open.
+std::optional<qm::secret_string> auth_jwt_open(const auth_jwt_ctx_t* ctx, std::string_view sealed,
+                                               std::string_view sender_xkey);
+// `plain` sealed the same way to recipient_xkey; "" when that is not an xkey.
+std::string auth_jwt_seal(const auth_jwt_ctx_t* ctx, std::string_view plain, std::string_view recipient_xkey);
+
 // Wipes the seed and frees; accepts NULL.
 void auth_jwt_destroy(auth_jwt_ctx_t* ctx);
 
@@ -34,6 +48,12 @@ void auth_jwt_destroy(auth_jwt_ctx_t* ctx);
 int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey, const char* account,
                         const char* const* pub_allow, const char* const* pub_deny, const char* const* sub_allow,
                         const char* const* sub_deny, char** out_jwt);
+
+// The same; responses > 0 also lets the user publish that many replies to each request it
+// receives, whatever its publish lists say (the user JWT's "resp").
+int auth_jwt_sign_grant_ex(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey,
+                           const char* account, const char* const* pub_allow, const char* const* pub_deny,
+                           const char* const* sub_allow, const char* const* sub_deny, int responses, char** out_jwt);
 
 // Authorization response refusing the connection with `reason` ("access denied" when
 // NULL). 0 and an owned token in *out_jwt (free with free()), or -1.
@@ -67,3 +87,5 @@ qm::secret_json_ptr decode_jwt_claims(std::string_view token);
 // output (creating the seed when missing). Returns the exit code: 0, or 1 after a
 // message on standard error.
 int auth_jwt_print_issuer_nkey(const char* argv0, const char* seed_path);
+// --print-issuer-xkey: the same for the xkey.
+int auth_jwt_print_issuer_xkey(const char* argv0, const char* seed_path);

@@ -55,6 +55,7 @@ enum option_id : int {
   OPT_LDAP_GROUP_ATTRIBUTE,
   OPT_LDAP_CACERT,
   OPT_PERMISSIONS_FILE,
+  OPT_FLEET_ACCOUNT,
   OPT_GW_NATS_USER,
   OPT_GW_NATS_PASSWORD,
   OPT_LISTEN_BACKLOG,
@@ -91,6 +92,7 @@ enum option_id : int {
   OPT_TRACE_TO_SCREEN,
   OPT_TRACEFILE_MAXSIZE,
   OPT_PRINT_ISSUER_NKEY,
+  OPT_PRINT_ISSUER_XKEY,
 };
 
 const option kLongOptions[] = {
@@ -132,6 +134,7 @@ const option kLongOptions[] = {
     {"ldap-group-attribute", required_argument, nullptr, OPT_LDAP_GROUP_ATTRIBUTE},
     {"ldap-cacert", required_argument, nullptr, OPT_LDAP_CACERT},
     {"permissions-file", required_argument, nullptr, OPT_PERMISSIONS_FILE},
+    {"fleet-account", required_argument, nullptr, OPT_FLEET_ACCOUNT},
     {"gw-nats-user", required_argument, nullptr, OPT_GW_NATS_USER},
     {"gw-nats-password", required_argument, nullptr, OPT_GW_NATS_PASSWORD},
     {"listen-backlog", required_argument, nullptr, OPT_LISTEN_BACKLOG},
@@ -168,6 +171,7 @@ const option kLongOptions[] = {
     {"trace-to-screen", required_argument, nullptr, OPT_TRACE_TO_SCREEN},
     {"tracefile-maxsize", required_argument, nullptr, OPT_TRACEFILE_MAXSIZE},
     {"print-issuer-nkey", no_argument, nullptr, OPT_PRINT_ISSUER_NKEY},
+    {"print-issuer-xkey", no_argument, nullptr, OPT_PRINT_ISSUER_XKEY},
     {"help", no_argument, nullptr, OPT_HELP},
     {nullptr, 0, nullptr, 0},
 };
@@ -252,6 +256,7 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_LDAP_GROUP_ATTRIBUTE: set_str(auth.ldap_group_attribute, arg); break;
     case OPT_LDAP_CACERT: set_str(auth.ldap_cacert_path, arg); break;
     case OPT_PERMISSIONS_FILE: set_str(auth.permissions_file_path, arg); break;
+    case OPT_FLEET_ACCOUNT: set_str(auth.fleet_account, arg); break;
     case OPT_GW_NATS_USER: set_str(gw.nats_user, arg); break;
     case OPT_GW_NATS_PASSWORD: set_str(gw.nats_password, arg); break;
     case OPT_LISTEN_BACKLOG: s_parse_listen_backlog(gw, arg); break;
@@ -337,6 +342,7 @@ Auth callout subsystem (default: enabled):
   --auth-nats-password <password>      its password
   --auth-backend <file|ldap|file+ldap> where passwords are checked (default file)
   --permissions-file <path>            JSON permission profiles (default: built-in profiles)
+  --fleet-account <name>               nats-server account of admitted logins (default QM_FLEET)
   --ldap-url <url>                     LDAP server (ldap:// or ldaps://)
   --ldap-base-dn <dn>                  search base
   --ldap-bind-dn <dn>                  service account
@@ -427,6 +433,8 @@ Logging:
 Diagnostics:
   --print-issuer-nkey                  print the issuer's account NKey for nats-server's
                                        auth_callout block and exit (needs --auth-signing-key)
+  --print-issuer-xkey                  print the curve25519 xkey derived from the same seed, for
+                                       auth_callout { xkey: ... }, and exit
   -h, --help                           Show this help message
 )";
 
@@ -478,7 +486,8 @@ broker_parse_result_t broker_config_parse(broker_config_t* cfg, int argc, char**
   const char* argv0 = argc > 0 && argv[0] ? argv[0] : "qm-av-broker";
   if (cfg == nullptr || !cfg->auth || !cfg->gw) return BROKER_PARSE_EXIT_FAILURE;
 
-  bool print_issuer_nkey = false;
+  const char* print_issuer = nullptr;  // the --print-issuer-... option given, if any
+  broker_parse_result_t print_result = BROKER_PARSE_PRINT_ISSUER_NKEY;
   optind = 0;  // full re-initialisation of getopt, so that the parser can run more than once
   for (;;) {
     const int id = getopt_long(argc, argv, "h", kLongOptions, nullptr);
@@ -487,8 +496,10 @@ broker_parse_result_t broker_config_parse(broker_config_t* cfg, int argc, char**
       print_usage(argv0);
       return BROKER_PARSE_EXIT_OK;
     }
-    if (id == OPT_PRINT_ISSUER_NKEY) {
-      print_issuer_nkey = true;
+    if (id == OPT_PRINT_ISSUER_NKEY || id == OPT_PRINT_ISSUER_XKEY) {
+      const bool xkey = id == OPT_PRINT_ISSUER_XKEY;
+      print_issuer = xkey ? "--print-issuer-xkey" : "--print-issuer-nkey";
+      print_result = xkey ? BROKER_PARSE_PRINT_ISSUER_XKEY : BROKER_PARSE_PRINT_ISSUER_NKEY;
       continue;
     }
     if (!s_apply_option(*cfg, id, optarg)) {  // '?': unknown option or missing argument
@@ -502,12 +513,12 @@ broker_parse_result_t broker_config_parse(broker_config_t* cfg, int argc, char**
     return BROKER_PARSE_EXIT_FAILURE;
   }
 
-  if (print_issuer_nkey) {
+  if (print_issuer != nullptr) {
     if (!cfg->auth->signing_key_path) {
-      fprintf(stderr, "%s: --print-issuer-nkey requires --auth-signing-key\n", argv0);
+      fprintf(stderr, "%s: %s requires --auth-signing-key\n", argv0, print_issuer);
       return BROKER_PARSE_EXIT_FAILURE;
     }
-    return BROKER_PARSE_PRINT_ISSUER_NKEY;
+    return print_result;
   }
 
   if (const char* missing = s_missing_required_option(*cfg)) {

@@ -62,6 +62,7 @@ enum broker_parse_result_t {
   BROKER_PARSE_EXIT_OK = 1,         // --help was printed: exit 0
   BROKER_PARSE_EXIT_FAILURE = 2,    // an error was printed: exit 1
   BROKER_PARSE_PRINT_ISSUER_NKEY = 3,  // --print-issuer-nkey with --auth-signing-key given
+  BROKER_PARSE_PRINT_ISSUER_XKEY = 4,  // --print-issuer-xkey with --auth-signing-key given
 };
 
 // Reads argv into cfg and applies the required-option rules; messages go to standard

@@ -362,6 +362,7 @@ gw_relay_job_t* s_build_job(conn_context_t& ctx, qm::pn_message_ptr& msg, std::s
   try {
     job->address = std::move(subject);
     job->json_str = std::move(json);
+    if (ctx.username) job->user = *ctx.username;
   } catch (const std::bad_alloc&) {
     log_error("amqp_acceptor: OOM building relay job \u2014 rejecting");
     return nullptr;

@@ -476,10 +476,10 @@ MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, c
   char* reply_data = nullptr;
   size_t reply_data_len = 0;
   const bool has_payload = ctx.payload.len > 0;
-  const int rc = gw_nats_relay_request(fe.relay, subject.get(), ctx.request_json.data.get(),
-                                       has_payload ? ctx.payload.data.get() : nullptr, has_payload ? ctx.payload.len : 0,
-                                       gw_nats_relay_default_timeout_ms(fe.relay), &reply_json, &reply_data,
-                                       &reply_data_len);
+  const int rc = gw_nats_relay_request_ex(fe.relay, user, subject.get(), ctx.request_json.data.get(),
+                                          has_payload ? ctx.payload.data.get() : nullptr,
+                                          has_payload ? ctx.payload.len : 0, gw_nats_relay_default_timeout_ms(fe.relay),
+                                          &reply_json, &reply_data, &reply_data_len);
   password.reset();
   qm::malloc_ptr<char> owned_json(reply_json);
   const qm::malloc_ptr<char> discarded(reply_data);  // a binary reply has no place in the response

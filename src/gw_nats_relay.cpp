@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "auth_profile.hpp"
 #include "broker_kv_bootstrap.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
@@ -548,22 +549,23 @@ void s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
   kvstore_delete_chunked(relay.conn.get(), relay.kv.get(), key);
 }
 
-int s_request(gw_nats_relay& relay, const char* subject, const char* request_json, const char* data, size_t data_len,
-              unsigned long timeout_ms, char** reply_json, char** reply_data, size_t* reply_data_len) {
+int s_request(gw_nats_relay& relay, const char* caller, const char* subject, const char* request_json,
+              const char* data, size_t data_len, unsigned long timeout_ms, char** reply_json, char** reply_data,
+              size_t* reply_data_len) {
   const bool has_payload = data != nullptr && data_len > 0;
   uint64_t scan_budget_ms = 0;
   const unsigned long wait = gw_effective_relay_timeout_ms(&relay, subject, request_json, has_payload ? data_len : 0,
                                                            timeout_ms, &scan_budget_ms);
   s_staged_payload staged(relay.conn.get(), relay.kv.get());
-  qm::malloc_ptr<char> key;
+  std::string key;
   std::string send_text;
   if (has_payload) {
-    key.reset(generate_unique_key());
-    if (!key) return -1;
-    staged.hold(key.get(), gw_kv_num_chunks(data_len));
+    key = gw_staged_key('c', caller);
+    if (key.empty()) return -1;
+    staged.hold(key.c_str(), gw_kv_num_chunks(data_len));
     const int64_t ttl_ms = gw_kv_ttl_ms_for(std::max<uint64_t>(wait, scan_budget_ms));
-    if (!s_stage(relay, subject, key.get(), data, data_len, ttl_ms)) return -1;
-    std::optional<std::string> with_key = s_with_kv_key(request_json, key.get());
+    if (!s_stage(relay, subject, key.c_str(), data, data_len, ttl_ms)) return -1;
+    std::optional<std::string> with_key = s_with_kv_key(request_json, key.c_str());
     if (!with_key) return -1;
     send_text = std::move(*with_key);
   } else {
@@ -573,7 +575,7 @@ int s_request(gw_nats_relay& relay, const char* subject, const char* request_jso
   qm::nats_msg_ptr reply;
   natsStatus status = NATS_OK;
   if (s_exchange(relay, subject, send_text, wait, reply, status) != 0) return -1;
-  const char* key_text = key ? key.get() : "(none)";
+  const char* key_text = key.empty() ? "(none)" : key.c_str();
   if (status != NATS_OK) {
     const std::string detail = s_last_error_suffix();
     log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)",
@@ -600,6 +602,8 @@ qm::nats_options_ptr s_build_options(const gw_config_t& cfg) {
   if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
   qm::nats_options_ptr opts(raw);
   if (natsOptions_SetURL(opts.get(), qm::cstr(cfg.nats_url)) != NATS_OK) return nullptr;
+  // Replies to the gateway arrive below a prefix that every client grant denies.
+  if (natsOptions_SetCustomInboxPrefix(opts.get(), AUTH_GATEWAY_INBOX_PREFIX) != NATS_OK) return nullptr;
   if (cfg.nats_user && cfg.nats_password &&
       natsOptions_SetUserInfo(opts.get(), cfg.nats_user->c_str(), cfg.nats_password->c_str()) != NATS_OK) {
     return nullptr;
@@ -737,6 +741,17 @@ char* generate_unique_key() {
   return strdup(key);
 }
 
+std::string gw_staged_key(char owner, const char* user) {
+  qm::malloc_ptr<char> unique(generate_unique_key());
+  if (!unique) return {};
+  if (user == nullptr || *user == '\0') return unique.get();
+  const std::string_view name(user);
+  const bool fits = name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_=") ==
+                    std::string_view::npos;
+  if (!fits) return std::string("x.") + unique.get();
+  return std::string(1, owner) + "." + std::string(name) + "." + unique.get();
+}
+
 int64_t gw_kv_ttl_ms_for(uint64_t timeout_ms) {
   const uint64_t ttl = s_saturating_add(timeout_ms, timeout_ms / 10);
   if (ttl > static_cast<uint64_t>(INT64_MAX)) return INT64_MAX;
@@ -851,12 +866,19 @@ unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay) {
 int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const char* request_json, const char* data,
                           size_t data_len, unsigned long timeout_ms, char** reply_json, char** reply_data,
                           size_t* reply_data_len) {
+  return gw_nats_relay_request_ex(relay, nullptr, subject, request_json, data, data_len, timeout_ms, reply_json,
+                                  reply_data, reply_data_len);
+}
+
+int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const char* subject,
+                             const char* request_json, const char* data, size_t data_len, unsigned long timeout_ms,
+                             char** reply_json, char** reply_data, size_t* reply_data_len) {
   if (reply_json != nullptr) *reply_json = nullptr;
   if (reply_data != nullptr) *reply_data = nullptr;
   if (reply_data_len != nullptr) *reply_data_len = 0;
   if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
   try {
-    return s_request(*relay, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
+    return s_request(*relay, caller, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
                      reply_data_len);
   } catch (const std::exception& e) {
     log_error("nats_relay: request to %s failed: %s", log_safe(subject).c_str(), e.what());

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "gw_nats_relay.hpp"
 
@@ -39,6 +40,14 @@ unsigned long gw_effective_relay_timeout_ms(const gw_nats_relay_t* relay, const 
 // A new key "gw-<pid>-<hex seconds>-<hex nanoseconds>" of the monotonic clock, never
 // the same twice in one process (release with free()); NULL when memory runs out.
 char* generate_unique_key();
+
+// A new payload key bound to the login that stages it: "<owner>.<user>.<unique key>",
+// where owner is 'c' for a client's request data and 'w' for a worker's reply data, so
+// that a grant can name the user's own keys by "{user}". A user name holding anything
+// but letters, digits, '-', '_' and '=' (no key could carry it) gets "x.<unique key>",
+// which no grant names; a NULL or empty user the bare unique key (the gateway's own
+// requests). Empty when memory runs out.
+std::string gw_staged_key(char owner, const char* user);
 
 // Lifetime of staged entries for a reply wait of timeout_ms: 110 % of it, at least 1 s.
 int64_t gw_kv_ttl_ms_for(uint64_t timeout_ms);

@@ -67,9 +67,10 @@ void s_relay(gw_relay_pool& pool, gw_relay_job& job) {
   char* reply_json = nullptr;
   char* reply_data = nullptr;
   size_t reply_data_len = 0;
-  job.rc = gw_nats_relay_request(pool.relay, job.address.c_str(), job.json_str.c_str(), job.bin_data, job.bin_len,
-                                 gw_nats_relay_default_timeout_ms(pool.relay), &reply_json, &reply_data,
-                                 &reply_data_len);
+  job.rc = gw_nats_relay_request_ex(pool.relay, job.user.empty() ? nullptr : job.user.c_str(), job.address.c_str(),
+                                    job.json_str.c_str(), job.bin_data, job.bin_len,
+                                    gw_nats_relay_default_timeout_ms(pool.relay), &reply_json, &reply_data,
+                                    &reply_data_len);
   job.reply_json.reset(reply_json);
   job.reply_data.reset(reply_data);
   job.reply_data_len = reply_data_len;

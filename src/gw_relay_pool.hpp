@@ -27,6 +27,7 @@ struct gw_relay_job {
   pn_message_t* incoming_msg_owned = nullptr;  // kept alive while bin_data points into it
   std::string address;                          // NATS subject, already rewritten
   std::string json_str;                         // request JSON
+  std::string user;                             // the authenticated caller: names its staged keys
   char* bin_data = nullptr;  // payload: points into incoming_msg_owned, or malloc'd and owned when that is NULL
   size_t bin_len = 0;
   qm::opt_string reply_to;

@@ -626,14 +626,18 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  switch (broker_config_parse(app.cfg, argc, argv)) {
+  const broker_parse_result_t parsed = broker_config_parse(app.cfg, argc, argv);
+  switch (parsed) {
     case BROKER_PARSE_RUN:
       break;
     case BROKER_PARSE_EXIT_OK:
       broker_config_free(app.cfg);
       return 0;
-    case BROKER_PARSE_PRINT_ISSUER_NKEY: {
-      const int rc = auth_jwt_print_issuer_nkey(argv0, qm::cstr(app.cfg->auth->signing_key_path));
+    case BROKER_PARSE_PRINT_ISSUER_NKEY:
+    case BROKER_PARSE_PRINT_ISSUER_XKEY: {
+      const char* seed = qm::cstr(app.cfg->auth->signing_key_path);
+      const int rc = parsed == BROKER_PARSE_PRINT_ISSUER_XKEY ? auth_jwt_print_issuer_xkey(argv0, seed)
+                                                              : auth_jwt_print_issuer_nkey(argv0, seed);
       broker_config_free(app.cfg);
       return rc;
     }

@@ -52,14 +52,24 @@ CalloutOptions file_users() {
 // profile that allows everything.
 TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
   CalloutOptions options = file_users();
+  options.users.emplace_back("carl.os", "dotted");
+  options.sealed = true;
   options.permissions_json = R"j({
     "profiles": {
       "scanner": {"publish": {"allow": ["scan.>"], "deny": ["scan.secret"]},
-                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}
+                  "subscribe": {"allow": ["_INBOX.>", "scan.>"]}},
+      "own": {"subscribe": {"allow": ["_INBOX.{user}.>"]}}
     },
-    "file_user_map": [{"user": "alice", "profile": "scanner"}]
+    "file_user_map": [{"user": "alice", "profile": "scanner"}, {"user": "carl.os", "profile": "own"}]
   })j";
   CalloutEnv env(options);
+  {
+    SCOPED_TRACE("a name that would widen a templated grant is refused");
+    EXPECT_NE(nats_login(env.url(), "carl.os", "dotted").status, NATS_OK);
+    EXPECT_TRUE(env.broker().wait_for_err(
+        "auth_callout: DENY user=carl.os profile=own reason=user-name-unfit-for-templated-grant", 5s));
+    EXPECT_EQ(env.broker().err().find("GRANT user=carl.os"), std::string::npos);
+  }
   {
     SCOPED_TRACE("an empty password");
     for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);
@@ -86,6 +96,9 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_NE(log.find("auth_callout: DENY user=mallory backend=none reason=invalid-credentials"), std::string::npos);
     EXPECT_EQ(log.find("via=neg-cache"), std::string::npos);
     EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=scanner groups=0"), std::string::npos);
+    // The server seals every request to the broker's xkey, and opens the sealed answers.
+    EXPECT_NE(log.find("sealed=yes"), std::string::npos);
+    EXPECT_EQ(log.find("sealed=no"), std::string::npos);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=scanner", 5s));
   }
   {
@@ -105,6 +118,15 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_TRUE(delivered(bob.conn, bob.conn, "any.subject.at.all"));
     EXPECT_TRUE(delivered(bob.conn, alice.conn, "scan.reply"));
     EXPECT_EQ(LogCapture::count_in(errors.text(), "Permissions Violation"), 2u) << errors.text();
+  }
+  {
+    SCOPED_TRACE("a verify reply names the profile a door checks the caller's subjects against");
+    auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+    ASSERT_EQ(gateway.status, NATS_OK) << gateway.error;
+    EXPECT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"alice","password":"wonder","revalidate":true})j"),
+              R"j({"ok":true,"reason":"valid credentials","backend":"file","profile":"scanner"})j");
+    EXPECT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"bob","password":"builder","revalidate":true})j"),
+              R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
   }
 }
 

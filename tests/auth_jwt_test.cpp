@@ -216,6 +216,43 @@ TEST_F(Jwt, ConcurrentSignersEachGetAValidTokenOfTheirOwn) {
   }
 }
 
+// What one side seals to the other's xkey only the other opens, and only as sealed.
+TEST(JwtXkey, SealedMessagesOpenOnlyForTheirRecipientAndUnchanged) {
+  const CtxPtr broker(auth_jwt_init(nullptr));
+  const CtxPtr server(auth_jwt_init(nullptr));
+  ASSERT_TRUE(broker && server);
+  const std::string broker_xkey = auth_jwt_xkey(broker.get());
+  const std::string server_xkey = auth_jwt_xkey(server.get());
+  EXPECT_EQ(broker_xkey.size(), 56u);
+  EXPECT_EQ(broker_xkey[0], 'X');
+  const std::string sealed = auth_jwt_seal(server.get(), "connect_opts", broker_xkey);
+  ASSERT_EQ(sealed.rfind("xkv1", 0), 0u);
+  const auto opened = auth_jwt_open(broker.get(), sealed, server_xkey);
+  ASSERT_TRUE(opened);
+  EXPECT_EQ(opened->str(), "connect_opts");
+  EXPECT_EQ(auth_jwt_open(broker.get(), sealed, server_xkey)->str(), "connect_opts");  // the cached box key
+
+  std::string flipped = sealed;
+  flipped.back() ^= 1;
+  const struct {
+    const char* what;
+    const auth_jwt_ctx_t* opener;
+    std::string message;
+    std::string sender;
+  } refused[] = {
+      {"a changed byte", broker.get(), flipped, server_xkey},
+      {"another version tag", broker.get(), "xkv2" + sealed.substr(4), server_xkey},
+      {"cut short", broker.get(), sealed.substr(0, 30), server_xkey},
+      {"the wrong sender", broker.get(), sealed, broker_xkey},
+      {"not the recipient", server.get(), sealed, server_xkey},
+      {"an account key as sender", broker.get(), sealed, auth_jwt_public_key(server.get())},
+      {"a sender key with a bad checksum", broker.get(), sealed,
+       server_xkey.substr(0, 55) + (server_xkey.back() == 'A' ? "B" : "A")},
+  };
+  for (const auto& row : refused) EXPECT_FALSE(auth_jwt_open(row.opener, row.message, row.sender)) << row.what;
+  EXPECT_EQ(auth_jwt_seal(broker.get(), "x", auth_jwt_public_key(server.get())), "");
+}
+
 TEST(JwtEncoding, Base64UrlNKeyAndTheLenientPayloadDecoder) {
   const unsigned char bytes[] = {0xfb, 0xff, 0xfe};
   EXPECT_EQ(base64url_encode(bytes, 0), "");

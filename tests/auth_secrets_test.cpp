@@ -84,9 +84,9 @@ TEST_F(PasswordWipe, NothingOfACalloutTokenIsLeftOnceItIsAnswered) {
     segment.str().copy(payload_segment, segment.size());
     qm::nats_msg_ptr msg(message(joined({"eyJhbGciOiJlZDI1NTE5LW5rZXkifQ.", segment.str(), ".sig"})));
     auth_request_t req;
-    ASSERT_EQ(auth_callout_read(msg.get(), req), AUTH_CALLOUT_REQUEST);
+    ASSERT_EQ(auth_callout_read(msg.get(), auth_signer{jwt_.get()}, req), AUTH_CALLOUT_REQUEST);
     EXPECT_EQ(req.password.str(), password.view());
-    EXPECT_FALSE(auth_callout_answer(decider_.get(), jwt_.get(), req).empty());
+    EXPECT_FALSE(auth_callout_answer(decider_.get(), auth_signer{jwt_.get()}, req).empty());
   }
   EXPECT_EQ(qmtest::occurrences_in_own_memory(beyond_the_first_8(password.view())), 0u);
   EXPECT_EQ(qmtest::occurrences_in_own_memory(beyond_the_first_8(payload_segment)), 0u);

@@ -9,6 +9,7 @@
 #include <proton/uuid.hpp>
 
 #include <atomic>
+#include <functional>
 #include <filesystem>
 #include <thread>
 #include <map>
@@ -77,6 +78,8 @@ TEST(AmqpScan, RepliesCarryTheVerdictAndTheRequestId) {
     EXPECT_EQ(json_member(reply_json(*reply), "size"), std::to_string(k.size));
     EXPECT_EQ(json_member(reply_json(*reply), "sha256"), sha256_hex(payload));
   }
+  // The door stages a caller's payload under a key bound to the caller.
+  EXPECT_TRUE(env.wait_for_log("nats_relay: kv put key=c.scanner.gw-"));
 
   // A bare string is the whole request; a message without id gets a reply without one.
   const std::string reply = scan(c, request_with_body(proton::value(std::string("{\"SCANTIMEOUT\":5000}")), c.reply_address));
@@ -97,6 +100,133 @@ TEST(AmqpScan, RepliesCarryTheVerdictAndTheRequestId) {
 
 // Clients without PLAIN never reach the password check; bad credentials are refused by
 // it with the SASL outcome "auth".
+// A logged-in client, with nothing but a NATS connection, tries to own the fleet: read the
+// passwords of every login, grant logins, pose as a worker, reach another client's staged
+// data. Each row is one attempt; what it reports instead of "" is how it got through.
+TEST(AmqpScan, AHostileClientCanNeitherSniffNorForgeNorTouchOthersData) {
+  AmqpEnv env;
+  AsyncErrors errors;
+  NatsLogin hostile = nats_login(env.nats_url(), AmqpEnv::kUser, AmqpEnv::kPassword, 5000, &errors,
+                                 std::string("_INBOX.") + AmqpEnv::kUser);
+  ASSERT_EQ(hostile.status, NATS_OK) << hostile.error;
+  natsConnection* nc = hostile.conn;
+  auto refused = [&](const std::string& what) {
+    return wait_until([&] { return errors.text().find("Permissions Violation for " + what) != std::string::npos; },
+                      10s);
+  };
+  // Answers every message it is allowed to see with `answer`.
+  auto responder = [](natsConnection* conn, natsSubscription*, natsMsg* msg, void* answer) {
+    if (natsMsg_GetReply(msg) != nullptr)
+      natsConnection_PublishString(conn, natsMsg_GetReply(msg), static_cast<const char*>(answer));
+    natsMsg_Destroy(msg);
+  };
+  static const char kGrant[] = R"({"ok":true,"reason":"valid credentials","backend":"file"})";
+  static const char kClean[] = R"({"ReturnCode":0,"size":68,"sha256":"","infected":false})";
+  const std::string eicar = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$") + "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+
+  const struct {
+    const char* what;
+    std::function<std::string()> attempt;
+  } rows[] = {
+      {"reads the callout's and the verify endpoint's requests",
+       [&]() -> std::string {
+         natsSubscription* callout = nullptr;
+         natsSubscription* verify = nullptr;
+         // One at a time: the client library keeps only the latest error text.
+         natsConnection_SubscribeSync(&callout, nc, "$SYS.REQ.USER.AUTH");
+         natsConnection_Flush(nc);
+         const bool callout_refused = refused("Subscription to \"$SYS.REQ.USER.AUTH\"");
+         natsConnection_SubscribeSync(&verify, nc, "qm.auth.verify");
+         natsConnection_Flush(nc);
+         const bool verify_refused = refused("Subscription to \"qm.auth.verify\"");
+         const qm::nats_subscription_ptr owned_callout(callout), owned_verify(verify);
+         // A NATS login asks the callout, an AMQP login the verify endpoint; both are done
+         // (and their requests delivered) once they return.
+         NatsLogin worker = nats_login(env.nats_url(), AmqpEnv::kWorkerUser, AmqpEnv::kWorkerPassword);
+         AmqpClient amqp(env.port(), env.login());
+         if (worker.status != NATS_OK || !amqp.is_open()) return "the logins themselves failed";
+         for (natsSubscription* sub : {callout, verify}) {
+           natsMsg* msg = nullptr;
+           if (sub != nullptr && natsSubscription_NextMsg(&msg, sub, 200) == NATS_OK) {
+             const std::string seen(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
+             natsMsg_Destroy(msg);
+             return "saw " + seen;
+           }
+         }
+         return callout_refused && verify_refused ? "" : "no permission error: " + errors.text();
+       }},
+      {"answers the verify queue group and lets made-up users in",
+       [&]() -> std::string {
+         natsSubscription* fake = nullptr;
+         natsConnection_QueueSubscribe(&fake, nc, "qm.auth.verify", "qm-auth-verify", responder,
+                                       const_cast<char*>(kGrant));
+         const qm::nats_subscription_ptr owned(fake);
+         natsConnection_Flush(nc);
+         for (int i = 0; i < 10; ++i) {
+           AmqpClient intruder(env.port(), env.login("intruder-" + std::to_string(i), "junk"));
+           if (intruder.is_open()) return "intruder " + std::to_string(i) + " got in";
+         }
+         return refused("Subscription to \"qm.auth.verify\" using queue \"qm-auth-verify\"") ? "" : "no permission error: " + errors.text();
+       }},
+      {"joins the service's queue group and answers EICAR clean",
+       [&]() -> std::string {
+         natsSubscription* fake = nullptr;
+         natsConnection_QueueSubscribe(&fake, nc, AmqpEnv::kService, "qm-scan-workers", responder,
+                                       const_cast<char*>(kClean));
+         const qm::nats_subscription_ptr owned(fake);
+         natsConnection_Flush(nc);
+         ScanClient c(env);
+         for (int i = 0; i < 10; ++i) {
+           const std::string verdict = scan(c, scan_request("", "{}", &eicar, c.reply_address, "eicar-" + std::to_string(i)));
+           if (json_member(verdict, "infected") != "true") return "scan " + std::to_string(i) + ": " + verdict;
+         }
+         return refused("Subscription to \"scan\" using queue \"qm-scan-workers\"") ? "" : "no permission error: " + errors.text();
+       }},
+      {"reads, overwrites or deletes another client's staged key, or watches the bucket",
+       [&]() -> std::string {
+         NatsLogin gateway = nats_login(env.nats_url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
+         jsCtx* gateway_js = nullptr;
+         kvStore* gateway_kv = nullptr;
+         natsConnection_JetStream(&gateway_js, gateway.conn, nullptr);
+         js_KeyValue(&gateway_kv, gateway_js, "qm-av-scan-data");
+         const qm::c_ptr<jsCtx, jsCtx_Destroy> owned_gateway_js(gateway_js);
+         const qm::c_ptr<kvStore, kvStore_Destroy> owned_gateway_kv(gateway_kv);
+         uint64_t rev = 0;
+         if (kvStore_PutString(&rev, gateway_kv, "c.victim.k-0", "victim's file") != NATS_OK)
+           return "the victim's key could not be staged";
+
+         jsCtx* js = nullptr;
+         kvStore* kv = nullptr;
+         natsConnection_JetStream(&js, nc, nullptr);
+         const qm::c_ptr<jsCtx, jsCtx_Destroy> owned_js(js);
+         if (js_KeyValue(&kv, js, "qm-av-scan-data") != NATS_OK) return "the bucket is not bound";
+         const qm::c_ptr<kvStore, kvStore_Destroy> owned_kv(kv);
+         // Its own keys it may stage: the grant is no blanket refusal.
+         if (kvStore_PutString(&rev, kv, "c.scanner.own-0", "mine") != NATS_OK) return "its own key is refused";
+         kvEntry* entry = nullptr;
+         if (kvStore_Get(&entry, kv, "c.victim.k-0") == NATS_OK) {
+           kvEntry_Destroy(entry);
+           return "read the victim's key";
+         }
+         if (kvStore_PutString(&rev, kv, "c.victim.k-0", "clean") == NATS_OK) return "overwrote the victim's key";
+         if (kvStore_Delete(kv, "c.victim.k-0") == NATS_OK) return "deleted the victim's key";
+         natsSubscription* watch = nullptr;
+         natsConnection_SubscribeSync(&watch, nc, "$KV.qm-av-scan-data.>");
+         const qm::nats_subscription_ptr owned_watch(watch);
+         natsConnection_Flush(nc);
+         if (!refused("Subscription to \"$KV.qm-av-scan-data.>\"")) return "watches the bucket";
+         if (kvStore_Get(&entry, gateway_kv, "c.victim.k-0") != NATS_OK) return "the victim's key is gone";
+         const std::string kept(kvEntry_ValueString(entry));
+         kvEntry_Destroy(entry);
+         return kept == "victim's file" ? "" : "the victim's key now holds " + kept;
+       }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(row.attempt(), "");
+  }
+}
+
 TEST(AmqpLogin, ClientsWithoutPlainAndBadCredentialsAreRefused) {
   AmqpEnv env;
   AmqpLogin anonymous = env.login("", "");

@@ -150,6 +150,31 @@ TEST(RelayNames, KeysAreUniqueAcrossThreads) {
   EXPECT_EQ(all.size(), static_cast<size_t>(kThreads * kPerThread));
 }
 
+// A staged key names the login it belongs to, so that a grant can allow that login's own
+// keys by "{user}" and no other's.
+TEST(RelayNames, StagedKeysAreBoundToTheirUser) {
+  const std::string unique = "gw-" + std::to_string(getpid()) + "-[0-9a-f]+-[0-9a-f]+";
+  const struct {
+    char owner;
+    const char* user;
+    std::string shape;
+  } rows[] = {
+      {'c', "alice", "c\\.alice\\." + unique},
+      {'w', "scan-worker_2=x", "w\\.scan-worker_2=x\\." + unique},
+      {'c', nullptr, unique},
+      {'c', "", unique},
+      // A name no key can carry (or that would add tokens) belongs to no grant's keys.
+      {'c', "a.b", "x\\." + unique},
+      {'c', "a@b", "x\\." + unique},
+      {'c', "*", "x\\." + unique},
+      {'c', "a b", "x\\." + unique},
+  };
+  for (const auto& row : rows) {
+    const std::string key = gw_staged_key(row.owner, row.user);
+    EXPECT_TRUE(std::regex_match(key, std::regex(row.shape))) << (row.user ? row.user : "(null)") << " -> " << key;
+  }
+}
+
 // ---- Against a server and demo workers -------------------------------------------------------
 
 // Every relay test leaves the scan-data bucket as it found it: empty.

@@ -32,6 +32,28 @@ TEST(ServiceUnit, PassesSystemdVerification) {
   EXPECT_EQ(verify.err(), "");
 }
 
+// The packaged nats-server configuration, its placeholders filled in as its header says,
+// is one nats-server accepts (the tests run its account layout; this checks the rest).
+TEST(ServiceUnit, PackagedNatsServerConfigurationIsValid) {
+  qmtest::TempDir tmp;
+  std::string conf = qmtest::read_file(std::string(QM_SOURCE_DIR) + "/packaging/nats-server.conf");
+  const std::pair<const char*, std::string> fills[] = {
+      {"@HOST@", "127.0.0.1"},
+      {"@PORT@", "4222"},
+      {"@STORE_DIR@", tmp.file("js")},
+      {"@ISSUER_NKEY@", "ADG53YQZENWXOO2CLZPO4LLMPRC23MPMAGSG42HMOGZF4T3KHY5VDYF3"},
+      {"@ISSUER_XKEY@", "XBAEAN7JGZTUNNOVJXWA3MM2HPAJHNBRLAYDL5I4D5QNRZVMDOQEACQN"},
+      {"@AUTH_PASSWORD@", "a"},
+      {"@GATEWAY_PASSWORD@", "g"},
+  };
+  for (const auto& [placeholder, value] : fills) conf = std::regex_replace(conf, std::regex(placeholder), value);
+  const std::string body = conf.substr(conf.find("\nhost:"));  // the header comments name the placeholders
+  EXPECT_EQ(body.find('@'), std::string::npos) << body;
+  qmtest::write_file(tmp.file("nats-server.conf"), conf);
+  qmtest::Child check({qmtest::nats_server_binary(), "-t", "-c", tmp.file("nats-server.conf")});
+  EXPECT_EQ(check.wait(std::chrono::seconds(30)), 0) << check.err();
+}
+
 // The package it makes is installed and started by the end-to-end update test.
 TEST(PackageScript, RefusesBadArguments) {
   qmtest::TempDir tmp;

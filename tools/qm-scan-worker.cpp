@@ -162,7 +162,11 @@ bool scan_worker::connect() {
   qm::nats_options_ptr nopts(raw_opts);
   natsOptions_SetURL(nopts.get(), opts_.nats_url.c_str());
   natsOptions_SetName(nopts.get(), "qm-scan-worker");
-  if (opts_.user) natsOptions_SetUserInfo(nopts.get(), opts_.user->c_str(), opts_.password->c_str());
+  if (opts_.user) {
+    natsOptions_SetUserInfo(nopts.get(), opts_.user->c_str(), opts_.password->c_str());
+    // The worker role subscribes to its own inboxes only.
+    natsOptions_SetCustomInboxPrefix(nopts.get(), ("_INBOX." + *opts_.user).c_str());
+  }
   natsStatus s = NATS_OK;
   const qm_nats_tls_result_t tls = qm_nats_apply_tls(nopts.get(), opts_.nats_url, nullptr, &s);
   if (tls == QM_NATS_TLS_SECURE_FAILED) {
@@ -323,13 +327,14 @@ std::string scan_worker::answer(json_object* request) {
   json_object_object_add(reply.get(), "infected", json_object_new_boolean(bytes.find(kEicar) != std::string_view::npos));
   json_object* echo = nullptr;
   if (size > 0 && json_object_object_get_ex(request, "echo", &echo) && json_object_get_boolean(echo)) {
-    qm::malloc_ptr<char> key(generate_unique_key());
-    if (!key || kvstore_put_chunked(nc_.get(), kv_.get(), key.get(), payload.get(), size,
-                                    gw_kv_ttl_ms_for(kEchoLifetimeMs)) != 0) {
-      if (key) kvstore_delete_chunks(nc_.get(), kv_.get(), key.get(), gw_kv_num_chunks(size));
+    // Reply data goes under the worker's own prefix, the only keys its role may write.
+    const std::string key = gw_staged_key('w', qm::cstr(opts_.user));
+    if (key.empty() || kvstore_put_chunked(nc_.get(), kv_.get(), key.c_str(), payload.get(), size,
+                                           gw_kv_ttl_ms_for(kEchoLifetimeMs)) != 0) {
+      if (!key.empty()) kvstore_delete_chunks(nc_.get(), kv_.get(), key.c_str(), gw_kv_num_chunks(size));
       return s_error_reply("echo payload could not be staged");
     }
-    json_object_object_add(reply.get(), "_kv_key", json_object_new_string(key.get()));
+    json_object_object_add(reply.get(), "_kv_key", json_object_new_string(key.c_str()));
   }
   return json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
 }

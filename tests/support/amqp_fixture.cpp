@@ -26,6 +26,7 @@ bool s_port_open(int port) {
 AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   CalloutOptions callout;
   callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
+  callout.permissions_json = CalloutEnv::shipped_permissions();
   callout.tracelevel = options.tracelevel;
   callout.callout_service = options.callout_service;
   callout.bin_dir = options.bin_dir;

@@ -36,7 +36,7 @@ class AmqpEnv {
  public:
   static constexpr const char* kUser = "scanner";
   static constexpr const char* kPassword = "scanner-secret";
-  static constexpr const char* kWorkerUser = "worker";
+  static constexpr const char* kWorkerUser = "scan-worker";  // the shipped worker role's user
   static constexpr const char* kWorkerPassword = "worker-secret";
   static constexpr const char* kService = "scan";
 

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
+#include <tuple>
 
 #include "auth_jwt.hpp"
 #include "qm_cpp.hpp"
@@ -19,11 +20,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The issuer NKey of the seed at seed_path (made when missing).
-std::string issuer_nkey(const std::string& seed_path) {
+// The issuer NKey and xkey of the seed at seed_path (made when missing).
+std::pair<std::string, std::string> issuer_keys(const std::string& seed_path) {
   const qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> ctx(auth_jwt_init(seed_path.c_str()));
   if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
-  return auth_jwt_public_key(ctx.get());
+  return {auth_jwt_public_key(ctx.get()), auth_jwt_xkey(ctx.get())};
 }
 
 // Below this level the broker logs neither its readiness nor its subscriptions.
@@ -65,16 +66,30 @@ std::string CalloutEnv::credentials_text(const user_list& users) {
   return text + "]\n";
 }
 
-std::string CalloutEnv::authorization_block(const std::string& issuer) {
-  return std::string("authorization {\n  users: [\n") + "    {user: \"" + kAuthUser + "\", password: \"" +
-         kAuthPassword + "\"}\n    {user: \"" + kGatewayUser + "\", password: \"" + kGatewayPassword +
-         "\"}\n  ]\n  auth_callout {\n    issuer: \"" + issuer + "\"\n    auth_users: [\"" + kAuthUser + "\", \"" +
-         kGatewayUser + "\"]\n  }\n}\n";
+std::string CalloutEnv::authorization_block(const std::string& issuer, const std::string& xkey, bool sealed) {
+  std::string text = read_file(std::string(QM_SOURCE_DIR) + "/packaging/nats-server.conf");
+  const size_t layout = text.find("# -- secure account layout --");
+  if (layout == std::string::npos) throw std::runtime_error("packaging/nats-server.conf has no account layout");
+  text.erase(0, layout);
+  const std::string optional_xkey = "# xkey: ";
+  if (sealed && text.find(optional_xkey) != std::string::npos)
+    text.replace(text.find(optional_xkey), optional_xkey.size(), "xkey: ");
+  for (const auto& [placeholder, value] : {std::pair<std::string, std::string>{"@ISSUER_NKEY@", issuer},
+                                           {"@ISSUER_XKEY@", xkey},
+                                           {"@AUTH_PASSWORD@", kAuthPassword},
+                                           {"@GATEWAY_PASSWORD@", kGatewayPassword}}) {
+    for (size_t at; (at = text.find(placeholder)) != std::string::npos;) text.replace(at, placeholder.size(), value);
+  }
+  return text;
+}
+
+std::string CalloutEnv::shipped_permissions() {
+  return read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json");
 }
 
 CalloutEnv::CalloutEnv(CalloutOptions options) {
   const std::string seed = dir_.file("issuer.seed");
-  issuer_ = issuer_nkey(seed);
+  std::tie(issuer_, xkey_) = issuer_keys(seed);
   credentials_ = dir_.file("credentials.conf");
   write_file(credentials_, credentials_text(options.users));
 
@@ -98,7 +113,7 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
   if (!managed) {
     NatsServerOptions server_options;
     server_options.jetstream = options.jetstream;
-    server_options.extra_config = authorization_block(issuer_);
+    server_options.extra_config = authorization_block(issuer_, xkey_, options.sealed);
     server_ = std::make_unique<NatsServer>(server_options);
     url_ = server_->url();
     args.insert(args.end(), {"--nats-server-managed", "false"});
@@ -117,7 +132,7 @@ CalloutEnv::CalloutEnv(CalloutOptions options) {
       const int port = free_port();
       url_ = "nats://127.0.0.1:" + std::to_string(port);
       write_nats_server_config(dir_.file("nats-server.conf"), port, options.jetstream ? dir_.file("js") : "",
-                               authorization_block(issuer_), server_log_);
+                               authorization_block(issuer_, xkey_, options.sealed), server_log_);
     }
     std::vector<std::string> attempt_args = args;
     attempt_args.insert(attempt_args.end(), {"--nats-url", url_});
@@ -175,7 +190,7 @@ std::string AsyncErrors::text() const {
 }
 
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password, int timeout_ms,
-                     AsyncErrors* errors) {
+                     AsyncErrors* errors, const std::string& inbox_prefix) {
   NatsLogin login;
   natsOptions* opts = nullptr;
   if (natsOptions_Create(&opts) != NATS_OK) return login;
@@ -185,6 +200,7 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
   natsOptions_SetMaxReconnect(opts, 0);
   natsOptions_SetAllowReconnect(opts, false);
   if (errors != nullptr) natsOptions_SetErrorHandler(opts, AsyncErrors::on_error, errors);
+  if (!inbox_prefix.empty()) natsOptions_SetCustomInboxPrefix(opts, inbox_prefix.c_str());
   login.status = natsConnection_Connect(&login.conn, opts);
   if (login.status != NATS_OK) {
     login.conn = nullptr;

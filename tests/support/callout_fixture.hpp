@@ -39,6 +39,9 @@ struct CalloutOptions {
   std::string bin_dir;
   // Extra environment of the broker ("NAME=value").
   std::vector<std::string> env;
+  // The server seals callout requests to the broker's xkey (the packaged configuration's
+  // optional xkey line, uncommented).
+  bool sealed = false;
 };
 
 class CalloutEnv {
@@ -67,13 +70,17 @@ class CalloutEnv {
 
   // Credentials file text for these users, plus the broker's own two.
   static std::string credentials_text(const user_list& users);
-  // nats-server's authorization block with the auth callout for `issuer`.
-  static std::string authorization_block(const std::string& issuer);
+  // nats-server's accounts and authorization blocks for `issuer` and its `xkey`: the secure account
+  // layout of packaging/nats-server.conf, rendered with the fixture's passwords.
+  static std::string authorization_block(const std::string& issuer, const std::string& xkey, bool sealed);
+  // packaging/qm-av-permissions.json: the shipped client and worker roles.
+  static std::string shipped_permissions();
 
  private:
   TempDir dir_;
   std::string credentials_;
   std::string issuer_;
+  std::string xkey_;
   std::string url_;
   std::string server_log_;
   std::unique_ptr<NatsServer> server_;
@@ -102,8 +109,10 @@ class AsyncErrors {
   std::string text_;
 };
 // `errors`, when given, collects the connection's asynchronous errors and must outlive it.
+// inbox_prefix, when given, replaces "_INBOX" (the shipped roles receive replies only
+// below "_INBOX.<user>").
 NatsLogin nats_login(const std::string& url, const std::string& user, const std::string& password,
-                     int timeout_ms = 5000, AsyncErrors* errors = nullptr);
+                     int timeout_ms = 5000, AsyncErrors* errors = nullptr, const std::string& inbox_prefix = "");
 
 // A login in the raw client protocol: connect_json is sent as the CONNECT line's JSON
 // as it stands, so it may carry what no client library sends (a \u0000 in a password).

@@ -17,6 +17,11 @@ using namespace std::chrono_literals;
 
 std::string scan_worker_binary() { return QM_SCAN_WORKER_BINARY; }
 
+std::string fleet_account_config() {
+  return "accounts {\n  QM_FLEET {\n    jetstream: enabled\n    users: [ { user: \"qm-gateway\", password: "
+         "\"gateway-secret\" } ]\n  }\n}\nno_auth_user: \"qm-gateway\"\n";
+}
+
 ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
                        const std::string& user, const std::string& password) {
   // Below info level the worker would not say that it is ready.

@@ -22,6 +22,10 @@ namespace qmtest {
 // The demo worker binary built with the tests.
 std::string scan_worker_binary();
 
+// nats-server configuration that puts every connection without credentials into the
+// fleet account QM_FLEET as the gateway user.
+std::string fleet_account_config();
+
 struct ScanEnvOptions {
   // Provisioned as JetStream work queues, as --js-work-services would.
   std::string work_services;
@@ -80,7 +84,9 @@ class ScanEnv {
 
  private:
   std::string work_services_;
-  NatsServer server_;
+  // The fleet's side of the packaged account layout: every connection of the test is the
+  // gateway user in the fleet account, where the buckets and work queues live.
+  NatsServer server_{NatsServerOptions{true, fleet_account_config(), 0}};
   qm::nats_connection_ptr nc_;
   qm::js_ctx_ptr js_;
   qm::kv_store_ptr kv_;
