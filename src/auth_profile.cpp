@@ -276,4 +276,51 @@ const char* const* auth_profile_sub_allow(const auth_profile_t* p) { return p ? 
 const char* const* auth_profile_sub_deny(const auth_profile_t* p) { return p ? p->sub_deny.view() : s_empty_list; }
 const char* auth_profile_name(const auth_profile_t* p) { return p ? p->name.c_str() : nullptr; }
 
+namespace {
+
+std::vector<std::string> s_tokens(const std::string& subject) {
+  std::vector<std::string> tokens;
+  size_t from = 0;
+  for (;;) {
+    const size_t dot = subject.find('.', from);
+    tokens.push_back(subject.substr(from, dot == std::string::npos ? std::string::npos : dot - from));
+    if (dot == std::string::npos) return tokens;
+    from = dot + 1;
+  }
+}
+
+bool s_matches(std::string pattern, const char* user, const std::string& subject) {
+  for (size_t at = pattern.find("{user}"); at != std::string::npos; at = pattern.find("{user}", at + strlen(user)))
+    pattern.replace(at, 6, user);
+  const std::vector<std::string> want = s_tokens(pattern);
+  const std::vector<std::string> have = s_tokens(subject);
+  for (size_t i = 0; i < want.size(); ++i) {
+    if (want[i] == ">") return have.size() > i;
+    if (i >= have.size() || (want[i] != "*" && want[i] != have[i])) return false;
+  }
+  return want.size() == have.size();
+}
+
+bool s_any_matches(const s_subject_list& list, const char* user, const std::string& subject) {
+  for (const char* const* p = list.view(); *p != nullptr; ++p)
+    if (s_matches(*p, user, subject)) return true;
+  return false;
+}
+
+}  // namespace
+
+bool auth_profile_permits_publish(const auth_profile_t* profile, const char* user, const char* subject) {
+  if (subject == nullptr) return false;
+  if (profile == nullptr) return true;
+  const char* who = user != nullptr ? user : "";
+  return s_any_matches(profile->pub_allow, who, subject) && !s_any_matches(profile->pub_deny, who, subject);
+}
+
+const auth_profile_t* auth_profile_find(const auth_profile_store_t* store, const char* name) {
+  if (store == nullptr || name == nullptr) return nullptr;
+  for (const auto& profile : store->profiles)
+    if (profile->name == name) return profile.get();
+  return nullptr;
+}
+
 void auth_profile_destroy(auth_profile_store_t* store) { std::unique_ptr<auth_profile_store> owned(store); }
