@@ -26,6 +26,8 @@ bool s_port_open(int port) {
 AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   CalloutOptions callout;
   callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
+  callout.users.insert(callout.users.end(), options.users.begin(), options.users.end());
+  callout.permissions_json = options.permissions_json;
   callout.tracelevel = options.tracelevel;
   callout.callout_service = options.callout_service;
   callout.bin_dir = options.bin_dir;
