@@ -28,12 +28,5 @@ const char* const* auth_profile_sub_deny(const auth_profile_t* p);
 // NULL for a NULL profile.
 const char* auth_profile_name(const auth_profile_t* p);
 
-// Stand-in until the profile module has its own: whether `profile` lets `user` publish
-// to the literal `subject` (allowed by a pattern, denied by none; "{user}" in a pattern
-// stands for the user). A NULL profile allows every subject.
-bool auth_profile_permits_publish(const auth_profile_t* profile, const char* user, const char* subject);
-// The profile of that name in the store; NULL for a NULL store or name, or when none.
-const auth_profile_t* auth_profile_find(const auth_profile_store_t* store, const char* name);
-
 // Accepts NULL.
 void auth_profile_destroy(auth_profile_store_t* store);
