@@ -161,9 +161,10 @@ std::optional<auth_verdict> s_from_cache(auth_decider& d, const auth_question& q
   switch (hit.result) {
     case GW_AUTH_CACHE_GRANT_STALE:
     case GW_AUTH_CACHE_GRANT:
-      // A grant recorded without a profile would give a NATS login the built-in, widest
-      // permissions: for the callout it is a miss, and the live check records the profile.
-      if (q.asker == AUTH_ASKER_CALLOUT && !hit.has_user_data) return std::nullopt;
+      // A grant recorded without a profile would give the built-in, widest permissions (to
+      // a NATS login, or to a door's publish check): a miss, and the live check records
+      // the profile.
+      if (!hit.has_user_data) return std::nullopt;
       if (hit.result == GW_AUTH_CACHE_GRANT_STALE) s_dispatch_refresh(d, q);
       return auth_verdict{true, AUTH_VERDICT_CACHED, "cache", static_cast<const auth_profile_t*>(hit.user_data), 0};
     case GW_AUTH_CACHE_DENY:
@@ -198,10 +199,8 @@ std::optional<auth_verdict> s_join(auth_decider& d, const auth_question& q) {
   const gw_auth_cache_result_t waited =
       gw_auth_cache_wait_for_result(d.cache, user, q.password.c_str(), kCoalesceWaitMs);
   if (waited == GW_AUTH_CACHE_DENY) return auth_verdict{false, AUTH_VERDICT_COALESCED, "coalesced", nullptr, 0};
-  if (waited == GW_AUTH_CACHE_GRANT && q.asker == AUTH_ASKER_VERIFY)
-    return auth_verdict{true, AUTH_VERDICT_COALESCED, "coalesced", nullptr, 0};
   if (waited == GW_AUTH_CACHE_GRANT) {
-    // The callout needs the profile the leader recorded with its grant.
+    // Both askers need the profile the leader recorded with its grant.
     const gw_auth_cache_lookup_t again = gw_auth_cache_lookup_ex(d.cache, user, q.password.c_str());
     const bool granted = again.result == GW_AUTH_CACHE_GRANT || again.result == GW_AUTH_CACHE_GRANT_STALE;
     if (granted && again.has_user_data) {

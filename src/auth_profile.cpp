@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "log.hpp"
@@ -121,6 +122,83 @@ bool s_parse_list(json_object* body, const char* side, const char* kind, s_subje
   return true;
 }
 
+
+// ---- subjects ----
+
+std::vector<std::string_view> s_tokens(std::string_view subject) {
+  std::vector<std::string_view> tokens;
+  for (size_t start = 0;;) {
+    const size_t dot = subject.find('.', start);
+    tokens.push_back(subject.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start));
+    if (dot == std::string_view::npos) return tokens;
+    start = dot + 1;
+  }
+}
+
+// Whether the two patterns have a subject in common (a literal subject is a pattern too).
+bool s_overlap(std::string_view a, std::string_view b) {
+  const std::vector<std::string_view> ta = s_tokens(a);
+  const std::vector<std::string_view> tb = s_tokens(b);
+  size_t i = 0;
+  for (; i < ta.size() && i < tb.size(); ++i) {
+    if (ta[i] == ">" || tb[i] == ">") return true;
+    if (ta[i] != "*" && tb[i] != "*" && ta[i] != tb[i]) return false;
+  }
+  return ta.size() == tb.size();
+}
+
+// The staged-data bucket: writes and deletes go to its subjects, reads through the
+// stream's direct and message get API.
+constexpr const char* kBucketSubjects = "$KV.qm-av-scan-data.>";
+const char* const kBucketAccess[] = {kBucketSubjects, "$JS.API.DIRECT.GET.KV_qm-av-scan-data",
+                                     "$JS.API.DIRECT.GET.KV_qm-av-scan-data.>",
+                                     "$JS.API.STREAM.MSG.GET.KV_qm-av-scan-data"};
+constexpr std::string_view kBucketPrefix = "$KV.qm-av-scan-data.";
+// Staged keys are bound to a login: a client's under c.<user>., a worker's replies
+// under w.<user>.
+const char* const kBoundKeyPrefixes[] = {"$KV.qm-av-scan-data.c.{user}.", "$KV.qm-av-scan-data.w.{user}."};
+
+bool s_names_bucket(std::string_view entry) {
+  return entry.starts_with(kBucketPrefix) || entry.starts_with("$JS.API.DIRECT.GET.KV_qm-av-scan-data") ||
+         entry == "$JS.API.STREAM.MSG.GET.KV_qm-av-scan-data";
+}
+
+bool s_reaches_bucket(std::string_view entry) {
+  for (const char* access : kBucketAccess)
+    if (s_overlap(entry, access)) return true;
+  return false;
+}
+
+bool s_names_bucket_anywhere(const s_subject_list& allow) {
+  for (size_t i = 0; i < allow.size(); ++i)
+    if (s_names_bucket(allow.view()[i])) return true;
+  return false;
+}
+
+// A profile that names the bucket gets exactly what those entries say: writes only to
+// keys bound to the user, and no wider entry beside them that reaches the bucket anyway.
+bool s_check_bucket_entries(const auth_profile& profile) {
+  if (!s_names_bucket_anywhere(profile.pub_allow)) return true;
+  for (size_t i = 0; i < profile.pub_allow.size(); ++i) {
+    const std::string_view entry = profile.pub_allow.view()[i];
+    if (entry.starts_with(kBucketPrefix)) {
+      bool bound = false;
+      for (const char* prefix : kBoundKeyPrefixes) bound = bound || entry.starts_with(prefix);
+      if (!bound) {
+        log_error("auth_profile: profile \"%s\" publish.allow \"%s\" writes staged keys not bound to {user} "
+                  "(use $KV.qm-av-scan-data.c.{user}. or .w.{user}.)",
+                  profile.name.c_str(), profile.pub_allow.view()[i]);
+        return false;
+      }
+    } else if (!s_names_bucket(entry) && s_reaches_bucket(entry)) {
+      log_error("auth_profile: profile \"%s\" publish.allow \"%s\" reaches the staged-data bucket beside entries "
+                "that name it", profile.name.c_str(), profile.pub_allow.view()[i]);
+      return false;
+    }
+  }
+  return true;
+}
+
 bool s_parse_profiles(json_object* profiles, auth_profile_store& store) {
   if (!json_object_is_type(profiles, json_type_object)) {
     log_error("auth_profile: \"profiles\" is not an object");
@@ -143,6 +221,7 @@ bool s_parse_profiles(json_object* profiles, auth_profile_store& store) {
         !s_parse_list(body, "subscribe", "deny", profile->sub_deny)) {
       return false;
     }
+    if (!s_check_bucket_entries(*profile)) return false;
     store.profiles.push_back(std::move(profile));
   }
   return true;
@@ -275,5 +354,117 @@ const char* const* auth_profile_pub_deny(const auth_profile_t* p) { return p ? p
 const char* const* auth_profile_sub_allow(const auth_profile_t* p) { return p ? p->sub_allow.view() : s_empty_list; }
 const char* const* auth_profile_sub_deny(const auth_profile_t* p) { return p ? p->sub_deny.view() : s_empty_list; }
 const char* auth_profile_name(const auth_profile_t* p) { return p ? p->name.c_str() : nullptr; }
+
+const auth_profile_t* auth_profile_find(const auth_profile_store_t* store, const char* name) {
+  if (store == nullptr || name == nullptr) return nullptr;
+  return s_find_profile(*store, name);
+}
+
+namespace {
+
+constexpr std::string_view kUserTemplate = "{user}";
+
+// Denied in every grant, on both sides: the system account, the auth service and the
+// gateway's inboxes.
+const char* const kDenyAlways[] = {"$SYS.>", "qm.auth.>", "_QMGW_INBOX.>"};
+// Never published by a login: the JetStream API that creates, changes, lists or removes
+// streams and consumers, or reads queued jobs.
+const char* const kPubDenyAlways[] = {
+    "$JS.API.STREAM.CREATE.>", "$JS.API.STREAM.UPDATE.>", "$JS.API.STREAM.DELETE.>", "$JS.API.STREAM.PURGE.>",
+    "$JS.API.STREAM.MSG.DELETE.>", "$JS.API.STREAM.SNAPSHOT.>", "$JS.API.STREAM.RESTORE.>",
+    "$JS.API.STREAM.PEER.>", "$JS.API.STREAM.LEADER.>", "$JS.API.STREAM.NAMES", "$JS.API.STREAM.LIST",
+    "$JS.API.STREAM.MSG.GET.JOBS_*", "$JS.API.DIRECT.GET.JOBS_*", "$JS.API.DIRECT.GET.JOBS_*.>",
+    "$JS.API.CONSUMER.CREATE.>", "$JS.API.CONSUMER.DURABLE.>", "$JS.API.CONSUMER.DELETE.>",
+    "$JS.API.CONSUMER.NAMES.>", "$JS.API.CONSUMER.LIST.>", "$JS.API.CONSUMER.PAUSE.>", "$JS.API.CONSUMER.UNPIN.>",
+    "$JS.API.META.>", "$JS.API.SERVER.>", "$JS.API.ACCOUNT.>"};
+// Nobody listens to other logins' API requests or watches the staged data.
+const char* const kSubDenyAlways[] = {"$JS.API.>", "$JS.EVENT.>", kBucketSubjects};
+
+const char* const kBuiltinAllow[] = {">"};
+
+bool s_safe_for_template(std::string_view user) {
+  if (user.empty()) return false;
+  for (const unsigned char c : user)
+    if (c == '.' || c == '*' || c == '>' || c <= 0x20 || c == 0x7f) return false;
+  return true;
+}
+
+bool s_list_templated(const s_subject_list& list) {
+  for (size_t i = 0; i < list.size(); ++i)
+    if (std::string_view(list.view()[i]).find(kUserTemplate) != std::string_view::npos) return true;
+  return false;
+}
+
+std::string s_fill(std::string_view entry, std::string_view user) {
+  std::string out;
+  for (size_t at = 0;;) {
+    const size_t found = entry.find(kUserTemplate, at);
+    out.append(entry.substr(at, found == std::string_view::npos ? std::string_view::npos : found - at));
+    if (found == std::string_view::npos) return out;
+    out.append(user);
+    at = found + kUserTemplate.size();
+  }
+}
+
+void s_fill_list(const char* const* entries, std::string_view user, std::vector<std::string>& out) {
+  for (; *entries != nullptr; ++entries) out.push_back(s_fill(*entries, user));
+}
+
+// Whether the pattern matches the literal subject.
+bool s_matches(std::string_view pattern, std::string_view subject) {
+  const std::vector<std::string_view> tp = s_tokens(pattern);
+  const std::vector<std::string_view> ts = s_tokens(subject);
+  for (size_t i = 0; i < tp.size(); ++i) {
+    if (tp[i] == ">") return i < ts.size();
+    if (i >= ts.size() || (tp[i] != "*" && tp[i] != ts[i])) return false;
+  }
+  return tp.size() == ts.size();
+}
+
+bool s_any_matches(const std::vector<std::string>& patterns, std::string_view subject) {
+  for (const std::string& pattern : patterns)
+    if (s_matches(pattern, subject)) return true;
+  return false;
+}
+
+}  // namespace
+
+bool auth_profile_is_templated(const auth_profile_t* p) {
+  return p != nullptr && (s_list_templated(p->pub_allow) || s_list_templated(p->pub_deny) ||
+                          s_list_templated(p->sub_allow) || s_list_templated(p->sub_deny));
+}
+
+bool auth_profile_grant(const auth_profile_t* profile, const char* user, auth_grant& out) {
+  out = auth_grant{};
+  const std::string_view name = user ? user : "";
+  if (auth_profile_is_templated(profile) && !s_safe_for_template(name)) return false;
+  if (profile == nullptr) {
+    out.pub_allow.assign(std::begin(kBuiltinAllow), std::end(kBuiltinAllow));
+    out.sub_allow.assign(std::begin(kBuiltinAllow), std::end(kBuiltinAllow));
+  } else {
+    s_fill_list(profile->pub_allow.view(), name, out.pub_allow);
+    s_fill_list(profile->pub_deny.view(), name, out.pub_deny);
+    s_fill_list(profile->sub_allow.view(), name, out.sub_allow);
+    s_fill_list(profile->sub_deny.view(), name, out.sub_deny);
+  }
+  out.pub_deny.insert(out.pub_deny.end(), std::begin(kDenyAlways), std::end(kDenyAlways));
+  out.pub_deny.insert(out.pub_deny.end(), std::begin(kPubDenyAlways), std::end(kPubDenyAlways));
+  out.sub_deny.insert(out.sub_deny.end(), std::begin(kDenyAlways), std::end(kDenyAlways));
+  out.sub_deny.insert(out.sub_deny.end(), std::begin(kSubDenyAlways), std::end(kSubDenyAlways));
+  if (profile == nullptr || !s_names_bucket_anywhere(profile->pub_allow))
+    out.pub_deny.insert(out.pub_deny.end(), std::begin(kBucketAccess), std::end(kBucketAccess));
+  return true;
+}
+
+bool auth_profile_permits_publish(const auth_profile_t* profile, const char* user, const char* subject) {
+  if (subject == nullptr) return false;
+  try {
+    auth_grant grant;
+    if (!auth_profile_grant(profile, user, grant)) return false;
+    return s_any_matches(grant.pub_allow, subject) && !s_any_matches(grant.pub_deny, subject);
+  } catch (...) {
+    return false;
+  }
+}
 
 void auth_profile_destroy(auth_profile_store_t* store) { std::unique_ptr<auth_profile_store> owned(store); }

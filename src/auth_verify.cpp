@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "auth_profile.hpp"
 #include "log.hpp"
 #include "qm_json.hpp"
 #include "qm_nats_conn.hpp"
@@ -12,6 +13,7 @@ struct verify_answer {
   bool ok = false;
   const char* reason = "";
   const char* backend = "none";
+  const char* profile = nullptr;  // a grant's profile name; NULL: the built-in permissions
 };
 
 verify_request s_parse(std::string_view body) {
@@ -35,6 +37,8 @@ std::string s_answer_json(const verify_answer& answer) {
   json_object_object_add(root.get(), "ok", json_object_new_boolean(answer.ok));
   json_object_object_add(root.get(), "reason", json_object_new_string(answer.reason));
   json_object_object_add(root.get(), "backend", json_object_new_string(answer.backend));
+  if (answer.ok && answer.profile != nullptr)
+    json_object_object_add(root.get(), "profile", json_object_new_string(answer.profile));
   return json_object_to_json_string_ext(root.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
@@ -55,7 +59,7 @@ std::optional<verify_answer> s_refuse_unanswerable(auth_decider_t* decider, int 
   return std::nullopt;
 }
 
-verify_answer s_answer(const verify_request& req, const auth_verdict& v) {
+verify_answer s_answer_of(const verify_request& req, const auth_verdict& v) {
   const std::string safe_user = log_safe(*req.user);
   const std::string safe_method = req.method ? log_safe(*req.method) : std::string("(unspecified)");
   const char* user = safe_user.c_str();
@@ -83,6 +87,13 @@ verify_answer s_answer(const verify_request& req, const auth_verdict& v) {
   }
   log_warn("auth_verify: DENY user='%s' backend=%s method=%s", user, v.backend, method);
   return {false, "invalid credentials", v.backend};
+}
+
+// A door that verified over NATS finds the caller's profile by this name.
+verify_answer s_answer(const verify_request& req, const auth_verdict& v) {
+  verify_answer answer = s_answer_of(req, v);
+  answer.profile = auth_profile_name(v.profile);
+  return answer;
 }
 
 auth_question s_question(const verify_request& req) {

@@ -137,6 +137,11 @@ TEST_F(Permissions, EveryFaultFailsTheLoadWithItsMessage) {
        "auth_profile: ldap_group_map[0] missing group_dn/profile string"},
       {"{" + p + R"("ldap_group_map": [{"group_dn": "cn=x", "profile": "P"}]})",
        "auth_profile: ldap_group_map[0] references unknown profile \"P\""},
+      // Staged keys only ever bound to the login, and no wider entry beside them.
+      {R"({"profiles": {"p": {"publish": {"allow": ["$KV.qm-av-scan-data.>"]}}}})",
+       "auth_profile: profile \"p\" publish.allow \"$KV.qm-av-scan-data.>\" writes staged keys not bound to {user}"},
+      {R"({"profiles": {"p": {"publish": {"allow": ["$KV.qm-av-scan-data.c.{user}.>", "$KV.*.>"]}}}})",
+       "auth_profile: profile \"p\" publish.allow \"$KV.*.>\" reaches the staged-data bucket beside entries"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.json);
@@ -144,6 +149,70 @@ TEST_F(Permissions, EveryFaultFailsTheLoadWithItsMessage) {
     EXPECT_EQ(load(row.json), nullptr);
     EXPECT_TRUE(log.contains(row.message)) << "expected: " << row.message << "\nlog:\n" << log.text();
   }
+}
+
+// What the doors ask before relaying for a caller, against the shipped roles and the
+// built-in permissions: the denies every grant carries win over any allow entry.
+TEST_F(Permissions, PublishCheckOfShippedRolesAndBuiltinGrant) {
+  StorePtr store = load(qmtest::read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json"));
+  ASSERT_NE(store, nullptr);
+  const auth_profile_t* client = auth_profile_find(store.get(), "client");
+  const auth_profile_t* worker = auth_profile_find(store.get(), "worker");
+  ASSERT_NE(client, nullptr);
+  ASSERT_NE(worker, nullptr);
+  EXPECT_EQ(auth_profile_find(store.get(), "Client"), nullptr);
+  EXPECT_EQ(auth_profile_find(nullptr, "client"), nullptr);
+  EXPECT_EQ(auth_profile_find(store.get(), nullptr), nullptr);
+  EXPECT_EQ(auth_profile_resolve(store.get(), "scan-worker", nullptr, 0), worker);
+  EXPECT_EQ(auth_profile_resolve(store.get(), "demo", nullptr, 0), client);
+
+  const struct {
+    const auth_profile_t* profile;
+    const char* user;
+    const char* subject;
+    bool permitted;
+  } rows[] = {
+      {client, "demo", "scan", true},
+      {client, "demo", "jobs.scanjs", true},
+      {client, "demo", "qm-av-quarantine.x", true},
+      {client, "demo", "$KV.qm-av-scan-data.c.demo.k-0", true},
+      {client, "demo", "$KV.qm-av-scan-data.c.alice.k-0", false},
+      {client, "demo", "$KV.qm-av-scan-data.w.demo.k", false},
+      {client, "demo", "_INBOX.alice.r1", false},  // a client never publishes a reply
+      {client, "demo", "qm.auth.verify", false},
+      {client, "demo", "$SYS.REQ.USER.AUTH", false},
+      {client, "demo", "$JS.API.STREAM.NAMES", false},
+      {client, "demo", "a.b.c", false},
+      // A templated grant for a name that would add tokens or wildcards.
+      {client, "de.mo", "scan", false},
+      {client, "*", "scan", false},
+      {client, ">", "scan", false},
+      {client, "de mo", "scan", false},
+      {client, "de\tmo", "scan", false},
+      {client, "de\x01mo", "scan", false},
+      {client, "", "scan", false},
+      {client, nullptr, "scan", false},
+      {worker, "scan-worker", "$KV.qm-av-scan-data.w.scan-worker.r-0", true},
+      {worker, "scan-worker", "$KV.qm-av-scan-data.c.demo.k-0", false},
+      {worker, "scan-worker", "$JS.API.DIRECT.GET.KV_qm-av-scan-data.$KV.qm-av-scan-data.c.demo.k", true},
+      {worker, "scan-worker", "$JS.API.CONSUMER.DELETE.JOBS_scanjs.WORK_scanjs", false},
+      {worker, "scan-worker", "_QMGW_INBOX.x.1", false},
+      // The built-in permissions: anywhere, but for what every grant denies.
+      {nullptr, "de.mo", "anything.at.all", true},
+      {nullptr, "demo", "qm.auth.verify", false},
+      {nullptr, "demo", "$SYS.REQ.USER.AUTH", false},
+      {nullptr, "demo", "_QMGW_INBOX.abc.1", false},
+      {nullptr, "demo", "$JS.API.STREAM.DELETE.KV_qm-av-scan-data", false},
+      {nullptr, "demo", "$JS.API.STREAM.NAMES", false},
+      {nullptr, "demo", "$KV.qm-av-scan-data.c.demo.k", false},
+      {nullptr, "demo", "$JS.API.DIRECT.GET.KV_qm-av-scan-data", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(auth_profile_name(row.profile) ? auth_profile_name(row.profile) : "(built-in)") + " " +
+                 (row.user ? row.user : "(null)") + " -> " + row.subject);
+    EXPECT_EQ(auth_profile_permits_publish(row.profile, row.user, row.subject), row.permitted);
+  }
+  EXPECT_FALSE(auth_profile_permits_publish(client, "demo", nullptr));
 }
 
 }  // namespace
