@@ -320,7 +320,9 @@ TEST_F(RelayTest, RepliesTheDemoWorkerNeverGivesAreTakenAsTheyCome) {
   RelayReply r = relay_request(relay.get(), "mute", "{}", "payload");
   EXPECT_EQ(r.rc, 0);
   EXPECT_FALSE(r.has_json);
-  // A reply payload whose manifest claims 10 bytes in 2 chunks, the first of 11: dropped, and deleted.
+  // A reply payload whose manifest claims 10 bytes in 2 chunks, the first of 11: the
+  // request fails, and only the manifest is deleted (its chunk count is not trusted).
+  LogCapture log(QMLOG_WARN);
   Responder liar(e.nc(), "liar", [&] {
     uint64_t rev = 0;
     kvStore_PutString(&rev, e.kv(), "lie-0", "eleven byte");
@@ -328,9 +330,12 @@ TEST_F(RelayTest, RepliesTheDemoWorkerNeverGivesAreTakenAsTheyCome) {
     return std::string(R"({"ReturnCode":0,"_kv_key":"lie"})");
   });
   r = relay_request(relay.get(), "liar", "{}");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(qmtest::json_member(r.json, "_kv_key"), "lie");
-  EXPECT_FALSE(r.has_data);
+  EXPECT_EQ(r.rc, -1);
+  EXPECT_FALSE(r.has_json);
+  EXPECT_TRUE(log.contains("nats_relay: payload 'lie' refused: manifest of 10 bytes in 2 chunks is not the chunk "
+                           "count of its size"));
+  EXPECT_EQ(e.bucket_keys(), std::vector<std::string>{"lie-0"});
+  kvstore_delete_chunks(e.nc(), e.kv(), "lie", 1);
 }
 
 TEST_F(RelayTest, ThreeFailedStagingTriesFailTheRequestAndLeaveNothing) {
