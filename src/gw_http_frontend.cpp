@@ -25,6 +25,7 @@
 
 #include "auth_profile.hpp"
 #include "gw_subject_policy.hpp"
+#include "gw_verify_reply.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 
@@ -164,13 +165,6 @@ bool s_basic_credentials_hold_nul(MHD_Connection* conn) {
   return memchr(decoded.data(), '\0', static_cast<size_t>(n) - padding) != nullptr;
 }
 
-struct verify_verdict {
-  bool ok = false;
-  qm::opt_string reason;
-  qm::opt_string backend;
-  qm::opt_string profile;  // absent: the built-in permissions
-};
-
 // Who a request acts for once the credentials are checked: the caller's permission
 // profile (NULL: the built-in permissions). nullopt: not admitted.
 using admitted_profile = std::optional<const auth_profile_t*>;
@@ -208,23 +202,6 @@ std::optional<qm::secret_string> s_verify_request_text(const char* user, const c
   return request;
 }
 
-// "ok" counts only as a JSON true; nullopt when the reply is not JSON.
-std::optional<verify_verdict> s_parse_verdict(const char* reply) {
-  qm::json_ptr doc(json_tokener_parse(reply));
-  if (!doc) return std::nullopt;
-  verify_verdict verdict;
-  json_object* value = nullptr;
-  if (json_object_object_get_ex(doc.get(), "ok", &value) && json_object_is_type(value, json_type_boolean))
-    verdict.ok = json_object_get_boolean(value);
-  if (json_object_object_get_ex(doc.get(), "reason", &value) && json_object_is_type(value, json_type_string))
-    verdict.reason = json_object_get_string(value);
-  if (json_object_object_get_ex(doc.get(), "backend", &value) && json_object_is_type(value, json_type_string))
-    verdict.backend = json_object_get_string(value);
-  if (json_object_object_get_ex(doc.get(), "profile", &value) && json_object_is_type(value, json_type_string))
-    verdict.profile = json_object_get_string(value);
-  return verdict;
-}
-
 // One request on "qm.auth.verify"; *rc is the relay's result, the reply NULL when none came.
 qm::malloc_ptr<char> s_ask_verify(gw_http_frontend& fe, const qm::secret_string& request, int* rc) {
   char* reply = nullptr;
@@ -239,7 +216,7 @@ const char* s_or(const qm::opt_string& text, const char* fallback) { return text
 
 // The profile a verify grant names, from the store the auth service resolves against;
 // nullopt when the store does not know it.
-admitted_profile s_profile_of(const gw_http_frontend& fe, const verify_verdict& verdict) {
+admitted_profile s_profile_of(const gw_http_frontend& fe, const gw_verify_reply& verdict) {
   if (!verdict.profile) return admitted_profile(nullptr);
   const auth_profile_t* profile = auth_profile_find(fe.profiles, verdict.profile->c_str());
   if (profile == nullptr) return std::nullopt;
@@ -264,7 +241,7 @@ admitted_profile s_verify_live(gw_http_frontend& fe, const char* user, const cha
              log_safe(user).c_str(), rc);
     return std::nullopt;
   }
-  const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
+  const std::optional<gw_verify_reply> verdict = gw_verify_reply_parse(reply.get());
   if (!verdict) {
     log_warn("http_frontend: auth DENY user=%s via=nats (unparseable reply — treating as deny but NOT poisoning cache)",
              log_safe(user).c_str());
@@ -329,7 +306,7 @@ gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx
     return GW_REFRESH_ABORTED;
   }
   // Harsher than the foreground path: an unreadable answer revokes the grant.
-  const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
+  const std::optional<gw_verify_reply> verdict = gw_verify_reply_parse(reply.get());
   const admitted_profile granted = verdict && verdict->ok ? s_profile_of(fe, *verdict) : std::nullopt;
   if (granted) {
     log_debug("http_frontend: refresh GRANTED user=%s", log_safe(ctx.user).c_str());

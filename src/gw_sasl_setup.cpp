@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "gw_sasl_setup_testing.hpp"
+#include "gw_verify_reply.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 
@@ -161,7 +162,7 @@ qm::secret_string s_verify_request(const char* user, const char* password, unsig
 
 // SASL_OK on "ok": true, SASL_BADAUTH on a refusal, SASL_TRYAGAIN when the reply is not JSON.
 int s_verdict_of(const char* user, const char* reply_json) {
-  qm::json_ptr reply(json_tokener_parse(reply_json));
+  const std::optional<gw_verify_reply> reply = gw_verify_reply_parse(reply_json);
   if (!reply) {
     log_warn(
         "sasl_checkpass: malformed qm.auth.verify reply for user='%s' \u2014 treating as transient and asking "
@@ -169,19 +170,10 @@ int s_verdict_of(const char* user, const char* reply_json) {
         log_safe(user).c_str());
     return SASL_TRYAGAIN;
   }
-  json_object* ok = nullptr;
-  json_object* backend = nullptr;
-  json_object* profile = nullptr;
-  const bool granted = json_object_object_get_ex(reply.get(), "ok", &ok) && json_object_is_type(ok, json_type_boolean) &&
-                       json_object_get_boolean(ok);
-  const char* backend_name = json_object_object_get_ex(reply.get(), "backend", &backend) &&
-                                     json_object_is_type(backend, json_type_string)
-                                 ? json_object_get_string(backend)
-                                 : "(unknown)";
-  if (granted) {
+  const char* backend_name = reply->backend ? reply->backend->c_str() : "(unknown)";
+  if (reply->ok) {
     log_info("sasl_checkpass: GRANT user='%s' backend=%s", log_safe(user).c_str(), backend_name);
-    if (json_object_object_get_ex(reply.get(), "profile", &profile) && json_object_is_type(profile, json_type_string))
-      t_checkpass_profile = json_object_get_string(profile);
+    t_checkpass_profile = reply->profile.value_or("");
     return SASL_OK;
   }
   log_warn("sasl_checkpass: DENY user='%s' backend=%s", log_safe(user).c_str(), backend_name);
