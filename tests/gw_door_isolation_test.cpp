@@ -1,6 +1,7 @@
 // The front doors act for their caller, not for the gateway: the real broker with both
-// doors open, a permissions file that lets the test user publish to two services only,
-// and one row per way a logged-in client could get past them.
+// doors open, the shipped permissions (the test user a client, who may publish to
+// services but not to other subjects), and one row per way a logged-in client could get
+// past them.
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
@@ -69,13 +70,18 @@ class Doors {
   NatsLogin admin() { return nats_login(env_.nats_url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword); }
 
  private:
+  // The shipped roles (every test user a client), with the test's worker allowed
+  // everything where no shipped role names it.
   static AmqpEnvOptions options() {
+    std::string permissions = read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json");
+    const size_t profiles = permissions.find('{', permissions.find("\"profiles\"")) + 1;
+    permissions.insert(profiles, R"("any": {"publish": {"allow": [">"]}, "subscribe": {"allow": [">"]}},)");
+    const size_t map_end = permissions.find(']', permissions.find("\"file_user_map\""));
+    permissions.insert(map_end, std::string(R"(, {"user": ")") + AmqpEnv::kWorkerUser + R"(", "profile": "any"})");
     AmqpEnvOptions options;
     options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0"};
     options.users = {{"alice", kAlicePassword}, {kLongA, "long-a-secret"}, {kLongB, "long-b-secret"}};
-    options.permissions_json = R"({"profiles": {"client": {"publish": {"allow": ["scan", "balloon"]}}},
-                                   "file_user_map": [{"user": ")" + std::string(AmqpEnv::kUser) +
-                               R"(", "profile": "client"}]})";
+    options.permissions_json = permissions;
     return options;
   }
 
@@ -96,9 +102,9 @@ void confused_deputy(Doors& doors) {
   EXPECT_EQ(streams.status, 400);
   EXPECT_EQ(streams.body.find("KV_"), std::string::npos) << streams.body;
   EXPECT_EQ(doors.amqp_scan("$JS.API.STREAM.NAMES").first, Outcome::rejected);
-  EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "forbidden").status, 403);
-  EXPECT_EQ(doors.amqp_scan("forbidden").first, Outcome::rejected);
-  EXPECT_TRUE(doors.env().wait_for_log("amqp_acceptor: rejecting delivery to 'forbidden' of user=scanner: target "
+  EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "not.a.service").status, 403);
+  EXPECT_EQ(doors.amqp_scan("not.a.service").first, Outcome::rejected);
+  EXPECT_TRUE(doors.env().wait_for_log("amqp_acceptor: rejecting delivery to 'not.a.service' of user=scanner: target "
                                        "not permitted"));
 }
 
