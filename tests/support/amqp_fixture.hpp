@@ -24,7 +24,7 @@ struct AmqpEnvOptions {
   std::vector<std::string> broker_args;
   // Users of the credentials file besides the test user and the worker.
   user_list users;
-  // As in CalloutOptions: JSON permission profiles; empty: none.
+  // As in CalloutOptions: JSON permission profiles; empty: the fixture's default.
   std::string permissions_json;
   bool tls = false;
   // false: no callout service in the broker; the worker logs in as the gateway user.
