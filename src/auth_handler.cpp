@@ -72,6 +72,7 @@ struct auth_service {
   auth_config_t* config = nullptr;
   gw_credential_store_t* creds = nullptr;
   gw_auth_cache_t* auth_cache = nullptr;
+  const auth_profile_store_t* profiles = nullptr;
   natsConnection* conn = nullptr;
   natsSubscription* callout_sub = nullptr;
   natsSubscription* verify_sub = nullptr;
@@ -295,7 +296,6 @@ const char* s_backend_word(auth_backend_type_t type) { return type == AUTH_BACKE
 // the request workers and the decider (whose refreshes use the rest) go first.
 struct dispatcher_deps {
   qm::c_ptr<auth_ldap_ctx_t, auth_ldap_destroy> ldap;
-  qm::c_ptr<auth_profile_store_t, auth_profile_destroy> profiles;
   qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> jwt;
   qm::c_ptr<auth_decider_t, auth_decider_destroy> decider;
   qm::c_ptr<auth_workers_t, auth_workers_destroy> workers;
@@ -335,15 +335,9 @@ bool s_setup_deps(const auth_service_t& svc, dispatcher_deps& deps) {
     log_info("auth_service: file tier ready (gw_credential_store)");
   }
   if (!s_setup_ldap(cfg, deps)) return false;
-  if (qm::has_text(cfg.permissions_file_path)) {
-    deps.profiles.reset(auth_profile_load(cfg.permissions_file_path->c_str()));
-    if (!deps.profiles) {
-      log_fatal("auth_service: failed to load permissions file: %s", cfg.permissions_file_path->c_str());
-      return false;
-    }
-  } else {
-    log_info("auth_service: no --permissions-file configured \u2014 every callout grant will use the compiled-in "
-             "default permissions");
+  if (svc.profiles == nullptr && qm::has_text(cfg.permissions_file_path)) {
+    log_fatal("auth_service: permissions file %s configured but not loaded", cfg.permissions_file_path->c_str());
+    return false;
   }
   log_debug("auth_service: initializing JWT signing from %s", s_or(qm::cstr(cfg.signing_key_path), "(unset)"));
   deps.jwt.reset(auth_jwt_init(qm::cstr(cfg.signing_key_path)));
@@ -352,7 +346,7 @@ bool s_setup_deps(const auth_service_t& svc, dispatcher_deps& deps) {
     return false;
   }
   log_info("auth_service: JWT signing ready (public key = %s)", auth_jwt_public_key(deps.jwt.get()));
-  deps.decider.reset(auth_decider_create(svc.creds, deps.ldap.get(), deps.profiles.get(), svc.auth_cache));
+  deps.decider.reset(auth_decider_create(svc.creds, deps.ldap.get(), svc.profiles, svc.auth_cache));
   deps.workers.reset(auth_workers_create(kRequestWorkers, 0));
   if (!deps.decider || !deps.workers) {
     log_fatal("auth_service: cannot start the request workers");
@@ -444,12 +438,14 @@ int s_serve(auth_service_t& svc) {
 
 }  // namespace
 
-auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store_t* creds, gw_auth_cache_t* auth_cache) {
+auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store_t* creds, gw_auth_cache_t* auth_cache,
+                                    const auth_profile_store_t* profiles) {
   try {
     auto svc = std::make_unique<auth_service>();
     svc->config = config;
     svc->creds = creds;
     svc->auth_cache = auth_cache;
+    svc->profiles = profiles;
     return svc.release();
   } catch (const std::bad_alloc&) {
     return nullptr;

@@ -58,14 +58,18 @@ auth_backend_type_t auth_config_parse_backend(const char* text);
 
 struct gw_credential_store;
 struct gw_auth_cache;
+struct auth_profile_store;
 
 struct auth_service;
 using auth_service_t = auth_service;
 
 // The adjudicator: answers nats-server's auth callout on $SYS.REQ.USER.AUTH and the
-// front doors' checks on "qm.auth.verify". config, creds and auth_cache are borrowed
-// (creds and auth_cache may be NULL). NULL when memory runs out.
-auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store* creds, gw_auth_cache* auth_cache);
+// front doors' checks on "qm.auth.verify". config, creds, auth_cache and profiles (the
+// permission profiles loaded from config's permissions file) are borrowed (creds,
+// auth_cache and profiles may be NULL; no profiles: the built-in permissions). NULL when
+// memory runs out.
+auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store* creds, gw_auth_cache* auth_cache,
+                                    const auth_profile_store* profiles);
 // Connects, subscribes and serves until auth_service_stop. 0 after a clean stop, -1 when
 // start-up fails (logged at FATAL). Blocking.
 int auth_service_run(auth_service_t* svc);

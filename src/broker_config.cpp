@@ -76,6 +76,7 @@ enum option_id : int {
   OPT_AUTH_NEGATIVE_CACHE_TTL,
   OPT_AUTH_CACHE_REFRESH_THRESHOLD,
   OPT_MAX_MSG_SIZE_MB,
+  OPT_GW_SERVICES,
   OPT_AMQP_RELAY_WORKERS,
   OPT_RELAY_TIMEOUT_MS,
   OPT_RELAY_MAX_TIMEOUT_MS,
@@ -155,6 +156,7 @@ const option kLongOptions[] = {
     {"auth-negative-cache-ttl-seconds", required_argument, nullptr, OPT_AUTH_NEGATIVE_CACHE_TTL},
     {"auth-cache-refresh-threshold-percent", required_argument, nullptr, OPT_AUTH_CACHE_REFRESH_THRESHOLD},
     {"max-msg-size-mb", required_argument, nullptr, OPT_MAX_MSG_SIZE_MB},
+    {"gw-services", required_argument, nullptr, OPT_GW_SERVICES},
     {"amqp-relay-workers", required_argument, nullptr, OPT_AMQP_RELAY_WORKERS},
     {"relay-timeout-ms", required_argument, nullptr, OPT_RELAY_TIMEOUT_MS},
     {"relay-max-timeout-ms", required_argument, nullptr, OPT_RELAY_MAX_TIMEOUT_MS},
@@ -277,6 +279,7 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_AUTH_NEGATIVE_CACHE_TTL: gw.auth_negative_cache_ttl_seconds = s_to_int(arg); break;
     case OPT_AUTH_CACHE_REFRESH_THRESHOLD: gw.auth_cache_refresh_threshold_pct = clamp_int(s_to_int(arg), 0, 100); break;
     case OPT_MAX_MSG_SIZE_MB: gw.max_msg_size_bytes = s_megabytes_to_bytes(s_to_long(arg)); break;
+    case OPT_GW_SERVICES: set_str(gw.services, arg); break;
     case OPT_AMQP_RELAY_WORKERS: gw.amqp_relay_workers = std::max(1, s_to_int(arg)); break;
     case OPT_RELAY_TIMEOUT_MS: gw.relay_timeout_ms = s_to_int(arg); break;
     case OPT_RELAY_MAX_TIMEOUT_MS: gw.relay_max_timeout_ms = s_to_int(arg); break;
@@ -394,7 +397,10 @@ Auth result cache (HTTP frontend only):
                                        grant is re-verified in the background, 0..100 (default 50)
 
 Limits:
-  --max-msg-size-mb <N>                largest accepted scan message, 0 = no cap (default 256)
+  --max-msg-size-mb <N>                largest accepted scan message, and largest reply
+                                       payload read back, 0 = no cap (default 256)
+  --gw-services <csv>                  the services the front doors relay to (default: any
+                                       well-formed service subject)
   --relay-timeout-ms <N>               minimum wait for a worker reply, and the wait for
                                        requests without SCANTIMEOUT (auth and control
                                        calls) (default 30000)

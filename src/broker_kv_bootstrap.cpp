@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "gw_subject_policy.hpp"
 #include "log.hpp"
 #include "qm_cpp.hpp"
 #include "qm_nats_conn.hpp"
@@ -399,25 +400,11 @@ int s_ensure_work_queue(jsCtx* js, const std::string& service, const s_bootstrap
   return s_ensure_wq_consumer(js, stream, subject, durable, *params.wq);
 }
 
-std::string s_trim_blanks(const std::string& item) {
-  const size_t first = item.find_first_not_of(" \t");
-  if (first == std::string::npos) return {};
-  const size_t last = item.find_last_not_of(" \t");
-  return item.substr(first, last - first + 1);
-}
-
 int s_ensure_work_queues(jsCtx* js, const s_bootstrap_params& params) {
-  if (params.wq == nullptr || params.wq->work_services == nullptr || params.wq->work_services[0] == '\0') return 0;
-  const std::string list = params.wq->work_services;
-  size_t from = 0;
-  for (;;) {
-    const size_t comma = list.find(',', from);
-    const std::string service =
-        s_trim_blanks(list.substr(from, comma == std::string::npos ? std::string::npos : comma - from));
-    if (!service.empty() && s_ensure_work_queue(js, service, params) != 0) return -1;
-    if (comma == std::string::npos) return 0;
-    from = comma + 1;
-  }
+  if (params.wq == nullptr) return 0;
+  for (const std::string& service : gw_service_list_parse(params.wq->work_services))
+    if (s_ensure_work_queue(js, service, params) != 0) return -1;
+  return 0;
 }
 
 // ---- One attempt and the retry loop ----------------------------------------------------

@@ -34,7 +34,7 @@
 #include "gw_amqp_cyrus.hpp"
 #include "gw_relay_pool.hpp"
 #include "gw_sasl_setup.hpp"
-#include "gw_subject_rewrite.hpp"
+#include "gw_subject_policy.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 #include "qmhlp_network.hpp"
@@ -67,6 +67,7 @@ constexpr int kSaslStepThreads = 4;
 struct gw_amqp_acceptor {
   const gw_config_t* cfg = nullptr;
   gw_nats_relay_t* relay = nullptr;
+  const auth_profile_store_t* profiles = nullptr;
   relay_pool_ptr relay_pool;
   qm::opt_string sasl_config_dir;
   qm::pn_proactor_ptr proactor;
@@ -103,6 +104,10 @@ struct conn_context_t {
   gw_amqp_acceptor* acc = nullptr;
   qm::opt_string username;
   bool authenticated = false;
+  // The client's permission profile (NULL: the built-in permissions); false when its
+  // login named a profile this broker does not know, and then nothing is relayed.
+  const auth_profile_t* profile = nullptr;
+  bool profile_known = true;
   std::vector<char> recv_buf;  // reserved: complete deliveries are read in one piece
   std::list<pending_reply_t> pending_replies;  // the newest first
   gw_relay_conn_handle_t* relay_handle = nullptr;
@@ -321,6 +326,22 @@ void s_settle(pn_delivery_t* d, uint64_t outcome) {
   pn_delivery_settle(d);
 }
 
+// Rejects with an error condition the client can read.
+void s_reject(pn_delivery_t* d, const char* condition, const char* description) {
+  pn_condition_t* cond = pn_disposition_condition(pn_delivery_local(d));
+  pn_condition_set_name(cond, condition);
+  pn_condition_set_description(cond, description);
+  s_settle(d, PN_REJECTED);
+}
+
+const char* s_refusal_condition(gw_target_verdict_t verdict) {
+  switch (verdict) {
+    case GW_TARGET_NOT_OFFERED: return "amqp:not-found";
+    case GW_TARGET_FORBIDDEN: return "amqp:unauthorized-access";
+    default: return "amqp:invalid-field";
+  }
+}
+
 // The request JSON and the optional payload of a body: a string or binary value (JSON
 // only), or a list or array whose first element is a string or binary (the JSON) and
 // whose optional second one is a string or binary (the payload).
@@ -501,26 +522,32 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
   log_trace("handle_delivery: request id type=%d (PN_UUID=%d PN_STRING=%d PN_ULONG=%d PN_NULL=%d)",
             static_cast<int>(pn_message_get_id(msg.get()).type), PN_UUID, PN_STRING, PN_ULONG, PN_NULL);
 
-  qm::malloc_ptr<char> subject(gw_subject_rewrite_ingress_to_nats(address.c_str()));
-  if (!subject) {
-    log_error("amqp_acceptor: OOM building relay job \u2014 rejecting");
-    s_settle(d, PN_REJECTED);
+  const char* user = s_user_or(&ctx, "");
+  const gw_target admitted = ctx.profile_known
+                                 ? gw_subject_policy_admit(address.c_str(), qm::cstr(ctx.acc->cfg->services),
+                                                           ctx.profile, user)
+                                 : gw_target{address, GW_TARGET_FORBIDDEN};
+  if (admitted.verdict != GW_TARGET_OK) {
+    const char* why = gw_target_verdict_text(admitted.verdict);
+    log_warn("amqp_acceptor: rejecting delivery to '%s' of user=%s: %s", log_safe(address).c_str(),
+             log_safe(user).c_str(), why);
+    s_reject(d, s_refusal_condition(admitted.verdict), why);
     return;
   }
-  if (address != subject.get()) {
-    log_trace("amqp_acceptor: subject rewrite '%s' -> '%s'", log_safe(address).c_str(),
-              log_safe(subject.get()).c_str());
+  const std::string& subject = admitted.subject;
+  if (address != subject) {
+    log_trace("amqp_acceptor: subject rewrite '%s' -> '%s'", log_safe(address).c_str(), log_safe(subject).c_str());
   }
   const size_t json_len = json.size();
   const size_t bin_len = payload.size;
   const std::string reply_to_text = qm::or_text(reply_to, "(none)");
-  gw_relay_job_t* job = s_build_job(ctx, msg, subject.get(), std::move(json), payload, reply_to);
+  gw_relay_job_t* job = s_build_job(ctx, msg, subject.c_str(), std::move(json), payload, reply_to);
   if (job == nullptr) {
     s_settle(d, PN_REJECTED);
     return;
   }
   log_trace("amqp_acceptor: submitting relay user=%s subject=%s json_len=%zu bin_len=%zu reply_to=%s",
-            log_safe(s_user_or(&ctx, "(anon)")).c_str(), log_safe(subject.get()).c_str(), json_len, bin_len,
+            log_safe(s_user_or(&ctx, "(anon)")).c_str(), log_safe(subject).c_str(), json_len, bin_len,
             log_safe(reply_to_text).c_str());
   if (gw_relay_pool_submit(ctx.acc->relay_pool.get(), job) != 0) {
     log_error("amqp_acceptor: relay pool rejected job \u2014 pool shutting down or OOM");
@@ -605,9 +632,28 @@ void s_set_up_transport(gw_amqp_acceptor& acc, pn_transport_t* t) {
   }
 }
 
-void s_mark_authenticated(conn_context_t& ctx, const char* user, pn_sasl_t* sasl, const char* via) {
+// The profile a login was granted with: the one the auth service named (own Cyrus
+// binding), else the one the permissions file gives the user by name.
+void s_set_profile(conn_context_t& ctx, pn_transport_t* t, const char* user) {
+  const gw_amqp_acceptor& acc = *ctx.acc;
+  const char* named = acc.own_cyrus_binding ? gw_amqp_cyrus_granted_profile(t) : nullptr;
+  if (named == nullptr) {
+    ctx.profile = auth_profile_resolve(acc.profiles, user, nullptr, 0);
+    return;
+  }
+  ctx.profile = *named != '\0' ? auth_profile_find(acc.profiles, named) : nullptr;
+  ctx.profile_known = *named == '\0' || ctx.profile != nullptr;
+  if (!ctx.profile_known)
+    log_error("amqp_acceptor: user '%s' was granted profile '%s', which this broker does not know \u2014 nothing "
+              "will be relayed for it",
+              log_safe(user).c_str(), log_safe(named).c_str());
+}
+
+void s_mark_authenticated(conn_context_t& ctx, pn_transport_t* t, const char* user, pn_sasl_t* sasl,
+                          const char* via) {
   ctx.username = user;
   ctx.authenticated = true;
+  s_set_profile(ctx, t, user);
   log_info("amqp_acceptor: authenticated user '%s' via %s (%s)", log_safe(user).c_str(),
            log_safe(qm::or_text(pn_sasl_get_mech(sasl), "unknown")).c_str(), via);
 }
@@ -619,7 +665,7 @@ void s_on_transport_authenticated(pn_event_t* e) {
   const pn_sasl_outcome_t outcome = pn_sasl_outcome(sasl);
   const char* user = pn_sasl_get_user(sasl);
   if (outcome == PN_SASL_OK && user != nullptr && ctx != nullptr) {
-    s_mark_authenticated(*ctx, user, sasl, "PN_TRANSPORT_AUTHENTICATED");
+    s_mark_authenticated(*ctx, t, user, sasl, "PN_TRANSPORT_AUTHENTICATED");
     return;
   }
   log_warn("amqp_acceptor: SASL handshake produced outcome=%d user=%s \u2014 rejecting connection",
@@ -636,7 +682,7 @@ void s_on_remote_open(pn_event_t* e) {
   const pn_sasl_outcome_t outcome = pn_sasl_outcome(sasl);
   const char* user = pn_sasl_get_user(sasl);
   if (transport_auth && outcome == PN_SASL_OK && user != nullptr) {
-    s_mark_authenticated(*ctx, user, sasl, "PN_CONNECTION_REMOTE_OPEN");
+    s_mark_authenticated(*ctx, t, user, sasl, "PN_CONNECTION_REMOTE_OPEN");
     return;
   }
   log_warn(
@@ -829,7 +875,7 @@ void gw_unique_id(const char* prefix, char* buffer, size_t size) {
 }
 
 gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_relay_t* relay,
-                                            const char* sasl_config_dir) {
+                                            const char* sasl_config_dir, const auth_profile_store_t* profiles) {
   if (cfg == nullptr) return nullptr;
   std::unique_ptr<gw_amqp_acceptor> acc(new (std::nothrow) gw_amqp_acceptor);
   if (!acc) return nullptr;
@@ -837,6 +883,7 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
   try {
     acc->cfg = cfg;
     acc->relay = relay;
+    acc->profiles = profiles;
     acc->sasl_config_dir = qm::from_cstr(sasl_config_dir);
     acc->host_fqdn = qm::or_text(qmhlp_GetMyFQDN(), "");
     acc->own_cyrus_binding = gw_amqp_cyrus_needed();

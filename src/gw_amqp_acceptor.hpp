@@ -1,11 +1,14 @@
 // The AMQP 1.0 front door: one listener (plain or TLS) whose connections log in with
 // SASL PLAIN and send scan requests, each relayed to a NATS worker through the relay
 // worker pool; every result goes back as a message to the request's reply address. One
-// event loop on one thread touches every AMQP object; it never blocks on NATS.
+// event loop on one thread touches every AMQP object; it never blocks on NATS. A
+// message's address must pass the subject policy for the client's profile, else it is
+// rejected before anything reaches NATS.
 #pragma once
 
 #include <cstddef>
 
+#include "auth_profile.hpp"
 #include "gw_config.hpp"
 #include "gw_nats_relay.hpp"
 
@@ -13,10 +16,12 @@ struct gw_amqp_acceptor;
 using gw_amqp_acceptor_t = gw_amqp_acceptor;
 
 // The event loop and a pool of amqp_relay_workers relay threads (4 when below 1).
-// cfg and relay are not owned and must outlive the acceptor; sasl_config_dir (may be
-// NULL) is copied. NULL when the pool cannot start (logged).
+// cfg, relay and profiles (may be NULL: every client has the built-in permissions; else
+// the store the auth service resolves profiles from) are not owned and must outlive the
+// acceptor; sasl_config_dir (may be NULL) is copied. NULL when the pool cannot start
+// (logged).
 gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_relay_t* relay,
-                                            const char* sasl_config_dir);
+                                            const char* sasl_config_dir, const auth_profile_store_t* profiles);
 
 // Listens on "<amqp_listen_host>:<amqp_listen_port>" (an unset host listens on every
 // interface) and runs the event loop on the calling thread until gw_amqp_acceptor_stop;

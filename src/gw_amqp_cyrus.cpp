@@ -32,6 +32,7 @@ struct step_result {
   const char* out = nullptr;
   unsigned out_len = 0;
   int checkpass_verdict = 0;  // gw_sasl_take_checkpass_verdict() right after the step
+  std::string checkpass_profile;  // gw_sasl_take_checkpass_profile() likewise
 };
 
 // One Cyrus server connection per transport. The transport holds it through Proton's
@@ -40,6 +41,8 @@ struct cyrus_session {
   sasl_conn_t* conn = nullptr;
   std::string server_fqdn;
   gw_amqp_cyrus_steps_t* steps = nullptr;
+  // The profile the auth service named with a successful login; event loop only.
+  std::optional<std::string> granted_profile;
   std::mutex mu;  // guards the fields below, shared with the step's thread
   pn_connection_t* wake = nullptr;  // cleared when the transport closes
   bool step_running = false;
@@ -82,18 +85,22 @@ step_result s_run_step(const step_job& job) {
   const char* input = job.has_input ? job.input.data() : nullptr;
   const auto input_len = static_cast<unsigned>(job.input.size());
   (void)gw_sasl_take_checkpass_verdict();
+  (void)gw_sasl_take_checkpass_profile();
   result.rc = job.mechanism ? sasl_server_start(conn, job.mechanism->c_str(), input, input_len, &result.out,
                                                 &result.out_len)
                             : sasl_server_step(conn, input, input_len, &result.out, &result.out_len);
   result.checkpass_verdict = gw_sasl_take_checkpass_verdict();
+  result.checkpass_profile = gw_sasl_take_checkpass_profile();
   return result;
 }
 
 // The outcome of one Cyrus step. A refusal after a password check that could not
 // decide is reported as a temporary failure, so that the client tries again later.
 void s_apply_step(pn_transport_t* t, const step_result& step) {
-  sasl_conn_t* conn = s_session(t)->conn;
+  cyrus_session* session = s_session(t);
+  sasl_conn_t* conn = session->conn;
   if (step.rc == SASL_OK) {
+    session->granted_profile = step.checkpass_profile;
     const void* user = nullptr;
     sasl_getprop(conn, SASL_USERNAME, &user);
     pnx_sasl_set_succeeded(t, static_cast<const char*>(user), nullptr);  // lives until sasl_dispose
@@ -322,4 +329,9 @@ void gw_amqp_cyrus_detach(pn_transport_t* t) {
   if (session == nullptr) return;
   std::lock_guard<std::mutex> lock(session->mu);
   session->wake = nullptr;
+}
+
+const char* gw_amqp_cyrus_granted_profile(pn_transport_t* t) {
+  const cyrus_session* session = s_session(t);
+  return session != nullptr && session->granted_profile ? session->granted_profile->c_str() : nullptr;
 }

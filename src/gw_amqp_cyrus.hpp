@@ -38,3 +38,9 @@ void gw_amqp_cyrus_resume(pn_transport_t* t);
 // For the event loop when such a transport has closed: a step finishing later no longer
 // wakes its connection.
 void gw_amqp_cyrus_detach(pn_transport_t* t);
+
+// For the event loop once the transport has authenticated: the permission profile the
+// auth service named with the grant ("" for none: the built-in permissions), or NULL
+// when the binding is not attached to `t` or no login succeeded on it. Valid until the
+// transport is freed.
+const char* gw_amqp_cyrus_granted_profile(pn_transport_t* t);

@@ -23,7 +23,6 @@ enum verify_result_t { VRES_PENDING = 0, VRES_GRANTED = 1, VRES_DENIED = 2, VRES
 
 constexpr size_t s_hash_bytes = GW_AUTH_CACHE_HASH_BYTES;
 constexpr size_t s_max_probe = 32;
-constexpr size_t s_grant_key_buffer = 1024;
 
 struct slot_t {
   slot_kind_t kind = SLOT_FREE;
@@ -94,22 +93,24 @@ bool s_usable_user(const char* user) { return user != nullptr && *user != '\0'; 
 
 bool s_same_hash(const unsigned char* a, const unsigned char* b) { return crypto_verify_32(a, b) == 0; }
 
-// user (at most 1,022 bytes), NUL, password (what still fits).
-void s_hash_grant(const gw_auth_cache& c, const char* user, const char* password, s_hash& out) {
-  unsigned char buffer[s_grant_key_buffer];
-  const size_t user_len = std::min(strlen(user), s_grant_key_buffer - 2);
-  memcpy(buffer, user, user_len);
-  buffer[user_len] = 0;
-  const size_t password_len = std::min(strlen(password), s_grant_key_buffer - user_len - 1);
-  memcpy(buffer + user_len + 1, password, password_len);
-  const size_t used = user_len + 1 + password_len;
-  crypto_generichash(out.bytes, sizeof out.bytes, buffer, used, c.salt, sizeof c.salt);
-  sodium_memzero(buffer, used);
+void s_hash_field(crypto_generichash_state& state, const char* text) {
+  const uint64_t len = strlen(text);
+  unsigned char len_bytes[sizeof len];
+  for (size_t i = 0; i < sizeof len; ++i) len_bytes[i] = static_cast<unsigned char>(len >> (8 * i));
+  crypto_generichash_update(&state, len_bytes, sizeof len_bytes);
+  crypto_generichash_update(&state, reinterpret_cast<const unsigned char*>(text), len);
 }
 
-void s_hash_deny(const gw_auth_cache& c, const char* user, s_hash& out) {
-  crypto_generichash(out.bytes, sizeof out.bytes, reinterpret_cast<const unsigned char*>(user), strlen(user), c.salt,
-                     sizeof c.salt);
+// The one key of a (user, password) pair, for grants and refusals alike: a salted hash
+// over the length and bytes of the whole user name, then of the whole password. The
+// lengths keep ("ab", "c") and ("a", "bc") apart; nothing is cut.
+void s_hash_pair(const gw_auth_cache& c, const char* user, const char* password, s_hash& out) {
+  crypto_generichash_state state;
+  crypto_generichash_init(&state, c.salt, sizeof c.salt, sizeof out.bytes);
+  s_hash_field(state, user);
+  s_hash_field(state, password);
+  crypto_generichash_final(&state, out.bytes, sizeof out.bytes);
+  sodium_memzero(&state, sizeof state);
 }
 
 size_t s_slot_index(const gw_auth_cache& c, const unsigned char* hash) {
@@ -195,7 +196,7 @@ void s_insert_grant(gw_auth_cache_t* c, const char* user, const char* password, 
                     bool overwrite_user_data) {
   if (c == nullptr || c->ttl_grant_s < 1 || !s_usable_user(user) || password == nullptr) return;
   s_hash hash;
-  s_hash_grant(*c, user, password, hash);
+  s_hash_pair(*c, user, password, hash);
   s_insert(*c, SLOT_GRANT, hash.bytes, user_data, overwrite_user_data);
 }
 
@@ -246,7 +247,7 @@ void s_reap_inflight_locked(verify_inflight_t& rec) {
 void s_finish_verify(gw_auth_cache_t* c, const char* user, const char* password, verify_result_t result) {
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return;
   s_hash hash;
-  s_hash_grant(*c, user, password, hash);
+  s_hash_pair(*c, user, password, hash);
   std::lock_guard guard(c->lock);
   verify_inflight_t* rec = s_find_inflight_locked(*c, hash.bytes);
   if (rec == nullptr || rec->result != VRES_PENDING) return;
@@ -287,11 +288,11 @@ void gw_auth_cache_destroy(gw_auth_cache_t* c) { std::unique_ptr<gw_auth_cache> 
 gw_auth_cache_lookup_t gw_auth_cache_lookup_ex(gw_auth_cache_t* c, const char* user, const char* password) {
   gw_auth_cache_lookup_t out{GW_AUTH_CACHE_MISS, nullptr};
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return out;
+  s_hash hash;
+  s_hash_pair(*c, user, password, hash);
+  const int64_t now = s_now_ms();
+  std::lock_guard guard(c->lock);
   if (c->ttl_grant_s > 0) {
-    s_hash hash;
-    s_hash_grant(*c, user, password, hash);
-    const int64_t now = s_now_ms();
-    std::lock_guard guard(c->lock);
     const long idx = s_find_slot_locked(*c, SLOT_GRANT, hash.bytes, now);
     if (idx >= 0) {
       slot_t& s = c->slots[static_cast<size_t>(idx)];
@@ -304,10 +305,6 @@ gw_auth_cache_lookup_t gw_auth_cache_lookup_ex(gw_auth_cache_t* c, const char* u
     }
   }
   if (c->ttl_deny_s > 0) {
-    s_hash hash;
-    s_hash_deny(*c, user, hash);
-    const int64_t now = s_now_ms();
-    std::lock_guard guard(c->lock);
     const long idx = s_find_slot_locked(*c, SLOT_DENY, hash.bytes, now);
     if (idx >= 0) {
       c->slots[static_cast<size_t>(idx)].last_used_ms = now;
@@ -329,10 +326,10 @@ void gw_auth_cache_insert_grant(gw_auth_cache_t* c, const char* user, const char
   s_insert_grant(c, user, password, nullptr, false);
 }
 
-void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user) {
-  if (c == nullptr || c->ttl_deny_s < 1 || !s_usable_user(user)) return;
+void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user, const char* password) {
+  if (c == nullptr || c->ttl_deny_s < 1 || !s_usable_user(user) || password == nullptr) return;
   s_hash hash;
-  s_hash_deny(*c, user, hash);
+  s_hash_pair(*c, user, password, hash);
   s_insert(*c, SLOT_DENY, hash.bytes, nullptr, true);
 }
 
@@ -355,7 +352,7 @@ bool gw_auth_cache_try_claim_refresh(gw_auth_cache_t* c, const char* user, const
   if (c == nullptr || c->refresh_threshold_pct < 1 || c->ttl_grant_s < 1) return false;
   if (!s_usable_user(user) || password == nullptr || out_hash == nullptr || out_gen == nullptr) return false;
   s_hash hash;
-  s_hash_grant(*c, user, password, hash);
+  s_hash_pair(*c, user, password, hash);
   const int64_t now = s_now_ms();
   std::lock_guard guard(c->lock);
   const long idx = s_find_slot_locked(*c, SLOT_GRANT, hash.bytes, now);
@@ -394,7 +391,7 @@ int gw_auth_cache_wait_inflight_drain(gw_auth_cache_t* c, int timeout_ms) {
 gw_verify_role_t gw_auth_cache_begin_verify(gw_auth_cache_t* c, const char* user, const char* password) {
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return GW_VERIFY_NOROOM;
   s_hash hash;
-  s_hash_grant(*c, user, password, hash);
+  s_hash_pair(*c, user, password, hash);
   std::lock_guard guard(c->lock);
   if (s_find_inflight_locked(*c, hash.bytes) != nullptr) return GW_VERIFY_JOINED;
   for (verify_inflight_t& rec : c->verify_inflight) {
@@ -412,7 +409,7 @@ gw_auth_cache_result_t gw_auth_cache_wait_for_result(gw_auth_cache_t* c, const c
                                                      int timeout_ms) {
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return GW_AUTH_CACHE_MISS;
   s_hash hash;
-  s_hash_grant(*c, user, password, hash);
+  s_hash_pair(*c, user, password, hash);
   std::unique_lock guard(c->lock);
   verify_inflight_t* rec = s_find_inflight_locked(*c, hash.bytes);
   if (rec == nullptr) return GW_AUTH_CACHE_MISS;
@@ -441,7 +438,7 @@ void gw_auth_cache_set_clock_for_testing(gw_auth_cache_clock_fn clock) {
 int gw_auth_cache_verify_waiters_for_testing(gw_auth_cache_t* c, const char* user, const char* password) {
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return -1;
   s_hash hash;
-  s_hash_grant(*c, user, password, hash);
+  s_hash_pair(*c, user, password, hash);
   std::lock_guard guard(c->lock);
   const verify_inflight_t* rec = s_find_inflight_locked(*c, hash.bytes);
   return rec ? rec->waiters : -1;

@@ -1,5 +1,6 @@
-// Recent credential decisions, keyed only by salted hashes: grant entries per
-// (user, password), deny entries per user, stale-while-revalidate refresh of grants,
+// Recent credential decisions, keyed only by salted hashes of the whole (user, password)
+// pair, grants and refusals alike: a wrong password never blocks the right one.
+// Stale-while-revalidate refresh of grants,
 // and coalescing of concurrent identical checks. Fixed size; nothing allocates after
 // creation.
 #pragma once
@@ -54,8 +55,8 @@ gw_auth_cache_result_t gw_auth_cache_lookup(gw_auth_cache_t* c, const char* user
 // the user data of an existing identical entry (none for a new one).
 void gw_auth_cache_insert_grant_ex(gw_auth_cache_t* c, const char* user, const char* password, void* user_data);
 void gw_auth_cache_insert_grant(gw_auth_cache_t* c, const char* user, const char* password);
-// Records a denial of `user` whatever the password.
-void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user);
+// Records a denial of this password for `user`; other passwords are not affected.
+void gw_auth_cache_insert_deny(gw_auth_cache_t* c, const char* user, const char* password);
 
 // Forgets every grant and denial: the credentials they were decided on have changed, so
 // each user's next check is live. A refresh under way finds its entry gone when it

@@ -11,6 +11,7 @@ struct gw_config {
   qm::opt_string nats_password;
   qm::opt_string nats_cert_path;  // copied by broker_config_finalize
   qm::opt_string js_services;     // copied from js_work_services by broker_config_finalize
+  qm::opt_string services;        // --gw-services: the doors' allow-list; unset: any valid service
 
   int listen_backlog = 65535;
 

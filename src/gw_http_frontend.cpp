@@ -23,7 +23,9 @@
 #include <string>
 #include <vector>
 
-#include "gw_subject_rewrite.hpp"
+#include "auth_profile.hpp"
+#include "gw_subject_policy.hpp"
+#include "gw_verify_reply.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 
@@ -55,6 +57,7 @@ struct gw_http_frontend {
   std::optional<qm::secret_string> tls_cert_pem;
   std::optional<qm::secret_string> tls_key_pem;
   gw_auth_cache_t* auth_cache = nullptr;
+  const auth_profile_store_t* profiles = nullptr;  // NULL: everyone has the built-in permissions
   // Start, quiesce and stop of the daemon: a self-update's activation quiesces it on the
   // update thread while a shutdown signal may stop it on the main thread.
   std::mutex lifecycle_mu;
@@ -162,11 +165,9 @@ bool s_basic_credentials_hold_nul(MHD_Connection* conn) {
   return memchr(decoded.data(), '\0', static_cast<size_t>(n) - padding) != nullptr;
 }
 
-struct verify_verdict {
-  bool ok = false;
-  qm::opt_string reason;
-  qm::opt_string backend;
-};
+// Who a request acts for once the credentials are checked: the caller's permission
+// profile (NULL: the built-in permissions). nullopt: not admitted.
+using admitted_profile = std::optional<const auth_profile_t*>;
 
 void s_wipe_json_string(json_object* value) {
   sodium_memzero(const_cast<char*>(json_object_get_string(value)), static_cast<size_t>(json_object_get_string_len(value)));
@@ -201,21 +202,6 @@ std::optional<qm::secret_string> s_verify_request_text(const char* user, const c
   return request;
 }
 
-// "ok" counts only as a JSON true; nullopt when the reply is not JSON.
-std::optional<verify_verdict> s_parse_verdict(const char* reply) {
-  qm::json_ptr doc(json_tokener_parse(reply));
-  if (!doc) return std::nullopt;
-  verify_verdict verdict;
-  json_object* value = nullptr;
-  if (json_object_object_get_ex(doc.get(), "ok", &value) && json_object_is_type(value, json_type_boolean))
-    verdict.ok = json_object_get_boolean(value);
-  if (json_object_object_get_ex(doc.get(), "reason", &value) && json_object_is_type(value, json_type_string))
-    verdict.reason = json_object_get_string(value);
-  if (json_object_object_get_ex(doc.get(), "backend", &value) && json_object_is_type(value, json_type_string))
-    verdict.backend = json_object_get_string(value);
-  return verdict;
-}
-
 // One request on "qm.auth.verify"; *rc is the relay's result, the reply NULL when none came.
 qm::malloc_ptr<char> s_ask_verify(gw_http_frontend& fe, const qm::secret_string& request, int* rc) {
   char* reply = nullptr;
@@ -228,37 +214,55 @@ qm::malloc_ptr<char> s_ask_verify(gw_http_frontend& fe, const qm::secret_string&
 
 const char* s_or(const qm::opt_string& text, const char* fallback) { return text ? text->c_str() : fallback; }
 
-// Tier 3: the auth service decides. Only a deliberate answer is cached; an outage or an
-// unreadable reply denies this request alone.
-bool s_verify_live(gw_http_frontend& fe, const char* user, const char* password) {
+// The profile a verify grant names, from the store the auth service resolves against;
+// nullopt when the store does not know it.
+admitted_profile s_profile_of(const gw_http_frontend& fe, const gw_verify_reply& verdict) {
+  if (!verdict.profile) return admitted_profile(nullptr);
+  const auth_profile_t* profile = auth_profile_find(fe.profiles, verdict.profile->c_str());
+  if (profile == nullptr) return std::nullopt;
+  return profile;
+}
+
+// The cache keeps a grant's profile as its untyped user data.
+void* s_user_data(const auth_profile_t* profile) { return const_cast<auth_profile_t*>(profile); }
+
+// Tier 3: the auth service decides. Only a deliberate answer is cached, a refusal for
+// this password alone; an outage or an unreadable reply denies this request alone.
+admitted_profile s_verify_live(gw_http_frontend& fe, const char* user, const char* password) {
   const std::optional<qm::secret_string> request = s_verify_request_text(user, password, false);
   if (!request) {
     log_error("http_frontend: OOM building auth request");
-    return false;
+    return std::nullopt;
   }
   int rc = 0;
   const qm::malloc_ptr<char> reply = s_ask_verify(fe, *request, &rc);
   if (!reply) {
     log_warn("http_frontend: auth DENY user=%s via=nats (relay rc=%d, no reply — is authenticator running?)",
              log_safe(user).c_str(), rc);
-    return false;
+    return std::nullopt;
   }
-  const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
+  const std::optional<gw_verify_reply> verdict = gw_verify_reply_parse(reply.get());
   if (!verdict) {
     log_warn("http_frontend: auth DENY user=%s via=nats (unparseable reply — treating as deny but NOT poisoning cache)",
              log_safe(user).c_str());
-    return false;
+    return std::nullopt;
   }
   if (verdict->ok) {
+    const admitted_profile profile = s_profile_of(fe, *verdict);
+    if (!profile) {
+      log_error("http_frontend: auth DENY user=%s via=nats (grant names profile '%s', which this broker does not know)",
+                log_safe(user).c_str(), log_safe(*verdict->profile).c_str());
+      return std::nullopt;
+    }
     log_info("http_frontend: auth GRANT user=%s via=nats backend=%s", log_safe(user).c_str(),
              s_or(verdict->backend, "(unknown)"));
-    gw_auth_cache_insert_grant(fe.auth_cache, user, password);
-    return true;
+    gw_auth_cache_insert_grant_ex(fe.auth_cache, user, password, s_user_data(*profile));
+    return profile;
   }
   log_warn("http_frontend: auth DENY user=%s via=nats backend=%s reason=%s", log_safe(user).c_str(),
            s_or(verdict->backend, "(unknown)"), s_or(verdict->reason, "(none)"));
-  gw_auth_cache_insert_deny(fe.auth_cache, user);
-  return false;
+  gw_auth_cache_insert_deny(fe.auth_cache, user, password);
+  return std::nullopt;
 }
 
 // ---- background refresh ----
@@ -289,7 +293,7 @@ void s_refresh_finished(gw_http_frontend& fe) {
   fe.refresh_done.notify_all();
 }
 
-gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx) {
+gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx, const auth_profile_t** profile) {
   const std::optional<qm::secret_string> request = s_verify_request_text(ctx.user.c_str(), ctx.password.c_str(), true);
   if (!request) {
     log_error("http_frontend: refresh OOM building request user=%s", log_safe(ctx.user).c_str());
@@ -302,9 +306,11 @@ gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx
     return GW_REFRESH_ABORTED;
   }
   // Harsher than the foreground path: an unreadable answer revokes the grant.
-  const std::optional<verify_verdict> verdict = s_parse_verdict(reply.get());
-  if (verdict && verdict->ok) {
+  const std::optional<gw_verify_reply> verdict = gw_verify_reply_parse(reply.get());
+  const admitted_profile granted = verdict && verdict->ok ? s_profile_of(fe, *verdict) : std::nullopt;
+  if (granted) {
     log_debug("http_frontend: refresh GRANTED user=%s", log_safe(ctx.user).c_str());
+    *profile = *granted;
     return GW_REFRESH_GRANTED;
   }
   log_info("http_frontend: refresh DENIED user=%s — invalidating cache (password changed or account disabled?)",
@@ -316,13 +322,17 @@ void* refresh_worker(void* arg) {
   refresh_ctx_ptr ctx(static_cast<refresh_ctx_t*>(arg));
   gw_http_frontend& fe = *ctx->fe;
   gw_refresh_outcome_t outcome = GW_REFRESH_ABORTED;
+  const auth_profile_t* profile = nullptr;
   try {
-    outcome = s_revalidate(fe, *ctx);
+    outcome = s_revalidate(fe, *ctx, &profile);
   } catch (...) {
     outcome = GW_REFRESH_ABORTED;
   }
   // Exactly one completion per claim, whatever happened above.
-  gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, outcome);
+  if (outcome == GW_REFRESH_GRANTED)
+    gw_auth_cache_complete_refresh_ex(fe.auth_cache, ctx->hash, ctx->gen, outcome, s_user_data(profile));
+  else
+    gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, outcome);
   ctx.reset();
   s_refresh_finished(fe);
   return nullptr;
@@ -384,30 +394,35 @@ void dispatch_refresh(gw_http_frontend& fe, const char* user, const char* passwo
 }
 
 // Cache, then the credentials file, then the auth service. A stale cached grant is
-// honoured at once and re-verified in the background.
-bool authenticate(gw_http_frontend& fe, const char* user, const char* password) {
+// honoured at once and re-verified in the background. A cached grant that does not say
+// which profile it carries is checked again.
+admitted_profile authenticate(gw_http_frontend& fe, const char* user, const char* password) {
   if (user == nullptr || *user == '\0' || password == nullptr) {
     log_debug("http_frontend: authenticate() called with empty credentials");
-    return false;
+    return std::nullopt;
   }
-  switch (gw_auth_cache_lookup(fe.auth_cache, user, password)) {
+  const gw_auth_cache_lookup_t cached = gw_auth_cache_lookup_ex(fe.auth_cache, user, password);
+  const auto* cached_profile = static_cast<const auth_profile_t*>(cached.user_data);
+  switch (cached.result) {
     case GW_AUTH_CACHE_GRANT:
+      if (!cached.has_user_data) break;
       log_debug("http_frontend: auth GRANT user=%s via=cache", log_safe(user).c_str());
-      return true;
+      return cached_profile;
     case GW_AUTH_CACHE_GRANT_STALE:
+      if (!cached.has_user_data) break;
       log_debug("http_frontend: auth GRANT user=%s via=cache (stale, scheduling refresh)", log_safe(user).c_str());
       dispatch_refresh(fe, user, password);
-      return true;
+      return cached_profile;
     case GW_AUTH_CACHE_DENY:
       log_debug("http_frontend: auth DENY user=%s via=neg-cache", log_safe(user).c_str());
-      return false;
+      return std::nullopt;
     case GW_AUTH_CACHE_MISS:
       break;
   }
   // The file check is cheap: its grants are not cached.
   if (gw_credential_store_validate(fe.creds, user, password)) {
     log_debug("http_frontend: auth GRANT user=%s via=local", log_safe(user).c_str());
-    return true;
+    return auth_profile_resolve(fe.profiles, user, nullptr, 0);
   }
   return s_verify_live(fe, user, password);
 }
@@ -455,28 +470,40 @@ MHD_Result s_queue_reply(MHD_Connection* conn, const char* target, qm::malloc_pt
   return MHD_queue_response(conn, MHD_HTTP_OK, response.get());
 }
 
-// Authenticated caller, complete body: relay to the service the header names.
+unsigned s_refusal_status(gw_target_verdict_t verdict) {
+  switch (verdict) {
+    case GW_TARGET_NOT_OFFERED: return MHD_HTTP_NOT_FOUND;
+    case GW_TARGET_FORBIDDEN: return MHD_HTTP_FORBIDDEN;
+    default: return MHD_HTTP_BAD_REQUEST;
+  }
+}
+
+// Authenticated caller, complete body: relay to the service the header names, if the
+// caller may reach it there.
 MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, const char* user,
-                   qm::mhd_secret_ptr& password) {
+                   const auth_profile_t* profile, qm::mhd_secret_ptr& password) {
   const char* target = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "X-Target-Service");
   if (target == nullptr || *target == '\0') {
     log_warn("http_frontend: user=%s authenticated but missing X-Target-Service", log_safe(user).c_str());
     return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing X-Target-Service\n");
   }
-  const qm::malloc_ptr<char> subject(gw_subject_rewrite_ingress_to_nats(target));
-  if (!subject) {
-    log_error("http_frontend: OOM rewriting target subject");
-    return queue_simple(conn, MHD_HTTP_INTERNAL_SERVER_ERROR, "oom\n");
+  const gw_target admitted = gw_subject_policy_admit(target, qm::cstr(fe.cfg->services), profile, user);
+  if (admitted.verdict != GW_TARGET_OK) {
+    const char* why = gw_target_verdict_text(admitted.verdict);
+    log_warn("http_frontend: refusing target '%s' of user=%s: %s", log_safe(target).c_str(), log_safe(user).c_str(),
+             why);
+    return queue_simple(conn, s_refusal_status(admitted.verdict), (std::string(why) + "\n").c_str());
   }
-  if (strcmp(subject.get(), target) != 0)
-    log_trace("http_frontend: subject rewrite '%s' -> '%s'", log_safe(target).c_str(), log_safe(subject.get()).c_str());
+  const char* subject = admitted.subject.c_str();
+  if (admitted.subject != target)
+    log_trace("http_frontend: subject rewrite '%s' -> '%s'", log_safe(target).c_str(), log_safe(subject).c_str());
   log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", log_safe(user).c_str(),
             log_safe(target).c_str(), ctx.request_json.len, ctx.payload.len);
   char* reply_json = nullptr;
   char* reply_data = nullptr;
   size_t reply_data_len = 0;
   const bool has_payload = ctx.payload.len > 0;
-  const int rc = gw_nats_relay_request_ex(fe.relay, user, subject.get(), ctx.request_json.data.get(),
+  const int rc = gw_nats_relay_request_ex(fe.relay, user, subject, ctx.request_json.data.get(),
                                           has_payload ? ctx.payload.data.get() : nullptr,
                                           has_payload ? ctx.payload.len : 0, gw_nats_relay_default_timeout_ms(fe.relay),
                                           &reply_json, &reply_data, &reply_data_len);
@@ -517,8 +544,9 @@ MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_
     log_debug("http_frontend: no Basic credentials presented");
     return queue_auth_required(conn);
   }
-  if (!authenticate(fe, user.get(), password.get())) return queue_auth_required(conn);
-  return s_relay(fe, conn, ctx, user.get(), password);
+  const admitted_profile profile = authenticate(fe, user.get(), password.get());
+  if (!profile) return queue_auth_required(conn);
+  return s_relay(fe, conn, ctx, user.get(), *profile, password);
 }
 
 MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const char* method, const char*,
@@ -629,7 +657,8 @@ bool s_load_pems(gw_http_frontend& fe) {
 }  // namespace
 
 gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credential_store_t* creds,
-                                            gw_nats_relay_t* relay, gw_auth_cache_t* auth_cache) {
+                                            gw_nats_relay_t* relay, gw_auth_cache_t* auth_cache,
+                                            const auth_profile_store_t* profiles) {
   if (cfg == nullptr || creds == nullptr || relay == nullptr) {
     log_error("http_frontend: create called with NULL dependency");
     return nullptr;
@@ -640,6 +669,7 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
     fe->creds = creds;
     fe->relay = relay;
     fe->auth_cache = auth_cache;
+    fe->profiles = profiles;
     return fe.release();
   } catch (const std::bad_alloc&) {
     return nullptr;

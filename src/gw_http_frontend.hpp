@@ -3,9 +3,11 @@
 // Basic credentials, relayed to the worker service named by "X-Target-Service". The
 // worker's JSON reply is the response body. Credentials go through the auth result
 // cache, the credentials file and "qm.auth.verify"; a stale cached grant is served at
-// once while a detached thread re-verifies it.
+// once while a detached thread re-verifies it. The target must pass the subject policy
+// for the caller's profile before anything is relayed.
 #pragma once
 
+#include "auth_profile.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_config.hpp"
 #include "gw_credential_store.hpp"
@@ -14,11 +16,14 @@
 struct gw_http_frontend;
 using gw_http_frontend_t = gw_http_frontend;
 
-// cfg, creds and relay are borrowed and must be non-NULL (else NULL, logged); they and
-// auth_cache (may be NULL: no caching, no background refresh) must outlive the
+// cfg, creds and relay are borrowed and must be non-NULL (else NULL, logged); they,
+// auth_cache (may be NULL: no caching, no background refresh) and profiles (may be NULL:
+// every caller has the built-in permissions; else the store the auth service resolves
+// profiles from, so that a verify grant's profile name is found in it) must outlive the
 // frontend. Nothing is started.
 gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credential_store_t* creds,
-                                            gw_nats_relay_t* relay, gw_auth_cache_t* auth_cache);
+                                            gw_nats_relay_t* relay, gw_auth_cache_t* auth_cache,
+                                            const auth_profile_store_t* profiles);
 
 // Starts listening on cfg->http_listen_port (every local address), with TLS when both
 // the certificate and the key file are configured. 0 on success or when already

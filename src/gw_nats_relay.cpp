@@ -35,6 +35,7 @@ struct gw_nats_relay {
   uint64_t relay_timeout_ms = 0;
   uint64_t relay_max_timeout_ms = 0;
   uint64_t js_ackwait_ms = 0;
+  size_t max_payload_bytes = 0;  // the largest reply payload read back; 0: no cap
 };
 
 namespace {
@@ -271,6 +272,37 @@ std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
   return manifest;
 }
 
+qm::kv_entry_ptr s_get_entry(kvStore* kv, const std::string& key) {
+  kvEntry* raw = nullptr;
+  if (kvStore_Get(&raw, kv, key.c_str()) != NATS_OK) return nullptr;
+  return qm::kv_entry_ptr(raw);
+}
+
+// Whether a manifest may be read back: within max_len (0: no cap), in exactly the chunks
+// a writer makes for its size, and with a last chunk that exists and holds the rest. A
+// manifest is only a claim, checked against what is stored before anything is allocated
+// for it; a refusal is logged.
+bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, size_t max_len) {
+  const char* why = nullptr;
+  if (manifest.size <= 0 || manifest.chunks < 1 || manifest.chunks > kMaxChunks) {
+    why = "out of range";
+  } else if (max_len != 0 && static_cast<uint64_t>(manifest.size) > max_len) {
+    why = "larger than --max-msg-size-mb";
+  } else if (gw_kv_num_chunks(static_cast<size_t>(manifest.size)) != static_cast<size_t>(manifest.chunks)) {
+    why = "not the chunk count of its size";
+  } else {
+    const size_t last = static_cast<size_t>(manifest.chunks) - 1;
+    const qm::kv_entry_ptr entry = s_get_entry(kv, s_chunk_key(key, last));
+    const size_t expected = static_cast<size_t>(manifest.size) - last * GW_KV_CHUNK_SIZE;
+    if (!entry || static_cast<size_t>(std::max(kvEntry_ValueLen(entry.get()), 0)) != expected)
+      why = "its last chunk is missing or of another size";
+  }
+  if (why == nullptr) return true;
+  log_warn("nats_relay: payload '%s' refused: manifest of %lld bytes in %lld chunks is %s", log_safe(key).c_str(),
+           static_cast<long long>(manifest.size), static_cast<long long>(manifest.chunks), why);
+  return false;
+}
+
 // The chunks of one payload in order, read ahead by a few threads over the shared
 // connection so that the round trips overlap; at most kReadAhead chunks wait in memory.
 // A payload of one chunk is read on the caller's thread.
@@ -305,11 +337,7 @@ class s_chunk_reader {
   static constexpr size_t kReaders = 4;
   static constexpr size_t kReadAhead = 8;
 
-  qm::kv_entry_ptr s_get(size_t index) const {
-    kvEntry* raw = nullptr;
-    if (kvStore_Get(&raw, kv_, s_chunk_key(key_, index).c_str()) != NATS_OK) return nullptr;
-    return qm::kv_entry_ptr(raw);
-  }
+  qm::kv_entry_ptr s_get(size_t index) const { return s_get_entry(kv_, s_chunk_key(key_, index)); }
 
   void fetch_loop() {
     for (;;) {
@@ -538,15 +566,25 @@ int s_exchange(gw_nats_relay& relay, const char* subject, const std::string& sen
 }
 
 // The payload a reply names by "_kv_key", read and then deleted; nothing when there is
-// none or it cannot be read.
-void s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** reply_data, size_t* reply_data_len) {
+// none or it cannot be read. False when the reply's manifest was refused: the reply as a
+// whole is then not trusted.
+bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** reply_data, size_t* reply_data_len) {
   qm::json_ptr doc = s_parse_object(reply_json);
   const char* key = doc ? s_string_field(doc.get(), "_kv_key") : nullptr;
-  if (key == nullptr) return;
-  if (kvstore_get_chunked(relay.kv.get(), key, reply_data, reply_data_len) != 0) {
-    log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
+  if (key == nullptr) return true;
+  if (!gw_subject_is_publishable((std::string("$KV.") + GW_SCAN_DATA_BUCKET + "." + key).c_str())) {
+    log_warn("nats_relay: reply names an invalid payload key '%s' \u2014 refusing the reply", log_safe(key).c_str());
+    return false;
   }
-  kvstore_delete_chunked(relay.conn.get(), relay.kv.get(), key);
+  const int rc = kvstore_get_chunked(relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
+  if (rc == -1) log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
+  // A refused manifest's chunk count is not trusted for deleting either: only the
+  // manifest goes, the bucket's TTL removes whatever chunks there are.
+  if (rc == -2)
+    kvstore_delete_chunks(relay.conn.get(), relay.kv.get(), key, 0);
+  else
+    kvstore_delete_chunked(relay.conn.get(), relay.kv.get(), key);
+  return rc != -2;
 }
 
 int s_request(gw_nats_relay& relay, const char* caller, const char* subject, const char* request_json,
@@ -591,8 +629,11 @@ int s_request(gw_nats_relay& relay, const char* caller, const char* subject, con
     if (!body) return -1;
     *reply_json = body.release();
   }
-  if (*reply_json != nullptr && reply_data != nullptr && reply_data_len != nullptr) {
-    s_take_reply_payload(relay, *reply_json, reply_data, reply_data_len);
+  if (*reply_json != nullptr && reply_data != nullptr && reply_data_len != nullptr &&
+      !s_take_reply_payload(relay, *reply_json, reply_data, reply_data_len)) {
+    free(*reply_json);
+    *reply_json = nullptr;
+    return -1;
   }
   return 0;
 }
@@ -634,6 +675,7 @@ void s_set_wait_bounds(gw_nats_relay& relay, const gw_config_t& cfg) {
 std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
   auto relay = std::make_unique<gw_nats_relay>();
   if (qm::has_text(cfg.js_services)) relay->js_services = cfg.js_services;
+  relay->max_payload_bytes = cfg.max_msg_size_bytes;
   s_set_wait_bounds(*relay, cfg);
   qm::nats_options_ptr opts = s_build_options(cfg);
   if (!opts) return nullptr;
@@ -785,16 +827,15 @@ int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const 
   return 0;
 }
 
-int kvstore_get_chunked(kvStore* kv, const char* key, char** out_data, size_t* out_len) {
+int kvstore_get_chunked(kvStore* kv, const char* key, size_t max_len, char** out_data, size_t* out_len) {
   if (out_data != nullptr) *out_data = nullptr;
   if (out_len != nullptr) *out_len = 0;
   if (kv == nullptr || key == nullptr || out_data == nullptr || out_len == nullptr) return -1;
   const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
-  if (!manifest || manifest->chunks < 1 || manifest->chunks > kMaxChunks || manifest->size <= 0) return -1;
+  if (!manifest) return -1;
+  if (!s_manifest_fits(kv, key, *manifest, max_len)) return -2;
   const size_t size = static_cast<size_t>(manifest->size);
   const size_t num_chunks = static_cast<size_t>(manifest->chunks);
-  // A manifest's size must fit its chunks: nothing else can be read back.
-  if (size > num_chunks * GW_KV_CHUNK_SIZE) return -1;
   try {
     qm::malloc_ptr<char> buffer(static_cast<char*>(calloc(size, 1)));
     if (!buffer) return -1;
@@ -877,6 +918,10 @@ int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const c
   if (reply_data != nullptr) *reply_data = nullptr;
   if (reply_data_len != nullptr) *reply_data_len = 0;
   if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
+  if (!gw_subject_is_publishable(subject)) {
+    log_warn("nats_relay: refusing to publish to invalid subject '%s'", log_safe(subject).c_str());
+    return -1;
+  }
   try {
     return s_request(*relay, caller, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
                      reply_data_len);
@@ -890,21 +935,6 @@ bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service) {
   return relay != nullptr && qm_nats_wq_service_in_csv(qm::cstr(relay->js_services), service) == 1;
 }
 
-int qm_nats_wq_service_in_csv(const char* csv, const char* service) {
-  if (csv == nullptr || service == nullptr || csv[0] == '\0') return 0;
-  const size_t service_len = strlen(service);
-  const char* at = csv;
-  while (*at != '\0') {
-    at += strspn(at, ", \t");
-    if (*at == '\0') break;
-    size_t len = strcspn(at, ",");
-    const char* next = at + len;
-    while (len > 0 && (at[len - 1] == ' ' || at[len - 1] == '\t')) --len;
-    if (len == service_len && memcmp(at, service, len) == 0) return 1;
-    at = next;
-  }
-  return 0;
-}
 
 bool gw_status_is_transient(natsStatus s) {
 #ifdef QM_NATS_HAS_LIMIT_REACHED

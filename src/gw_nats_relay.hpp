@@ -10,6 +10,7 @@
 #include <cstddef>
 
 #include "gw_config.hpp"
+#include "gw_subject_policy.hpp"
 
 struct gw_nats_relay;
 using gw_nats_relay_t = gw_nats_relay;
@@ -46,9 +47,6 @@ int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const c
 // True when `service` is one of the relay's JetStream work-queue services.
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service);
 
-// 1 when `service` is an entry of the comma-separated list (blanks and tabs around
-// entries ignored, exact and case-sensitive match), else 0; 0 for NULL or empty input.
-int qm_nats_wq_service_in_csv(const char* csv, const char* service);
 
 // The statuses worth a retry with back-off: no responders, disconnected, and limit
 // reached where the client library has that status (nats.c 3.4.1 has not).

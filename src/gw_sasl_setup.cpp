@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "gw_sasl_setup_testing.hpp"
+#include "gw_verify_reply.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 
@@ -57,6 +58,7 @@ std::atomic<gw_nats_relay_t*> g_relay{nullptr};
 char g_cyrus_conf_path[kMaxPath + 1];
 
 thread_local int t_checkpass_verdict = 0;
+thread_local std::string t_checkpass_profile;
 
 int s_set_verdict(int verdict) {
   t_checkpass_verdict = verdict;
@@ -160,7 +162,7 @@ qm::secret_string s_verify_request(const char* user, const char* password, unsig
 
 // SASL_OK on "ok": true, SASL_BADAUTH on a refusal, SASL_TRYAGAIN when the reply is not JSON.
 int s_verdict_of(const char* user, const char* reply_json) {
-  qm::json_ptr reply(json_tokener_parse(reply_json));
+  const std::optional<gw_verify_reply> reply = gw_verify_reply_parse(reply_json);
   if (!reply) {
     log_warn(
         "sasl_checkpass: malformed qm.auth.verify reply for user='%s' \u2014 treating as transient and asking "
@@ -168,16 +170,10 @@ int s_verdict_of(const char* user, const char* reply_json) {
         log_safe(user).c_str());
     return SASL_TRYAGAIN;
   }
-  json_object* ok = nullptr;
-  json_object* backend = nullptr;
-  const bool granted = json_object_object_get_ex(reply.get(), "ok", &ok) && json_object_is_type(ok, json_type_boolean) &&
-                       json_object_get_boolean(ok);
-  const char* backend_name = json_object_object_get_ex(reply.get(), "backend", &backend) &&
-                                     json_object_is_type(backend, json_type_string)
-                                 ? json_object_get_string(backend)
-                                 : "(unknown)";
-  if (granted) {
+  const char* backend_name = reply->backend ? reply->backend->c_str() : "(unknown)";
+  if (reply->ok) {
     log_info("sasl_checkpass: GRANT user='%s' backend=%s", log_safe(user).c_str(), backend_name);
+    t_checkpass_profile = reply->profile.value_or("");
     return SASL_OK;
   }
   log_warn("sasl_checkpass: DENY user='%s' backend=%s", log_safe(user).c_str(), backend_name);
@@ -282,10 +278,16 @@ int sasl_canon_user_cb(sasl_conn_t*, void*, const char* in, unsigned inlen, unsi
   const char* label = (flags & SASL_CU_AUTHID) ? "authid" : (flags & SASL_CU_AUTHZID) ? "authzid" : "user";
   log_info("sasl_canon: %s='%s' realm_param='%s' (passing through verbatim)", label,
            log_safe(std::string_view(in, inlen)).c_str(), log_safe(user_realm).c_str());
-  const unsigned n = inlen < out_max - 1 ? inlen : out_max - 1;
-  memmove(out, in, n);  // Cyrus may hand in the output buffer itself
-  out[n] = '\0';
-  *out_len = n;
+  // Cyrus holds names in a fixed buffer. A name cut to fit would be checked, cached and
+  // mapped to a profile as another name: refuse it whole instead.
+  if (inlen > out_max - 1) {
+    log_warn("sasl_canon: %s of %u bytes is longer than the %u bytes SASL can carry \u2014 refusing", label, inlen,
+             out_max - 1);
+    return SASL_BUFOVER;
+  }
+  memmove(out, in, inlen);  // Cyrus may hand in the output buffer itself
+  out[inlen] = '\0';
+  *out_len = inlen;
   return SASL_OK;
 }
 
@@ -389,6 +391,8 @@ void gw_sasl_teardown() {
 }
 
 int gw_sasl_take_checkpass_verdict() { return std::exchange(t_checkpass_verdict, 0); }
+
+std::string gw_sasl_take_checkpass_profile() { return std::exchange(t_checkpass_profile, std::string()); }
 
 void sweep_stale_sasl_runtime_dirs() { sweep_stale_sasl_runtime_dirs_at(kRuntimeDirPrefix); }
 

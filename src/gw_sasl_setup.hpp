@@ -4,6 +4,8 @@
 // NATS relay. Also the clean-up of runtime directories left by earlier runs.
 #pragma once
 
+#include <string>
+
 #include "gw_nats_relay.hpp"
 
 // The application name: it names the generated "<name>.conf" and every AMQP transport
@@ -27,6 +29,11 @@ void gw_sasl_teardown();
 // it. Cyrus replaces a refusal by its own fallback's code, so the AMQP side asks here
 // whether the auth service could not decide and the client should try again later.
 int gw_sasl_take_checkpass_verdict();
+
+// The permission profile the last granted password check on the calling thread came with
+// (the auth service names it in its verify reply), "" when it named none: the built-in
+// permissions. Clears it; take it with the verdict.
+std::string gw_sasl_take_checkpass_profile();
 
 // Removes "/tmp/qm-av-broker-<pid>" runtime directories (and their "sasl" subdirectory)
 // whose pid no longer exists. Live pids, pids below 1 and non-numeric suffixes are kept.

@@ -27,6 +27,7 @@
 #include "broker_sd_notify.hpp"
 #include "broker_update_thread.hpp"
 #include "gw_amqp_acceptor.hpp"
+#include "auth_profile.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "gw_http_frontend.hpp"
@@ -74,6 +75,9 @@ std::string g_log_file_name;
 struct broker_app {
   broker_config_t* cfg = nullptr;
   gw_credential_store_t* credentials = nullptr;
+  // The permission profiles, loaded once for the auth service and both front doors, so
+  // that a profile the auth service names is the one the doors enforce. NULL: none.
+  auth_profile_store_t* profiles = nullptr;
   gw_nats_relay_t* relay = nullptr;
   // Owned by the SASL set-up; empty until it succeeded.
   std::string sasl_config_dir;
@@ -286,6 +290,20 @@ bool s_load_credentials(broker_app& app) {
   return true;
 }
 
+bool s_load_permissions(broker_app& app) {
+  const qm::opt_string& path = app.cfg->auth->permissions_file_path;
+  if (!qm::has_text(path)) {
+    log_info("No --permissions-file configured \u2014 every login gets the compiled-in default permissions");
+    return true;
+  }
+  app.profiles = auth_profile_load(path->c_str());
+  if (app.profiles == nullptr) {
+    log_fatal("Failed to load permissions file %s", path->c_str());
+    return false;
+  }
+  return true;
+}
+
 // The gateway's NATS leg, as the gateway user: a listed auth user, so it needs no callout.
 bool s_connect_relay(broker_app& app) {
   const char* url = qm::cstr(app.cfg->nats_url);
@@ -325,7 +343,7 @@ bool s_start_auth_callout(broker_app& app) {
              "validate logins (qm.auth.verify has no subscriber)");
     return true;
   }
-  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, g_auth_cache);
+  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, g_auth_cache, app.profiles);
   if (svc == nullptr) {
     log_fatal("Failed to create auth service");
     return false;
@@ -365,7 +383,7 @@ bool s_start_amqp(broker_app& app) {
     return true;
   }
   const char* host = qm::cstr(gw.amqp_listen_host);
-  gw_amqp_acceptor_t* acc = gw_amqp_acceptor_create(&gw, app.relay, app.sasl_config_dir.c_str());
+  gw_amqp_acceptor_t* acc = gw_amqp_acceptor_create(&gw, app.relay, app.sasl_config_dir.c_str(), app.profiles);
   if (acc == nullptr) {
     log_fatal("Failed to create AMQP acceptor on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
     return false;
@@ -392,7 +410,7 @@ bool s_start_http_frontend(broker_app& app) {
     return true;
   }
   const char* host = qm::cstr(gw.http_listen_host);
-  gw_http_frontend_t* fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache);
+  gw_http_frontend_t* fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache, app.profiles);
   if (fe == nullptr || gw_http_frontend_start(fe) != 0) {
     gw_http_frontend_destroy(fe);
     log_fatal("Failed to start HTTP frontend on %s:%d", host, gw.http_listen_port);
@@ -438,7 +456,7 @@ using startup_step = bool (*)(broker_app&);
 // Start-up after the command line, in its fixed order. A stop asked for meanwhile ends it
 // after the step under way.
 constexpr startup_step kStartupSteps[] = {
-    s_start_nats_server,  s_provision_jetstream, s_load_credentials, s_start_auth_watcher,
+    s_start_nats_server,  s_provision_jetstream, s_load_credentials, s_load_permissions, s_start_auth_watcher,
     s_connect_relay,      s_create_auth_cache,   s_start_auth_callout, s_set_up_sasl,
     s_start_amqp,         s_start_http_frontend, s_start_update_thread,
 };
@@ -580,6 +598,8 @@ void s_tear_down_sasl(broker_app&) { gw_sasl_teardown(); }
 void s_free_credentials(broker_app& app) {
   gw_credential_store_free(app.credentials);
   app.credentials = nullptr;
+  auth_profile_destroy(app.profiles);
+  app.profiles = nullptr;
 }
 
 void s_stop_nats_server(broker_app&) {
@@ -592,7 +612,7 @@ void s_stop_nats_server(broker_app&) {
 using teardown_step = void (*)(broker_app&);
 
 // Reverse dependency order: watcher, update thread, HTTPS frontend, AMQP acceptor, relay,
-// auth thread and service, auth cache, SASL, credentials, nats-server child. Each step
+// auth thread and service, auth cache, SASL, credentials and profiles, nats-server child. Each step
 // only for what was started.
 constexpr teardown_step kTeardownSteps[] = {
     s_stop_auth_watcher, s_stop_update_thread, s_stop_http_frontend, s_stop_amqp,         s_stop_relay,

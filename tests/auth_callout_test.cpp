@@ -300,7 +300,7 @@ TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
       {"LDAP-only without a directory", {"--auth-backend", "ldap"}, "auth_service: failed to initialize LDAP backend",
        service},
       {"broken permissions file", {"--permissions-file", dir.file("bad.json")},
-       "auth_service: failed to load permissions file", service},
+       "auth_profile: " + dir.file("bad.json") + " parse failed", "Failed to load permissions file " + dir.file("bad.json")},
       {"unreadable signing key", {"--auth-signing-key", dir.file("key-dir")},
        "auth_service: failed to initialize JWT signing", service},
   };

@@ -128,6 +128,7 @@ const std::vector<option_row> kOptions = {
     {"--auth-cache-refresh-threshold-percent", FIELD(gw->auth_cache_refresh_threshold_pct), "50", "75"},
     {"--max-msg-size-mb", [](const broker_config_t& c) { return megabytes_text(c.gw->max_msg_size_bytes); }, "256",
      "2"},
+    {"--gw-services", FIELD(gw->services), nullptr, "scan,scanjs"},
     {"--amqp-relay-workers", FIELD(gw->amqp_relay_workers), "4", "8"},
     {"--relay-timeout-ms", FIELD(gw->relay_timeout_ms), "30000", "100"},
     {"--relay-max-timeout-ms", FIELD(gw->relay_max_timeout_ms), "300000", "200"},

@@ -68,7 +68,7 @@ TEST_F(AuthCache, CreationRulesClampingAndBadArguments) {
     EXPECT_FALSE(claim(cache, "u", "p"));
   }
   // Deny TTL -3 is stored as 0: denials are not recorded.
-  gw_auth_cache_insert_deny(c.get(), "x");
+  gw_auth_cache_insert_deny(c.get(), "x", "any");
   EXPECT_EQ(gw_auth_cache_lookup(c.get(), "x", "any"), GW_AUTH_CACHE_MISS);
 
   // A deny-only cache ignores grants.
@@ -77,14 +77,14 @@ TEST_F(AuthCache, CreationRulesClampingAndBadArguments) {
   gw_auth_cache_insert_grant(deny_only.get(), "u", "p");
   EXPECT_EQ(gw_auth_cache_lookup(deny_only.get(), "u", "p"), GW_AUTH_CACHE_MISS);
   EXPECT_FALSE(claim(deny_only.get(), "u", "p"));
-  gw_auth_cache_insert_deny(deny_only.get(), "u");
+  gw_auth_cache_insert_deny(deny_only.get(), "u", "p");
   EXPECT_EQ(gw_auth_cache_lookup(deny_only.get(), "u", "p"), GW_AUTH_CACHE_DENY);
 
   // No user, or no password, is never recorded nor found; an empty password is a password.
   CachePtr full = make(16, 120, 10, 50);
   gw_auth_cache_insert_grant(full.get(), "", "p");
   gw_auth_cache_insert_grant(full.get(), nullptr, "p");
-  gw_auth_cache_insert_deny(full.get(), "");
+  gw_auth_cache_insert_deny(full.get(), "", "p");
   EXPECT_EQ(gw_auth_cache_lookup(full.get(), "", "p"), GW_AUTH_CACHE_MISS);
   EXPECT_EQ(gw_auth_cache_lookup(full.get(), "u", nullptr), GW_AUTH_CACHE_MISS);
   EXPECT_EQ(gw_auth_cache_begin_verify(full.get(), "", "p"), GW_VERIFY_NOROOM);
@@ -97,13 +97,15 @@ TEST_F(AuthCache, CreationRulesClampingAndBadArguments) {
 TEST_F(AuthCache, GrantTurnsStaleAtTheThresholdAndExpiresAtTheTtlDenyAtItsOwn) {
   CachePtr c = make(64, 120, 10, 50);
   gw_auth_cache_insert_grant(c.get(), "alice", "pw");
-  gw_auth_cache_insert_grant(c.get(), "bob", "right");
-  gw_auth_cache_insert_deny(c.get(), "bob");
-  // A correct password wins over the denial of its user; the denial is per user, for any password.
-  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "right"), GW_AUTH_CACHE_GRANT);
-  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "anything"), GW_AUTH_CACHE_DENY);
-  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "Bob", "anything"), GW_AUTH_CACHE_MISS);
+  gw_auth_cache_insert_deny(c.get(), "bob", "other");
+  // A refusal is for that password alone: neither another password nor another user is refused.
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "right"), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "Bob", "other"), GW_AUTH_CACHE_MISS);
   EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "wrong"), GW_AUTH_CACHE_MISS);
+  // The same pair decided again: the newer verdict replaces the older.
+  gw_auth_cache_insert_deny(c.get(), "alice", "pw");
+  EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), GW_AUTH_CACHE_DENY);
+  gw_auth_cache_insert_grant(c.get(), "alice", "pw");
   const struct {
     int64_t at_ms;
     gw_auth_cache_result_t alice, bob_other_password;
@@ -121,6 +123,22 @@ TEST_F(AuthCache, GrantTurnsStaleAtTheThresholdAndExpiresAtTheTtlDenyAtItsOwn) {
     EXPECT_EQ(gw_auth_cache_lookup(c.get(), "alice", "pw"), row.alice);
     EXPECT_EQ(gw_auth_cache_lookup(c.get(), "bob", "other"), row.bob_other_password);
   }
+}
+
+// The key covers the whole user name and the whole password with their lengths: pairs
+// that share a long prefix, or split the same bytes differently, never meet.
+TEST_F(AuthCache, PairsDifferingAnywhereNeverShareAVerdict) {
+  CachePtr c = make(64, 120, 10, 50);
+  const std::string user(1100, 'u'), password(5000, 'p');
+  const std::pair<std::string, std::string> granted[] = {{user, "secret"}, {"alice", password}, {"ab", "c"}};
+  const std::pair<std::string, std::string> others[] = {
+      {user.substr(0, 1099) + "v", "secret"}, {user, "s"}, {"alice", password.substr(0, 4999) + "q"}, {"a", "bc"}};
+  for (const auto& [u, p] : granted) gw_auth_cache_insert_grant(c.get(), u.c_str(), p.c_str());
+  for (const auto& [u, p] : others) {
+    EXPECT_EQ(gw_auth_cache_lookup(c.get(), u.c_str(), p.c_str()), GW_AUTH_CACHE_MISS) << u.size() << " " << p.size();
+    gw_auth_cache_insert_deny(c.get(), u.c_str(), p.c_str());
+  }
+  for (const auto& [u, p] : granted) EXPECT_EQ(gw_auth_cache_lookup(c.get(), u.c_str(), p.c_str()), GW_AUTH_CACHE_GRANT);
 }
 
 TEST_F(AuthCache, UserDataTravelsWithTheGrant) {
@@ -141,7 +159,7 @@ TEST_F(AuthCache, UserDataTravelsWithTheGrant) {
   EXPECT_EQ(user_data_of("v"), held(nullptr, false));
   gw_auth_cache_insert_grant_ex(c.get(), "n", "p", nullptr);  // NULL given is user data too
   EXPECT_EQ(user_data_of("n"), held(nullptr, true));
-  gw_auth_cache_insert_deny(c.get(), "w");
+  gw_auth_cache_insert_deny(c.get(), "w", "p");
   EXPECT_EQ(user_data_of("w"), held(nullptr, false));
 }
 
@@ -211,7 +229,7 @@ TEST_F(AuthCache, InvalidateForgetsEveryVerdictAndOutlivesRefreshesUnderWay) {
   EXPECT_EQ(gw_auth_cache_invalidate(c.get()), 0u);
   gw_auth_cache_insert_grant(c.get(), "u", "p");
   gw_auth_cache_insert_grant_ex(c.get(), "v", "p", c.get());
-  gw_auth_cache_insert_deny(c.get(), "w");
+  gw_auth_cache_insert_deny(c.get(), "w", "p");
   advance_ms(61'000);
   ASSERT_TRUE(claim(c.get(), "u", "p"));
   EXPECT_EQ(gw_auth_cache_invalidate(c.get()), 3u);
@@ -242,7 +260,7 @@ TEST_F(AuthCache, FullTableEvictsTheLeastRecentlyUsed) {
     advance_ms(1);
     gw_auth_cache_lookup(c.get(), u, "p");
   }
-  gw_auth_cache_insert_deny(c.get(), "z");  // evicts c, now the least recently used
+  gw_auth_cache_insert_deny(c.get(), "z", "p");  // evicts c, now the least recently used
   EXPECT_EQ(gw_auth_cache_lookup(c.get(), "c", "p"), GW_AUTH_CACHE_MISS);
   advance_ms(10'000);  // z expires, the grants live on
   gw_auth_cache_insert_grant(c.get(), "f", "p");

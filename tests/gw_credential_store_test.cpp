@@ -100,8 +100,12 @@ TEST_F(CredentialFile, WhatTheLineScannerPairs) {
 }
 
 TEST_F(CredentialFile, ValidateComparesExactlyAndHoldsAt128Entries) {
+  // Two names alike in their first 1,099 bytes: each is its own user.
+  const std::string long_a(1100, 'n');
+  const std::string long_b = long_a.substr(0, 1099) + "b";
   std::string content = "user: \"Alice\"\npassword: \"secret\"\nuser: \"empty\"\npassword: \"\"\n";
-  for (int i = 2; i < 200; ++i) content += "user: \"u" + std::to_string(i) + "\"\npassword: \"p\"\n";
+  content += "user: \"" + long_a + "\"\npassword: \"pa\"\nuser: \"" + long_b + "\"\npassword: \"pb\"\n";
+  for (int i = 4; i < 200; ++i) content += "user: \"u" + std::to_string(i) + "\"\npassword: \"p\"\n";
   StorePtr store = load(content);
   ASSERT_NE(store, nullptr);
   const Entries got = entries_of(store.get());
@@ -115,10 +119,12 @@ TEST_F(CredentialFile, ValidateComparesExactlyAndHoldsAt128Entries) {
       {"Alice", "secret", true},   {"alice", "secret", false}, {"Alice", "secret ", false}, {"Alice", "secre", false},
       {"empty", "", true},         {"empty", "x", false},      {"u127", "p", true},         {"u128", "p", false},
       {nullptr, "secret", false},  {"Alice", nullptr, false},
+      {long_a.c_str(), "pa", true}, {long_b.c_str(), "pb", true}, {long_a.c_str(), "pb", false},
+      {long_b.c_str(), "pa", false},
   };
   for (const auto& c : checks) {
     EXPECT_EQ(gw_credential_store_validate(store.get(), c.user, c.password), c.valid)
-        << (c.user ? c.user : "(null)") << " / " << (c.password ? c.password : "(null)");
+        << (c.user ? std::string(c.user).substr(0, 40) : "(null)") << " / " << (c.password ? c.password : "(null)");
   }
   EXPECT_FALSE(gw_credential_store_validate(nullptr, "Alice", "secret"));
   int calls = 0;

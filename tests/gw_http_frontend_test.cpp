@@ -72,6 +72,7 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
   open([](gw_config_t& cfg) {
     cfg.max_msg_size_bytes = kPayloadCap;
     cfg.relay_timeout_ms = 1500;
+    cfg.services = "scan, qm-av-quarantine.scan";
   });
   const std::string malformed = "malformed multipart body\n", missing = "missing 'request' multipart field\n";
   const std::string too_large = "payload too large\n", relay_failed = "upstream relay failed\n";
@@ -110,6 +111,10 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
       {"no X-Target-Service", [](HttpRequest& r) { r.target.clear(); }, 400, "missing X-Target-Service\n"},
       {"worker too slow", [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":4000})"}}; }, 502, relay_failed},
       {"quarantine without worker", [](HttpRequest& r) { r.target = "qm-av-quarantine_scan"; }, 502, relay_failed},
+      {"system subject", [](HttpRequest& r) { r.target = "$JS.API.STREAM.NAMES"; }, 400, "reserved target\n"},
+      {"blank in the target", [](HttpRequest& r) { r.target = "a b"; }, 400, "malformed target\n"},
+      {"wildcard target", [](HttpRequest& r) { r.target = "scan.>"; }, 400, "malformed target\n"},
+      {"service not offered", [](HttpRequest& r) { r.target = "scanjs"; }, 404, "service not offered\n"},
   };
   for (const auto& row : rows) {
     const HttpResponse response = http_send(as(kLocal, kLocalPassword, row.change));
@@ -158,7 +163,7 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   open();
   verify_.script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
                  {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
-                 {"flaky", R"({"ok":true})"}});
+                 {"flaky", R"({"ok":true})"}, {"unknown-profile", R"({"ok":true,"profile":"nope"})"}});
   struct {
     const char *user, *password;
     long status;
@@ -172,6 +177,7 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
       {"refused", "pw", 401, GW_AUTH_CACHE_DENY, "auth DENY user=refused via=nats backend=(unknown) reason=locked"},
       {"blank", "", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=blank via=nats backend=(unknown)"},
       {"flaky", "pw", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=flaky"},
+      {"unknown-profile", "pw", 401, GW_AUTH_CACHE_MISS, "(grant names profile 'nope', which this broker does not know)"},
       {kRemote, kRemotePassword, 401, GW_AUTH_CACHE_MISS,
        "DENY user=verify-user via=nats (relay rc=-1, no reply — is authenticator running?)"},
   };
@@ -227,11 +233,11 @@ TEST_F(HttpDoorTest, StartRefusals) {
     cfg.http_tls_key = row.key;
     cfg.http_listen_port = row.port;
     qm::c_ptr<gw_http_frontend_t, gw_http_frontend_destroy> fe(
-        gw_http_frontend_create(&cfg, creds.get(), relay.get(), nullptr));
+        gw_http_frontend_create(&cfg, creds.get(), relay.get(), nullptr, nullptr));
     EXPECT_EQ(gw_http_frontend_start(fe.get()), -1) << row.log;
     EXPECT_TRUE(log_.contains(row.log)) << row.log;
   }
-  EXPECT_EQ(gw_http_frontend_create(&relay_cfg, nullptr, relay.get(), nullptr), nullptr);
+  EXPECT_EQ(gw_http_frontend_create(&relay_cfg, nullptr, relay.get(), nullptr, nullptr), nullptr);
 }
 
 TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {

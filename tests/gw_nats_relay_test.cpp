@@ -345,7 +345,9 @@ TEST_F(RelayTest, RepliesTheDemoWorkerNeverGivesAreTakenAsTheyCome) {
   RelayReply r = relay_request(relay.get(), "mute", "{}", "payload");
   EXPECT_EQ(r.rc, 0);
   EXPECT_FALSE(r.has_json);
-  // A reply payload whose manifest claims 10 bytes in 2 chunks, the first of 11: dropped, and deleted.
+  // A reply payload whose manifest claims 10 bytes in 2 chunks, the first of 11: the
+  // request fails, and only the manifest is deleted (its chunk count is not trusted).
+  LogCapture log(QMLOG_WARN);
   Responder liar(e.nc(), "liar", [&] {
     uint64_t rev = 0;
     kvStore_PutString(&rev, e.kv(), "lie-0", "eleven byte");
@@ -353,9 +355,12 @@ TEST_F(RelayTest, RepliesTheDemoWorkerNeverGivesAreTakenAsTheyCome) {
     return std::string(R"({"ReturnCode":0,"_kv_key":"lie"})");
   });
   r = relay_request(relay.get(), "liar", "{}");
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(qmtest::json_member(r.json, "_kv_key"), "lie");
-  EXPECT_FALSE(r.has_data);
+  EXPECT_EQ(r.rc, -1);
+  EXPECT_FALSE(r.has_json);
+  EXPECT_TRUE(log.contains("nats_relay: payload 'lie' refused: manifest of 10 bytes in 2 chunks is not the chunk "
+                           "count of its size"));
+  EXPECT_EQ(e.bucket_keys(), std::vector<std::string>{"lie-0"});
+  kvstore_delete_chunks(e.nc(), e.kv(), "lie", 1);
 }
 
 TEST_F(RelayTest, ThreeFailedStagingTriesFailTheRequestAndLeaveNothing) {
@@ -414,10 +419,10 @@ TEST_F(RelayTest, CreateSettlesItsBoundsAndRefusesWhatItCannotUse) {
 // ---- The chunked store ---------------------------------------------------------------------------
 
 // The payload under key as read back, "<unreadable>" when kvstore_get_chunked refuses it.
-std::string read_back(kvStore* kv, const char* key) {
+std::string read_back(kvStore* kv, const char* key, size_t max_len = 0) {
   char* data = nullptr;
   size_t len = 0;
-  if (kvstore_get_chunked(kv, key, &data, &len) != 0) return "<unreadable>";
+  if (kvstore_get_chunked(kv, key, max_len, &data, &len) != 0) return "<unreadable>";
   qm::malloc_ptr<char> owned(data);
   return std::string(data, len);
 }
@@ -447,26 +452,36 @@ TEST_F(RelayTest, ChunksSplitAtExactly512KiBAndGoByTheirManifest) {
   kvstore_delete_chunks(e.nc(), e.kv(), "orphan", 1);
 }
 
+// A manifest is a claim: it is read back only when it fits the chunks that exist and the cap.
 TEST_F(RelayTest, ManifestsThatDisagreeWithTheirChunksReadAsMissing) {
   ScanEnv& e = env();
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"chunks":2,"size":10})", "eleven byte"},    // a chunk overruns the size
-      {R"({"chunks":1,"size":0})", "x"},               // nothing to read
-      {R"({"chunks":1,"size":524289})", "x"},          // more than its chunks can hold
-      {"not json", "x"},
-      {R"({"chunks":2,"size":3})", nullptr},           // a chunk missing
+  const struct {
+    const char* manifest;
+    const char* chunk0;
+    size_t max_len;
+    const char* read;
+  } cases[] = {
+      {R"({"chunks":2,"size":10})", "eleven byte", 0, "<unreadable>"},  // a chunk overruns the size
+      {R"({"chunks":1,"size":0})", "x", 0, "<unreadable>"},             // nothing to read
+      {R"({"chunks":1,"size":524289})", "x", 0, "<unreadable>"},        // more than its chunks can hold
+      {"not json", "x", 0, "<unreadable>"},
+      {R"({"chunks":2,"size":3})", nullptr, 0, "<unreadable>"},         // a chunk missing
+      {R"({"chunks":1,"size":3})", "x", 0, "<unreadable>"},             // the chunks fall short of the size
+      {R"({"chunks":4096,"size":2147483648})", "x", 0, "<unreadable>"},  // 2 GiB claimed, the last chunk absent
+      {R"({"chunks":1,"size":5})", "12345", 4, "<unreadable>"},         // over the cap
+      {R"({"chunks":1,"size":5})", "12345", 5, "12345"},
   };
-  for (const auto& [manifest, chunk0] : cases) {
+  for (const auto& c : cases) {
     uint64_t rev = 0;
-    if (chunk0 != nullptr) kvStore_PutString(&rev, e.kv(), "bad-0", chunk0);
-    kvStore_PutString(&rev, e.kv(), "bad", manifest);
-    EXPECT_EQ(read_back(e.kv(), "bad"), "<unreadable>") << manifest;
+    if (c.chunk0 != nullptr) kvStore_PutString(&rev, e.kv(), "bad-0", c.chunk0);
+    kvStore_PutString(&rev, e.kv(), "bad", c.manifest);
+    EXPECT_EQ(read_back(e.kv(), "bad", c.max_len), c.read) << c.manifest;
     kvstore_delete_chunks(e.nc(), e.kv(), "bad", 2);
   }
   char poison = 'p';
   char* data = &poison;
   size_t len = 9;
-  EXPECT_EQ(kvstore_get_chunked(e.kv(), "never-written", &data, &len), -1);
+  EXPECT_EQ(kvstore_get_chunked(e.kv(), "never-written", 0, &data, &len), -1);
   EXPECT_EQ(data, nullptr);
   EXPECT_EQ(len, 0u);
 }

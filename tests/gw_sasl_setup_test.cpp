@@ -227,12 +227,15 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
   gw_sasl_teardown();
 }
 
-TEST(SaslCallbacks, NamesPassThroughUnchangedAndTruncated) {
+// A name that does not fit is refused whole: cut, it would be checked as another name.
+TEST(SaslCallbacks, NamesPassThroughUnchangedOrAreRefusedWhole) {
   LogCapture log(QMLOG_TRACE);
   char out[5];
   unsigned out_len = 0;
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "Alice@Realm", 11, SASL_CU_AUTHID, nullptr, out, sizeof out, &out_len),
-            SASL_OK);
+            SASL_BUFOVER);
+  EXPECT_TRUE(log.contains("sasl_canon: authid of 11 bytes is longer than the 4 bytes SASL can carry"));
+  EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "Alic", 4, SASL_CU_AUTHID, nullptr, out, sizeof out, &out_len), SASL_OK);
   EXPECT_EQ(std::string(out, out_len), "Alic");
   EXPECT_EQ(out[4], '\0');
   EXPECT_TRUE(log.contains("sasl_canon: authid='Alice@Realm' realm_param='(null)' (passing through verbatim)"));

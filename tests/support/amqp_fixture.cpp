@@ -31,6 +31,8 @@ AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   callout.callout_service = options.callout_service;
   callout.bin_dir = options.bin_dir;
   callout.env = options.env;
+  callout.users.insert(callout.users.end(), options.users.begin(), options.users.end());
+  if (!options.permissions_json.empty()) callout.permissions_json = options.permissions_json;
   if (tls_) make_test_certificates(certs_, "qmtest amqp CA");
   // The broker cannot be told to pick its own port: another process may take the free
   // one first, and then the broker starts again on the next.

@@ -22,6 +22,10 @@ namespace qmtest {
 struct AmqpEnvOptions {
   // Extra broker options (--max-msg-size-mb, --relay-timeout-ms ...).
   std::vector<std::string> broker_args;
+  // Users of the credentials file besides the test user and the worker.
+  user_list users;
+  // As in CalloutOptions: JSON permission profiles; empty: the fixture's default.
+  std::string permissions_json;
   bool tls = false;
   // false: no callout service in the broker; the worker logs in as the gateway user.
   bool callout_service = true;

@@ -131,7 +131,7 @@ HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users
   creds_.reset(gw_credential_store_load(dir_.file("credentials.conf").c_str()));
   relay_.reset(gw_nats_relay_create(&cfg_));
   cache_.reset(gw_auth_cache_create(1024, 120, 10, 50));
-  fe_.reset(gw_http_frontend_create(&cfg_, creds_.get(), relay_.get(), cache_.get()));
+  fe_.reset(gw_http_frontend_create(&cfg_, creds_.get(), relay_.get(), cache_.get(), nullptr));
   if (!fe_ || gw_http_frontend_start(fe_.get()) != 0) throw std::runtime_error("the HTTP door did not start");
 }
 

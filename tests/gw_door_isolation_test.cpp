@@ -1,0 +1,200 @@
+// The front doors act for their caller, not for the gateway: the real broker with both
+// doors open, the shipped permissions (the test user a client, who may publish to
+// services but not to other subjects), and one row per way a logged-in client could get
+// past them.
+#include <gtest/gtest.h>
+#include <nats/nats.h>
+
+#include <functional>
+#include <string>
+
+#include "amqp_fixture.hpp"
+#include "http_fixture.hpp"
+#include "log_capture.hpp"
+#include "qm_handles.hpp"
+
+namespace qmtest {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kWait = 60s;
+const std::string kAlicePassword = "alice-right";
+// Two users whose names are alike in their first 1,050 bytes, and a name that is nobody's
+// but shares the first 1,022 bytes with the first.
+const std::string kLongA(1100, 'l');
+const std::string kLongB = kLongA.substr(0, 1050) + std::string(50, 'm');
+const std::string kLongNobody = kLongA.substr(0, 1022) + std::string(78, 'z');
+
+class Doors {
+ public:
+  Doors() : env_(options()) {
+    const std::string listening = "HTTP frontend started on 0.0.0.0:";
+    if (!env_.wait_for_log(listening)) throw std::runtime_error("no HTTP door:\n" + env_.broker_log());
+    const std::string log = env_.broker_log();
+    http_url_ = "http://127.0.0.1:" + std::to_string(atoi(log.c_str() + log.find(listening) + listening.size())) + "/vsi";
+  }
+
+  AmqpEnv& env() { return env_; }
+
+  HttpResponse http(const std::string& user, const std::string& password, const std::string& target) {
+    HttpRequest request;
+    request.url = http_url_;
+    request.basic = {user, password};
+    request.target = target;
+    request.fields = {{"request", "{}"}};
+    return http_send(request);
+  }
+  bool amqp_admits(const std::string& user, const std::string& password) {
+    return AmqpClient(env_.port(), env_.login(user, password)).is_open();
+  }
+  bool nats_admits(const std::string& user, const std::string& password) {
+    return nats_login(env_.nats_url(), user, password).status == NATS_OK;
+  }
+  // What every door says to these credentials: HTTP status, AMQP and NATS logins. SASL
+  // carries no user name of 1,024 bytes or more: the AMQP door refuses those whole.
+  void expect_admitted_everywhere(const std::string& user, const std::string& password, bool admitted) {
+    EXPECT_EQ(http(user, password, "scan").status, admitted ? 200 : 401);
+    EXPECT_EQ(amqp_admits(user, password), admitted && user.size() < 1024);
+    EXPECT_EQ(nats_admits(user, password), admitted);
+  }
+  // One request through the AMQP door; its outcome, and the reply JSON when accepted.
+  std::pair<Outcome, std::string> amqp_scan(const std::string& address) {
+    ScanClient c(env_);
+    const int ticket = c.client.send(c.sender, scan_request(address, "{}", nullptr, c.reply_address, "r"));
+    const Outcome outcome = c.client.outcome(ticket, kWait);
+    const auto reply = outcome == Outcome::accepted ? c.client.receive(kWait) : std::nullopt;
+    return {outcome, reply ? reply_json(*reply) : ""};
+  }
+  // A NATS connection as the gateway user, which may do anything.
+  NatsLogin admin() { return nats_login(env_.nats_url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword); }
+
+ private:
+  // The shipped roles (every test user a client), with the test's worker allowed
+  // everything where no shipped role names it.
+  static AmqpEnvOptions options() {
+    std::string permissions = read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json");
+    const size_t profiles = permissions.find('{', permissions.find("\"profiles\"")) + 1;
+    permissions.insert(profiles, R"("any": {"publish": {"allow": [">"]}, "subscribe": {"allow": [">"]}},)");
+    const size_t map_end = permissions.find(']', permissions.find("\"file_user_map\""));
+    permissions.insert(map_end, std::string(R"(, {"user": ")") + AmqpEnv::kWorkerUser + R"(", "profile": "any"})");
+    AmqpEnvOptions options;
+    options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0"};
+    options.users = {{"alice", kAlicePassword}, {kLongA, "long-a-secret"}, {kLongB, "long-b-secret"}};
+    options.permissions_json = permissions;
+    return options;
+  }
+
+  AmqpEnv env_;
+  std::string http_url_;
+};
+
+long s_peak_rss_kib(pid_t pid) {
+  const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+  const size_t at = status.find("VmHWM:");
+  return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
+}
+
+// The doors relay with the gateway's own identity: a system subject or one the caller's
+// profile does not grant is refused before NATS sees it.
+void confused_deputy(Doors& doors) {
+  const HttpResponse streams = doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "$JS.API.STREAM.NAMES");
+  EXPECT_EQ(streams.status, 400);
+  EXPECT_EQ(streams.body.find("KV_"), std::string::npos) << streams.body;
+  EXPECT_EQ(doors.amqp_scan("$JS.API.STREAM.NAMES").first, Outcome::rejected);
+  EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "not.a.service").status, 403);
+  EXPECT_EQ(doors.amqp_scan("not.a.service").first, Outcome::rejected);
+  EXPECT_TRUE(doors.env().wait_for_log("amqp_acceptor: rejecting delivery to 'not.a.service' of user=scanner: target "
+                                       "not permitted"));
+}
+
+// Targets that would be protocol on the gateway's connection are refused at once, and
+// the connection stays up for the next request.
+void protocol_injection(Doors& doors) {
+  NatsLogin observer = doors.admin();
+  ASSERT_EQ(observer.status, NATS_OK) << observer.error;
+  natsSubscription* raw = nullptr;
+  ASSERT_EQ(natsConnection_SubscribeSync(&raw, observer.conn, "injected.>"), NATS_OK);
+  const qm::nats_subscription_ptr injected(raw);
+  ASSERT_EQ(natsConnection_Flush(observer.conn), NATS_OK);
+
+  EXPECT_EQ(doors.amqp_scan("scan\r\nPUB injected.by.scanner 2\r\nhi").first, Outcome::rejected);
+  EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "a b").status, 400);
+  EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "scan").status, 200);
+  EXPECT_EQ(json_member(doors.amqp_scan("scan").second, "size"), "0");
+  ASSERT_EQ(natsConnection_Flush(observer.conn), NATS_OK);
+  int pending = -1;
+  ASSERT_EQ(natsSubscription_GetPending(injected.get(), &pending, nullptr), NATS_OK);
+  EXPECT_EQ(pending, 0);
+  EXPECT_EQ(doors.env().callout().server_log().find("Parse Error"), std::string::npos);
+}
+
+// A refusal is remembered for that password only.
+void wrong_password_lockout(Doors& doors) {
+  EXPECT_EQ(doors.http("alice", "alice-wrong", "scan").status, 401);
+  doors.expect_admitted_everywhere("alice", kAlicePassword, true);
+}
+
+// Cache keys and the credentials file see whole names and whole passwords.
+void long_name_prefixes(Doors& doors) {
+  ASSERT_TRUE(doors.nats_admits(kLongA, "long-a-secret"));  // seeds the cache
+  EXPECT_EQ(doors.http(kLongA, "l", "scan").status, 401);
+  EXPECT_EQ(doors.http(kLongA, "long-a-secreT", "scan").status, 401);
+  doors.expect_admitted_everywhere(kLongNobody, "long-a-secret", false);
+  doors.expect_admitted_everywhere(kLongB, "long-b-secret", true);
+}
+
+// A worker's reply naming a manifest of 2 GiB over 4 KiB of chunks is refused before
+// anything is allocated for it.
+void ballooning_manifest(Doors& doors) {
+  NatsLogin worker = doors.admin();
+  ASSERT_EQ(worker.status, NATS_OK) << worker.error;
+  jsCtx* raw_js = nullptr;
+  ASSERT_EQ(natsConnection_JetStream(&raw_js, worker.conn, nullptr), NATS_OK);
+  const qm::js_ctx_ptr js(raw_js);
+  kvStore* raw_kv = nullptr;
+  ASSERT_EQ(js_KeyValue(&raw_kv, js.get(), "qm-av-scan-data"), NATS_OK);
+  const qm::kv_store_ptr kv(raw_kv);
+  uint64_t revision = 0;
+  for (int i = 0; i < 4096; ++i)
+    ASSERT_EQ(kvStore_PutString(&revision, kv.get(), ("balloon-" + std::to_string(i)).c_str(), "x"), NATS_OK);
+  ASSERT_EQ(kvStore_PutString(&revision, kv.get(), "balloon", R"({"chunks":4096,"size":2147483648})"), NATS_OK);
+  const auto answer = [](natsConnection* nc, natsSubscription*, natsMsg* msg, void*) {
+    natsConnection_PublishString(nc, natsMsg_GetReply(msg), R"({"ReturnCode":0,"_kv_key":"balloon"})");
+    natsMsg_Destroy(msg);
+  };
+  natsSubscription* raw_sub = nullptr;
+  ASSERT_EQ(natsConnection_Subscribe(&raw_sub, worker.conn, "balloon", answer, nullptr), NATS_OK);
+  const qm::nats_subscription_ptr sub(raw_sub);
+  ASSERT_EQ(natsConnection_Flush(worker.conn), NATS_OK);
+
+  const pid_t broker = doors.env().broker().pid();
+  EXPECT_EQ(json_member(doors.amqp_scan("scan").second, "size"), "0");
+  const long before_kib = s_peak_rss_kib(broker);
+  const std::string reply = doors.amqp_scan("balloon").second;
+  EXPECT_EQ(json_member(reply, "ReturnCode"), "-1000") << reply;
+  EXPECT_TRUE(doors.env().wait_for_log("nats_relay: payload 'balloon' refused: manifest of 2147483648 bytes in 4096 "
+                                       "chunks is larger than --max-msg-size-mb"));
+  EXPECT_LT(s_peak_rss_kib(broker) - before_kib, 8 * 1024);
+}
+
+TEST(DoorIsolation, LoggedInClientsCannotUseTheDoorsAgainstTheFleet) {
+  Doors doors;
+  const struct {
+    const char* fault;
+    std::function<void(Doors&)> check;
+  } rows[] = {
+      {"confused deputy", confused_deputy},
+      {"protocol injection", protocol_injection},
+      {"one wrong password locks the user out", wrong_password_lockout},
+      {"keys cut at 1,022 bytes", long_name_prefixes},
+      {"a reply manifest balloons the broker", ballooning_manifest},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.fault);
+    row.check(doors);
+  }
+}
+
+}  // namespace
+}  // namespace qmtest
