@@ -5,6 +5,8 @@
 #include <nats/version.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -207,6 +209,21 @@ s_probe_result s_probe_child(const broker_natsd_t& natsd, pid_t child, const qm:
   return s_wait_ready(target, s_probe_watch{&natsd.shutting_down, stop, child});
 }
 
+// In the child between fork and exec: closes every descriptor above stderr, so that the
+// server inherits none of ours, also none a library opened without close-on-exec.
+// Async-signal-safe.
+void s_close_inherited_descriptors() {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  if (close_range(3, ~0U, 0) == 0) return;
+#elif defined(SYS_close_range)
+  if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
+#endif
+  // A kernel older than 5.9: one by one, up to the descriptor limit.
+  struct rlimit limit {};
+  const rlim_t max = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY ? limit.rlim_cur : 65536;
+  for (rlim_t fd = 3; fd < max; ++fd) close(static_cast<int>(fd));
+}
+
 // Forks and execs the server. Everything the child needs is prepared before the fork,
 // since only async-signal-safe calls are allowed between fork and exec.
 pid_t s_spawn_child(const broker_natsd_t& natsd) {
@@ -232,6 +249,7 @@ pid_t s_spawn_child(const broker_natsd_t& natsd) {
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_DFL);
+    s_close_inherited_descriptors();
     execv(argv[0], argv.data());
     const int err = errno;
     const char* reason = strerrordesc_np(err);

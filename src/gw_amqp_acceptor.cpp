@@ -79,6 +79,9 @@ struct gw_amqp_acceptor {
   sasl_steps_ptr sasl_steps;  // with the gateway's own Cyrus binding only
   // Listeners and connections still open; the final drain waits for them.
   int live_endpoints = 0;
+  // Requests submitted to the relay whose reply has not yet been handed on; read by an
+  // update's drain from another thread.
+  std::atomic<size_t> inflight{0};
   // A signal handler may stop the loop, but waking the proactor takes its locks: the
   // handler only writes this eventfd, and the waker thread interrupts the proactor.
   qm::unique_fd stop_fd;
@@ -106,6 +109,7 @@ struct conn_context_t {
   std::vector<char> recv_buf;  // reserved: complete deliveries are read in one piece
   std::list<pending_reply_t> pending_replies;  // the newest first
   gw_relay_conn_handle_t* relay_handle = nullptr;
+  size_t inflight = 0;  // this connection's share of gw_amqp_acceptor::inflight
 };
 
 conn_context_t* s_context(pn_connection_t* c) {
@@ -310,6 +314,10 @@ void handle_completed_jobs(conn_context_t& ctx, pn_connection_t* conn) {
     job->next = nullptr;
     s_reply_to_job(ctx, conn, *job);
     gw_relay_job_free(job);
+    if (ctx.inflight > 0) {
+      --ctx.inflight;
+      --ctx.acc->inflight;
+    }
     job = next;
   }
 }
@@ -526,6 +534,8 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
     s_settle(d, PN_REJECTED);
     return;
   }
+  ++ctx.inflight;
+  ++ctx.acc->inflight;
   s_settle(d, PN_ACCEPTED);
   pn_link_flow(link, 1);
 }
@@ -669,6 +679,7 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
   if (acc.own_cyrus_binding) gw_amqp_cyrus_detach(t);
   gw_relay_conn_handle_close(ctx->relay_handle);
   gw_relay_conn_handle_release(ctx->relay_handle);
+  acc.inflight -= ctx->inflight;  // no reply is owed to a closed connection
   pn_connection_set_context(conn, nullptr);
   delete ctx;
 }
@@ -900,3 +911,5 @@ void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc) {
   acc->relay_pool.reset();
   acc->proactor.reset();
 }
+
+size_t gw_amqp_acceptor_inflight(const gw_amqp_acceptor_t* acc) { return acc != nullptr ? acc->inflight.load() : 0; }

@@ -31,6 +31,9 @@ void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc);
 // Async-signal-safe. Accepts NULL.
 void gw_amqp_acceptor_stop_accepting(gw_amqp_acceptor_t* acc);
 
+// Scan requests accepted and not yet answered (0 for NULL); any thread.
+size_t gw_amqp_acceptor_inflight(const gw_amqp_acceptor_t* acc);
+
 // Accepts NULL. Call after gw_amqp_acceptor_run has returned (or when it never ran):
 // relays what is still queued, then frees the event loop and the acceptor.
 void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc);

@@ -48,9 +48,9 @@ class InstalledLayout {
   std::string latest_bin() const { return workdir() + "/latest/bin"; }
   // The update options and environment of a broker running from this layout.
   std::vector<std::string> update_args(const UpdateServer& server) const {
-    return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1"};
+    return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1s"};
   }
-  std::vector<std::string> env() const { return {"QM_AV_BROKER_TEST_MINUTE_MS=300", "TMPDIR=" + tmpdir()}; }
+  std::vector<std::string> env() const { return {"TMPDIR=" + tmpdir()}; }
   std::string tmpdir() const { return dir_.file("tmp"); }
 
  private:
