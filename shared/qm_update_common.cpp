@@ -411,11 +411,6 @@ int s_store_package(CURL* curl, s_temp_download& temp, const std::string& dwnld_
     return -1;
   }
   log_trace("MD5 check OK");
-  // Before the package gets a name: a refused one never lies in the work directory.
-  if (qm::has_text(update_config->update_public_key) &&
-      s_verify_signature(update_config->update_public_key->c_str(), temp.path(), pkg_info->signature,
-                         "from the update server") != 0)
-    return -1;
   const char* effective_url = nullptr;
   curl_easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &effective_url);
   std::string filename;
@@ -423,6 +418,11 @@ int s_store_package(CURL* curl, s_temp_download& temp, const std::string& dwnld_
     log_error("Failed to obtain package filename");
     return -1;
   }
+  // Checked while still the temp file: a refused package never lies in the work directory.
+  if (qm::has_text(update_config->update_public_key) &&
+      s_verify_signature(update_config->update_public_key->c_str(), temp.path(), pkg_info->signature,
+                         filename.starts_with("/") ? filename.substr(1) : filename) != 0)
+    return -1;
   const std::string pkg_file = s_join(dwnld_dir, filename);
   if (rename(temp.path().c_str(), pkg_file.c_str()) != 0) {
     log_error("Failed to rename temp file. %s", QMstrerror(errno));
