@@ -42,10 +42,6 @@ constexpr int kDefaultStopGraceMs = 10000;
 constexpr int kDefaultCrashWindowMs = 600000;
 constexpr int kStopPollMs = 100;
 
-std::atomic<int> s_stop_grace_ms{kDefaultStopGraceMs};
-std::atomic<int> s_crash_window_ms{kDefaultCrashWindowMs};
-std::atomic<void (*)(broker_natsd_t*)> s_before_respawn_hook{nullptr};
-
 }  // namespace
 
 struct broker_natsd {
@@ -63,6 +59,7 @@ struct broker_natsd {
   int restart_backoff_ms_max = kDefaultBackoffMaxMs;
   int stop_grace_ms = kDefaultStopGraceMs;
   int crash_window_ms = kDefaultCrashWindowMs;
+  void (*before_respawn)(broker_natsd*) = nullptr;
   void (*on_give_up)(void*) = nullptr;
   void* on_give_up_arg = nullptr;
 
@@ -376,7 +373,7 @@ s_restart_result s_restart(broker_natsd_t& natsd, s_crash_budget& budget) {
   log_info("nats-server: restarting in %dms", budget.backoff_ms);
   if (!s_sleep_unless_stopping(natsd, budget.backoff_ms)) return s_restart_result::stopping;
   s_grow_backoff(natsd, budget);
-  if (auto hook = s_before_respawn_hook.load()) hook(&natsd);
+  if (natsd.before_respawn != nullptr) natsd.before_respawn(&natsd);
   const pid_t pid = s_spawn_unless_stopping(natsd);
   if (pid == 0) return s_restart_result::stopping;
   if (pid < 0) {
@@ -467,8 +464,9 @@ broker_natsd_t* broker_natsd_create(const broker_natsd_options_t* opts) {
     natsd->restart_max = s_positive_or(opts->restart_max, kDefaultRestartMax);
     natsd->restart_backoff_ms_initial = s_positive_or(opts->restart_backoff_ms_initial, kDefaultBackoffInitialMs);
     natsd->restart_backoff_ms_max = s_positive_or(opts->restart_backoff_ms_max, kDefaultBackoffMaxMs);
-    natsd->stop_grace_ms = s_stop_grace_ms.load();
-    natsd->crash_window_ms = s_crash_window_ms.load();
+    natsd->stop_grace_ms = s_positive_or(opts->stop_grace_ms, kDefaultStopGraceMs);
+    natsd->crash_window_ms = s_positive_or(opts->crash_window_ms, kDefaultCrashWindowMs);
+    natsd->before_respawn = opts->before_respawn;
     natsd->on_give_up = opts->on_give_up;
     natsd->on_give_up_arg = opts->on_give_up_arg;
     return natsd.release();
@@ -577,13 +575,3 @@ void broker_natsd_destroy(broker_natsd_t* natsd) {
 }
 
 pid_t broker_natsd_pid(const broker_natsd_t* natsd) { return natsd == nullptr ? -1 : natsd->child_pid.load(); }
-
-void broker_natsd_set_stop_grace_ms(int grace_ms) {
-  s_stop_grace_ms.store(grace_ms < 1 ? kDefaultStopGraceMs : grace_ms);
-}
-
-void broker_natsd_set_crash_window_ms(int window_ms) {
-  s_crash_window_ms.store(window_ms < 1 ? kDefaultCrashWindowMs : window_ms);
-}
-
-void broker_natsd_set_before_respawn_hook(void (*hook)(broker_natsd_t*)) { s_before_respawn_hook.store(hook); }
