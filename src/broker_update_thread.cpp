@@ -141,9 +141,15 @@ int s_check_and_stage(broker_update_thread_params_t* params, const s_paths& path
 // Runs while the staged version waits for its window and this node may update. A
 // successful activation ends the process.
 void s_activate_staged(broker_update_thread_params_t* params, qm_update_lockfile_t* cluster_lock) {
-  const broker_update_activation_handles_t handles{
-      params->cfg,       params->amqp_acc, params->http_fe, params->natsd, params->minute_ms,
-      params->clock,     broker_update_stop_requested,      params};
+  broker_update_activation_handles_t handles;
+  handles.cfg = params->cfg;
+  handles.amqp_acc = params->amqp_acc;
+  handles.http_fe = params->http_fe;
+  handles.natsd = params->natsd;
+  handles.defer_ms = params->minute_ms;
+  handles.clock = params->clock;
+  handles.stop_requested = broker_update_stop_requested;
+  handles.stop_udata = params;
   while (params->status == FILES_READY && !broker_update_stop_requested(params) &&
          qm_update_cluster_lock_acquire(cluster_lock, kClusterService)) {
     if (broker_update_activate(qm::cstr(params->update_deployed_to), &handles) != 0) {
