@@ -4,6 +4,9 @@
 # holding install.sh at its top and bin/qm-av-broker and bin/nats-server. The broker is
 # $QM_BROKER_BINARY, else build/qm-av-broker (built first if missing); nats-server is
 # $QM_NATS_SERVER, else the project-local one in .deps/. Prints the package's path.
+# With QM_UPDATE_SIGNING_KEY (an Ed25519 private key in PEM form) it also writes the
+# package's signature, base64 on one line, to OUTDIR/<package>.sig: the text the update
+# server sends in "X-Content-Signature", and the file a manual package needs beside it.
 set -euo pipefail
 
 component=qm-av-broker_nats-bin-linux-glibc2.28.amd64
@@ -26,6 +29,8 @@ nats=${QM_NATS_SERVER:-$root/.deps/nats-server/usr/sbin/nats-server}
 [ -x "$broker" ] || die "no broker binary at $broker"
 [ -x "$nats" ] || die "no nats-server at $nats (run scripts/setup.sh or set QM_NATS_SERVER)"
 command -v zip >/dev/null || die "the zip command is missing (run scripts/setup.sh)"
+signing_key=${QM_UPDATE_SIGNING_KEY:-}
+[ -z "$signing_key" ] || [ -r "$signing_key" ] || die "cannot read the signing key $signing_key"
 
 mkdir -p "$outdir"
 out="$(cd "$outdir" && pwd)/${component}_${version}.zip"
@@ -49,7 +54,13 @@ done
 EOF
 chmod 0755 "$stage/install.sh"
 
-rm -f "$out" "$out.part"
+rm -f "$out" "$out.part" "$out.sig"
 (cd "$stage" && zip -q -X -r "$out.part" install.sh bin)
+if [ -n "$signing_key" ]; then
+  # Ed25519 signs the package's bytes themselves (-rawin), not a digest of them.
+  openssl pkeyutl -sign -rawin -inkey "$signing_key" -in "$out.part" | base64 -w0 > "$out.sig.part"
+  [ -s "$out.sig.part" ] || die "signing with $signing_key failed"
+  mv "$out.sig.part" "$out.sig"
+fi
 mv "$out.part" "$out"
 echo "$out"

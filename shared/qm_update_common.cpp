@@ -5,16 +5,18 @@
 #include <curl/curl.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -37,6 +39,9 @@ extern char** environ;
 struct qm_update_lockfile {
   std::string path;
   qm::unique_fd fd;
+  // As a cluster lock: held by this process since `taken`.
+  bool cluster_held = false;
+  time_t cluster_taken = 0;
 };
 
 namespace {
@@ -48,6 +53,11 @@ constexpr const char* kInstallScript = "install.sh";
 constexpr const char* kLatestLinkName = "latest";
 constexpr const char* kMd5Header = "X-Content-Md5: ";
 constexpr const char* kLengthHeader = "Content-Length: ";
+constexpr const char* kSignatureHeader = "X-Content-Signature: ";
+constexpr const char* kSignatureSuffix = ".sig";
+constexpr size_t kEd25519SignatureBytes = 64;
+// A base64 signature is 88 characters; anything much longer is not one.
+constexpr size_t kMaxSignatureText = 256;
 constexpr size_t kMd5HeaderMinLength = 46;  // a line must be longer than this
 constexpr size_t kLengthHeaderMinLength = 17;
 constexpr long kConnectTimeoutSec = 30;
@@ -60,19 +70,10 @@ constexpr size_t kVersionDirNameLength = 10;
 // Space left free on the extraction file system whatever a package wants.
 constexpr uint64_t kExtractReserveBytes = 64ull * 1024 * 1024;
 
-// An install script only copies a few files; one that runs longer than this hangs.
-constexpr int64_t kDefaultInstallTimeLimitMs = 10 * 60 * 1000;
 // How often a running install script is looked at, and how long it gets to end on SIGTERM.
 constexpr int64_t kInstallPollMs = 50;
 constexpr int64_t kInstallKillGraceMs = 3000;
 
-// Generous for a package of a few binaries, small enough that a bomb cannot fill a disk.
-std::atomic<uint64_t> s_extract_max_bytes{512ull * 1024 * 1024};
-std::atomic<size_t> s_extract_max_entries{10000};
-std::atomic<int64_t> s_install_time_limit_ms{kDefaultInstallTimeLimitMs};
-
-std::atomic<bool> s_cluster_lock_held{false};
-std::atomic<time_t> s_cluster_lock_taken{0};
 
 std::string s_join(const std::string& dir, const std::string& name) { return dir + "/" + name; }
 
@@ -114,6 +115,11 @@ size_t s_header_callback(char* buffer, size_t size, size_t nitems, void* userdat
   if (line.starts_with("HTTP/")) {
     memset(pkg_info->md5, 0, sizeof pkg_info->md5);
     pkg_info->size = 0;
+    pkg_info->signature.clear();
+  } else if (line.starts_with(kSignatureHeader)) {
+    std::string_view value = line.substr(strlen(kSignatureHeader));
+    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.remove_suffix(1);
+    if (value.size() <= kMaxSignatureText) pkg_info->signature = std::string(value);
   } else if (len > kMd5HeaderMinLength && line.starts_with(kMd5Header)) {
     memset(pkg_info->md5, 0, sizeof pkg_info->md5);
     s_hexstring_to_bytearray(line.substr(strlen(kMd5Header)), pkg_info->md5, sizeof pkg_info->md5);
@@ -224,6 +230,104 @@ int s_verify_md5(const std::string& file, const qm_upd_pkg_info_t* pkg_info) {
   return 0;
 }
 
+// ---- signatures ----------------------------------------------------------------------
+
+// The Ed25519 public key of a PEM file ("openssl pkey -pubout"); null (logged) otherwise.
+qm::evp_pkey_ptr s_load_public_key(const char* pem_file) {
+  qm::file_ptr file(fopen(pem_file, "rbe"));
+  if (!file) {
+    log_error("Cannot read the update public key %s, %s", pem_file, QMstrerror(errno));
+    return nullptr;
+  }
+  qm::evp_pkey_ptr key(PEM_read_PUBKEY(file.get(), nullptr, nullptr, nullptr));
+  if (!key || EVP_PKEY_get_id(key.get()) != EVP_PKEY_ED25519) {
+    log_error("The update public key %s is not an Ed25519 public key in PEM form", pem_file);
+    return nullptr;
+  }
+  return key;
+}
+
+// The 64 signature bytes of base64 text; empty when the text is not that.
+std::string s_decode_signature(const std::string& text) {
+  if (text.empty() || text.size() > kMaxSignatureText || text.size() % 4 != 0) return {};
+  std::string bytes(text.size() / 4 * 3, '\0');
+  const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                                reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+  if (n < 0) return {};
+  // The decoder counts the padding as zero bytes.
+  const size_t padding = text.ends_with("==") ? 2 : text.ends_with("=") ? 1 : 0;
+  bytes.resize(static_cast<size_t>(n) - padding);
+  return bytes.size() == kEd25519SignatureBytes ? bytes : std::string();
+}
+
+// The whole file, mapped: Ed25519 signs the message itself, not a digest of it.
+class s_mapped_file {
+ public:
+  explicit s_mapped_file(const std::string& path) {
+    qm::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+    size_ = static_cast<size_t>(st.st_size);
+    if (size_ == 0) {
+      ok_ = true;
+      return;
+    }
+    void* data = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd.get(), 0);
+    if (data == MAP_FAILED) return;
+    data_ = static_cast<const unsigned char*>(data);
+    ok_ = true;
+  }
+  ~s_mapped_file() {
+    if (data_ != nullptr) munmap(const_cast<unsigned char*>(data_), size_);
+  }
+  s_mapped_file(const s_mapped_file&) = delete;
+  s_mapped_file& operator=(const s_mapped_file&) = delete;
+  bool ok() const { return ok_; }
+  const unsigned char* data() const { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  const unsigned char* data_ = nullptr;
+  size_t size_ = 0;
+  bool ok_ = false;
+};
+
+// 0 when `signature` (base64) is the update key's signature of the file at `path`.
+int s_verify_signature(const char* public_key_file, const std::string& path, const std::string& signature,
+                       const std::string& shown_name) {
+  if (signature.empty()) {
+    log_error("Update package %s is not signed \u2014 refusing it", shown_name.c_str());
+    return -1;
+  }
+  const qm::evp_pkey_ptr key = s_load_public_key(public_key_file);
+  if (!key) return -1;
+  const std::string raw = s_decode_signature(signature);
+  const s_mapped_file file(path);
+  qm::evp_md_ctx_ptr ctx(EVP_MD_CTX_new());
+  const bool valid = !raw.empty() && file.ok() && ctx &&
+                     EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
+                     EVP_DigestVerify(ctx.get(), reinterpret_cast<const unsigned char*>(raw.data()), raw.size(),
+                                      file.data(), file.size()) == 1;
+  if (!valid) {
+    log_error("Update package %s does not carry a valid signature of the update key %s \u2014 refusing it",
+              shown_name.c_str(), public_key_file);
+    return -1;
+  }
+  log_info("Update package %s: signature verified", shown_name.c_str());
+  return 0;
+}
+
+// The text of a manual package's signature file, without its line end; "" when absent.
+std::string s_read_signature_file(const std::string& path) {
+  qm::file_ptr file(fopen(path.c_str(), "rbe"));
+  if (!file) return {};
+  char text[kMaxSignatureText + 2] = "";
+  const size_t n = fread(text, 1, sizeof text - 1, file.get());
+  std::string signature(text, n);
+  while (!signature.empty() && (signature.back() == '\n' || signature.back() == '\r')) signature.pop_back();
+  return signature;
+}
+
 // "temp.dwnld" in the download directory, never left behind.
 class s_temp_download {
  public:
@@ -264,7 +368,9 @@ bool s_set_options(CURL* curl, const std::string& url, s_temp_download& temp, qm
             curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L) == CURLE_OK &&
             curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects) == CURLE_OK &&
             curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK &&
-            curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https") == CURLE_OK &&
+            // A package asked for over TLS never comes over plain HTTP.
+            curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, url.starts_with("https:") ? "https" : "http,https") ==
+                CURLE_OK &&
             // HTTP/2 would send header names in lower case, which the header reader does not take.
             curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1) == CURLE_OK &&
             curl_easy_setopt(curl, CURLOPT_WRITEDATA, temp.stream()) == CURLE_OK &&
@@ -296,7 +402,8 @@ bool s_set_options(CURL* curl, const std::string& url, s_temp_download& temp, qm
 }
 
 // A 200 response's body is in the closed temp file: verify it and give it its name.
-int s_store_package(CURL* curl, s_temp_download& temp, const std::string& dwnld_dir, qm_upd_pkg_info_t* pkg_info) {
+int s_store_package(CURL* curl, s_temp_download& temp, const std::string& dwnld_dir, qm_upd_pkg_info_t* pkg_info,
+                    const qm_update_config_t* update_config) {
   log_trace("Got an update");
   if (s_verify_md5(temp.path(), pkg_info) != 0) {
     log_error("Downloaded file failed md5 verification");
@@ -310,6 +417,11 @@ int s_store_package(CURL* curl, s_temp_download& temp, const std::string& dwnld_
     log_error("Failed to obtain package filename");
     return -1;
   }
+  // Checked while still the temp file: a refused package never lies in the work directory.
+  if (qm::has_text(update_config->update_public_key) &&
+      s_verify_signature(update_config->update_public_key->c_str(), temp.path(), pkg_info->signature,
+                         filename.starts_with("/") ? filename.substr(1) : filename) != 0)
+    return -1;
   const std::string pkg_file = s_join(dwnld_dir, filename);
   if (rename(temp.path().c_str(), pkg_file.c_str()) != 0) {
     log_error("Failed to rename temp file. %s", QMstrerror(errno));
@@ -328,22 +440,23 @@ struct s_extract_budget {
   uint64_t bytes_left;
   size_t entries_left;
   std::string dir;
+  qm_update_install_limits_t limits;
 };
 
-s_extract_budget s_make_budget(const std::string& dir) {
-  uint64_t bytes = s_extract_max_bytes.load();
+s_extract_budget s_make_budget(const std::string& dir, const qm_update_install_limits_t& limits) {
+  uint64_t bytes = limits.max_extract_bytes;
   struct statvfs fs {};
   if (statvfs(dir.c_str(), &fs) == 0) {
     const uint64_t free_bytes = static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize;
     bytes = std::min(bytes, free_bytes > kExtractReserveBytes ? free_bytes - kExtractReserveBytes : 0);
   }
-  return {bytes, s_extract_max_entries.load(), dir};
+  return {bytes, limits.max_extract_entries, dir, limits};
 }
 
 void s_log_budget_exceeded(const s_extract_budget& budget) {
   log_error("Update package expands beyond what it may write to %s (%llu bytes, %zu entries at most) — refusing it",
-            budget.dir.c_str(), static_cast<unsigned long long>(s_extract_max_bytes.load()),
-            s_extract_max_entries.load());
+            budget.dir.c_str(), static_cast<unsigned long long>(budget.limits.max_extract_bytes),
+            budget.limits.max_extract_entries);
 }
 
 int s_la_copy_data(archive* reader, archive* writer, s_extract_budget& budget) {
@@ -370,10 +483,40 @@ int s_la_copy_data(archive* reader, archive* writer, s_extract_budget& budget) {
   }
 }
 
-// Writes one entry below the current directory; false stops the extraction. Entries
-// that would land outside it ("..", absolute paths, through a symbolic link) are refused
-// by the writer, and a refused entry fails the whole package.
+// Writes one entry below the extraction directory; false stops the extraction. Entries
+// that would land outside it ("..", absolute paths, through a symbolic link) are
+// refused, and a refused entry fails the whole package.
+// A package's own name for an entry must stay below the extraction directory.
+bool s_entry_name_allowed(const char* name) {
+  if (name == nullptr || *name == '\0') return true;  // libarchive refuses it itself
+  if (*name == '/') {
+    log_error("Path is absolute");
+    return false;
+  }
+  for (std::string_view rest(name); !rest.empty();) {
+    const size_t slash = rest.find('/');
+    if (rest.substr(0, slash) == "..") {
+      log_error("Path contains '..'");
+      return false;
+    }
+    rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
+  }
+  return true;
+}
+
+// Names the entry (and a hard link's target) by its full path below `dir`, so that the
+// extraction never depends on the process's current directory.
+bool s_root_entry(archive_entry* entry, const std::string& dir) {
+  const char* name = archive_entry_pathname(entry);
+  const char* hardlink = archive_entry_hardlink(entry);
+  if (!s_entry_name_allowed(name) || !s_entry_name_allowed(hardlink)) return false;
+  if (name != nullptr && *name != '\0') archive_entry_copy_pathname(entry, s_join(dir, name).c_str());
+  if (hardlink != nullptr && *hardlink != '\0') archive_entry_copy_hardlink(entry, s_join(dir, hardlink).c_str());
+  return true;
+}
+
 bool s_la_extract_entry(archive* reader, archive* writer, archive_entry* entry, s_extract_budget& budget) {
+  if (!s_root_entry(entry, budget.dir)) return false;
   const bool announced_too_big =
       archive_entry_size_is_set(entry) && static_cast<uint64_t>(archive_entry_size(entry)) > budget.bytes_left;
   if (budget.entries_left == 0 || announced_too_big) {
@@ -392,7 +535,7 @@ bool s_la_extract_entry(archive* reader, archive* writer, archive_entry* entry, 
   return r >= ARCHIVE_WARN;
 }
 
-// Unpacks `filename` into the current directory.
+// Unpacks `filename` into budget.dir, whose path holds no symbolic link.
 int s_la_extract(const std::string& filename, s_extract_budget budget) {
   qm::archive_read_ptr reader(archive_read_new());
   qm::archive_write_ptr writer(archive_write_disk_new());
@@ -401,8 +544,7 @@ int s_la_extract(const std::string& filename, s_extract_budget budget) {
   archive_read_support_format_all(reader.get());
   archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_ACL |
                                                    ARCHIVE_EXTRACT_FFLAGS | ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                                   ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                                   ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+                                                   ARCHIVE_EXTRACT_SECURE_SYMLINKS);
   archive_write_disk_set_standard_lookup(writer.get());
   if (archive_read_open_filename(reader.get(), filename.c_str(), kArchiveBlockSize) != ARCHIVE_OK) {
     log_error("%s", archive_error_string(reader.get()));
@@ -489,8 +631,9 @@ enum class s_script_end { finished, stop_requested, timed_out };
 
 // Waits for the script, ending it when a stop is requested or it overruns its time.
 // -1 (errno set) when it cannot be waited for.
-int s_wait_script(pid_t pid, int* status, const s_abort_check& abort_check, s_script_end* end) {
-  const int64_t deadline = qm::monotonic_ms() + s_install_time_limit_ms.load();
+int s_wait_script(pid_t pid, int* status, const s_abort_check& abort_check, int64_t time_limit_ms,
+                  s_script_end* end) {
+  const int64_t deadline = qm::monotonic_ms() + time_limit_ms;
   for (;;) {
     const pid_t reaped = waitpid(pid, status, WNOHANG);
     if (reaped == pid) return 0;
@@ -505,34 +648,56 @@ int s_wait_script(pid_t pid, int* status, const s_abort_check& abort_check, s_sc
   }
 }
 
-// Runs `command` through /bin/sh like system(3), without touching this process's signal
-// dispositions (other threads keep theirs), with a default signal state in the child and
-// in a process group of its own, so that the whole script can be ended. -1 when it could
-// not be started.
-int s_run_shell(const std::string& command, int* status, const s_abort_check& abort_check, s_script_end* end) {
-  posix_spawnattr_t attr;
-  if (posix_spawnattr_init(&attr) != 0) return -1;
+// Owns a posix_spawn attribute and file-action set.
+struct s_spawn_setup {
+  posix_spawnattr_t attr{};
+  posix_spawn_file_actions_t actions{};
+  bool ok = false;
+  s_spawn_setup() {
+    const bool attr_ok = posix_spawnattr_init(&attr) == 0;
+    const bool actions_ok = posix_spawn_file_actions_init(&actions) == 0;
+    ok = attr_ok && actions_ok;
+  }
+  ~s_spawn_setup() {
+    posix_spawnattr_destroy(&attr);
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  s_spawn_setup(const s_spawn_setup&) = delete;
+  s_spawn_setup& operator=(const s_spawn_setup&) = delete;
+};
+
+// Runs `command` through /bin/sh like system(3), but in `dir` and in a process of its
+// own: this process's signal dispositions (other threads keep theirs) and current
+// directory stay as they are. The child gets a default signal state, a process group of
+// its own (so that the whole script can be ended) and no descriptor above 2, whatever a
+// library opened without close-on-exec. -1 when it could not be started.
+int s_run_shell(const std::string& command, const std::string& dir, int* status, const s_abort_check& abort_check,
+                int64_t time_limit_ms, s_script_end* end) {
+  s_spawn_setup spawn;
+  if (!spawn.ok) return -1;
   sigset_t none;
   sigset_t defaults;
   sigemptyset(&none);
   sigemptyset(&defaults);
   for (int sig : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD}) sigaddset(&defaults, sig);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setsigdefault(&attr, &defaults);
-  posix_spawnattr_setpgroup(&attr, 0);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setsigmask(&spawn.attr, &none);
+  posix_spawnattr_setsigdefault(&spawn.attr, &defaults);
+  posix_spawnattr_setpgroup(&spawn.attr, 0);
+  posix_spawnattr_setflags(&spawn.attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+  if (posix_spawn_file_actions_addchdir_np(&spawn.actions, dir.c_str()) != 0 ||
+      posix_spawn_file_actions_addclosefrom_np(&spawn.actions, 3) != 0)
+    return -1;
   std::string sh = "sh";
   std::string dash_c = "-c";
   std::string cmd = command;
   char* argv[] = {sh.data(), dash_c.data(), cmd.data(), nullptr};
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, environ);
-  posix_spawnattr_destroy(&attr);
+  const int rc = posix_spawn(&pid, "/bin/sh", &spawn.actions, &spawn.attr, argv, environ);
   if (rc != 0) {
     errno = rc;
     return -1;
   }
-  return s_wait_script(pid, status, abort_check, end);
+  return s_wait_script(pid, status, abort_check, time_limit_ms, end);
 }
 
 const char* s_describe_script_end(s_script_end end) {
@@ -541,13 +706,13 @@ const char* s_describe_script_end(s_script_end end) {
 }
 
 int s_run_install_script(const std::string& script, const std::string& extract_dir, const std::string& basedir,
-                         const std::string& content_dir, const s_abort_check& abort_check) {
+                         const std::string& content_dir, const s_abort_check& abort_check, int64_t time_limit_ms) {
   const std::string command = s_shell_quote(script) + " " + s_shell_quote(extract_dir) + " " + s_shell_quote(basedir) +
                               " " + s_shell_quote(content_dir);
   log_trace("Running install script %s", command.c_str());
   int status = 0;
   s_script_end end = s_script_end::finished;
-  if (s_run_shell(command, &status, abort_check, &end) != 0) {
+  if (s_run_shell(command, extract_dir, &status, abort_check, time_limit_ms, &end) != 0) {
     log_error("Failed to run %s: %s", command.c_str(), QMstrerror(errno));
     return -1;
   }
@@ -565,8 +730,9 @@ int s_run_install_script(const std::string& script, const std::string& extract_d
 }
 
 // A fresh, private extraction directory: whatever was left under its name goes, and a
-// directory that someone else created there in the meantime is not used.
-bool s_prepare_extract_dir(const std::string& dir) {
+// directory that someone else created there in the meantime is not used. Its path
+// without symbolic links, which the extraction refuses to write through; nullopt on error.
+qm::opt_string s_prepare_extract_dir(const std::string& dir) {
   struct stat st {};
   if (lstat(dir.c_str(), &st) == 0) {
     if (S_ISDIR(st.st_mode)) {
@@ -575,16 +741,18 @@ bool s_prepare_extract_dir(const std::string& dir) {
       unlink(dir.c_str());
     }
   }
-  if (qmhlp_create_dir(dir.c_str(), true, 0750) != 0) return false;
+  if (qmhlp_create_dir(dir.c_str(), true, 0750) != 0) return std::nullopt;
   if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid()) {
     log_error("Failed to create directory %s, %s", dir.c_str(), "it is not a directory of this user");
-    return false;
+    return std::nullopt;
   }
-  if (chdir(dir.c_str()) != 0) {
-    log_error("Failed to change directory to %s", dir.c_str());
-    return false;
+  std::error_code ec;
+  const std::filesystem::path resolved = std::filesystem::canonical(dir, ec);
+  if (ec) {
+    log_error("Failed to create directory %s, %s", dir.c_str(), ec.message().c_str());
+    return std::nullopt;
   }
-  return true;
+  return resolved.string();
 }
 
 // install.sh must be a file of the package itself, not a link to something elsewhere.
@@ -605,7 +773,7 @@ bool s_prepare_install_script(const std::string& script) {
   return true;
 }
 
-// Absolute: the installation works from inside the extraction directory.
+// Absolute: the install script runs in another directory than the caller's.
 std::string s_absolute(const std::string& path) {
   std::error_code ec;
   const std::filesystem::path absolute = std::filesystem::absolute(path, ec);
@@ -621,17 +789,18 @@ struct s_install_paths {
 };
 
 int s_install_package(const s_install_paths& paths, const char* content_subdir, const std::string& pkg_filename,
-                      const s_abort_check& abort_check) {
+                      const s_abort_check& abort_check, const qm_update_install_limits_t& limits) {
   log_info("Got update for %s. Installing...", content_subdir);
   const std::string content_dir = s_join(paths.new_ver_dir, content_subdir);
   if (qmhlp_create_dir(content_dir.c_str(), true, 0750) != 0) return -1;
-  if (!s_prepare_extract_dir(paths.extract_dir)) return -1;
+  const qm::opt_string extract_dir = s_prepare_extract_dir(paths.extract_dir);
+  if (!extract_dir) return -1;
   log_trace("Extracting update to %s", paths.extract_dir.c_str());
-  if (s_la_extract(paths.package, s_make_budget(paths.extract_dir)) != 0) {
+  if (s_la_extract(paths.package, s_make_budget(*extract_dir, limits)) != 0) {
     log_error("Failed to extract update package");
     return -1;
   }
-  const std::string script = s_join(paths.extract_dir, kInstallScript);
+  const std::string script = s_join(*extract_dir, kInstallScript);
   if (!s_prepare_install_script(script)) return -1;
   const qm::opt_string version = s_get_version_from_filename(pkg_filename);
   if (!version) {
@@ -642,7 +811,8 @@ int s_install_package(const s_install_paths& paths, const char* content_subdir, 
     log_error("Failed to create version file");
     return -1;
   }
-  return s_run_install_script(script, paths.extract_dir, paths.basedir, content_dir, abort_check);
+  return s_run_install_script(script, paths.extract_dir, paths.basedir, content_dir, abort_check,
+                              limits.install_time_limit_ms);
 }
 
 // ---- pruning and locks -------------------------------------------------------------
@@ -755,10 +925,11 @@ int qm_update_download_package(const char* component, const char* curr_ver, cons
     log_error("Failed to write the download to %s, %s", temp.path().c_str(), QMstrerror(errno));
     return -1;
   }
-  return s_store_package(curl.get(), temp, dwnld_dir, pkg_info);
+  return s_store_package(curl.get(), temp, dwnld_dir, pkg_info, update_config);
 }
 
-int get_updated_component_from_local(const char* component, const char* dwnld_dir, qm_upd_pkg_info_t* pkg_info) {
+int get_updated_component_from_local(const char* component, const char* dwnld_dir, qm_upd_pkg_info_t* pkg_info,
+                                     const qm_update_config_t* update_config) {
   if (component == nullptr || dwnld_dir == nullptr || pkg_info == nullptr) return -1;
   const time_t now = time(nullptr);
   struct tm local {};
@@ -776,13 +947,24 @@ int get_updated_component_from_local(const char* component, const char* dwnld_di
     log_error("Manual update file %s is not readable", path.c_str());
     return -1;
   }
+  if (update_config != nullptr && qm::has_text(update_config->update_public_key)) {
+    const std::string signature_file = path + kSignatureSuffix;
+    if (s_verify_signature(update_config->update_public_key->c_str(), path, s_read_signature_file(signature_file),
+                           name) != 0) {
+      unlink(path.c_str());
+      unlink(signature_file.c_str());
+      pkg_info_init(pkg_info);
+      return -1;
+    }
+  }
   log_info("Manual update available: %s", path.c_str());
   return 1;
 }
 
 int update_ver_dir_content(const char* basedir, const char* tempdir, const char* old_ver_dir, const char* new_ver_dir,
                            const char* content_subdir, bool upd_available, qm_upd_pkg_info_t* pkg_info,
-                           const char* service_name, qm_update_abort_fn should_abort, void* abort_udata) {
+                           const char* service_name, qm_update_abort_fn should_abort, void* abort_udata,
+                           const qm_update_install_limits* limits) {
   const bool args_ok =
       new_ver_dir != nullptr && content_subdir != nullptr &&
       (upd_available ? basedir != nullptr && tempdir != nullptr && pkg_info != nullptr : old_ver_dir != nullptr);
@@ -801,14 +983,15 @@ int update_ver_dir_content(const char* basedir, const char* tempdir, const char*
       s_absolute(basedir),
       s_absolute(s_join(tempdir, std::string("quillmere_update_") + (service_name ? service_name : "unknown"))),
       s_absolute(new_ver_dir), s_absolute(pkg_info->pkg_file)};
-  int rc = -1;
-  {
-    qmhlp_cwd_guard cwd;
-    rc = s_install_package(paths, content_subdir, pkg_info->filename, s_abort_check{should_abort, abort_udata});
-  }
+  const qm_update_install_limits_t bounds = limits != nullptr ? *limits : qm_update_install_limits_t{};
+  const int rc =
+      s_install_package(paths, content_subdir, pkg_info->filename, s_abort_check{should_abort, abort_udata}, bounds);
   log_trace("Cleaning up");
   if (qmhlp_IsFile(paths.extract_dir.c_str())) qmhlp_RemoveDir(paths.extract_dir.c_str());
-  if (!pkg_info->pkg_file.empty()) unlink(paths.package.c_str());
+  if (!pkg_info->pkg_file.empty()) {
+    unlink(paths.package.c_str());
+    unlink((paths.package + kSignatureSuffix).c_str());
+  }
   return rc;
 }
 
@@ -875,29 +1058,14 @@ int update_latest_link(const char* path, const char* new_ver_dir) {
   return 0;
 }
 
-void qm_update_set_extract_limits(uint64_t max_bytes, size_t max_entries) {
-  s_extract_max_bytes = max_bytes;
-  s_extract_max_entries = max_entries;
-}
-
-void qm_update_set_install_time_limit_ms(int64_t limit_ms) {
-  s_install_time_limit_ms = limit_ms > 0 ? limit_ms : kDefaultInstallTimeLimitMs;
-}
-
 int clean_old_versions(const char* path, const char* latest, int max_count) {
   if (path == nullptr || latest == nullptr) {
     log_error("Invalid parameters");
     return -1;
   }
-  // Absolute first: the work happens from inside the work directory.
   const std::string work_dir = s_absolute(path);
   const std::string latest_link = s_absolute(latest);
-  qmhlp_cwd_guard cwd;
-  if (chdir(work_dir.c_str()) != 0) {
-    log_error("Failed to change directory to %s, %s", path, QMstrerror(errno));
-    return -1;
-  }
-  qm::dir_ptr dir(opendir("."));
+  qm::dir_ptr dir(opendir(work_dir.c_str()));
   if (!dir) {
     log_error("Failed to open dir %s", path);
     return -1;
@@ -994,12 +1162,12 @@ qm_update_lockfile_t* qm_update_cluster_lock_new(const char* basedir, const char
 }
 
 bool qm_update_cluster_lock_acquire(qm_update_lockfile_t* lockfile, const char* service_name) {
-  if (s_cluster_lock_held || lockfile == nullptr) return true;
+  if (lockfile == nullptr || lockfile->cluster_held) return true;
   int error = 0;
   switch (s_try_lock(lockfile, &error)) {
     case 1:
-      s_cluster_lock_taken = time(nullptr);
-      s_cluster_lock_held = true;
+      lockfile->cluster_taken = time(nullptr);
+      lockfile->cluster_held = true;
       log_debug("Took the cluster update lock (%s)", lockfile->path.c_str());
       return true;
     case 0:
@@ -1016,16 +1184,18 @@ bool qm_update_cluster_lock_acquire(qm_update_lockfile_t* lockfile, const char* 
 }
 
 void qm_update_cluster_lock_release(qm_update_lockfile_t* lockfile, const char* reason) {
-  if (!s_cluster_lock_held) return;
+  if (lockfile == nullptr || !lockfile->cluster_held) return;
   lock_release(lockfile);
-  s_cluster_lock_held = false;
-  s_cluster_lock_taken = 0;
+  lockfile->cluster_held = false;
+  lockfile->cluster_taken = 0;
   log_debug("Released the cluster update lock (%s)", reason != nullptr ? reason : "no reason given");
 }
 
-bool qm_update_cluster_lock_is_held() { return s_cluster_lock_held; }
+bool qm_update_cluster_lock_is_held(const qm_update_lockfile_t* lockfile) {
+  return lockfile != nullptr && lockfile->cluster_held;
+}
 
-long qm_update_cluster_lock_held_seconds() {
-  if (!s_cluster_lock_held) return 0;
-  return static_cast<long>(time(nullptr) - s_cluster_lock_taken.load());
+long qm_update_cluster_lock_held_seconds(const qm_update_lockfile_t* lockfile) {
+  if (!qm_update_cluster_lock_is_held(lockfile)) return 0;
+  return static_cast<long>(time(nullptr) - lockfile->cluster_taken);
 }

@@ -13,9 +13,8 @@
 //   BASE/<component>/latest -> <version dir>  the active version
 //   BASE/<component>/temp.dwnld               a download in progress
 //
-// Everything here runs on one update thread. Installation, pruning and the copy of a
-// version work from inside a directory; the process's current directory is restored
-// before they return.
+// Everything here runs on one update thread, with absolute paths or paths relative to a
+// directory descriptor: the process's current directory is never changed.
 #pragma once
 
 #include <cstddef>
@@ -31,9 +30,12 @@ struct qm_update_config {
   bool update_engine = false;
   qm::opt_string update_server;     // unset: the built-in update server
   long update_check_interval = 60;  // minutes
+  long update_check_interval_seconds = 0;  // when > 0, the interval in seconds instead
   int update_max_backups = 3;
   bool no_certificate_check = false;
   qm::opt_string update_ca_file;  // PEM trust anchors for the update server; unset: the system's
+  // PEM Ed25519 public key whose signature every package must carry; unset: MD5 only.
+  qm::opt_string update_public_key;
 };
 using qm_update_config_t = qm_update_config;
 
@@ -80,8 +82,21 @@ struct qm_upd_pkg_info {
   size_t size = 0;             // announced in "Content-Length"; 0 when not announced
   std::string pkg_file;        // full path of the package on disk; "" when there is none
   std::string version;         // set for a manual package
+  std::string signature;       // base64 Ed25519 signature from "X-Content-Signature"; "" when absent
 };
 using qm_upd_pkg_info_t = qm_upd_pkg_info;
+
+// Bounds on one installation (NULL: these defaults). Generous for a package of a few
+// binaries, small enough that a hostile or broken one cannot fill a disk or hang the
+// updater: the bytes of file data it may unpack (further bounded by the free space of
+// the extraction file system, less a reserve), its entries, and how long install.sh may
+// run.
+struct qm_update_install_limits {
+  uint64_t max_extract_bytes = 512ull * 1024 * 1024;
+  size_t max_extract_entries = 10000;
+  int64_t install_time_limit_ms = 10 * 60 * 1000;
+};
+using qm_update_install_limits_t = qm_update_install_limits;
 
 // Resets every field. pkg_info_free forgets the package (the file itself stays).
 void pkg_info_init(qm_upd_pkg_info_t* pkg_info);
@@ -95,6 +110,9 @@ using qm_update_abort_fn = bool (*)(void* udata);
 // for a `component` newer than `curr_ver` and stores a verified package in `dwnld_dir`.
 // 1: downloaded and verified, `pkg_info` filled; 0: nothing newer (304); -1: any failure,
 // including a stop requested through `should_abort`. Never leaves "temp.dwnld" behind.
+// With update_config->update_public_key the body must also carry that key's Ed25519
+// signature in "X-Content-Signature" (base64); a package without it is refused and
+// deleted. A request to an https server follows redirects to https only.
 // A connect gives up after 30 s and a transfer slower than 1 byte/s for 60 s is dropped.
 int qm_update_download_package(const char* component, const char* curr_ver, const char* dwnld_dir,
                                qm_upd_pkg_info_t* pkg_info, const qm_update_config_t* update_config,
@@ -103,23 +121,26 @@ int qm_update_download_package(const char* component, const char* curr_ver, cons
 
 // A package an operator put down as "<component>_<today>001_manual.zip" in `dwnld_dir`
 // (today in local time). 1: found and readable, `pkg_info` filled; 0: none; -1: unusable.
-int get_updated_component_from_local(const char* component, const char* dwnld_dir, qm_upd_pkg_info_t* pkg_info);
+// With update_config->update_public_key its signature (base64, as in the download's
+// header) must lie beside it in "<package>.sig"; a package without a valid one is deleted
+// with its signature file, and the result is -1.
+int get_updated_component_from_local(const char* component, const char* dwnld_dir, qm_upd_pkg_info_t* pkg_info,
+                                     const qm_update_config_t* update_config = nullptr);
 
 // Fills `new_ver_dir`/`content_subdir`. With `upd_available`: unpacks the package into
 // `tempdir`/quillmere_update_<service_name>, writes the version file, and runs the
-// package's top-level install.sh with the extraction directory, `basedir` and the new
-// content directory as arguments; the package file is consumed either way. Without:
+// package's top-level install.sh, in the extraction directory, with the extraction
+// directory, `basedir` and the new content directory as arguments; the package file
+// (and a signature file beside it) is consumed either way. Without:
 // copies `old_ver_dir`/`content_subdir`. `new_ver_dir` must exist. 0 or -1.
-// install.sh runs in a process group of its own. When `should_abort` says so, or when it
+// install.sh runs in a process of its own, in a process group of its own, with no
+// descriptor of this process above 2. When `should_abort` says so, or when it
 // runs longer than the install time limit, the group gets SIGTERM, then SIGKILL after
 // 3 s, and the installation fails.
 int update_ver_dir_content(const char* basedir, const char* tempdir, const char* old_ver_dir, const char* new_ver_dir,
                            const char* content_subdir, bool upd_available, qm_upd_pkg_info_t* pkg_info,
                            const char* service_name, qm_update_abort_fn should_abort = nullptr,
-                           void* abort_udata = nullptr);
-
-// How long install.sh may run (default 10 minutes); values below 1 restore the default.
-void qm_update_set_install_time_limit_ms(int64_t limit_ms);
+                           void* abort_udata = nullptr, const qm_update_install_limits* limits = nullptr);
 
 // The first line of `version_dir`/`content_subdir`/.version.qm, or
 // QM_UPDATE_FALLBACK_VERSION when it cannot be read.
@@ -131,11 +152,6 @@ int create_version_file(const char* version_dir, const char* content_subdir, con
 // Points `path`/latest at `new_ver_dir` (stored as given). The link is replaced in one
 // step: readers see either the old or the new target. 0 or -1.
 int update_latest_link(const char* path, const char* new_ver_dir);
-
-// Limits on what one package may unpack to: its bytes of file data (further bounded by
-// the free space of the extraction file system, less a reserve) and its entries.
-// Refusing more keeps a hostile or broken package from filling the disk.
-void qm_update_set_extract_limits(uint64_t max_bytes, size_t max_entries);
 
 // Keeps the `max_count` newest version directories (names of ten digits) of the work
 // directory `path` and removes the older ones, but never the one that the `latest` link
@@ -164,7 +180,7 @@ int lock_check_create(qm_update_lockfile_t* lockfile);
 int lock_release(qm_update_lockfile_t* lockfile);
 
 // The cluster lock file "<basedir>/config/.<service_name>_update.lck"; NULL on error.
-// One process holds at most one cluster lock.
+// Whether it is held, and since when, is the handle's own state.
 qm_update_lockfile_t* qm_update_cluster_lock_new(const char* basedir, const char* service_name);
 // May the caller go on updating? Yes when the lock is taken or already held, and also
 // when the lock file cannot be used at all (a broken shared directory never blocks
@@ -172,6 +188,6 @@ qm_update_lockfile_t* qm_update_cluster_lock_new(const char* basedir, const char
 bool qm_update_cluster_lock_acquire(qm_update_lockfile_t* lockfile, const char* service_name);
 // Releases the lock if this process holds it; `reason` is for the log.
 void qm_update_cluster_lock_release(qm_update_lockfile_t* lockfile, const char* reason);
-bool qm_update_cluster_lock_is_held();
+bool qm_update_cluster_lock_is_held(const qm_update_lockfile_t* lockfile);
 // Seconds since the cluster lock was taken; 0 when it is not held.
-long qm_update_cluster_lock_held_seconds();
+long qm_update_cluster_lock_held_seconds(const qm_update_lockfile_t* lockfile);

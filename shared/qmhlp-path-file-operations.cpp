@@ -85,12 +85,6 @@ bool s_write_all(int fd, const char* data, size_t len) {
   return true;
 }
 
-bool s_change_dir(const std::string& dir) {
-  if (chdir(dir.c_str()) == 0) return true;
-  log_error("Failed to change directory to %s, %s", dir.c_str(), QMstrerror(errno));
-  return false;
-}
-
 using s_dir_identity = std::pair<dev_t, ino_t>;
 
 // Copies the entries of `source` (absolute) into the existing or new `dest` (absolute).
@@ -107,7 +101,6 @@ int s_copy_dir(const std::string& source, const std::string& dest, std::set<s_di
     return -1;
   }
   log_debug("copying %s to %s", source.c_str(), dest.c_str());
-  if (!s_change_dir(source)) return -1;
   if (!qmhlp_IsDir(dest.c_str())) {
     log_trace("%s does not yet exist", dest.c_str());
     if (qmhlp_create_dir(dest.c_str(), true, 0750) != 0) {
@@ -124,13 +117,14 @@ int s_copy_dir(const std::string& source, const std::string& dest, std::set<s_di
   while (const dirent* entry = readdir(dir.get())) {
     if (s_is_dot_or_dotdot(entry->d_name)) continue;
     struct stat st {};
-    if (stat(entry->d_name, &st) != 0) {
+    if (fstatat(dirfd(dir.get()), entry->d_name, &st, 0) != 0) {
       log_error("Failed to stat %s, %s", entry->d_name, QMstrerror(errno));
       return -1;
     }
+    const std::string origin = source + "/" + entry->d_name;
     const std::string target = dest + "/" + entry->d_name;
     if (!S_ISDIR(st.st_mode)) {
-      if (copy_file(entry->d_name, target.c_str()) != 0) {
+      if (copy_file(origin.c_str(), target.c_str()) != 0) {
         log_error("error copying %s, %s", entry->d_name, QMstrerror(errno));
         return -1;
       }
@@ -141,8 +135,7 @@ int s_copy_dir(const std::string& source, const std::string& dest, std::set<s_di
       continue;
     }
     if (qmhlp_create_dir(target.c_str(), true, 0755) != 0) return -1;
-    if (s_copy_dir(source + "/" + entry->d_name, target, ancestors) != 0) return -1;
-    if (!s_change_dir(source)) return -1;  // the recursion moved us
+    if (s_copy_dir(origin, target, ancestors) != 0) return -1;
   }
   ancestors.erase({self.st_dev, self.st_ino});
   return 0;
@@ -206,14 +199,6 @@ qm::opt_string s_expand(const char* path) {
 
 }  // namespace
 
-qmhlp_cwd_guard::qmhlp_cwd_guard() : saved_fd_(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
-
-qmhlp_cwd_guard::~qmhlp_cwd_guard() {
-  if (saved_fd_ < 0) return;
-  if (fchdir(saved_fd_) != 0) log_warn("Failed to return to the previous directory, %s", QMstrerror(errno));
-  close(saved_fd_);
-}
-
 bool qmhlp_IsFile(const char* path) {
   struct stat st {};
   return path != nullptr && lstat(path, &st) == 0;
@@ -273,14 +258,13 @@ int copy_file(const char* source, const char* dest) {
 int copy_dir_recursive(const char* source, const char* dest) {
   if (source == nullptr || dest == nullptr) return -1;
   std::error_code ec;
-  // Absolute paths first: the copy works from inside the source directory.
+  // Absolute: the caller's current directory may change while the copy runs.
   const std::string abs_source = std::filesystem::absolute(source, ec).string();
   const std::string abs_dest = std::filesystem::absolute(dest, ec).string();
   if (ec) {
     log_error("Failed to open source dir %s", source);
     return -1;
   }
-  qmhlp_cwd_guard cwd;
   std::set<s_dir_identity> ancestors;
   return s_copy_dir(abs_source, abs_dest, ancestors);
 }

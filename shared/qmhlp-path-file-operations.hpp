@@ -43,16 +43,3 @@ int copy_dir_recursive(const char* source, const char* dest);
 // escapes. std::nullopt for a null or empty path, or when a variable is not set.
 qm::opt_string qmhlp_expand_path(const char* path);
 
-// Notes the process's current directory and returns to it when it goes out of scope, so
-// that a helper working from inside a directory leaves other threads' relative paths
-// alone.
-class qmhlp_cwd_guard {
- public:
-  qmhlp_cwd_guard();
-  ~qmhlp_cwd_guard();
-  qmhlp_cwd_guard(const qmhlp_cwd_guard&) = delete;
-  qmhlp_cwd_guard& operator=(const qmhlp_cwd_guard&) = delete;
-
- private:
-  int saved_fd_;
-};

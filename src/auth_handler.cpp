@@ -51,7 +51,6 @@ constexpr const char* kVerifySubject = "qm.auth.verify";
 constexpr const char* kVerifyQueue = "qm-auth-verify";
 constexpr int kRefreshDrainMs = 6000;
 constexpr int kSubscribeConfirmMs = 5000;
-constexpr auto kStopPollInterval = std::chrono::milliseconds(500);
 constexpr auto kHandlerCompletionWait = std::chrono::seconds(5);
 // Checks that wait for the directory; file users and cached answers never queue here.
 constexpr size_t kRequestWorkers = 8;
@@ -424,8 +423,12 @@ int s_serve(auth_service_t& svc) {
   if (!s_subscribe(svc, data)) return -1;
 
   svc.enter(auth_service::phase::serving);
-  svc.running = !svc.stop_requested.load();
-  while (svc.running) std::this_thread::sleep_for(kStopPollInterval);
+  {
+    // Woken by auth_service_stop; a stop that came earlier is seen under the same lock.
+    std::unique_lock lock(svc.phase_mutex);
+    svc.running = !svc.stop_requested.load();
+    svc.phase_changed.wait(lock, [&svc] { return !svc.running.load(); });
+  }
 
   // No new requests, then the queued ones answered, then the connection closed; the
   // refreshes those answers may have started end before what they use is freed.
@@ -473,8 +476,12 @@ int auth_service_wait_serving(auth_service_t* svc) {
 
 void auth_service_stop(auth_service_t* svc) {
   if (svc == nullptr) return;
-  svc->stop_requested = true;
-  svc->running = false;
+  {
+    std::lock_guard lock(svc->phase_mutex);
+    svc->stop_requested = true;
+    svc->running = false;
+  }
+  svc->phase_changed.notify_all();
 }
 
 void auth_service_destroy(auth_service_t* svc) {

@@ -18,7 +18,6 @@
 #include <utility>
 #include <vector>
 
-#include "auth_ldap_testing.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 
@@ -66,13 +65,12 @@ struct auth_ldap_ctx {
   qm::opt_string group_attribute;
   qm::opt_string cacert_path;
 
-  auth_ldap_timeouts timeouts;
-  std::function<int64_t()> now_ms;
+  auth_ldap_timing timing;
 };
 
 namespace {
 
-int64_t s_now_ms(const auth_ldap_ctx_t& ctx) { return ctx.now_ms ? ctx.now_ms() : qm::monotonic_ms(); }
+int64_t s_now_ms(const auth_ldap_ctx_t& ctx) { return ctx.timing.now_ms ? ctx.timing.now_ms() : qm::monotonic_ms(); }
 
 timeval s_timeval(int ms) { return timeval{ms / 1000, (ms % 1000) * 1000}; }
 
@@ -160,10 +158,10 @@ ldap_handle s_initialize(const auth_ldap_ctx_t& ctx, const std::string& url) {
   }
   const int version = LDAP_VERSION3;
   ldap_set_option(ld.get(), LDAP_OPT_PROTOCOL_VERSION, &version);
-  const timeval network = s_timeval(ctx.timeouts.network_ms);
+  const timeval network = s_timeval(ctx.timing.network_ms);
   ldap_set_option(ld.get(), LDAP_OPT_NETWORK_TIMEOUT, &network);
   // Synchronous binds and searches wait at most this long for the server's answer.
-  const timeval operation = s_timeval(ctx.timeouts.operation_ms);
+  const timeval operation = s_timeval(ctx.timing.operation_ms);
   ldap_set_option(ld.get(), LDAP_OPT_TIMEOUT, &operation);
   s_apply_tls_options(ctx, ld.get(), url);
   return ld;
@@ -329,7 +327,7 @@ search_result ldap_find_user_dn_and_groups(const auth_ldap_ctx_t& ctx, LDAP* ld,
   const bool fetch_groups = want_groups && ctx.group_attribute;
   std::array<char*, 3> attrs{const_cast<char*>("dn"),
                              fetch_groups ? const_cast<char*>(ctx.group_attribute->c_str()) : nullptr, nullptr};
-  timeval limit = s_timeval(ctx.timeouts.operation_ms);
+  timeval limit = s_timeval(ctx.timing.operation_ms);
   LDAPMessage* raw = nullptr;
   result.rc = ldap_search_ext_s(ld, ep.base_dn.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), attrs.data(), 0,
                                 nullptr, nullptr, &limit, 1, &raw);
@@ -499,7 +497,7 @@ auth_ldap_ctx_t* auth_ldap_init(const char* url, const char* base_dn, const char
                                 const char* fallback_bind_dn, const char* fallback_bind_password,
                                 const char* fallback_user_filter, int pool_size,
                                 int idle_timeout_seconds, const char* group_attribute,
-                                const char* cacert_path) {
+                                const char* cacert_path, const auth_ldap_timing* timing) {
   if (url == nullptr || base_dn == nullptr) return nullptr;
   try {
     auto ctx = std::make_unique<auth_ldap_ctx_t>();
@@ -514,6 +512,7 @@ auth_ldap_ctx_t* auth_ldap_init(const char* url, const char* base_dn, const char
     }
     ctx->group_attribute = s_non_empty(group_attribute);
     ctx->cacert_path = s_non_empty(cacert_path);
+    if (timing != nullptr) ctx->timing = *timing;
     ctx->pool_size = pool_size;
     ctx->idle_timeout_seconds = idle_timeout_seconds;
     s_create_pool(*ctx, pool_size, idle_timeout_seconds);
@@ -539,11 +538,3 @@ bool auth_ldap_validate_ext(auth_ldap_ctx_t* ctx, const char* user, const char* 
 }
 
 void auth_ldap_destroy(auth_ldap_ctx_t* ctx) { std::unique_ptr<auth_ldap_ctx_t> owned(ctx); }
-
-void auth_ldap_set_timeouts(auth_ldap_ctx_t* ctx, const auth_ldap_timeouts& timeouts) {
-  if (ctx != nullptr) ctx->timeouts = timeouts;
-}
-
-void auth_ldap_set_clock(auth_ldap_ctx_t* ctx, std::function<int64_t()> now_ms) {
-  if (ctx != nullptr) ctx->now_ms = std::move(now_ms);
-}

@@ -87,6 +87,8 @@ enum option_id : int {
   OPT_UPDATE_MAINTENANCE_WINDOW,
   OPT_UPDATE_SERVER,
   OPT_UPDATE_NO_CERT_CHECK,
+  OPT_UPDATE_CA_FILE,
+  OPT_UPDATE_PUBLIC_KEY,
   OPT_HTTP_PROXY,
   OPT_TRACELEVEL,
   OPT_TRACEFILE,
@@ -167,6 +169,8 @@ const option kLongOptions[] = {
     {"update-maintenance-window", required_argument, nullptr, OPT_UPDATE_MAINTENANCE_WINDOW},
     {"update-server", required_argument, nullptr, OPT_UPDATE_SERVER},
     {"update-no-cert-check", required_argument, nullptr, OPT_UPDATE_NO_CERT_CHECK},
+    {"update-ca-file", required_argument, nullptr, OPT_UPDATE_CA_FILE},
+    {"update-public-key", required_argument, nullptr, OPT_UPDATE_PUBLIC_KEY},
     {"http-proxy", required_argument, nullptr, OPT_HTTP_PROXY},
     {"tracelevel", required_argument, nullptr, OPT_TRACELEVEL},
     {"tracefile", required_argument, nullptr, OPT_TRACEFILE},
@@ -190,6 +194,19 @@ int clamp_int(int v, int lo, int hi) { return v < lo ? lo : (v < hi ? v : hi); }
 // Plain decimal conversion without error detection: "abc" reads as 0.
 int s_to_int(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
 long s_to_long(const char* text) { return strtol(text, nullptr, 10); }
+
+// Minutes, or seconds with the suffix "s" (a staging installation that wants to see an
+// update at once).
+void s_set_check_interval(qm_update_config_t& update, const char* text) {
+  char* end = nullptr;
+  const long value = std::max(0L, strtol(text, &end, 10));
+  if (end != nullptr && strcmp(end, "s") == 0) {
+    update.update_check_interval_seconds = value;
+  } else {
+    update.update_check_interval = value;
+    update.update_check_interval_seconds = 0;
+  }
+}
 
 size_t s_megabytes_to_bytes(long mb) {
   if (mb < 0) return 0;
@@ -284,12 +301,14 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_RELAY_TIMEOUT_MS: gw.relay_timeout_ms = s_to_int(arg); break;
     case OPT_RELAY_MAX_TIMEOUT_MS: gw.relay_max_timeout_ms = s_to_int(arg); break;
     case OPT_UPDATE_BINARY: cfg.update_config.update_binary = parse_bool(arg); break;
-    case OPT_UPDATE_CHECK_INTERVAL: cfg.update_config.update_check_interval = std::max(0L, s_to_long(arg)); break;
+    case OPT_UPDATE_CHECK_INTERVAL: s_set_check_interval(cfg.update_config, arg); break;
     case OPT_UPDATE_DRAIN_TIMEOUT: cfg.update_drain_timeout_seconds = std::max(0, s_to_int(arg)); break;
     case OPT_UPDATE_MAX_BACKUPS: cfg.update_config.update_max_backups = std::max(0, s_to_int(arg)); break;
     case OPT_UPDATE_MAINTENANCE_WINDOW: set_str(cfg.update_maintenance_window, arg); break;
     case OPT_UPDATE_SERVER: set_str(cfg.update_config.update_server, arg); break;
     case OPT_UPDATE_NO_CERT_CHECK: cfg.update_config.no_certificate_check = parse_bool(arg); break;
+    case OPT_UPDATE_CA_FILE: set_str(cfg.update_config.update_ca_file, arg); break;
+    case OPT_UPDATE_PUBLIC_KEY: set_str(cfg.update_config.update_public_key, arg); break;
     case OPT_HTTP_PROXY: set_str(cfg.network_config.http_proxy, arg); break;
     case OPT_TRACELEVEL: cfg.log_level = clamp_int(s_to_int(arg), 0, 6); break;
     case OPT_TRACEFILE: set_str(cfg.log_file, arg); break;
@@ -420,13 +439,16 @@ JetStream scan-dispatch work queues (off unless --js-work-services is set):
 
 Auto-update (default: enabled):
   --update-binary <bool>               install new broker versions (default true)
-  --update-check-interval <minutes>    between update checks, at least 5 (default 60)
+  --update-check-interval <minutes>    between update checks (default 60); "<N>s" counts seconds
   --update-max-backups <N>             old versions kept (default 3)
   --update-drain-timeout-seconds <N>   wait for the front doors to drain (default 30)
   --update-maintenance-window <HH:MM-HH:MM>
                                        when to activate (default: as soon as possible)
   --update-server <url>                overrides the built-in update server
   --update-no-cert-check <bool>        skip the server certificate check (default false)
+  --update-ca-file <PEM>               trust anchors for the update server (default: the system's)
+  --update-public-key <PEM>            Ed25519 key every package must be signed with
+                                       (default: none; packages are checked by MD5 alone)
   --http-proxy <url>                   proxy for the download
 
 Logging:

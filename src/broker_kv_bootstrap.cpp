@@ -29,8 +29,6 @@ constexpr size_t kSanitizedBufferSize = 200;
 constexpr int64_t kNanosPerMs = 1000000;
 constexpr int64_t kNanosPerSec = 1000000000;
 
-std::mutex s_timing_lock;
-broker_kv_bootstrap_timing s_timing;
 
 
 const char* s_storage_word(bool memory) { return memory ? "memory" : "file"; }
@@ -248,6 +246,7 @@ struct s_bootstrap_params {
   bool memory = true;
   const broker_workqueue_opts* wq = nullptr;
   const qm::stop_flag* stop = nullptr;  // start-up's: ends the retries
+  broker_kv_bootstrap_timing timing;
 };
 
 int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_def& bucket, const s_bootstrap_params& params) {
@@ -450,16 +449,11 @@ int s_bootstrap_once(natsOptions* opts, const s_bootstrap_params& params) {
   return result;
 }
 
-broker_kv_bootstrap_timing s_current_timing() {
-  std::lock_guard<std::mutex> guard(s_timing_lock);
-  return s_timing;
-}
-
 int s_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                 const s_bootstrap_params& params) {
   qm::nats_options_ptr opts = s_build_options(nats_url, user, password, cert_path);
   if (!opts) return -1;
-  const broker_kv_bootstrap_timing timing = s_current_timing();
+  const broker_kv_bootstrap_timing& timing = params.timing;
   const int budget_sec = timing.budget_ms / 1000;
   const int64_t start_ms = qm::monotonic_ms();
   std::optional<int64_t> last_note_ms;
@@ -492,7 +486,8 @@ int s_bootstrap(const char* nats_url, const char* user, const char* password, co
 
 int broker_kv_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                         int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
-                        const broker_workqueue_opts* opts, const qm::stop_flag* stop) {
+                        const broker_workqueue_opts* opts, const qm::stop_flag* stop,
+                        const broker_kv_bootstrap_timing* timing) {
   if (nats_url == nullptr) {
     log_error("KV bootstrap: nats_url is NULL");
     return -1;
@@ -504,6 +499,7 @@ int broker_kv_bootstrap(const char* nats_url, const char* user, const char* pass
     params.memory = js_transient_memory;
     params.wq = opts;
     params.stop = stop;
+    if (timing != nullptr) params.timing = *timing;
     return s_bootstrap(nats_url, user, password, cert_path, params);
   } catch (const std::exception& e) {
     log_error("KV bootstrap: %s", e.what());
@@ -535,9 +531,4 @@ void qm_nats_wq_durable(const char* service, char* buf, size_t n) {
   char sanitized[kSanitizedBufferSize];
   qm_nats_wq_sanitize(service, sanitized, sizeof sanitized);
   snprintf(buf, n, "WORK_%s", sanitized);
-}
-
-void broker_kv_bootstrap_set_timing(const broker_kv_bootstrap_timing* timing) {
-  std::lock_guard<std::mutex> guard(s_timing_lock);
-  s_timing = timing != nullptr ? *timing : broker_kv_bootstrap_timing{};
 }

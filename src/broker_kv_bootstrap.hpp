@@ -21,13 +21,23 @@ struct broker_workqueue_opts {
   int64_t maxwaiting = 0;               // consumer MaxWaiting; 0 = server default
 };
 
+// The retry schedule; the defaults are production's.
+struct broker_kv_bootstrap_timing {
+  int budget_ms = 300000;        // give up once this much time has passed
+  int initial_delay_ms = 1000;   // first pause between attempts, doubled each time
+  int max_delay_ms = 5000;       // ceiling of the pause
+  int note_interval_ms = 15000;  // at most one "not ready yet" note per interval
+};
+
 // Connects as user/password (user NULL = anonymous) and makes sure every bucket, stream
-// and consumer exists, retrying for up to 300 s while JetStream is not ready (a cluster
-// electing its meta leader). 0 when everything exists, -1 otherwise. `opts` may be NULL.
-// A request on `stop` ends the retries at once with -1, without a message.
+// and consumer exists, retrying while JetStream is not ready (a cluster electing its meta
+// leader) on `timing`'s schedule (NULL: the defaults, up to 300 s). 0 when everything
+// exists, -1 otherwise. `opts` may be NULL. A request on `stop` ends the retries at once
+// with -1, without a message.
 int broker_kv_bootstrap(const char* nats_url, const char* user, const char* password, const char* cert_path,
                         int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
-                        const broker_workqueue_opts* opts, const qm::stop_flag* stop = nullptr);
+                        const broker_workqueue_opts* opts, const qm::stop_flag* stop = nullptr,
+                        const broker_kv_bootstrap_timing* timing = nullptr);
 
 // Names, written into buf (size n) and truncated silently to fit:
 // "jobs.<service>" with the name as given.
@@ -39,12 +49,3 @@ void qm_nats_wq_stream(const char* service, char* buf, size_t n);
 // "WORK_<sanitised service>".
 void qm_nats_wq_durable(const char* service, char* buf, size_t n);
 
-// Tests only: the retry schedule. Production values are the defaults below; a NULL
-// argument restores them.
-struct broker_kv_bootstrap_timing {
-  int budget_ms = 300000;        // give up once this much time has passed
-  int initial_delay_ms = 1000;   // first pause between attempts, doubled each time
-  int max_delay_ms = 5000;       // ceiling of the pause
-  int note_interval_ms = 15000;  // at most one "not ready yet" note per interval
-};
-void broker_kv_bootstrap_set_timing(const broker_kv_bootstrap_timing* timing);

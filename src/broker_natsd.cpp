@@ -5,6 +5,8 @@
 #include <nats/version.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,10 +42,6 @@ constexpr int kDefaultStopGraceMs = 10000;
 constexpr int kDefaultCrashWindowMs = 600000;
 constexpr int kStopPollMs = 100;
 
-std::atomic<int> s_stop_grace_ms{kDefaultStopGraceMs};
-std::atomic<int> s_crash_window_ms{kDefaultCrashWindowMs};
-std::atomic<void (*)(broker_natsd_t*)> s_before_respawn_hook{nullptr};
-
 }  // namespace
 
 struct broker_natsd {
@@ -61,6 +59,7 @@ struct broker_natsd {
   int restart_backoff_ms_max = kDefaultBackoffMaxMs;
   int stop_grace_ms = kDefaultStopGraceMs;
   int crash_window_ms = kDefaultCrashWindowMs;
+  void (*before_respawn)(broker_natsd*) = nullptr;
   void (*on_give_up)(void*) = nullptr;
   void* on_give_up_arg = nullptr;
 
@@ -207,6 +206,21 @@ s_probe_result s_probe_child(const broker_natsd_t& natsd, pid_t child, const qm:
   return s_wait_ready(target, s_probe_watch{&natsd.shutting_down, stop, child});
 }
 
+// In the child between fork and exec: closes every descriptor above stderr, so that the
+// server inherits none of ours, also none a library opened without close-on-exec.
+// Async-signal-safe.
+void s_close_inherited_descriptors() {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  if (close_range(3, ~0U, 0) == 0) return;
+#elif defined(SYS_close_range)
+  if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
+#endif
+  // A kernel older than 5.9: one by one, up to the descriptor limit.
+  struct rlimit limit {};
+  const rlim_t max = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY ? limit.rlim_cur : 65536;
+  for (rlim_t fd = 3; fd < max; ++fd) close(static_cast<int>(fd));
+}
+
 // Forks and execs the server. Everything the child needs is prepared before the fork,
 // since only async-signal-safe calls are allowed between fork and exec.
 pid_t s_spawn_child(const broker_natsd_t& natsd) {
@@ -232,6 +246,7 @@ pid_t s_spawn_child(const broker_natsd_t& natsd) {
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_DFL);
+    s_close_inherited_descriptors();
     execv(argv[0], argv.data());
     const int err = errno;
     const char* reason = strerrordesc_np(err);
@@ -358,7 +373,7 @@ s_restart_result s_restart(broker_natsd_t& natsd, s_crash_budget& budget) {
   log_info("nats-server: restarting in %dms", budget.backoff_ms);
   if (!s_sleep_unless_stopping(natsd, budget.backoff_ms)) return s_restart_result::stopping;
   s_grow_backoff(natsd, budget);
-  if (auto hook = s_before_respawn_hook.load()) hook(&natsd);
+  if (natsd.before_respawn != nullptr) natsd.before_respawn(&natsd);
   const pid_t pid = s_spawn_unless_stopping(natsd);
   if (pid == 0) return s_restart_result::stopping;
   if (pid < 0) {
@@ -449,8 +464,9 @@ broker_natsd_t* broker_natsd_create(const broker_natsd_options_t* opts) {
     natsd->restart_max = s_positive_or(opts->restart_max, kDefaultRestartMax);
     natsd->restart_backoff_ms_initial = s_positive_or(opts->restart_backoff_ms_initial, kDefaultBackoffInitialMs);
     natsd->restart_backoff_ms_max = s_positive_or(opts->restart_backoff_ms_max, kDefaultBackoffMaxMs);
-    natsd->stop_grace_ms = s_stop_grace_ms.load();
-    natsd->crash_window_ms = s_crash_window_ms.load();
+    natsd->stop_grace_ms = s_positive_or(opts->stop_grace_ms, kDefaultStopGraceMs);
+    natsd->crash_window_ms = s_positive_or(opts->crash_window_ms, kDefaultCrashWindowMs);
+    natsd->before_respawn = opts->before_respawn;
     natsd->on_give_up = opts->on_give_up;
     natsd->on_give_up_arg = opts->on_give_up_arg;
     return natsd.release();
@@ -559,13 +575,3 @@ void broker_natsd_destroy(broker_natsd_t* natsd) {
 }
 
 pid_t broker_natsd_pid(const broker_natsd_t* natsd) { return natsd == nullptr ? -1 : natsd->child_pid.load(); }
-
-void broker_natsd_set_stop_grace_ms(int grace_ms) {
-  s_stop_grace_ms.store(grace_ms < 1 ? kDefaultStopGraceMs : grace_ms);
-}
-
-void broker_natsd_set_crash_window_ms(int window_ms) {
-  s_crash_window_ms.store(window_ms < 1 ? kDefaultCrashWindowMs : window_ms);
-}
-
-void broker_natsd_set_before_respawn_hook(void (*hook)(broker_natsd_t*)) { s_before_respawn_hook.store(hook); }

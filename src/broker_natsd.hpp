@@ -9,6 +9,8 @@ namespace qm {
 class stop_flag;
 }
 
+struct broker_natsd;
+
 struct broker_natsd_options {
   const char* binary_path = nullptr;     // nats-server executable (required)
   const char* config_path = nullptr;     // its configuration file, passed with -c (required)
@@ -21,6 +23,13 @@ struct broker_natsd_options {
   int restart_max = 5;                   // crash budget; below 1 becomes 5
   int restart_backoff_ms_initial = 500;  // below 1 becomes 500
   int restart_backoff_ms_max = 30000;    // below 1 becomes 30000
+  int stop_grace_ms = 10000;             // SIGTERM to SIGKILL at a stop; below 1 becomes 10000
+  // A child that ran this long starts the crash count and the back-off afresh (ten
+  // minutes); below 1 becomes 600000.
+  int crash_window_ms = 600000;
+  // Called on the supervisor thread after the pause before a restart, just before the
+  // stop check and the spawn (a test's way in between the two); NULL: nothing.
+  void (*before_respawn)(broker_natsd* natsd) = nullptr;
   // Called once, on the supervisor thread, when supervision gives up while no stop was
   // asked for: the crash budget is spent, a respawn failed or the child could not be
   // waited for. The broker has no server from then on; main starts its shutdown here.
@@ -29,7 +38,6 @@ struct broker_natsd_options {
 };
 using broker_natsd_options_t = broker_natsd_options;
 
-struct broker_natsd;
 using broker_natsd_t = broker_natsd;
 
 // Copies the options. NULL when opts, binary_path, config_path or nats_url is missing.
@@ -52,7 +60,7 @@ int broker_natsd_wait_ready(const char* url, const char* user, const char* passw
 // that child is not restarted.
 int broker_natsd_signal(broker_natsd_t* natsd, int sig);
 
-// SIGTERM to the child, SIGKILL when it is still there after 10 s, then joins the
+// SIGTERM to the child, SIGKILL when it is still there after stop_grace_ms, then joins the
 // supervisor thread. The child is not restarted afterwards. Its pid file is removed
 // whenever a child of ours has been reaped.
 void broker_natsd_stop(broker_natsd_t* natsd);
@@ -62,14 +70,3 @@ void broker_natsd_destroy(broker_natsd_t* natsd);
 
 // The child's pid; -1 when there is no child or natsd is NULL.
 pid_t broker_natsd_pid(const broker_natsd_t* natsd);
-
-// Tests only: how long stop waits after SIGTERM before SIGKILL (default 10000 ms);
-// values below 1 restore the default. Affects objects created afterwards.
-void broker_natsd_set_stop_grace_ms(int grace_ms);
-// Tests only: how long a child must have run for its exit to start the crash count and
-// the back-off afresh (default 600000 ms, ten minutes); values below 1 restore the
-// default. Affects objects created afterwards.
-void broker_natsd_set_crash_window_ms(int window_ms);
-// Tests only: called on the supervisor thread after the pause before a restart, just
-// before the stop check and the spawn; NULL removes it.
-void broker_natsd_set_before_respawn_hook(void (*hook)(broker_natsd_t* natsd));

@@ -3,31 +3,21 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <optional>
-#include <string_view>
+#include <string>
 
 #include "broker_config.hpp"
 #include "broker_natsd.hpp"
-#include "broker_update_thread.hpp"
+#include "broker_update_layout.hpp"
 #include "gw_amqp_acceptor.hpp"
 #include "gw_http_frontend.hpp"
 #include "log.hpp"
-#include "qm_update_common.hpp"
 
 namespace {
 
-constexpr const char* kWorkDirName = "qm-av-broker";
-// nats-server lives at <base>/qm-av-broker/latest/bin/nats-server.
-constexpr int kComponentsBelowBase = 4;
-
-std::atomic<time_t (*)()> s_clock{nullptr};
-
-time_t s_now() {
-  time_t (*clock)() = s_clock.load();
-  return clock != nullptr ? clock() : time(nullptr);
-}
+// How often a wait looks at the stop request and the doors' in-flight counts.
+constexpr int64_t kPollMs = 20;
 
 // A window as minutes since midnight.
 struct s_window {
@@ -46,10 +36,41 @@ std::optional<s_window> s_parse_window(const char* win) {
   return s_window{start_hour * 60 + start_minute, end_hour * 60 + end_minute};
 }
 
+bool s_stop_requested(const broker_update_activation_handles_t& handles) {
+  return handles.stop_requested != nullptr && handles.stop_requested(handles.stop_udata);
+}
+
+// Waits until `done` holds, `ms` have passed or a stop is requested; true when `done` held.
+template <typename Done>
+bool s_wait(const broker_update_activation_handles_t& handles, int64_t ms, Done done) {
+  const int64_t deadline_ms = qm::monotonic_ms() + ms;
+  for (;;) {
+    if (done()) return true;
+    const int64_t left_ms = deadline_ms - qm::monotonic_ms();
+    if (left_ms <= 0 || s_stop_requested(handles)) return false;
+    qm::sleep_ms(std::min(left_ms, kPollMs));
+  }
+}
+
+size_t s_inflight(const broker_update_activation_handles_t& handles) {
+  return gw_amqp_acceptor_inflight(handles.amqp_acc) + gw_http_frontend_inflight(handles.http_fe);
+}
+
 // New connections are refused from here on; those already open carry on.
 void s_close_front_doors(const broker_update_activation_handles_t& handles) {
   if (handles.amqp_acc != nullptr) gw_amqp_acceptor_stop_accepting(handles.amqp_acc);
   if (handles.http_fe != nullptr) gw_http_frontend_stop_accepting(handles.http_fe);
+}
+
+void s_drain(const broker_update_activation_handles_t& handles, int drain_sec) {
+  log_info("broker_update: front doors closed \u2014 draining in-flight for up to %ds", drain_sec);
+  const int64_t started_ms = qm::monotonic_ms();
+  if (s_wait(handles, static_cast<int64_t>(drain_sec) * 1000, [&] { return s_inflight(handles) == 0; })) {
+    log_info("broker_update: nothing in flight at the front doors after %lld ms \u2014 drain done",
+             static_cast<long long>(qm::monotonic_ms() - started_ms));
+  } else {
+    log_warn("broker_update: drain ended with %zu request(s) still in flight", s_inflight(handles));
+  }
 }
 
 // The service manager starts whatever "latest" points to; a failure here only means the
@@ -71,7 +92,7 @@ void s_flip_latest(const broker_config_t& cfg, const std::string& stamp) {
 
 }  // namespace
 
-bool broker_update_in_maintenance_window(const char* win) {
+bool broker_update_in_maintenance_window(const char* win, time_t now) {
   if (win == nullptr || *win == '\0') return true;
   const std::optional<s_window> window = s_parse_window(win);
   if (!window) {
@@ -79,7 +100,6 @@ bool broker_update_in_maintenance_window(const char* win) {
              win);
     return true;
   }
-  const time_t now = s_now();
   struct tm local {};
   if (localtime_r(&now, &local) == nullptr) return true;
   const int minute = local.tm_hour * 60 + local.tm_min;
@@ -87,28 +107,27 @@ bool broker_update_in_maintenance_window(const char* win) {
   return window->start <= minute && minute <= window->end;
 }
 
-int broker_update_activate(broker_update_thread_params* params, const broker_update_activation_handles_t* handles) {
-  if (params == nullptr || handles == nullptr || handles->cfg == nullptr) {
+int broker_update_activate(const char* staged, const broker_update_activation_handles_t* handles) {
+  if (handles == nullptr || handles->cfg == nullptr) {
     log_error("broker_update: activate called with NULL args \u2014 aborting");
     return -1;
   }
-  if (!qm::has_text(params->update_deployed_to)) {
+  if (staged == nullptr || *staged == '\0') {
     log_error("broker_update: activate called but no update_deployed_to set \u2014 aborting");
     return -1;
   }
   const broker_config_t& cfg = *handles->cfg;
   const char* window = qm::cstr(cfg.update_maintenance_window);
-  if (qm::has_text(cfg.update_maintenance_window) && !broker_update_in_maintenance_window(window)) {
+  const time_t now = handles->clock != nullptr ? handles->clock() : time(nullptr);
+  if (qm::has_text(cfg.update_maintenance_window) && !broker_update_in_maintenance_window(window, now)) {
     log_info("broker_update: maintenance window \"%s\" not open \u2014 deferring activation", window);
-    broker_update_sleep_unless_stopped(params, broker_update_minute_ms());
+    s_wait(*handles, handles->defer_ms, [] { return false; });
     return 0;
   }
-  const std::string stamp = *params->update_deployed_to;
+  const std::string stamp = staged;
   log_info("broker_update: starting activation for staged version %s", stamp.c_str());
   s_close_front_doors(*handles);
-  const int drain_sec = std::max(cfg.update_drain_timeout_seconds, 0);
-  log_info("broker_update: front doors closed \u2014 draining in-flight for up to %ds", drain_sec);
-  broker_update_sleep_unless_stopped(params, static_cast<int64_t>(drain_sec) * 1000);
+  s_drain(*handles, std::max(cfg.update_drain_timeout_seconds, 0));
   if (handles->natsd != nullptr) {
     log_info("broker_update: stopping nats-server child");
     broker_natsd_stop(handles->natsd);
@@ -120,20 +139,3 @@ int broker_update_activate(broker_update_thread_params* params, const broker_upd
   log_info("broker_update: activation complete \u2014 exiting for systemd respawn");
   _exit(0);
 }
-
-qm::opt_string broker_update_basedir(const char* nats_server_binary) {
-  if (nats_server_binary == nullptr) return std::nullopt;
-  std::string_view path(nats_server_binary);
-  for (int i = 0; i < kComponentsBelowBase; ++i) {
-    const size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) return std::nullopt;
-    path = path.substr(0, slash);
-  }
-  return path.empty() ? std::string("/") : std::string(path);
-}
-
-std::string broker_update_workdir(const std::string& basedir) {
-  return basedir.ends_with("/") ? basedir + kWorkDirName : basedir + "/" + kWorkDirName;
-}
-
-void broker_update_set_clock_for_testing(time_t (*clock)()) { s_clock.store(clock); }

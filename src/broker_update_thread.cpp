@@ -4,16 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <string>
-#include <string_view>
 
 #include "broker_config.hpp"
 #include "broker_update_activation.hpp"
+#include "broker_update_layout.hpp"
 #include "log.hpp"
 #include "qmerror.hpp"
 #include "qmhlp-path-file-operations.hpp"
@@ -32,25 +30,6 @@ constexpr const char* kHostLockName = ".update.lock";
 constexpr int64_t kIdleStepMs = 5000;
 // How quickly a waiting thread notices STOP.
 constexpr int64_t kStopPollMs = 100;
-constexpr int64_t kMinuteMs = 60000;
-constexpr const char* kMinuteEnv = "QM_AV_BROKER_TEST_MINUTE_MS";
-
-std::atomic<int64_t> s_minute_override_ms{0};
-
-int64_t s_minute_from_environment() {
-  const char* text = getenv(kMinuteEnv);
-  if (text == nullptr || *text == '\0') return kMinuteMs;
-  int64_t ms = 0;
-  const std::string_view digits(text);
-  const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), ms);
-  if (ec != std::errc() || end != digits.data() + digits.size() || ms < 1) {
-    log_warn("broker_update: ignoring %s=\"%s\" (not a positive number of milliseconds)", kMinuteEnv, text);
-    return kMinuteMs;
-  }
-  log_warn("broker_update: %s shortens the update minute to %lld ms (for tests only)", kMinuteEnv,
-           static_cast<long long>(ms));
-  return ms;
-}
 
 // The host lock and the cluster lock, each held only for a cycle; the cluster lock is
 // released when the thread ends.
@@ -116,7 +95,7 @@ bool s_find_package(broker_update_thread_params_t* params, const s_paths& paths,
   }
   if (broker_update_stop_requested(params)) return false;
   pkg_info_init(pkg);
-  if (get_updated_component_from_local(kComponent, paths.workdir.c_str(), pkg) == 1) {
+  if (get_updated_component_from_local(kComponent, paths.workdir.c_str(), pkg, &cfg.update_config) == 1) {
     log_info("broker_update: using manually-staged update package");
     return true;
   }
@@ -145,7 +124,7 @@ int s_check_and_stage(broker_update_thread_params_t* params, const s_paths& path
   }
   const int rc = update_ver_dir_content(paths.basedir.c_str(), paths.tempdir.c_str(), paths.latest.c_str(),
                                         new_dir.c_str(), kContentSubdir, true, &pkg, kExtractService,
-                                        broker_update_stop_requested, params);
+                                        broker_update_stop_requested, params, &params->install_limits);
   pkg_info_free(&pkg);
   if (rc != 0) {
     log_error("broker_update: failed to install bin update");
@@ -162,10 +141,18 @@ int s_check_and_stage(broker_update_thread_params_t* params, const s_paths& path
 // Runs while the staged version waits for its window and this node may update. A
 // successful activation ends the process.
 void s_activate_staged(broker_update_thread_params_t* params, qm_update_lockfile_t* cluster_lock) {
-  const broker_update_activation_handles_t handles{params->cfg, params->amqp_acc, params->http_fe, params->natsd};
+  broker_update_activation_handles_t handles;
+  handles.cfg = params->cfg;
+  handles.amqp_acc = params->amqp_acc;
+  handles.http_fe = params->http_fe;
+  handles.natsd = params->natsd;
+  handles.defer_ms = params->minute_ms;
+  handles.clock = params->clock;
+  handles.stop_requested = broker_update_stop_requested;
+  handles.stop_udata = params;
   while (params->status == FILES_READY && !broker_update_stop_requested(params) &&
          qm_update_cluster_lock_acquire(cluster_lock, kClusterService)) {
-    if (broker_update_activate(params, &handles) != 0) {
+    if (broker_update_activate(qm::cstr(params->update_deployed_to), &handles) != 0) {
       log_warn("broker_update: activation failed \u2014 resetting to WAITING");
       params->status = WAITING;
       return;
@@ -196,8 +183,11 @@ void s_run_cycle(broker_update_thread_params_t* params, const s_paths& paths, s_
 // One cycle per interval, the first one a whole interval after the start. A version left
 // staged (stop requested, cluster lock refused) stops further cycles until the restart.
 void s_poll(broker_update_thread_params_t* params, const s_paths& paths, s_update_locks& locks) {
-  const long minutes = params->cfg->update_config.update_check_interval;
-  const int64_t interval_ms = (minutes > 0 ? minutes : 1) * broker_update_minute_ms();
+  const qm_update_config_t& update = params->cfg->update_config;
+  const long minutes = update.update_check_interval;
+  const int64_t interval_ms = update.update_check_interval_seconds > 0
+                                  ? update.update_check_interval_seconds * int64_t{1000}
+                                  : (minutes > 0 ? minutes : 1) * params->minute_ms;
   int64_t last_cycle_ms = qm::monotonic_ms();
   while (!broker_update_stop_requested(params)) {
     const int64_t until_due_ms = last_cycle_ms + interval_ms - qm::monotonic_ms();
@@ -230,6 +220,10 @@ void* broker_update_thread(void* arg) {
   if (!basedir || !s_init_lockfile(*basedir, locks)) {
     log_error("broker_update: lockfile init failed; thread exiting");
     return nullptr;
+  }
+  if (!qm::has_text(params->cfg->update_config.update_public_key)) {
+    log_warn("broker_update: no --update-public-key — packages are verified by MD5 alone, which catches "
+             "corruption but not forgery");
   }
   s_paths paths;
   paths.basedir = *basedir;
@@ -288,12 +282,3 @@ bool broker_update_sleep_unless_stopped(broker_update_thread_params_t* params, i
     qm::sleep_ms(std::min(left_ms, kStopPollMs));
   }
 }
-
-int64_t broker_update_minute_ms() {
-  const int64_t override_ms = s_minute_override_ms.load();
-  if (override_ms > 0) return override_ms;
-  static const int64_t from_environment = s_minute_from_environment();
-  return from_environment;
-}
-
-void broker_update_set_minute_ms_for_testing(int64_t ms) { s_minute_override_ms.store(ms > 0 ? ms : 0); }

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 
 #include "qm_cpp.hpp"
 #include "qm_update_common.hpp"
@@ -27,6 +28,13 @@ struct broker_update_thread_params {
   gw_amqp_acceptor* amqp_acc = nullptr;
   gw_http_frontend* http_fe = nullptr;
   broker_natsd* natsd = nullptr;
+  // The update minute in ms: check intervals and the wait for the maintenance window are
+  // counted in it. Tests shorten it.
+  int64_t minute_ms = 60000;
+  // The wall clock the maintenance window is judged by; NULL: time().
+  time_t (*clock)() = nullptr;
+  // Bounds on one installation.
+  qm_update_install_limits_t install_limits;
   // WAITING, UPDATING or FILES_READY; written by the thread.
   std::atomic<qm_update_status_t> status{WAITING};
   // STOP ends the thread. Lock-free, so a signal handler may set it.
@@ -63,12 +71,3 @@ bool broker_update_stop_requested(void* params);
 // Waits `ms` milliseconds, or less when the stop is requested meanwhile. False when it
 // ended because of the stop.
 bool broker_update_sleep_unless_stopped(broker_update_thread_params_t* params, int64_t ms);
-
-// The update thread's minute in milliseconds: 60000, unless a test shortened it through
-// the environment variable QM_AV_BROKER_TEST_MINUTE_MS (read once, with a warning) or
-// broker_update_set_minute_ms_for_testing. Check intervals and activation's wait for the
-// maintenance window are counted in it.
-int64_t broker_update_minute_ms();
-
-// Test seam: the minute in ms for threads started from now on; below 1 restores 60000.
-void broker_update_set_minute_ms_for_testing(int64_t ms);

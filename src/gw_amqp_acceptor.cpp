@@ -15,7 +15,6 @@
 #include <proton/ssl.h>
 #include <proton/terminus.h>
 #include <proton/transport.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,21 +79,9 @@ struct gw_amqp_acceptor {
   sasl_steps_ptr sasl_steps;  // with the gateway's own Cyrus binding only
   // Listeners and connections still open; the final drain waits for them.
   int live_endpoints = 0;
-  // A signal handler may stop the loop, but waking the proactor takes its locks: the
-  // handler only writes this eventfd, and the waker thread interrupts the proactor.
-  qm::unique_fd stop_fd;
-  std::atomic<bool> waker_quit{false};
-  std::thread waker;
-
-  void stop_waker() {
-    if (!waker.joinable()) return;
-    waker_quit.store(true);
-    const uint64_t one = 1;
-    (void)!write(stop_fd.get(), &one, sizeof one);
-    waker.join();
-  }
-
-  ~gw_amqp_acceptor() { stop_waker(); }
+  // Requests submitted to the relay whose reply has not yet been handed on; read by an
+  // update's drain from another thread.
+  std::atomic<size_t> inflight{0};
 };
 
 namespace {
@@ -111,6 +98,7 @@ struct conn_context_t {
   std::vector<char> recv_buf;  // reserved: complete deliveries are read in one piece
   std::list<pending_reply_t> pending_replies;  // the newest first
   gw_relay_conn_handle_t* relay_handle = nullptr;
+  size_t inflight = 0;  // this connection's share of gw_amqp_acceptor::inflight
 };
 
 conn_context_t* s_context(pn_connection_t* c) {
@@ -129,14 +117,6 @@ void s_close_transport(pn_transport_t* t) {
 }
 
 std::string s_bytes_text(pn_bytes_t b) { return b.start != nullptr ? std::string(b.start, b.size) : std::string(); }
-
-void s_waker_main(gw_amqp_acceptor* acc) {
-  uint64_t count = 0;
-  while (!acc->waker_quit.load()) {
-    if (read(acc->stop_fd.get(), &count, sizeof count) < 0 && errno != EINTR) return;
-    if (!acc->waker_quit.load()) pn_proactor_interrupt(acc->proactor.get());
-  }
-}
 
 // ---- replies ----------------------------------------------------------------------
 
@@ -315,6 +295,10 @@ void handle_completed_jobs(conn_context_t& ctx, pn_connection_t* conn) {
     job->next = nullptr;
     s_reply_to_job(ctx, conn, *job);
     gw_relay_job_free(job);
+    if (ctx.inflight > 0) {
+      --ctx.inflight;
+      --ctx.acc->inflight;
+    }
     job = next;
   }
 }
@@ -554,6 +538,8 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
     s_settle(d, PN_REJECTED);
     return;
   }
+  ++ctx.inflight;
+  ++ctx.acc->inflight;
   s_settle(d, PN_ACCEPTED);
   pn_link_flow(link, 1);
 }
@@ -716,6 +702,7 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
   if (acc.own_cyrus_binding) gw_amqp_cyrus_detach(t);
   gw_relay_conn_handle_close(ctx->relay_handle);
   gw_relay_conn_handle_release(ctx->relay_handle);
+  acc.inflight -= ctx->inflight;  // no reply is owed to a closed connection
   pn_connection_set_context(conn, nullptr);
   delete ctx;
 }
@@ -888,8 +875,7 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
     acc->host_fqdn = qm::or_text(qmhlp_GetMyFQDN(), "");
     acc->own_cyrus_binding = gw_amqp_cyrus_needed();
     acc->proactor.reset(pn_proactor());
-    acc->stop_fd.reset(eventfd(0, EFD_CLOEXEC));
-    if (!acc->proactor || !acc->stop_fd) return nullptr;
+    if (!acc->proactor) return nullptr;
     acc->relay_pool.reset(gw_relay_pool_create(relay, workers));
     if (!acc->relay_pool) {
       log_error("amqp_acceptor: failed to start relay worker pool (workers=%d)", workers);
@@ -902,7 +888,6 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
         return nullptr;
       }
     }
-    acc->waker = std::thread(s_waker_main, acc.get());
   } catch (const std::exception&) {
     return nullptr;
   }
@@ -932,8 +917,7 @@ int gw_amqp_acceptor_run(gw_amqp_acceptor_t* acc) {
 void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;
   acc->running.store(0);
-  const uint64_t one = 1;
-  (void)!write(acc->stop_fd.get(), &one, sizeof one);
+  pn_proactor_interrupt(acc->proactor.get());
 }
 
 void gw_amqp_acceptor_stop_accepting(gw_amqp_acceptor_t* acc) {
@@ -943,8 +927,9 @@ void gw_amqp_acceptor_stop_accepting(gw_amqp_acceptor_t* acc) {
 void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;
   std::unique_ptr<gw_amqp_acceptor> owned(acc);
-  acc->stop_waker();
   acc->sasl_steps.reset();
   acc->relay_pool.reset();
   acc->proactor.reset();
 }
+
+size_t gw_amqp_acceptor_inflight(const gw_amqp_acceptor_t* acc) { return acc != nullptr ? acc->inflight.load() : 0; }

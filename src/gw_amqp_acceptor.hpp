@@ -28,13 +28,16 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
 // then closes every connection and returns 0.
 int gw_amqp_acceptor_run(gw_amqp_acceptor_t* acc);
 
-// Ends the event loop. Async-signal-safe: callable from any thread and from a signal
-// handler. Accepts NULL.
+// Ends the event loop. Callable from any thread (not from a signal handler: the process
+// takes its signals with sigwaitinfo). Accepts NULL.
 void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc);
 
 // From now on new connections are accepted and closed at once; existing ones carry on.
 // Async-signal-safe. Accepts NULL.
 void gw_amqp_acceptor_stop_accepting(gw_amqp_acceptor_t* acc);
+
+// Scan requests accepted and not yet answered (0 for NULL); any thread.
+size_t gw_amqp_acceptor_inflight(const gw_amqp_acceptor_t* acc);
 
 // Accepts NULL. Call after gw_amqp_acceptor_run has returned (or when it never ran):
 // relays what is still queued, then frees the event loop and the acceptor.

@@ -70,6 +70,8 @@ struct gw_http_frontend {
   std::mutex refresh_mu;
   std::condition_variable refresh_done;
   int refreshes_running = 0;
+  // Scan requests begun and not yet completed; read by an update's drain.
+  std::atomic<size_t> inflight{0};
 };
 
 namespace {
@@ -447,6 +449,7 @@ MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const cha
   req_ctx_t* ctx = owned.get();
   ctx->payload_cap_bytes = fe.cfg->max_msg_size_bytes;
   *con_cls = owned.release();  // on_request_completed frees it, also after a 415
+  ++fe.inflight;
   ctx->pp.reset(MHD_create_post_processor(conn, kPostProcessorBufferBytes, on_post_field, ctx));
   if (!ctx->pp) {
     const char* content_type = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
@@ -566,10 +569,11 @@ MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const ch
   }
 }
 
-void on_request_completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) noexcept {
+void on_request_completed(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) noexcept {
   if (*con_cls == nullptr) return;
   std::unique_ptr<req_ctx_t> ctx(static_cast<req_ctx_t*>(*con_cls));
   *con_cls = nullptr;
+  --static_cast<gw_http_frontend*>(cls)->inflight;
 }
 
 void mhd_logger(void*, const char* fmt, va_list ap) noexcept {
@@ -761,3 +765,5 @@ void gw_http_frontend_destroy(gw_http_frontend_t* fe) {
 void gw_http_frontend_set_inactivity_timeout_for_testing(unsigned seconds) {
   s_inactivity_timeout_override.store(seconds);
 }
+
+size_t gw_http_frontend_inflight(const gw_http_frontend_t* fe) { return fe != nullptr ? fe->inflight.load() : 0; }

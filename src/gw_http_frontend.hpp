@@ -39,6 +39,9 @@ int gw_http_frontend_bound_port(gw_http_frontend_t* fe);
 // No-op when not started. Safe to call while another thread stops the frontend.
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);
 
+// Scan requests begun and not yet answered (0 for NULL); any thread.
+size_t gw_http_frontend_inflight(const gw_http_frontend_t* fe);
+
 // Stops the daemon and waits for its connection threads (requests in flight finish
 // first), so not from a signal handler or a connection thread. No-op when not started;
 // start may follow (the PEM files are read again).

@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "gw_relay_pool_testing.hpp"
 #include "log.hpp"
 
 struct gw_relay_conn_handle {
@@ -33,7 +32,7 @@ struct gw_relay_pool {
   gw_relay_job* head = nullptr;
   gw_relay_job* tail = nullptr;
   bool stopped = false;
-  std::atomic<gw_relay_wake_fn> wake{pn_connection_wake};
+  gw_relay_wake_fn wake = pn_connection_wake;  // fixed before the workers start
 };
 
 namespace {
@@ -60,7 +59,7 @@ void handoff_completed(gw_relay_pool& pool, gw_relay_job* job) {
   }
   job->next = h->completed_head;
   h->completed_head = job;
-  if (h->conn != nullptr) pool.wake.load()(h->conn);
+  if (h->conn != nullptr) pool.wake(h->conn);
 }
 
 void s_relay(gw_relay_pool& pool, gw_relay_job& job) {
@@ -137,12 +136,13 @@ gw_relay_job_t* gw_relay_job_new() {
 
 void gw_relay_job_free(gw_relay_job_t* job) { std::unique_ptr<gw_relay_job> owned(job); }
 
-gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads) {
+gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads, gw_relay_wake_fn wake) {
   if (relay == nullptr || num_threads < 1) return nullptr;
   std::unique_ptr<gw_relay_pool> pool;
   try {
     pool = std::make_unique<gw_relay_pool>();
     pool->relay = relay;
+    if (wake != nullptr) pool->wake = wake;
     pool->threads.reserve(static_cast<size_t>(num_threads));
     for (int i = 0; i < num_threads; ++i) pool->threads.emplace_back(worker_main, pool.get());
   } catch (const std::exception&) {
@@ -192,10 +192,6 @@ void gw_relay_pool_destroy(gw_relay_pool_t* pool) {
   // threads never ran.
   s_free_list(pool->head, false);
   pool->head = pool->tail = nullptr;
-}
-
-void gw_relay_pool_set_wake(gw_relay_pool_t* pool, gw_relay_wake_fn wake) {
-  if (pool != nullptr) pool->wake.store(wake != nullptr ? wake : pn_connection_wake);
 }
 
 void gw_relay_pool_stop(gw_relay_pool_t* pool) {

@@ -54,14 +54,22 @@ gw_relay_job_t* gw_relay_job_new();
 // Accepts NULL. Drops the job's handle reference, then frees what the job owns.
 void gw_relay_job_free(gw_relay_job_t* job);
 
-// num_threads workers relaying through `relay` (not owned). NULL when relay is NULL,
+// What a finished job's hand-off calls to wake its connection's event loop.
+using gw_relay_wake_fn = void (*)(pn_connection_t* conn);
+
+// num_threads workers relaying through `relay` (not owned); a finished job's connection
+// is woken with `wake` (NULL: pn_connection_wake). NULL when relay is NULL,
 // num_threads < 1, or a thread cannot start.
-gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads);
+gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads, gw_relay_wake_fn wake = nullptr);
 
 // Queues the job (FIFO, unbounded) and returns 0 at once. -1 when pool or job is NULL,
 // the job has no handle or the pool is stopped; the job is then freed here, so a
 // submitted job is never the caller's to free.
 int gw_relay_pool_submit(gw_relay_pool_t* pool, gw_relay_job_t* job);
+
+// Refuses further submissions; queued jobs still run. destroy completes the stop.
+// Accepts NULL.
+void gw_relay_pool_stop(gw_relay_pool_t* pool);
 
 // Accepts NULL. Stops taking jobs, lets the workers relay and hand off everything
 // already queued, joins them and frees the pool. Call after the event loop has stopped.

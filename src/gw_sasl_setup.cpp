@@ -19,7 +19,6 @@
 #include <utility>
 #include <vector>
 
-#include "gw_sasl_setup_testing.hpp"
 #include "gw_verify_reply.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
@@ -84,16 +83,6 @@ template <class Fn>
 sasl_cb_proc s_proc(Fn* fn) {
   return reinterpret_cast<sasl_cb_proc>(reinterpret_cast<void (*)()>(fn));
 }
-
-// The directory of "<service>.conf" comes from GETCONFPATH; GETPATH would move the
-// mechanism plugin directory instead, and PLAIN would no longer be found.
-const sasl_callback_t g_sasl_callbacks[] = {
-    {SASL_CB_LOG, s_proc(sasl_log_cb), nullptr},
-    {SASL_CB_GETCONFPATH, s_proc(sasl_getpath_cb), nullptr},
-    {SASL_CB_CANON_USER, s_proc(sasl_canon_user_cb), nullptr},
-    {SASL_CB_SERVER_USERDB_CHECKPASS, s_proc(auth_checkpass_cb), nullptr},
-    {SASL_CB_LIST_END, nullptr, nullptr},
-};
 
 // mkdir with mode 0700; an existing directory of ours is fine, anything else there
 // (a file, a symlink, another user's directory) is refused.
@@ -241,8 +230,6 @@ void s_remove_sasl_dir(int runtime_fd) {
   unlinkat(runtime_fd, "sasl", AT_REMOVEDIR);
 }
 
-}  // namespace
-
 int sasl_log_cb(void*, int level, const char* message) {
   if (message == nullptr) return SASL_OK;
   switch (level) {
@@ -333,7 +320,19 @@ int auth_checkpass_cb(sasl_conn_t*, void*, const char* user, const char* passwor
   return s_set_verdict(s_verdict_of(user, reply_json));
 }
 
-const sasl_callback_t* gw_sasl_callbacks() { return g_sasl_callbacks; }
+// The directory of "<service>.conf" comes from GETCONFPATH; GETPATH would move the
+// mechanism plugin directory instead, and PLAIN would no longer be found.
+const sasl_callback_t g_sasl_callbacks[] = {
+    {SASL_CB_LOG, s_proc(sasl_log_cb), nullptr},
+    {SASL_CB_GETCONFPATH, s_proc(sasl_getpath_cb), nullptr},
+    {SASL_CB_CANON_USER, s_proc(sasl_canon_user_cb), nullptr},
+    {SASL_CB_SERVER_USERDB_CHECKPASS, s_proc(auth_checkpass_cb), nullptr},
+    {SASL_CB_LIST_END, nullptr, nullptr},
+};
+
+}  // namespace
+
+const sasl_callback* gw_sasl_callbacks() { return g_sasl_callbacks; }
 
 const char* gw_sasl_setup(const char* service_name, const char* runtime_dir, gw_nats_relay_t* relay) {
   if (service_name == nullptr || runtime_dir == nullptr || relay == nullptr) {

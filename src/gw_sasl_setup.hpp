@@ -20,6 +20,13 @@ inline constexpr const char* GW_SASL_SERVICE_NAME = "quillmere-av-scangateway";
 // returns the same directory and changes nothing.
 const char* gw_sasl_setup(const char* service_name, const char* runtime_dir, gw_nats_relay_t* relay);
 
+// The callback table gw_sasl_setup initialises Cyrus with (Cyrus's sasl_callback_t,
+// ended by SASL_CB_LIST_END): the log, the configuration path, user-name
+// canonicalisation and the password check. For a caller that initialises Cyrus again
+// itself; valid for the whole process.
+struct sasl_callback;
+const sasl_callback* gw_sasl_callbacks();
+
 // Shuts Cyrus's server library down and removes the file and both directories. Safe
 // after a set-up that failed half-way, and when set-up never ran.
 void gw_sasl_teardown();

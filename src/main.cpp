@@ -1,7 +1,6 @@
-// qm-av-broker: start-up in a fixed order, process signals taken on the main thread
-// alone, and an orderly shutdown.
-#include "main.hpp"
-
+// qm-av-broker: one owner (broker_app) starts the subsystems from a list in a fixed
+// order and stops those it started in reverse; process signals are taken on the main
+// thread alone.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -38,12 +37,6 @@
 #include "qm_nats_conn.hpp"
 #include "qmerror.hpp"
 
-std::atomic<bool> g_shutdown_requested{false};
-std::atomic<bool> g_reload_requested{false};
-broker_auth_watcher_t* g_auth_watcher = nullptr;
-gw_auth_cache_t* g_auth_cache = nullptr;
-std::atomic<gw_http_frontend_t*> g_http_fe{nullptr};
-
 namespace {
 
 constexpr const char* kProgramName = "qm-av-broker";
@@ -51,37 +44,44 @@ constexpr const char* kProgramName = "qm-av-broker";
 // start-up has ended, supervision gave up); blocked like the process signals.
 constexpr int kWakeSignal = SIGUSR1;
 
-pthread_t g_main_thread;
-
-// The supervised nats-server child; a shutdown signal forwards SIGTERM to it.
-std::atomic<broker_natsd_t*> g_natsd{nullptr};
-// The auth-callout service and its thread; a shutdown signal stops the service.
-std::atomic<auth_service_t*> g_auth_svc{nullptr};
-broker_auth_thread_t* g_auth_thr = nullptr;
-// The AMQP acceptor; a shutdown signal stops its event loop.
-std::atomic<gw_amqp_acceptor_t*> g_amqp_acc{nullptr};
-// The update thread's parameters; a shutdown signal sets its target status to STOP.
-std::atomic<broker_update_thread_params_t*> g_update_thr{nullptr};
-// Ends the start-up's long waits (readiness probe, KV bootstrap's retries) at a stop.
-qm::stop_flag g_startup_stop;
-// nats-server supervision has given up: the broker shuts down with exit code 1, so that
-// the service manager starts it afresh.
-std::atomic<bool> g_supervision_gave_up{false};
-
-// The logger borrows the file name; this copy outlives the configuration, which is
-// freed before the last log line.
-std::string g_log_file_name;
-
+// Everything the broker runs, owned here from start to teardown. The start-up thread
+// publishes a subsystem through its atomic once it exists, so that a stop taken on the
+// main thread meanwhile reaches it; the teardown clears each before destroying it.
 struct broker_app {
   broker_config_t* cfg = nullptr;
+  pthread_t main_thread{};
+  // Set when SIGINT or SIGTERM is taken (or supervision gives up).
+  std::atomic<bool> shutdown_requested{false};
+  // Set when SIGHUP is taken; the main loop reloads the credentials.
+  std::atomic<bool> reload_requested{false};
+  // nats-server supervision has given up: the broker shuts down with exit code 1, so that
+  // the service manager starts it afresh.
+  std::atomic<bool> supervision_gave_up{false};
+  // Ends the start-up's long waits (readiness probe, KV bootstrap's retries) at a stop.
+  qm::stop_flag startup_stop;
+  // The logger borrows the file name; this copy outlives the configuration, which is
+  // freed before the last log line.
+  std::string log_file_name;
+
+  std::atomic<broker_natsd_t*> natsd{nullptr};
   gw_credential_store_t* credentials = nullptr;
   // The permission profiles, loaded once for the auth service and both front doors, so
   // that a profile the auth service names is the one the doors enforce. NULL: none.
   auth_profile_store_t* profiles = nullptr;
+  broker_auth_watcher_t* auth_watcher = nullptr;
   gw_nats_relay_t* relay = nullptr;
+  gw_auth_cache_t* auth_cache = nullptr;
+  std::atomic<auth_service_t*> auth_svc{nullptr};
+  broker_auth_thread_t* auth_thr = nullptr;
   // Owned by the SASL set-up; empty until it succeeded.
   std::string sasl_config_dir;
+  std::atomic<gw_amqp_acceptor_t*> amqp_acc{nullptr};
   std::thread amqp_thread;
+  std::atomic<gw_http_frontend_t*> http_fe{nullptr};
+  std::atomic<broker_update_thread_params_t*> update_thr{nullptr};
+  // How many entries of the subsystem list the start-up got to (the last one may have
+  // failed half-way); the teardown stops exactly these, in reverse.
+  size_t subsystems_attempted = 0;
   int rc = 0;
 };
 
@@ -104,30 +104,30 @@ void s_block_process_signals() {
   signal(SIGPIPE, SIG_IGN);
 }
 
-void s_wake_main() { pthread_kill(g_main_thread, kWakeSignal); }
+void s_wake_main(const broker_app& app) { pthread_kill(app.main_thread, kWakeSignal); }
 
-bool s_stopping() { return g_shutdown_requested.load(); }
+bool s_stopping(const broker_app& app) { return app.shutdown_requested.load(); }
 
 // What a shutdown asks of every long-lived object that exists, in this order: one line
 // each (the update thread's target status joins them). The teardown does the rest of
-// the waiting. A signal during the teardown asks again, so each object's global is
+// the waiting. A signal during the teardown asks again, so each object's atomic is
 // cleared before the object is destroyed.
-void s_request_stops(bool forward_sigterm) {
-  g_shutdown_requested = true;
-  g_startup_stop.request();
-  auth_service_stop(g_auth_svc.load());
-  gw_amqp_acceptor_stop(g_amqp_acc.load());
-  broker_update_thread_request_stop(g_update_thr.load());
+void s_request_stops(broker_app& app, bool forward_sigterm) {
+  app.shutdown_requested = true;
+  app.startup_stop.request();
+  auth_service_stop(app.auth_svc.load());
+  gw_amqp_acceptor_stop(app.amqp_acc.load());
+  broker_update_thread_request_stop(app.update_thr.load());
   // Waits for the requests in flight; never runs on one of its connection threads here.
-  gw_http_frontend_stop(g_http_fe.load());
+  gw_http_frontend_stop(app.http_fe.load());
   // SIGINT from a terminal reaches the child through the process group anyway.
-  if (broker_natsd_t* natsd = g_natsd.load(); natsd != nullptr && forward_sigterm)
+  if (broker_natsd_t* natsd = app.natsd.load(); natsd != nullptr && forward_sigterm)
     (void)broker_natsd_signal(natsd, SIGTERM);
 }
 
-void s_on_signal(int sig) {
-  if (sig == SIGHUP) g_reload_requested = true;
-  if (sig == SIGINT || sig == SIGTERM) s_request_stops(sig == SIGTERM);
+void s_on_signal(broker_app& app, int sig) {
+  if (sig == SIGHUP) app.reload_requested = true;
+  if (sig == SIGINT || sig == SIGTERM) s_request_stops(app, sig == SIGTERM);
   // kWakeSignal only wakes: the caller looks at what changed.
 }
 
@@ -140,25 +140,27 @@ int s_take_signal() {
 }
 
 // Signals that came during the teardown only ask for the stops again.
-void s_take_pending_signals() {
+void s_take_pending_signals(broker_app& app) {
   const sigset_t set = s_taken_signals();
   const timespec no_wait{0, 0};
   for (int sig; (sig = sigtimedwait(&set, nullptr, &no_wait)) > 0;) {
-    if (sig == SIGINT || sig == SIGTERM) s_request_stops(sig == SIGTERM);
+    if (sig == SIGINT || sig == SIGTERM) s_request_stops(app, sig == SIGTERM);
   }
 }
 
 // The supervisor's thread calls this; the main thread does the rest.
-void s_on_supervision_gave_up(void*) {
-  g_supervision_gave_up = true;
-  s_wake_main();
+void s_on_supervision_gave_up(void* arg) {
+  auto& app = *static_cast<broker_app*>(arg);
+  app.supervision_gave_up = true;
+  s_wake_main(app);
 }
 
-void s_configure_logger(const broker_config_t& cfg) {
+void s_configure_logger(broker_app& app) {
+  const broker_config_t& cfg = *app.cfg;
   log_set_level(cfg.log_level);
   if (cfg.log_file) {
-    g_log_file_name = *cfg.log_file;
-    log_set_filename(g_log_file_name.c_str());
+    app.log_file_name = *cfg.log_file;
+    log_set_filename(app.log_file_name.c_str());
   }
   log_set_screentrace(cfg.log_screen_trace);
   log_set_maxsize(cfg.log_maxsize_mb);
@@ -204,35 +206,36 @@ void s_write_pid_file(const std::string& path) {
 // Without the watcher the broker runs on; only an operator's SIGHUP reloads then.
 bool s_start_auth_watcher(broker_app& app) {
   const std::string& credential_file = *app.cfg->gw->credential_file;
-  g_auth_watcher = broker_auth_watcher_create(credential_file.c_str(), 0, g_main_thread);
-  if (g_auth_watcher == nullptr) {
+  app.auth_watcher = broker_auth_watcher_create(credential_file.c_str(), 0, app.main_thread);
+  if (app.auth_watcher == nullptr) {
     log_warn("auth-watcher: create failed \u2014 continuing without file-change detection on %s",
              credential_file.c_str());
     return true;
   }
-  if (broker_auth_watcher_start(g_auth_watcher) != 0) {
+  if (broker_auth_watcher_start(app.auth_watcher) != 0) {
     log_warn("auth-watcher: start failed \u2014 continuing without file-change detection on %s",
              credential_file.c_str());
-    broker_auth_watcher_destroy(g_auth_watcher);
-    g_auth_watcher = nullptr;
+    broker_auth_watcher_destroy(app.auth_watcher);
+    app.auth_watcher = nullptr;
   }
   return true;
 }
 
-bool s_probe_external_server(const broker_config_t& cfg) {
+bool s_probe_external_server(broker_app& app) {
+  const broker_config_t& cfg = *app.cfg;
   log_info("nats-server: external (--nats-server-managed=false); probing readiness");
   if (broker_natsd_wait_ready(qm::cstr(cfg.nats_url), qm::cstr(cfg.auth->nats_user), qm::cstr(cfg.auth->nats_password),
                               qm::cstr(cfg.nats_cert_path), cfg.nats_server_ready_timeout_sec,
-                              &g_startup_stop) == 0)
+                              &app.startup_stop) == 0)
     return true;
-  if (!s_stopping()) log_fatal("nats-server: external server not reachable at %s", qm::cstr(cfg.nats_url));
+  if (!s_stopping(app)) log_fatal("nats-server: external server not reachable at %s", qm::cstr(cfg.nats_url));
   return false;
 }
 
 // The managed child, started and probed until ready, or an external server, probed.
 bool s_start_nats_server(broker_app& app) {
   const broker_config_t& cfg = *app.cfg;
-  if (!cfg.nats_server_managed) return s_probe_external_server(cfg);
+  if (!cfg.nats_server_managed) return s_probe_external_server(app);
   broker_natsd_options_t opts;
   opts.binary_path = qm::cstr(cfg.nats_server_binary);
   opts.config_path = qm::cstr(cfg.nats_server_config);
@@ -246,14 +249,15 @@ bool s_start_nats_server(broker_app& app) {
   opts.restart_backoff_ms_initial = 500;
   opts.restart_backoff_ms_max = 30000;
   opts.on_give_up = s_on_supervision_gave_up;
+  opts.on_give_up_arg = &app;
   broker_natsd_t* natsd = broker_natsd_create(&opts);
   if (natsd == nullptr) {
     log_fatal("failed to allocate nats-server supervisor");
     return false;
   }
-  g_natsd.store(natsd);
-  if (broker_natsd_start(natsd, &g_startup_stop) != 0) {
-    if (!s_stopping()) log_fatal("nats-server supervisor failed to start");
+  app.natsd.store(natsd);
+  if (broker_natsd_start(natsd, &app.startup_stop) != 0) {
+    if (!s_stopping(app)) log_fatal("nats-server supervisor failed to start");
     return false;
   }
   log_info("nats-server: running (pid=%d)", static_cast<int>(broker_natsd_pid(natsd)));
@@ -273,9 +277,9 @@ bool s_provision_jetstream(broker_app& app) {
   opts.maxwaiting = cfg.js_maxwaiting;
   if (broker_kv_bootstrap(qm::cstr(cfg.nats_url), qm::cstr(cfg.gw->nats_user), qm::cstr(cfg.gw->nats_password),
                           qm::cstr(cfg.nats_cert_path), cfg.kv_replicas, cfg.kv_scandata_allow_direct,
-                          cfg.js_transient_memory, &opts, &g_startup_stop) == 0)
+                          cfg.js_transient_memory, &opts, &app.startup_stop) == 0)
     return true;
-  if (!s_stopping()) log_fatal("KV bootstrap failed — refusing to open front doors");
+  if (!s_stopping(app)) log_fatal("KV bootstrap failed — refusing to open front doors");
   return false;
 }
 
@@ -326,9 +330,9 @@ bool s_create_auth_cache(broker_app& app) {
   }
   const size_t max_entries = gw.auth_cache_max_entries > 0 ? static_cast<size_t>(gw.auth_cache_max_entries) : 1024;
   const int refresh_pct = gw.auth_cache_ttl_seconds > 0 ? gw.auth_cache_refresh_threshold_pct : 0;
-  g_auth_cache = gw_auth_cache_create(max_entries, gw.auth_cache_ttl_seconds, gw.auth_negative_cache_ttl_seconds,
+  app.auth_cache = gw_auth_cache_create(max_entries, gw.auth_cache_ttl_seconds, gw.auth_negative_cache_ttl_seconds,
                                       refresh_pct);
-  if (g_auth_cache == nullptr) {
+  if (app.auth_cache == nullptr) {
     log_warn("auth_cache: allocation failed; every auth request will hit the live LDAP/file path");
   }
   return true;
@@ -343,16 +347,16 @@ bool s_start_auth_callout(broker_app& app) {
              "validate logins (qm.auth.verify has no subscriber)");
     return true;
   }
-  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, g_auth_cache, app.profiles);
+  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, app.auth_cache, app.profiles);
   if (svc == nullptr) {
     log_fatal("Failed to create auth service");
     return false;
   }
-  g_auth_svc.store(svc);
+  app.auth_svc.store(svc);
   // A stop that came before the store above must reach the service too.
-  if (s_stopping()) auth_service_stop(svc);
-  g_auth_thr = broker_auth_thread_create(svc);
-  if (g_auth_thr == nullptr || broker_auth_thread_start(g_auth_thr) != 0) {
+  if (s_stopping(app)) auth_service_stop(svc);
+  app.auth_thr = broker_auth_thread_create(svc);
+  if (app.auth_thr == nullptr || broker_auth_thread_start(app.auth_thr) != 0) {
     log_fatal("Failed to start auth-callout thread");
     return false;
   }
@@ -388,9 +392,9 @@ bool s_start_amqp(broker_app& app) {
     log_fatal("Failed to create AMQP acceptor on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
     return false;
   }
-  g_amqp_acc.store(acc);
+  app.amqp_acc.store(acc);
   // A stop that came before the store above must reach the acceptor too.
-  if (s_stopping()) gw_amqp_acceptor_stop(acc);
+  if (s_stopping(app)) gw_amqp_acceptor_stop(acc);
   try {
     app.amqp_thread = std::thread([acc] { (void)gw_amqp_acceptor_run(acc); });
   } catch (const std::system_error&) {
@@ -410,13 +414,13 @@ bool s_start_http_frontend(broker_app& app) {
     return true;
   }
   const char* host = qm::cstr(gw.http_listen_host);
-  gw_http_frontend_t* fe = gw_http_frontend_create(&gw, app.credentials, app.relay, g_auth_cache, app.profiles);
+  gw_http_frontend_t* fe = gw_http_frontend_create(&gw, app.credentials, app.relay, app.auth_cache, app.profiles);
   if (fe == nullptr || gw_http_frontend_start(fe) != 0) {
     gw_http_frontend_destroy(fe);
     log_fatal("Failed to start HTTP frontend on %s:%d", host, gw.http_listen_port);
     return false;
   }
-  g_http_fe.store(fe);
+  app.http_fe.store(fe);
   log_info("HTTP frontend started on %s:%d", host, gw_http_frontend_bound_port(fe));
   return true;
 }
@@ -433,9 +437,9 @@ bool s_start_update_thread(broker_app& app) {
   }
   params->cfg = app.cfg;
   params->relay = app.relay;
-  params->amqp_acc = g_amqp_acc.load();
-  params->http_fe = g_http_fe.load();
-  params->natsd = g_natsd.load();
+  params->amqp_acc = app.amqp_acc.load();
+  params->http_fe = app.http_fe.load();
+  params->natsd = app.natsd.load();
   params->targetstatus = READY;
   if (broker_update_thread_start(params.get()) != 0) {
     log_error("Failed to start broker update thread (errno=%d %s) \u2014 auto-update DISABLED", errno,
@@ -445,103 +449,22 @@ bool s_start_update_thread(broker_app& app) {
   const qm_update_config_t& update = app.cfg->update_config;
   log_info("Broker update polling thread started (update_binary=%s, interval=%ldmin)",
            update.update_binary ? "true" : "false", update.update_check_interval);
-  g_update_thr.store(params.release());
+  app.update_thr.store(params.release());
   return true;
-}
-
-enum class startup_result { ready, failed, stopped };
-
-using startup_step = bool (*)(broker_app&);
-
-// Start-up after the command line, in its fixed order. A stop asked for meanwhile ends it
-// after the step under way.
-constexpr startup_step kStartupSteps[] = {
-    s_start_nats_server,  s_provision_jetstream, s_load_credentials, s_load_permissions, s_start_auth_watcher,
-    s_connect_relay,      s_create_auth_cache,   s_start_auth_callout, s_set_up_sasl,
-    s_start_amqp,         s_start_http_frontend, s_start_update_thread,
-};
-
-startup_result s_start(broker_app& app) {
-  broker_config_t& cfg = *app.cfg;
-  log_info("%s starting (pid=%d)", kProgramName, static_cast<int>(getpid()));
-  log_info("config: nats_url=%s nats_server_managed=%s auth_callout=%s amqp=%s http=%s", qm::cstr(cfg.nats_url),
-           s_yes_no(cfg.nats_server_managed), s_yes_no(cfg.auth_callout_enabled), s_yes_no(cfg.gw->amqp_enabled),
-           s_yes_no(cfg.gw->http_enabled));
-  if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
-
-  for (const startup_step step : kStartupSteps) {
-    if (s_stopping()) return startup_result::stopped;
-    if (!step(app)) return s_stopping() ? startup_result::stopped : startup_result::failed;
-  }
-  if (s_stopping()) return startup_result::stopped;
-  log_info("%s ready", kProgramName);
-  if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
-  return startup_result::ready;
-}
-
-// ---- running ----
-
-void s_reload(broker_app& app) {
-  log_info("SIGHUP: reloading credential store + forwarding to nats-server");
-  if (gw_credential_store_reload(app.credentials) != 0) {
-    log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
-  } else if (g_auth_cache != nullptr) {
-    // A user removed from the file, or given a new password, must not go on logging in
-    // from a grant decided on the old table.
-    const size_t dropped = gw_auth_cache_invalidate(g_auth_cache);
-    log_info("SIGHUP: dropped %zu cached auth verdict(s); each user's next login is checked against the new table",
-             dropped);
-  }
-  if (broker_natsd_t* natsd = g_natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
-}
-
-void s_note_supervision_gave_up() {
-  if (!g_supervision_gave_up.load() || s_stopping()) return;
-  log_fatal("nats-server: supervision gave up \u2014 shutting down so that the service manager restarts the broker");
-  s_request_stops(false);
-}
-
-// The start-up runs on a thread of its own while the main thread takes signals: a stop
-// during one of its long waits ends it at once. Then the main thread serves reloads
-// until a stop. Returns how the start-up ended.
-startup_result s_start_and_run(broker_app& app) {
-  std::atomic<bool> started{false};
-  startup_result result = startup_result::failed;
-  std::thread startup;
-  try {
-    startup = std::thread([&] {
-      result = s_start(app);
-      started = true;
-      s_wake_main();
-    });
-  } catch (const std::system_error& e) {
-    log_fatal("cannot start the start-up thread: %s", e.what());
-    return startup_result::failed;
-  }
-  for (;;) {
-    s_on_signal(s_take_signal());
-    s_note_supervision_gave_up();
-    if (startup.joinable()) {
-      if (!started.load()) continue;
-      startup.join();
-    }
-    if (result != startup_result::ready || s_stopping()) return result;
-    if (g_reload_requested.exchange(false)) s_reload(app);
-  }
 }
 
 // ---- shutdown ----
 
-void s_stop_auth_watcher(broker_app&) {
-  if (g_auth_watcher == nullptr) return;
+void s_stop_auth_watcher(broker_app& app) {
+  if (app.auth_watcher == nullptr) return;
   log_debug("Stopping auth-file watcher");
-  broker_auth_watcher_destroy(g_auth_watcher);
-  g_auth_watcher = nullptr;
+  broker_auth_watcher_destroy(app.auth_watcher);
+  app.auth_watcher = nullptr;
 }
 
 // Joined before the front doors go: an activation under way ends the process itself.
-void s_stop_update_thread(broker_app&) {
-  std::unique_ptr<broker_update_thread_params_t> params(g_update_thr.exchange(nullptr));
+void s_stop_update_thread(broker_app& app) {
+  std::unique_ptr<broker_update_thread_params_t> params(app.update_thr.exchange(nullptr));
   if (!params) return;
   log_debug("Joining update polling thread");
   broker_update_thread_join(params.get());
@@ -549,15 +472,15 @@ void s_stop_update_thread(broker_app&) {
 
 // Waits for its requests in flight and its background refreshes, which use the relay
 // and the cache torn down after it.
-void s_stop_http_frontend(broker_app&) {
-  gw_http_frontend_t* fe = g_http_fe.exchange(nullptr);
+void s_stop_http_frontend(broker_app& app) {
+  gw_http_frontend_t* fe = app.http_fe.exchange(nullptr);
   if (fe == nullptr) return;
   log_debug("Stopping HTTP frontend");
   gw_http_frontend_destroy(fe);
 }
 
 void s_stop_amqp(broker_app& app) {
-  gw_amqp_acceptor_t* acc = g_amqp_acc.exchange(nullptr);
+  gw_amqp_acceptor_t* acc = app.amqp_acc.exchange(nullptr);
   if (acc == nullptr) return;
   log_debug("Stopping AMQP acceptor");
   gw_amqp_acceptor_stop(acc);
@@ -572,25 +495,25 @@ void s_stop_relay(broker_app& app) {
   app.relay = nullptr;
 }
 
-void s_stop_auth_callout(broker_app&) {
-  if (g_auth_thr != nullptr) {
+void s_stop_auth_callout(broker_app& app) {
+  if (app.auth_thr != nullptr) {
     log_debug("Stopping auth-callout thread");
-    broker_auth_thread_destroy(g_auth_thr);
-    g_auth_thr = nullptr;
+    broker_auth_thread_destroy(app.auth_thr);
+    app.auth_thr = nullptr;
   }
-  auth_service_destroy(g_auth_svc.exchange(nullptr));
+  auth_service_destroy(app.auth_svc.exchange(nullptr));
 }
 
 // A refresh thread still inside the cache would touch freed memory: leak it instead.
-void s_destroy_auth_cache(broker_app&) {
-  if (g_auth_cache == nullptr) return;
+void s_destroy_auth_cache(broker_app& app) {
+  if (app.auth_cache == nullptr) return;
   log_debug("Draining auth_cache in-flight refreshes");
-  if (gw_auth_cache_wait_inflight_drain(g_auth_cache, 6000) == 0) {
-    gw_auth_cache_destroy(g_auth_cache);
+  if (gw_auth_cache_wait_inflight_drain(app.auth_cache, 6000) == 0) {
+    gw_auth_cache_destroy(app.auth_cache);
   } else {
     log_warn("auth_cache: skipping destroy due to in-flight refresh drain timeout \u2014 leak accepted");
   }
-  g_auth_cache = nullptr;
+  app.auth_cache = nullptr;
 }
 
 void s_tear_down_sasl(broker_app&) { gw_sasl_teardown(); }
@@ -598,31 +521,124 @@ void s_tear_down_sasl(broker_app&) { gw_sasl_teardown(); }
 void s_free_credentials(broker_app& app) {
   gw_credential_store_free(app.credentials);
   app.credentials = nullptr;
+}
+
+void s_free_permissions(broker_app& app) {
   auth_profile_destroy(app.profiles);
   app.profiles = nullptr;
 }
 
-void s_stop_nats_server(broker_app&) {
-  if (broker_natsd_t* natsd = g_natsd.exchange(nullptr)) {
+void s_stop_nats_server(broker_app& app) {
+  if (broker_natsd_t* natsd = app.natsd.exchange(nullptr)) {
     log_debug("Stopping nats-server child");
     broker_natsd_destroy(natsd);
   }
 }
 
-using teardown_step = void (*)(broker_app&);
+// ---- the subsystems, in start order ----
 
-// Reverse dependency order: watcher, update thread, HTTPS frontend, AMQP acceptor, relay,
-// auth thread and service, auth cache, SASL, credentials and profiles, nats-server child. Each step
-// only for what was started.
-constexpr teardown_step kTeardownSteps[] = {
-    s_stop_auth_watcher, s_stop_update_thread, s_stop_http_frontend, s_stop_amqp,         s_stop_relay,
-    s_stop_auth_callout, s_destroy_auth_cache, s_tear_down_sasl,     s_free_credentials,  s_stop_nats_server,
+struct subsystem {
+  bool (*start)(broker_app&);  // true when the broker may go on
+  void (*stop)(broker_app&);   // NULL: nothing to undo; otherwise safe after a failed start
 };
 
+// Started in this order; the teardown stops those the start-up got to in reverse, so
+// that nothing goes while something started after it (and using it) still runs: the
+// update thread and the front doors before the relay and the auth cache they use, SASL
+// (which checks passwords through the relay) before the relay, the relay before the
+// nats-server child.
+constexpr subsystem kSubsystems[] = {
+    {s_start_nats_server, s_stop_nats_server},
+    {s_provision_jetstream, nullptr},
+    {s_load_credentials, s_free_credentials},
+    {s_load_permissions, s_free_permissions},
+    {s_start_auth_watcher, s_stop_auth_watcher},
+    {s_connect_relay, s_stop_relay},
+    {s_create_auth_cache, s_destroy_auth_cache},
+    {s_start_auth_callout, s_stop_auth_callout},
+    {s_set_up_sasl, s_tear_down_sasl},
+    {s_start_amqp, s_stop_amqp},
+    {s_start_http_frontend, s_stop_http_frontend},
+    {s_start_update_thread, s_stop_update_thread},
+};
+
+enum class startup_result { ready, failed, stopped };
+
+startup_result s_start(broker_app& app) {
+  broker_config_t& cfg = *app.cfg;
+  log_info("%s starting (pid=%d)", kProgramName, static_cast<int>(getpid()));
+  log_info("config: nats_url=%s nats_server_managed=%s auth_callout=%s amqp=%s http=%s", qm::cstr(cfg.nats_url),
+           s_yes_no(cfg.nats_server_managed), s_yes_no(cfg.auth_callout_enabled), s_yes_no(cfg.gw->amqp_enabled),
+           s_yes_no(cfg.gw->http_enabled));
+  if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
+
+  // A stop asked for meanwhile ends the start-up after the step under way.
+  for (const subsystem& sub : kSubsystems) {
+    if (s_stopping(app)) return startup_result::stopped;
+    ++app.subsystems_attempted;
+    if (!sub.start(app)) return s_stopping(app) ? startup_result::stopped : startup_result::failed;
+  }
+  if (s_stopping(app)) return startup_result::stopped;
+  log_info("%s ready", kProgramName);
+  if (broker_sd_notify("READY=1") != 0) log_warn("sd_notify(READY=1) failed (running without systemd?)");
+  return startup_result::ready;
+}
+
+// ---- running ----
+
+void s_reload(broker_app& app) {
+  log_info("SIGHUP: reloading credential store + forwarding to nats-server");
+  if (gw_credential_store_reload(app.credentials) != 0) {
+    log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
+  } else if (app.auth_cache != nullptr) {
+    // A user removed from the file, or given a new password, must not go on logging in
+    // from a grant decided on the old table.
+    const size_t dropped = gw_auth_cache_invalidate(app.auth_cache);
+    log_info("SIGHUP: dropped %zu cached auth verdict(s); each user's next login is checked against the new table",
+             dropped);
+  }
+  if (broker_natsd_t* natsd = app.natsd.load()) (void)broker_natsd_signal(natsd, SIGHUP);
+}
+
+void s_note_supervision_gave_up(broker_app& app) {
+  if (!app.supervision_gave_up.load() || s_stopping(app)) return;
+  log_fatal("nats-server: supervision gave up \u2014 shutting down so that the service manager restarts the broker");
+  s_request_stops(app, false);
+}
+
+// The start-up runs on a thread of its own while the main thread takes signals: a stop
+// during one of its long waits ends it at once. Then the main thread serves reloads
+// until a stop. Returns how the start-up ended.
+startup_result s_start_and_run(broker_app& app) {
+  std::atomic<bool> started{false};
+  startup_result result = startup_result::failed;
+  std::thread startup;
+  try {
+    startup = std::thread([&] {
+      result = s_start(app);
+      started = true;
+      s_wake_main(app);
+    });
+  } catch (const std::system_error& e) {
+    log_fatal("cannot start the start-up thread: %s", e.what());
+    return startup_result::failed;
+  }
+  for (;;) {
+    s_on_signal(app, s_take_signal());
+    s_note_supervision_gave_up(app);
+    if (startup.joinable()) {
+      if (!started.load()) continue;
+      startup.join();
+    }
+    if (result != startup_result::ready || s_stopping(app)) return result;
+    if (app.reload_requested.exchange(false)) s_reload(app);
+  }
+}
+
 void s_shutdown(broker_app& app) {
-  for (const teardown_step step : kTeardownSteps) {
-    s_take_pending_signals();
-    step(app);
+  for (size_t i = app.subsystems_attempted; i-- > 0;) {
+    s_take_pending_signals(app);
+    if (kSubsystems[i].stop != nullptr) kSubsystems[i].stop(app);
   }
   const broker_config_t& cfg = *app.cfg;
   if (qm::has_text(cfg.pid_file)) unlink(cfg.pid_file->c_str());
@@ -634,12 +650,12 @@ void s_shutdown(broker_app& app) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  g_main_thread = pthread_self();
   s_block_process_signals();
   if (argc > 0 && argv[0] != nullptr) qm__progname = argv[0];
   const char* argv0 = qm__progname;
 
   broker_app app;
+  app.main_thread = pthread_self();
   app.cfg = broker_config_new();
   if (app.cfg == nullptr) {
     fprintf(stderr, "%s: out of memory while allocating config\n", argv0);
@@ -667,7 +683,7 @@ int main(int argc, char** argv) {
   }
   broker_config_finalize(app.cfg);
 
-  s_configure_logger(*app.cfg);
+  s_configure_logger(app);
   if (qm_nats_library_open() != 0) log_warn("NATS client library: could not set its lock spinning; using its defaults");
 
   // A stop (a signal, or supervision giving up) is an orderly shutdown, also during the
@@ -678,7 +694,7 @@ int main(int argc, char** argv) {
     log_info("%s shutting down", kProgramName);
     (void)broker_sd_notify("STOPPING=1");
   }
-  if (g_supervision_gave_up.load()) app.rc = 1;
+  if (app.supervision_gave_up.load()) app.rc = 1;
   s_shutdown(app);
   return app.rc;
 }

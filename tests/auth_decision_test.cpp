@@ -8,7 +8,6 @@
 #include <string>
 
 #include "auth_ldap.hpp"
-#include "auth_ldap_testing.hpp"
 #include "auth_profile.hpp"
 #include "callout_fixture.hpp"
 #include "gw_auth_cache.hpp"
@@ -109,10 +108,11 @@ TEST_F(AuthDecision, ACalloutGetsTheUsersProfileWhateverPutTheGrantInTheCache) {
 // the directory context, the profiles or the cache it uses.
 TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
   auto directory = qmtest::start_directory();
+  const auth_ldap_timing timing{1000, 3000, {}};
   ldap_ptr ldap(auth_ldap_init(directory->url().c_str(), "dc=qm,dc=test", qmtest::kReaderDn, "reader-secret", nullptr,
-                               nullptr, nullptr, nullptr, nullptr, nullptr, 1, 300, "memberOf", nullptr));
+                               nullptr, nullptr, nullptr, nullptr, nullptr, 1, 300, "memberOf", nullptr,
+                               &timing));
   ASSERT_NE(ldap, nullptr);
-  auth_ldap_set_timeouts(ldap.get(), {1000, 3000});
   decider_ptr d = decider(ldap.get());
   const std::string lara = "lara";
   const qm::secret_string password("lara-pw");

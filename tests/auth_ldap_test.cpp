@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "auth_ldap.hpp"
-#include "auth_ldap_testing.hpp"
 #include "log.hpp"
 #include "log_capture.hpp"
 #include "qm_cpp.hpp"
@@ -53,13 +52,14 @@ struct ldap_setup {
   std::string group_attribute = "memberOf";
   std::string bind_password = kReaderPassword;
   std::string ca_file;
+  auth_ldap_timing timing;
 };
 
 ctx_ptr s_init(const ldap_setup& setup) {
   return ctx_ptr(auth_ldap_init(setup.url.c_str(), kBase, kReaderDn, setup.bind_password.c_str(), nullptr,
                                 setup.fallback_url.c_str(), nullptr, nullptr, nullptr, nullptr, setup.pool_size,
                                 setup.idle_timeout_seconds, setup.group_attribute.c_str(),
-                                setup.ca_file.empty() ? nullptr : setup.ca_file.c_str()));
+                                setup.ca_file.empty() ? nullptr : setup.ca_file.c_str(), &setup.timing));
 }
 
 std::string s_opened(const std::string& url) { return "auth_ldap: opened+bound new connection (url=" + url + ")"; }
@@ -117,7 +117,11 @@ class AuthLdapTest : public ::testing::Test {
     setup.pool_size = pool_size;
     return setup;
   }
-  ctx_ptr init(int pool_size = 4) const { return s_init(setup(pool_size)); }
+  ctx_ptr init(int pool_size = 4, const auth_ldap_timing& timing = {}) const {
+    ldap_setup with = setup(pool_size);
+    with.timing = timing;
+    return s_init(with);
+  }
   bool wait_for_connections(int n) const {
     return qmtest::wait_until([&] { return directory_->established_connections() == n; }, 5s);
   }
@@ -275,8 +279,9 @@ class AuthLdapFailover : public AuthLdapTest {
     AuthLdapTest::SetUp();
     fallback_ = qmtest::start_directory();
   }
-  ctx_ptr init_pair(int pool_size) const {
+  ctx_ptr init_pair(int pool_size, const auth_ldap_timing& timing = {}) const {
     ldap_setup pair = setup(pool_size);
+    pair.timing = timing;
     pair.fallback_url = fallback_->url();
     return s_init(pair);
   }
@@ -343,8 +348,7 @@ TEST_F(AuthLdapFailover, RetriesWalksAndThePrimaryFirst) {
     SCOPED_TRACE("a paused primary falls over after the operation time-out");
     log_.clear();
     directory_->start();
-    auto ctx = init_pair(4);
-    auth_ldap_set_timeouts(ctx.get(), auth_ldap_timeouts{1000, 1000});
+    auto ctx = init_pair(4, {1000, 1000, {}});
     directory_->pause();
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback (url=" + fallback_->url() + ")"), 1u);
@@ -393,8 +397,7 @@ TEST_F(AuthLdapPool, ConnectionsAreReusedReplacedAndClosed) {
     SCOPED_TRACE("an idle connection past the time-out is unbound and replaced");
     log_.clear();
     std::atomic<int64_t> now_ms{1'000'000};
-    auto ctx = init(4);
-    auth_ldap_set_clock(ctx.get(), [&] { return now_ms.load(); });
+    auto ctx = init(4, {10000, 10000, [&] { return now_ms.load(); }});
     ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     now_ms += 299'000;
     ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
@@ -410,8 +413,8 @@ TEST_F(AuthLdapPool, ConnectionsAreReusedReplacedAndClosed) {
     for (const int idle_timeout_seconds : {0, -5, INT_MAX}) {
       ldap_setup forever = setup();
       forever.idle_timeout_seconds = idle_timeout_seconds;
+      forever.timing.now_ms = [&] { return now_ms.load(); };
       auto ctx = s_init(forever);
-      auth_ldap_set_clock(ctx.get(), [&] { return now_ms.load(); });
       const size_t opened_before = log_.count(kAnyOpened);
       ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
       now_ms += int64_t{86400} * 24 * 1000;  // 24 days: just under INT_MAX ms
@@ -458,9 +461,11 @@ TEST_F(AuthLdapPool, EightThreadsShareThePool) {
     log_.clear();
     std::atomic<int64_t> now_ms{0};
     ldap_setup shared = setup(row.pool_size);
-    if (row.stale_clock) shared.idle_timeout_seconds = 1;
+    if (row.stale_clock) {
+      shared.idle_timeout_seconds = 1;
+      shared.timing.now_ms = [&] { return now_ms.fetch_add(1000); };
+    }
     auto ctx = s_init(shared);
-    if (row.stale_clock) auth_ldap_set_clock(ctx.get(), [&] { return now_ms.fetch_add(1000); });
     std::atomic<int> correct{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
@@ -500,8 +505,8 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
     ldap_setup setup;
     setup.url = black_hole.url();
     setup.fallback_url = directory_->url();
+    setup.timing = {500, 5000, {}};
     auto ctx = s_init(setup);
-    auth_ldap_set_timeouts(ctx.get(), auth_ldap_timeouts{500, 5000});
     const auto started = std::chrono::steady_clock::now();
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     // Bounded by the network time-out, not by the longer operation time-out.
@@ -512,8 +517,7 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
   {
     SCOPED_TRACE("a search on a pooled connection to a paused server times out and drops it");
     log_.clear();
-    auto ctx = init(1);
-    auth_ldap_set_timeouts(ctx.get(), auth_ldap_timeouts{1000, 1000});
+    auto ctx = init(1, {1000, 1000, {}});
     ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     directory_->pause();
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
@@ -522,7 +526,7 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
     EXPECT_EQ(log_.count(kAnyOpened), 2u);
   }
   {
-    SCOPED_TRACE("without the test seam a paused server ends the check after ten seconds");
+    SCOPED_TRACE("with the default timing a paused server ends the check after ten seconds");
     log_.clear();
     auto ctx = init(0);
     directory_->pause();

@@ -88,29 +88,28 @@ broker_workqueue_opts wq_opts(const char* services, int maxwaiting, int maxackpe
   return wq;
 }
 
-int bootstrap(const qmtest::NatsServer& server, bool memory, const broker_workqueue_opts* wq,
-              bool allow_direct = true) {
-  return broker_kv_bootstrap(server.url().c_str(), nullptr, nullptr, nullptr, 1, allow_direct, memory, wq);
+// A retry schedule short enough for a test.
+broker_kv_bootstrap_timing timing(int budget_ms, int initial_delay_ms, int max_delay_ms = 0, int note_interval_ms = 0) {
+  broker_kv_bootstrap_timing t;
+  t.budget_ms = budget_ms;
+  t.initial_delay_ms = initial_delay_ms;
+  if (max_delay_ms > 0) t.max_delay_ms = max_delay_ms;
+  if (note_interval_ms > 0) t.note_interval_ms = note_interval_ms;
+  return t;
 }
 
-// Retry timing for one test, the module's defaults restored afterwards.
-class Timing {
- public:
-  Timing(int budget_ms, int initial_delay_ms, int max_delay_ms = 0, int note_interval_ms = 0) {
-    broker_kv_bootstrap_timing timing;
-    timing.budget_ms = budget_ms;
-    timing.initial_delay_ms = initial_delay_ms;
-    if (max_delay_ms > 0) timing.max_delay_ms = max_delay_ms;
-    if (note_interval_ms > 0) timing.note_interval_ms = note_interval_ms;
-    broker_kv_bootstrap_set_timing(&timing);
-  }
-  ~Timing() { broker_kv_bootstrap_set_timing(nullptr); }
-};
+// A broken attempt fails the test in seconds instead of retrying for five minutes.
+const broker_kv_bootstrap_timing kQuick = timing(3000, 200);
+
+int bootstrap(const qmtest::NatsServer& server, bool memory, const broker_workqueue_opts* wq,
+              bool allow_direct = true, const broker_kv_bootstrap_timing& schedule = kQuick) {
+  return broker_kv_bootstrap(server.url().c_str(), nullptr, nullptr, nullptr, 1, allow_direct, memory, wq, nullptr,
+                             &schedule);
+}
+
 
 class KvBootstrap : public ::testing::Test {
  protected:
-  // A broken attempt fails the test in seconds instead of retrying for five minutes.
-  const Timing timing_{3000, 200};
   qmtest::NatsServer server_;
 };
 
@@ -297,10 +296,9 @@ TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
 // fit into the budget: that depends on the machine's load.
 TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
   qmtest::NatsServer server(qmtest::NatsServerOptions{false, "", 0});
-  const Timing timing(2000, 100, 300, 700);
   qmtest::LogCapture log;
   const int64_t started = qm::monotonic_ms();
-  EXPECT_EQ(bootstrap(server, true, nullptr), -1);
+  EXPECT_EQ(bootstrap(server, true, nullptr, true, timing(2000, 100, 300, 700)), -1);
   const int64_t took_ms = qm::monotonic_ms() - started;
   const std::string text = log.text();
   const size_t attempts = log.count("KV bootstrap: js_CreateKeyValue('qm-av-scan-data') failed: ");
@@ -317,13 +315,13 @@ TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
 }
 
 TEST(KvBootstrapRetry, ServerThatComesUpLateIsProvisioned) {
-  const Timing timing(300000, 100, 200);
+  const broker_kv_bootstrap_timing schedule = timing(300000, 100, 200);
   qmtest::LogCapture log;
   const qmtest::ReservedPort port;
   const std::string url = port.url();
   int result = -2;
   std::thread runner(
-      [&] { result = broker_kv_bootstrap(url.c_str(), nullptr, nullptr, nullptr, 1, true, true, nullptr); });
+      [&] { result = broker_kv_bootstrap(url.c_str(), nullptr, nullptr, nullptr, 1, true, true, nullptr, nullptr, &schedule); });
   const bool failed_once = log.wait_for("KV bootstrap: connect failed: ", 30s);
   std::unique_ptr<qmtest::NatsServer> server;
   if (failed_once) server = std::make_unique<qmtest::NatsServer>(qmtest::NatsServerOptions{true, "", port.port()});
@@ -341,8 +339,9 @@ TEST(KvBootstrapInput, BadArgumentsFailAtOnceAndCredentialsAreUsed) {
 
   qmtest::NatsServer server(
       qmtest::NatsServerOptions{true, "authorization { users: [ { user: \"gw\", password: \"pw\" } ] }", 0});
-  const Timing timing(500, 100);
-  EXPECT_EQ(broker_kv_bootstrap(server.url().c_str(), "gw", "wrong", nullptr, 1, true, true, nullptr), -1);
+  const broker_kv_bootstrap_timing schedule = timing(500, 100);
+  EXPECT_EQ(broker_kv_bootstrap(server.url().c_str(), "gw", "wrong", nullptr, 1, true, true, nullptr, nullptr, &schedule),
+            -1);
   EXPECT_TRUE(log.contains("KV bootstrap: connect failed: "));
   EXPECT_EQ(broker_kv_bootstrap(server.url().c_str(), "gw", "pw", nullptr, 1, true, true, nullptr), 0);
 }

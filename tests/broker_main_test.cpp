@@ -120,11 +120,12 @@ TEST_F(BrokerMain, OneLifetimeFromReadyToAnOrderlyStop) {
   EXPECT_FALSE(fs::exists(pid_file));
   EXPECT_FALSE(fs::exists(pid_file + ".tmp." + pid));
   EXPECT_TRUE(qmtest::process_running(nats_.pid()));  // an external server is left alone
-  // In order: the relay goes after the front doors and before the auth-callout thread.
+  // The reverse of the start-up: the update thread, then the auth-callout thread, then the
+  // relay that was connected before it.
   const std::string log = broker.err();
   size_t at = 0;
-  for (const char* line : {"qm-av-broker shutting down", "Tearing down NATS relay", "Stopping auth-callout thread",
-                           "qm-av-broker stopped (rc=0)"}) {
+  for (const char* line : {"qm-av-broker shutting down", "Joining update polling thread",
+                           "Stopping auth-callout thread", "Tearing down NATS relay", "qm-av-broker stopped (rc=0)"}) {
     at = log.find(line, at);
     ASSERT_NE(at, std::string::npos) << line << "\n" << log;
   }

@@ -1,6 +1,7 @@
 // The broker binary with its nats-server steps: a managed child that is provisioned,
 // restarted after a crash, reloaded on SIGHUP and stopped with the broker, and the
 // fatal start-up paths. An external server is used in broker_main_test.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -8,16 +9,32 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "nats_server_fixture.hpp"
+#include "qm_handles.hpp"
 #include "test_support.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
+
+// The targets of a process's descriptors above 2, less anonymous inodes, whose names do not
+// tell one from another.
+std::set<std::string> fd_targets(pid_t pid) {
+  std::set<std::string> targets;
+  const std::filesystem::path dir = "/proc/" + std::to_string(pid) + "/fd";
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    if (std::stoi(entry.path().filename().string()) <= 2) continue;
+    const std::string target = std::filesystem::read_symlink(entry.path(), ec).string();
+    if (!ec && !target.starts_with("anon_inode:")) targets.insert(target);
+  }
+  return targets;
+}
 
 class BrokerNats : public ::testing::Test {
  protected:
@@ -57,6 +74,11 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const std::string server_log = dir_.file("nats.log");
   std::vector<std::string> args = managed_args(qmtest::nats_server_binary(), server_log);
   args.insert(args.end(), {"--js-work-services", "scan.a"});
+  // Open without close-on-exec, as a careless library would: the broker inherits it, its
+  // nats-server must not.
+  const std::string marker = dir_.file("inherited-marker");
+  qmtest::write_file(marker, "");
+  const qm::unique_fd inherited(open(marker.c_str(), O_RDONLY));
   qmtest::Child broker(args);
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
   const std::string started = broker.err();
@@ -75,6 +97,10 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
         return second > 0 && second != first && qmtest::nats_accepts_connections(url);
       },
       20s));
+
+  const std::set<std::string> broker_fds = fd_targets(broker.pid());
+  EXPECT_TRUE(broker_fds.contains(marker));
+  for (const std::string& target : fd_targets(second)) EXPECT_FALSE(broker_fds.contains(target)) << target;
 
   broker.signal(SIGHUP);
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));

@@ -29,12 +29,6 @@ bool sleeping(pid_t pid) { return qmtest::read_file("/proc/" + std::to_string(pi
 
 class NatsdTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    broker_natsd_set_stop_grace_ms(0);
-    broker_natsd_set_crash_window_ms(0);
-    broker_natsd_set_before_respawn_hook(nullptr);
-  }
-
   // Options for a child that is not nats-server itself: the probe goes to the fixture
   // server, so the child's own behaviour can be scripted.
   broker_natsd_options_t scripted(const std::string& body) {
@@ -101,8 +95,8 @@ TEST_F(NatsdTest, ExitStatusZeroIsACrashAndTheBudgetEndsSupervision) {
 // A child that ran through the crash window starts the count and the back-off afresh:
 // crashes months apart never spend the budget.
 TEST_F(NatsdTest, ACrashAfterTheWindowStartsTheCountAfresh) {
-  broker_natsd_set_crash_window_ms(20);
   broker_natsd_options_t o = scripted("sleep 0.1\nexit 0");
+  o.crash_window_ms = 20;
   o.restart_max = 2;
   NatsdPtr natsd(broker_natsd_create(&o));
   ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
@@ -125,10 +119,10 @@ TEST_F(NatsdTest, AStopWhileRestartingSpawnsNothing) {
     hooked = false;
     broker_natsd_options_t o = scripted("exec sleep 600");
     if (just_before_the_spawn) {
-      broker_natsd_set_before_respawn_hook([](broker_natsd_t* natsd) {
+      o.before_respawn = [](broker_natsd_t* natsd) {
         (void)broker_natsd_signal(natsd, SIGTERM);  // as the broker forwards a shutdown signal
         hooked = true;
-      });
+      };
     } else {
       o.restart_backoff_ms_initial = o.restart_backoff_ms_max = 600000;
     }
@@ -148,8 +142,8 @@ TEST_F(NatsdTest, AStopWhileRestartingSpawnsNothing) {
 }
 
 TEST_F(NatsdTest, ChildIgnoringSigtermIsKilledAfterTheGrace) {
-  broker_natsd_set_stop_grace_ms(300);
   broker_natsd_options_t o = scripted("trap '' TERM\nexec sleep 600");
+  o.stop_grace_ms = 300;
   NatsdPtr natsd(broker_natsd_create(&o));
   ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
   const pid_t child = broker_natsd_pid(natsd.get());

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -48,34 +49,68 @@ class InstalledLayout {
   std::string latest_bin() const { return workdir() + "/latest/bin"; }
   // The update options and environment of a broker running from this layout.
   std::vector<std::string> update_args(const UpdateServer& server) const {
-    return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1"};
+    return {"--update-binary", "true", "--update-server", server.base_url(), "--update-check-interval", "1s"};
   }
-  std::vector<std::string> env() const { return {"QM_AV_BROKER_TEST_MINUTE_MS=300", "TMPDIR=" + tmpdir()}; }
+  std::vector<std::string> env() const { return {"TMPDIR=" + tmpdir()}; }
   std::string tmpdir() const { return dir_.file("tmp"); }
 
  private:
   TempDir dir_;
 };
 
-std::string make_package(const TempDir& out, const std::string& version) {
+// An Ed25519 key pair made with the openssl command: <name>.pem (private), <name>.pub.
+std::string make_key(const TempDir& dir, const std::string& name) {
+  const std::string key = dir.file(name + ".pem");
+  Child openssl({"/bin/sh", "-c", "openssl genpkey -algorithm ed25519 -out \"$0\" && openssl pkey -in \"$0\" -pubout -out \"$1\"",
+                 key, dir.file(name + ".pub")});
+  EXPECT_EQ(openssl.wait(60s), 0) << openssl.err();
+  return key;
+}
+
+// The base64 signature of `file` by `key`, as scripts/package.sh writes it.
+std::string sign(const std::string& key, const std::string& file) {
+  Child openssl({"/bin/sh", "-c", "openssl pkeyutl -sign -rawin -inkey \"$0\" -in \"$1\" | base64 -w0", key, file});
+  EXPECT_EQ(openssl.wait(60s), 0) << openssl.err();
+  return openssl.out();
+}
+
+std::string make_package(const TempDir& out, const std::string& version, const std::string& signing_key) {
   Child packer({"/bin/bash", std::string(QM_SOURCE_DIR) + "/scripts/package.sh", out.path().string(), version},
-               {"QM_BROKER_BINARY=" + broker_binary(), "QM_NATS_SERVER=" + nats_server_binary()});
+               {"QM_BROKER_BINARY=" + broker_binary(), "QM_NATS_SERVER=" + nats_server_binary(),
+                "QM_UPDATE_SIGNING_KEY=" + signing_key});
   const std::string package = out.file(std::string(kComponent) + "_" + version + ".zip");
   if (packer.wait(300s) != 0) ADD_FAILURE() << packer.err();
   EXPECT_EQ(packer.out(), package + "\n");
   return package;
 }
 
+std::string today_manual_name() {
+  const time_t now = time(nullptr);
+  struct tm local {};
+  char date[16];
+  strftime(date, sizeof date, "%Y%m%d", localtime_r(&now, &local));
+  return std::string(kComponent) + "_" + date + "001_manual.zip";
+}
+
 size_t update_requests(const UpdateServer& server) { return LogCapture::count_in(server.requests(), "/v1/update?"); }
 
-// Version A asks, gets a redirect to B, installs it, closes both front doors while an open AMQP
-// connection still gets its reply, stops nats-server, flips "latest" and exits 0; B
-// then starts from latest/bin.
-TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
+// Version A, trusting one update key and the https update server's CA, asks and is told
+// nothing is newer. Packages that are not signed by that key (a wrong key, a byte changed
+// after signing, no signature, one reached by a redirect from https to http, a manual
+// package without its .sig) are each refused with nothing installed. Then a package signed
+// by scripts/package.sh is installed; activation closes both front doors while a slow scan
+// on an open AMQP connection is in flight, and the drain ends once it is answered, long
+// before its time-out. nats-server is stopped, "latest" flipped, the exit status is 0, and
+// B starts from latest/bin.
+TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEndsWithTheLastRequest) {
   InstalledLayout layout(true);
+  TempDir keys;
+  const std::string update_key = make_key(keys, "update");
+  const std::string wrong_key = make_key(keys, "wrong");
   TempDir packages;
-  const std::string package = make_package(packages, kVersionB);
-  UpdateServer server;
+  const std::string package = make_package(packages, kVersionB, update_key);
+  UpdateServer server(true);
+  UpdateServer plain_http;
   server.plan(R"({"/v1/update": {"status": 304}})");
 
   AmqpEnvOptions options;
@@ -85,7 +120,8 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
   // The HTTP door on a port of the system's choosing: that the drain closes it shows in the
   // log, and what closing does is the HTTP front door's own test.
   options.broker_args.insert(options.broker_args.end(),
-                             {"--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "10",
+                             {"--update-ca-file", server.ca_file(), "--update-public-key", keys.file("update.pub"),
+                              "--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "600",
                               "--pid-file", layout.base() + "/broker.pid", "--http-enabled", "true",
                               "--http-listen-port", "0"});
   AmqpEnv env(options);
@@ -94,26 +130,72 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
                                    "&version=latest&ssl=1&have=" + kVersionA + "\n"),
             std::string::npos)
       << server.requests();
+  EXPECT_EQ(LogCapture::count_in(env.broker_log(), "verified by MD5 alone"), 0u);
   ScanClient open_before(env);
 
+  const std::string blob = packages.file("blob");
+  write_file(blob, "a package nobody may install");
+  std::string tampered = read_file(blob);
+  tampered[3] ^= 1;
+  struct Refused {
+    const char* what;
+    std::string body;
+    std::string signature;  // "" for none
+    const UpdateServer* redirect_to;
+    std::string expected_log;  // after "Update package <name> "; "": the redirect's refusal
+  };
+  const std::vector<Refused> refused = {
+      {"wrong key", read_file(blob), sign(wrong_key, blob), &server, "does not carry a valid signature"},
+      {"tampered byte", tampered, sign(update_key, blob), &server, "does not carry a valid signature"},
+      {"no signature", read_file(blob), "", &server, "is not signed"},
+      {"https to http", read_file(blob), sign(update_key, blob), &plain_http, ""},
+  };
+  int sequence = 10;
+  for (const Refused& row : refused) {
+    SCOPED_TRACE(row.what);
+    const std::string name = std::string(kComponent) + "_202503010" + std::to_string(++sequence) + ".zip";
+    for (const UpdateServer* s : {&server, &plain_http}) {
+      s->add_file(name, row.body);
+      s->add_file(name + ".sig", row.signature);
+      s->plan_package(name, row.signature.empty() ? "" : name + ".sig", row.redirect_to->base_url());
+    }
+    const std::string expected = row.expected_log.empty() ? "Protocol \"http\" not supported"
+                                                           : "Update package " + name + " " + row.expected_log;
+    ASSERT_TRUE(env.wait_for_log(expected, 60s)) << env.broker_log();
+    EXPECT_EQ(dir_entries(layout.workdir()), (std::set<std::string>{kStampA, "latest"}));
+  }
+  EXPECT_EQ(LogCapture::count_in(plain_http.requests(), "/files/"), 0u);
+  server.plan(R"({"/v1/update": {"status": 304}})");
+  const std::string manual = layout.workdir() + "/" + today_manual_name();
+  write_file(manual, read_file(package));  // its .sig left behind
+  ASSERT_TRUE(env.wait_for_log("Update package " + today_manual_name() + " is not signed", 60s));
+  EXPECT_FALSE(fs::exists(manual));
+  EXPECT_EQ(dir_entries(layout.workdir()), (std::set<std::string>{kStampA, "latest"}));
+  EXPECT_TRUE(fs::is_empty(layout.tmpdir()));
+
+  // In flight when the doors close: the worker answers after 20 s.
+  const std::string payload = "in flight during the drain";
+  const int ticket =
+      open_before.client.send(open_before.sender, scan_request(AmqpEnv::kService, R"({"delay_ms": 20000})", &payload,
+                                                               open_before.reply_address, "drain-1"));
+  EXPECT_EQ(open_before.client.outcome(ticket, 20s), Outcome::accepted);
   const std::string package_name = fs::path(package).filename().string();
   server.add_file(package_name, read_file(package));
-  server.plan_package(package_name);
+  server.add_file(package_name + ".sig", read_file(package + ".sig"));
+  server.plan_package(package_name, package_name + ".sig");
   ASSERT_TRUE(env.wait_for_log("broker_update: front doors closed", 120s)) << env.broker_log();
-  // The open connection is served through the drain; new ones are turned away.
-  const std::string payload = "in flight during the drain";
-  const int ticket = open_before.client.send(
-      open_before.sender, scan_request(AmqpEnv::kService, "{}", &payload, open_before.reply_address, "drain-1"));
-  EXPECT_EQ(open_before.client.outcome(ticket, 20s), Outcome::accepted);
-  EXPECT_TRUE(open_before.client.receive(20s).has_value());
   AmqpClient late(env.port(), env.login(), 20s);
   EXPECT_FALSE(late.is_open());
   EXPECT_TRUE(env.wait_for_log("amqp_acceptor: refusing new connection \u2014 broker is draining for auto-update"));
   EXPECT_TRUE(env.wait_for_log("http_frontend: stopped accepting new connections"));
+  const auto reply = open_before.client.receive(60s);
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_NE(reply_json(*reply).find("\"ReturnCode\":0"), std::string::npos) << reply_json(*reply);
 
   ASSERT_EQ(env.broker().wait(120s), 0) << env.broker_log();
   const std::string log = env.broker_log();
-  for (const char* step : {"broker_update: staged new version", "broker_update: starting activation",
+  for (const char* step : {"signature verified", "broker_update: staged new version",
+                           "broker_update: starting activation", "nothing in flight at the front doors",
                            "broker_update: stopping nats-server child", "broker_update: flipping",
                            "broker_update: activation complete"}) {
     EXPECT_NE(log.find(step), std::string::npos) << step;
@@ -151,6 +233,7 @@ TEST(UpdateEndToEnd, SigtermDuringAStalledDownloadEndsTheBroker) {
   env.broker().signal(SIGTERM);
   ASSERT_EQ(env.broker().wait(20s), 0) << env.broker().err();
   EXPECT_NE(env.broker().err().find("broker_update: STOP requested, thread exiting"), std::string::npos);
+  EXPECT_EQ(LogCapture::count_in(env.broker().err(), "packages are verified by MD5 alone"), 1u);
   EXPECT_FALSE(fs::exists(layout.workdir() + "/temp.dwnld"));
 }
 

@@ -17,6 +17,7 @@
 
 #include "broker_config.hpp"
 #include "broker_update_activation.hpp"
+#include "broker_update_layout.hpp"
 #include "broker_update_thread.hpp"
 #include "log_capture.hpp"
 #include "test_support.hpp"
@@ -80,7 +81,7 @@ class UpdateThread : public ::testing::Test {
     fs::create_symlink(workdir + "/" + kActive, workdir + "/latest");
     if (const char* saved = getenv("TMPDIR")) saved_tmpdir = saved;
     setenv("TMPDIR", tmp.file("t").c_str(), 1);  // the extraction directory goes there
-    broker_update_set_minute_ms_for_testing(kMinuteMs);
+    params.minute_ms = kMinuteMs;
     cfg.nats_server_binary = workdir + "/latest/bin/nats-server";
     cfg.update_config.update_server = server.base_url();
     cfg.update_config.update_check_interval = 3;
@@ -90,9 +91,6 @@ class UpdateThread : public ::testing::Test {
   void TearDown() override {
     EXPECT_TRUE(join_within(20s));
     saved_tmpdir ? setenv("TMPDIR", saved_tmpdir->c_str(), 1) : unsetenv("TMPDIR");
-    broker_update_set_minute_ms_for_testing(0);
-    broker_update_set_clock_for_testing(nullptr);
-    qm_update_set_install_time_limit_ms(0);
   }
 
   int64_t interval_ms() const { return cfg.update_config.update_check_interval * kMinuteMs; }
@@ -182,7 +180,7 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
   EXPECT_TRUE(log.contains("exit status 1"));
 
   const std::string pids = tmp.file("pids");
-  qm_update_set_install_time_limit_ms(1000);
+  params.install_limits.install_time_limit_ms = 1000;
   serve_package("exec >/dev/null 2>&1\ntrap '' TERM\nsleep 600 &\necho $! $$ >> '" + pids + "'\nwait\n", "20250301003");
   ASSERT_TRUE(log.wait_for("ended because it ran longer than allowed", 60s)) << log.text();
   ASSERT_TRUE(qmtest::wait_until([&] { return pids_in(pids).size() >= 4; }, 60s));  // the next attempt runs
@@ -212,7 +210,7 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   qmtest::write_file(workdir + "/" + manual_name(-1), "not a package");
   cfg.update_maintenance_window = "02:00-03:00";
   s_fake_now = today_at(12, 0);
-  broker_update_set_clock_for_testing(s_fake_clock);
+  params.clock = s_fake_clock;
   const std::string cwd = fs::current_path();
   qmtest::LogCapture log(QMLOG_DEBUG);
   {
@@ -240,7 +238,6 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   EXPECT_EQ(qmtest::dir_entries(workdir),
             (std::set<std::string>{kActive, *params.update_deployed_to, "latest", manual_name(-1)}));
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
-  EXPECT_FALSE(qm_update_cluster_lock_is_held());
 }
 
 // ---- activation ------------------------------------------------------------------------
@@ -255,16 +252,13 @@ TEST(MaintenanceWindow, OpenAtTheRightMinutesAndWhenMissingOrMalformed) {
       {nullptr, 12, 0, true, false},        {"25:00-26:00", 12, 0, true, kWarns}, {"nightly", 12, 0, true, kWarns},
       {"12:60-13:00", 3, 0, true, kWarns},  {"12:00", 3, 0, true, kWarns},
   };
-  broker_update_set_clock_for_testing(s_fake_clock);
   for (const auto& [window, hour, minute, open, warns] : cases) {
     SCOPED_TRACE(std::string(window ? window : "(null)") + " at " + std::to_string(hour) + ":" +
                  std::to_string(minute));
-    s_fake_now = today_at(hour, minute);
     qmtest::LogCapture log(QMLOG_WARN);
-    EXPECT_EQ(broker_update_in_maintenance_window(window), open);
+    EXPECT_EQ(broker_update_in_maintenance_window(window, today_at(hour, minute)), open);
     EXPECT_EQ(log.contains("is not HH:MM-HH:MM \u2014 ignoring (activating ASAP)"), warns) << log.text();
   }
-  broker_update_set_clock_for_testing(nullptr);
 }
 
 }  // namespace

@@ -122,6 +122,8 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
     EXPECT_EQ(response.body, row.body) << row.what;
     EXPECT_EQ(response.www_authenticate, row.status == 401 ? "Basic realm=\"quillmere-av-scangateway\"" : "") << row.what;
     EXPECT_EQ(response.content_type, row.status == 200 ? "application/json" : "") << row.what;
+    // Answered, whatever the answer: nothing is left for an update's drain to wait for.
+    EXPECT_TRUE(wait_until([&] { return gw_http_frontend_inflight(door_->frontend()) == 0; }, 10s)) << row.what;
   }
   EXPECT_TRUE(log_.contains("subject rewrite 'qm-av-quarantine_scan' -> 'qm-av-quarantine.scan'"));
 }
@@ -247,7 +249,9 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   ASSERT_TRUE(log_.wait_for("http_frontend: relay user=local-user", 10s));
   gw_http_frontend_stop_accepting(door_->frontend());
   EXPECT_EQ(http_send(as(kLocal, kLocalPassword)).curl, CURLE_COULDNT_CONNECT);
+  EXPECT_EQ(gw_http_frontend_inflight(door_->frontend()), 1u);  // what an update's drain waits for
   EXPECT_EQ(in_flight.get().status, 200);
+  EXPECT_TRUE(wait_until([&] { return gw_http_frontend_inflight(door_->frontend()) == 0; }, 10s));
   EXPECT_TRUE(log_.contains("stopped accepting new connections — in-flight requests still draining"));
   EXPECT_FALSE(log_.contains("[MHD]")) << log_.text();
 

@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "gw_relay_pool_testing.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
@@ -65,9 +64,7 @@ class RelayPool : public ::testing::Test {
   }
 
   pool_ptr make_pool(int threads) {
-    pool_ptr pool(gw_relay_pool_create(relay_.get(), threads));
-    gw_relay_pool_set_wake(pool.get(), s_record_wake);
-    return pool;
+    return pool_ptr(gw_relay_pool_create(relay_.get(), threads, s_record_wake));
   }
 
   // A job for connection h asking the worker to take delay_ms; `tag` ends up in its reply

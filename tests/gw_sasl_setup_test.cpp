@@ -11,7 +11,6 @@
 
 #include "amqp_fixture.hpp"
 #include "gw_sasl_setup.hpp"
-#include "gw_sasl_setup_testing.hpp"
 #include "log_capture.hpp"
 
 namespace qmtest {
@@ -25,6 +24,25 @@ constexpr const char* kApp = GW_SASL_SERVICE_NAME;
 mode_t mode_of(const std::string& path) {
   struct stat st {};
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+// The set-up's callback for `id`, as Cyrus finds it in the table.
+template <typename Fn>
+Fn callback(unsigned long id) {
+  for (const sasl_callback_t* cb = gw_sasl_callbacks(); cb->id != SASL_CB_LIST_END; ++cb) {
+    if (cb->id == id) return reinterpret_cast<Fn>(reinterpret_cast<void (*)()>(cb->proc));
+  }
+  ADD_FAILURE() << "no callback " << id;
+  return nullptr;
+}
+
+using checkpass_fn = int (*)(sasl_conn_t*, void*, const char*, const char*, unsigned, propctx*);
+using canon_user_fn = int (*)(sasl_conn_t*, void*, const char*, unsigned, unsigned, const char*, char*, unsigned,
+                              unsigned*);
+
+// The password check as Cyrus calls it.
+int checkpass(const char* user, const char* password, unsigned len) {
+  return callback<checkpass_fn>(SASL_CB_SERVER_USERDB_CHECKPASS)(nullptr, nullptr, user, password, len, nullptr);
 }
 
 // A nats-server, a relay to it and a verify endpoint that knows `users`.
@@ -175,28 +193,28 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   VerifyEnv env(user_list{{"alice", longest}});
   ASSERT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
   LogCapture log;
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", longest.data(), 255, nullptr), SASL_OK);
+  EXPECT_EQ(checkpass("alice", longest.data(), 255), SASL_OK);
   EXPECT_EQ(json_member(env.verify.requests().back(), "password"), longest);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), SASL_OK);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), 0);
   // A NUL byte does not cut the password short: all of it is checked (and refused).
   const std::string with_nul = longest.substr(0, 200) + std::string(1, '\0') + "junk";
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", with_nul.data(), 205, nullptr), SASL_BADAUTH);
+  EXPECT_EQ(checkpass("alice", with_nul.data(), 205), SASL_BADAUTH);
   EXPECT_EQ(json_member(env.verify.requests().back(), "password"), with_nul);
 
   const size_t requests = env.verify.requests().size();
   const std::string too_long(256, 'p');
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", too_long.data(), 256, nullptr), SASL_BADAUTH);
+  EXPECT_EQ(checkpass("alice", too_long.data(), 256), SASL_BADAUTH);
   EXPECT_TRUE(log.contains("sasl_checkpass: password length 256 exceeds limit \xE2\x80\x94 denying user='alice'"));
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "", "pw", 2, nullptr), SASL_BADAUTH);
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, nullptr, "pw", 2, nullptr), SASL_BADAUTH);
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", "pw", 0, nullptr), SASL_BADAUTH);
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", nullptr, 2, nullptr), SASL_BADAUTH);
+  EXPECT_EQ(checkpass("", "pw", 2), SASL_BADAUTH);
+  EXPECT_EQ(checkpass(nullptr, "pw", 2), SASL_BADAUTH);
+  EXPECT_EQ(checkpass("alice", "pw", 0), SASL_BADAUTH);
+  EXPECT_EQ(checkpass("alice", nullptr, 2), SASL_BADAUTH);
   EXPECT_EQ(log.count("sasl_checkpass: empty user or password \xE2\x80\x94 denying"), 4u);
   EXPECT_EQ(env.verify.requests().size(), requests);
   gw_sasl_teardown();
 
-  EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", "pw", 2, nullptr), SASL_TRYAGAIN);
+  EXPECT_EQ(checkpass("alice", "pw", 2), SASL_TRYAGAIN);
   EXPECT_TRUE(log.contains("sasl_checkpass: no relay configured \xE2\x80\x94 denying user='alice'"));
 }
 
@@ -221,7 +239,7 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
     SCOPED_TRACE(c.reply);
     LogCapture log;
     env.verify.script({{"alice", c.reply}});
-    EXPECT_EQ(auth_checkpass_cb(nullptr, nullptr, "alice", "whatever", 8, nullptr), c.verdict);
+    EXPECT_EQ(checkpass("alice", "whatever", 8), c.verdict);
     EXPECT_TRUE(log.contains(c.logged)) << log.text();
   }
   gw_sasl_teardown();
@@ -230,6 +248,7 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
 // A name that does not fit is refused whole: cut, it would be checked as another name.
 TEST(SaslCallbacks, NamesPassThroughUnchangedOrAreRefusedWhole) {
   LogCapture log(QMLOG_TRACE);
+  const auto sasl_canon_user_cb = callback<canon_user_fn>(SASL_CB_CANON_USER);
   char out[5];
   unsigned out_len = 0;
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "Alice@Realm", 11, SASL_CU_AUTHID, nullptr, out, sizeof out, &out_len),

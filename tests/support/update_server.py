@@ -11,6 +11,7 @@ query), each value an object with
   "body"      a file in DIR whose bytes are the body (default: empty body)
   "md5"       "auto" (the body's digest, the default), "omit", or the hex text to send
   "length"    "auto" (the default) or "omit"; without it the body ends at close
+  "signature" a file in DIR whose text is sent as "X-Content-Signature"
   "stall"     true: send the headers and the first bytes, then send nothing more
 A path missing from the plan gets 404.
 """
@@ -50,6 +51,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         md5 = answer.get("md5", "auto")
         if md5 != "omit":
             self.send_header("X-Content-Md5", hashlib.md5(body).hexdigest() if md5 == "auto" else md5)
+        if "signature" in answer:
+            with open(os.path.join(DIR, answer["signature"])) as f:
+                self.send_header("X-Content-Signature", f.read().strip())
         if answer.get("length", "auto") != "omit":
             self.send_header("Content-Length", str(len(body)))
         self.end_headers()

@@ -37,9 +37,11 @@ void UpdateServer::add_file(const std::string& name, const std::string& content)
   write_file(dir_.file(name), content);
 }
 
-void UpdateServer::plan_package(const std::string& name) const {
-  plan(R"({"/v1/update": {"status": 302, "location": "/files/)" + name + R"("}, "/files/)" + name +
-       R"(": {"body": ")" + name + R"("}})");
+void UpdateServer::plan_package(const std::string& name, const std::string& signature_file,
+                                const std::string& redirect_base) const {
+  const std::string signature = signature_file.empty() ? "" : R"(, "signature": ")" + signature_file + "\"";
+  plan(R"({"/v1/update": {"status": 302, "location": ")" + redirect_base + "/files/" + name + R"("}, "/files/)" +
+       name + R"(": {"body": ")" + name + "\"" + signature + "}}");
 }
 
 std::string UpdateServer::requests() const { return read_file(dir_.file("requests.log")); }

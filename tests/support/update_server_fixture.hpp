@@ -27,8 +27,12 @@ class UpdateServer {
   // A file the plan can name as "body".
   void add_file(const std::string& name, const std::string& content) const;
   // Plans what an update server does with a new package: "/v1/update" redirects to
-  // "/files/<name>", which serves the file `name` (added before) and so names the package.
-  void plan_package(const std::string& name) const;
+  // "<redirect_base>/files/<name>" (default: this server), which serves the file `name`
+  // (added before) and so names the package, with the text of the file `signature_file`
+  // (added before) as its signature when one is named. Another server serves the redirect
+  // target only once it has planned the package too.
+  void plan_package(const std::string& name, const std::string& signature_file = "",
+                    const std::string& redirect_base = "") const;
   // Every request's path and query so far, one a line.
   std::string requests() const;
 
