@@ -66,7 +66,11 @@ void s_log_verdict(const auth_request_t& req, const auth_verdict& v) {
 
 std::string s_answer(const auth_jwt_ctx_t* jwt, const auth_request_t& req, const auth_verdict& verdict) {
   s_log_verdict(req, verdict);
-  return s_sign(jwt, req, verdict);
+  std::string token = s_sign(jwt, req, verdict);
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_CALLOUT,
+                            token.empty() ? BROKER_METRICS_ERROR : (verdict.granted ? BROKER_METRICS_GRANT : BROKER_METRICS_DENY),
+                            req.received_ns);
+  return token;
 }
 
 }  // namespace
@@ -115,6 +119,7 @@ std::string auth_callout_answer(auth_decider_t* decider, const auth_jwt_ctx_t* j
 
 std::string auth_callout_refuse_malformed(const auth_jwt_ctx_t* jwt, const auth_request_t& req) {
   log_warn("auth_callout: malformed auth request \u2014 sending deny");
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_CALLOUT, BROKER_METRICS_ERROR, req.received_ns);
   char* token = nullptr;
   const int rc =
       auth_jwt_sign_deny(jwt, req.server_id.c_str(), req.user_nkey.c_str(), "malformed auth request", &token);

@@ -105,6 +105,7 @@ int broker_update_activate(broker_update_thread_params* params, const broker_upd
   }
   const std::string stamp = *params->update_deployed_to;
   log_info("broker_update: starting activation for staged version %s", stamp.c_str());
+  params->draining = true;
   s_close_front_doors(*handles);
   const int drain_sec = std::max(cfg.update_drain_timeout_seconds, 0);
   log_info("broker_update: front doors closed \u2014 draining in-flight for up to %ds", drain_sec);

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "broker_config.hpp"
+#include "broker_metrics.hpp"
 #include "broker_update_activation.hpp"
 #include "log.hpp"
 #include "qmerror.hpp"
@@ -128,7 +129,10 @@ bool s_find_package(broker_update_thread_params_t* params, const s_paths& paths,
 int s_check_and_stage(broker_update_thread_params_t* params, const s_paths& paths) {
   qm_upd_pkg_info_t pkg;
   pkg_info_init(&pkg);
-  if (!s_find_package(params, paths, &pkg)) {
+  params->downloading = true;
+  const bool found = s_find_package(params, paths, &pkg);
+  params->downloading = false;
+  if (!found) {
     log_trace("broker_update: no new package this cycle");
     pkg_info_free(&pkg);
     return 0;
@@ -167,6 +171,7 @@ void s_activate_staged(broker_update_thread_params_t* params, qm_update_lockfile
          qm_update_cluster_lock_acquire(cluster_lock, kClusterService)) {
     if (broker_update_activate(params, &handles) != 0) {
       log_warn("broker_update: activation failed \u2014 resetting to WAITING");
+      broker_metrics_count_update(BROKER_METRICS_UPDATE_ACTIVATION_FAILED);
       params->status = WAITING;
       return;
     }
@@ -183,6 +188,8 @@ void s_run_cycle(broker_update_thread_params_t* params, const s_paths& paths, s_
     return;
   }
   const int staged = s_check_and_stage(params, paths);
+  broker_metrics_count_update(staged == 1 ? BROKER_METRICS_UPDATE_STAGED
+                                          : (staged == 0 ? BROKER_METRICS_UPDATE_NOTHING_NEW : BROKER_METRICS_UPDATE_FAILED));
   lock_release(locks.host.get());
   if (staged == 1) {
     s_activate_staged(params, locks.cluster.get());
@@ -294,6 +301,15 @@ int64_t broker_update_minute_ms() {
   if (override_ms > 0) return override_ms;
   static const int64_t from_environment = s_minute_from_environment();
   return from_environment;
+}
+
+const char* broker_update_state(const broker_update_thread_params_t* params) {
+  if (params == nullptr) return "off";
+  if (params->draining.load()) return "draining";
+  const qm_update_status_t status = params->status.load();
+  if (status == FILES_READY) return "waiting for the window";
+  if (status == UPDATING) return "installing";
+  return params->downloading.load() ? "downloading" : "idle";
 }
 
 void broker_update_set_minute_ms_for_testing(int64_t ms) { s_minute_override_ms.store(ms > 0 ? ms : 0); }

@@ -29,6 +29,9 @@ struct broker_update_thread_params {
   broker_natsd* natsd = nullptr;
   // WAITING, UPDATING or FILES_READY; written by the thread.
   std::atomic<qm_update_status_t> status{WAITING};
+  // Asking the update server (or looking for a manual package); the front doors drain.
+  std::atomic<bool> downloading{false};
+  std::atomic<bool> draining{false};
   // STOP ends the thread. Lock-free, so a signal handler may set it.
   std::atomic<qm_thread_status> targetstatus{CREATING};
   // The name (Unix time) of the staged version directory; read by main after the join.
@@ -69,6 +72,11 @@ bool broker_update_sleep_unless_stopped(broker_update_thread_params_t* params, i
 // broker_update_set_minute_ms_for_testing. Check intervals and activation's wait for the
 // maintenance window are counted in it.
 int64_t broker_update_minute_ms();
+
+// What the thread is doing, for the readiness check: "idle", "downloading", "installing",
+// "waiting for the window" (a staged version) or "draining" (activation closed the
+// front doors). "off" for NULL. Lock-free.
+const char* broker_update_state(const broker_update_thread_params_t* params);
 
 // Test seam: the minute in ms for threads started from now on; below 1 restores 60000.
 void broker_update_set_minute_ms_for_testing(int64_t ms);

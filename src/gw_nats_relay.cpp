@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "broker_kv_bootstrap.hpp"
+#include "broker_metrics.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
@@ -55,6 +56,8 @@ constexpr int64_t kChunkAckWaitMs = 30000;
 // No writer makes more chunks than this (32 GiB); a manifest naming more is broken, and
 // its number is not trusted for reading or deleting.
 constexpr int64_t kMaxChunks = 65536;
+// s_request's result when the worker's reply did not come in time (callers see -1).
+constexpr int kRelayTimedOut = -2;
 
 // Once-per-process state. Races are harmless: at worst a warning twice or one more
 // TTL write that fails.
@@ -544,6 +547,8 @@ void s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
   if (key == nullptr) return;
   if (kvstore_get_chunked(relay.kv.get(), key, reply_data, reply_data_len) != 0) {
     log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
+  } else {
+    broker_metrics_count_fetched_bytes(*reply_data_len);
   }
   kvstore_delete_chunked(relay.conn.get(), relay.kv.get(), key);
 }
@@ -563,6 +568,7 @@ int s_request(gw_nats_relay& relay, const char* subject, const char* request_jso
     staged.hold(key.get(), gw_kv_num_chunks(data_len));
     const int64_t ttl_ms = gw_kv_ttl_ms_for(std::max<uint64_t>(wait, scan_budget_ms));
     if (!s_stage(relay, subject, key.get(), data, data_len, ttl_ms)) return -1;
+    broker_metrics_count_staged_bytes(data_len);
     std::optional<std::string> with_key = s_with_kv_key(request_json, key.get());
     if (!with_key) return -1;
     send_text = std::move(*with_key);
@@ -579,7 +585,7 @@ int s_request(gw_nats_relay& relay, const char* subject, const char* request_jso
     log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)",
              log_safe(subject).c_str(), natsStatus_GetText(status), detail.c_str(), wait,
              static_cast<unsigned long>(scan_budget_ms), key_text);
-    return -1;
+    return status == NATS_TIMEOUT ? kRelayTimedOut : -1;
   }
   log_trace("nats_relay: request OK subject=%s kv_key=%s", log_safe(subject).c_str(), key_text);
   staged.remove();
@@ -855,13 +861,22 @@ int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const cha
   if (reply_data != nullptr) *reply_data = nullptr;
   if (reply_data_len != nullptr) *reply_data_len = 0;
   if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
+  const int64_t started = broker_metrics_now();
+  int rc = -1;
   try {
-    return s_request(*relay, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
-                     reply_data_len);
+    rc = s_request(*relay, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data, reply_data_len);
   } catch (const std::exception& e) {
     log_error("nats_relay: request to %s failed: %s", log_safe(subject).c_str(), e.what());
-    return -1;
   }
+  broker_metrics_count_relay(gw_service_uses_js(relay, subject) ? BROKER_METRICS_ROUTE_JETSTREAM : BROKER_METRICS_ROUTE_CORE,
+                             rc == 0 ? BROKER_METRICS_RELAY_OK
+                                     : (rc == kRelayTimedOut ? BROKER_METRICS_RELAY_TIMEOUT : BROKER_METRICS_RELAY_ERROR),
+                             started);
+  return rc == 0 ? 0 : -1;
+}
+
+bool gw_nats_relay_connected(const gw_nats_relay_t* relay) {
+  return relay != nullptr && relay->conn && natsConnection_Status(relay->conn.get()) == NATS_CONN_STATUS_CONNECTED;
 }
 
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "auth_jwt.hpp"
+#include "admin_client.hpp"
 #include "callout_fixture.hpp"
 #include "log_capture.hpp"
 #include "qm_handles.hpp"
@@ -59,7 +60,10 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     },
     "file_user_map": [{"user": "alice", "profile": "scanner"}]
   })j";
+  const int admin_port = qmtest::free_port();
+  options.broker_args = qmtest::admin_args(admin_port);
   CalloutEnv env(options);
+  const std::string before = qmtest::scrape(admin_port);
   {
     SCOPED_TRACE("an empty password");
     for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);
@@ -87,6 +91,18 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_EQ(log.find("via=neg-cache"), std::string::npos);
     EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=scanner groups=0"), std::string::npos);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=scanner", 5s));
+  }
+  {
+    SCOPED_TRACE("each verdict counted once, the malformed ones as errors; only the second grant came from the cache");
+    const std::string after = qmtest::scrape(admin_port);
+    const auto moved = [&](const std::string& sample) { return qmtest::metric_delta(before, after, sample); };
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="error"})"), 2);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="deny"})"), 3);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="grant"})"), 2);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_request_duration_seconds_count{source="callout"})"), 7);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_cache_lookups_total{result="hit"})"), 1);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_cache_lookups_total{result="miss"})"), 4);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_cache_lookups_total{result="negative"})"), 0);
   }
   {
     SCOPED_TRACE("the server enforces the profile");

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "admin_client.hpp"
 #include "nats_server_fixture.hpp"
 #include "test_support.hpp"
 
@@ -57,8 +58,12 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const std::string server_log = dir_.file("nats.log");
   std::vector<std::string> args = managed_args(qmtest::nats_server_binary(), server_log);
   args.insert(args.end(), {"--js-work-services", "scan.a"});
+  const int admin_port = qmtest::free_port();
+  for (const std::string& arg : qmtest::admin_args(admin_port)) args.push_back(arg);
   qmtest::Child broker(args);
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+  const auto readyz = [&] { return qmtest::admin_get(admin_port, "/readyz"); };
+  ASSERT_TRUE(qmtest::wait_until([&] { return readyz().status == 200; }, 10s)) << readyz().body;
   const std::string started = broker.err();
   EXPECT_NE(started.find("nats-server: running (pid="), std::string::npos);
   EXPECT_NE(started.find("KV bootstrap: created bucket 'qm-av-wq-dedup' (replicas=1)"), std::string::npos);
@@ -67,6 +72,12 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const pid_t first = server_pid();
 
   kill(first, SIGKILL);
+  // Not ready from the moment the child is found dead, through the back-off, until the
+  // new one is; alive all along.
+  qmtest::HttpResponse down;
+  EXPECT_TRUE(qmtest::wait_until([&] { return (down = readyz()).status == 503; }, 10s));
+  EXPECT_NE(down.body.find(R"("nats-server":{"ready":false,"state":"down"})"), std::string::npos) << down.body;
+  EXPECT_EQ(qmtest::admin_get(admin_port, "/healthz").status, 200);
   ASSERT_TRUE(broker.wait_for_err("nats-server: restarting in 500ms", 20s)) << broker.err();
   pid_t second = -1;
   ASSERT_TRUE(qmtest::wait_until(
@@ -76,8 +87,16 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
       },
       20s));
 
+  EXPECT_TRUE(qmtest::wait_until([&] { return readyz().status == 200; }, 20s)) << readyz().body;
+  EXPECT_EQ(qmtest::metric_value(qmtest::scrape(admin_port), "qm_av_broker_natsd_restarts_total"), 1);
+
   broker.signal(SIGHUP);
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));
+  EXPECT_TRUE(qmtest::wait_until(
+      [&] {
+        return qmtest::metric_value(qmtest::scrape(admin_port), R"(qm_av_broker_credentials_reloads_total{result="ok"})") == 1;
+      },
+      10s));
   EXPECT_TRUE(qmtest::wait_until(
       [&] { return qmtest::read_file(server_log).find("Reloaded server configuration") != std::string::npos; }, 10s));
 

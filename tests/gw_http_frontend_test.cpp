@@ -8,7 +8,9 @@
 #include <map>
 #include <thread>
 
+#include "admin_client.hpp"
 #include "amqp_fixture.hpp"
+#include "broker_metrics.hpp"
 #include "http_fixture.hpp"
 #include "log_capture.hpp"
 #include "test_certificates.hpp"
@@ -111,7 +113,10 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
       {"worker too slow", [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":4000})"}}; }, 502, relay_failed},
       {"quarantine without worker", [](HttpRequest& r) { r.target = "qm-av-quarantine_scan"; }, 502, relay_failed},
   };
+  const std::string before = broker_metrics_render();
+  std::map<long, int> answered;
   for (const auto& row : rows) {
+    ++answered[row.status];
     const HttpResponse response = http_send(as(kLocal, kLocalPassword, row.change));
     EXPECT_EQ(response.status, row.status) << row.what;
     EXPECT_EQ(response.body, row.body) << row.what;
@@ -119,6 +124,22 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
     EXPECT_EQ(response.content_type, row.status == 200 ? "application/json" : "") << row.what;
   }
   EXPECT_TRUE(log_.contains("subject rewrite 'qm-av-quarantine_scan' -> 'qm-av-quarantine.scan'"));
+  // One status count per response, one verdict per request that got as far as its
+  // credentials: every 401 is a refusal, and the rows after the credentials check (200,
+  // 502 and the missing target) were granted.
+  const std::string after = broker_metrics_render();
+  for (const auto& [status, times] : answered)
+    EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_http_requests_total{code=")" + std::to_string(status) + "\"}"),
+              times)
+        << status;
+  const auto verdicts = [&](const char* verdict) {
+    return metric_delta(before, after, std::string(R"(qm_av_broker_auth_requests_total{source="http",verdict=")") +
+                                           verdict + "\"}");
+  };
+  EXPECT_EQ(verdicts("deny"), answered[401]);
+  EXPECT_EQ(verdicts("grant"), answered[200] + answered[502] + 1);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_auth_request_duration_seconds_count{source="http"})"),
+            answered[401] + answered[200] + answered[502] + 1);
 }
 
 TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
@@ -239,7 +260,9 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   auto slow = as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":1500})"}}; });
   auto in_flight = std::async(std::launch::async, [&] { return http_send(slow); });
   ASSERT_TRUE(log_.wait_for("http_frontend: relay user=local-user", 10s));
+  EXPECT_TRUE(gw_http_frontend_listening(door_->frontend()));
   gw_http_frontend_stop_accepting(door_->frontend());
+  EXPECT_FALSE(gw_http_frontend_listening(door_->frontend()));
   EXPECT_EQ(http_send(as(kLocal, kLocalPassword)).curl, CURLE_COULDNT_CONNECT);
   EXPECT_EQ(in_flight.get().status, 200);
   EXPECT_TRUE(log_.contains("stopped accepting new connections — in-flight requests still draining"));
@@ -248,6 +271,7 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   gw_http_frontend_stop(door_->frontend());
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);  // already running
+  EXPECT_TRUE(gw_http_frontend_listening(door_->frontend()));
   EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
   EXPECT_TRUE(log_.contains("http_frontend: stopped"));
 }
