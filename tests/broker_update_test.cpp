@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "admin_client.hpp"
 #include "amqp_fixture.hpp"
 #include "callout_fixture.hpp"
 #include "log_capture.hpp"
@@ -88,6 +89,8 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
                              {"--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "10",
                               "--pid-file", layout.base() + "/broker.pid", "--http-enabled", "true",
                               "--http-listen-port", "0"});
+  const int admin_port = free_port();
+  for (const std::string& arg : admin_args(admin_port)) options.broker_args.push_back(arg);
   AmqpEnv env(options);
   ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker_log();
   EXPECT_NE(server.requests().find(std::string("/v1/update?component=") + kComponent +
@@ -95,11 +98,19 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
             std::string::npos)
       << server.requests();
   ScanClient open_before(env);
+  EXPECT_TRUE(wait_until([&] { return admin_get(admin_port, "/readyz").status == 200; }, 10s));
 
   const std::string package_name = fs::path(package).filename().string();
   server.add_file(package_name, read_file(package));
   server.plan_package(package_name);
   ASSERT_TRUE(env.wait_for_log("broker_update: front doors closed", 120s)) << env.broker_log();
+  // A balancer hears "not ready" for the whole drain; the broker itself stays alive.
+  const HttpResponse draining = admin_get(admin_port, "/readyz");
+  EXPECT_EQ(draining.status, 503);
+  for (const char* check : {R"("update":{"ready":false,"state":"draining"})", R"("amqp":{"ready":false,)",
+                            R"("http":{"ready":false,)"})
+    EXPECT_NE(draining.body.find(check), std::string::npos) << check << " in " << draining.body;
+  EXPECT_EQ(admin_get(admin_port, "/healthz").status, 200);
   // The open connection is served through the drain; new ones are turned away.
   const std::string payload = "in flight during the drain";
   const int ticket = open_before.client.send(
