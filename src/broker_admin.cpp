@@ -58,26 +58,42 @@ MHD_Result s_healthz(broker_admin& admin, MHD_Connection* conn) {
   return s_respond(conn, MHD_HTTP_OK, "ok\n", "text/plain");
 }
 
-// {"status":"ready"|"not ready","checks":{"<name>":{"ready":bool,"state":"<word>"},...}}
-// Names and states are fixed texts of the broker's own: nothing needs escaping.
-MHD_Result s_readyz(broker_admin& admin, MHD_Connection* conn) {
+// Runs every check; true when all are ready and no shutdown began. `entries` gets the
+// checks as JSON members: "<name>":{"ready":bool,"state":"<word>"}. Names and states are
+// fixed texts of the broker's own: nothing needs escaping.
+bool s_evaluate(broker_admin& admin, std::string& entries) {
   bool all_ready = !admin.stopping.load();
-  std::string entries;
-  {
-    std::lock_guard lock(admin.checks_mu);
-    for (const readiness_check& check : admin.checks) {
-      const char* state = nullptr;
-      const bool ready = check.probe != nullptr && check.probe(check.subject, &state);
-      if (state == nullptr) state = check.probe != nullptr ? (ready ? "up" : "down") : (check.had_probe ? "stopped" : "starting");
-      all_ready = all_ready && ready;
-      if (!entries.empty()) entries += ",";
-      entries += std::string("\"") + check.name + "\":{\"ready\":" + (ready ? "true" : "false") + ",\"state\":\"" +
-                 state + "\"}";
-    }
+  std::lock_guard lock(admin.checks_mu);
+  for (const readiness_check& check : admin.checks) {
+    const char* state = nullptr;
+    const bool ready = check.probe != nullptr && check.probe(check.subject, &state);
+    if (state == nullptr)
+      state = check.probe != nullptr ? (ready ? "up" : "down") : (check.had_probe ? "stopped" : "starting");
+    all_ready = all_ready && ready;
+    if (!entries.empty()) entries += ",";
+    entries += std::string("\"") + check.name + "\":{\"ready\":" + (ready ? "true" : "false") + ",\"state\":\"" +
+               state + "\"}";
   }
+  return all_ready;
+}
+
+// {"status":"ready"|"not ready"|"stopping","checks":{...}}
+MHD_Result s_readyz(broker_admin& admin, MHD_Connection* conn) {
+  std::string entries;
+  const bool all_ready = s_evaluate(admin, entries);
   const char* status = admin.stopping.load() ? "stopping" : (all_ready ? "ready" : "not ready");
   const std::string body = std::string("{\"status\":\"") + status + "\",\"checks\":{" + entries + "}}\n";
   return s_respond(conn, all_ready ? MHD_HTTP_OK : MHD_HTTP_SERVICE_UNAVAILABLE, body, "application/json");
+}
+
+// The metrics, and what /readyz would answer as a gauge: one scrape tells both.
+std::string s_metrics(broker_admin& admin) {
+  std::string ignored;
+  const bool ready = s_evaluate(admin, ignored);
+  std::string text = broker_metrics_render();
+  text += "# HELP qm_av_broker_ready 1 when /readyz answers 200, else 0.\n# TYPE qm_av_broker_ready gauge\n";
+  text += ready ? "qm_av_broker_ready 1\n" : "qm_av_broker_ready 0\n";
+  return text;
 }
 
 MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const char* method, const char*,
@@ -95,7 +111,7 @@ MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const ch
     }
     if (strcmp(url, "/healthz") == 0) return s_healthz(admin, conn);
     if (strcmp(url, "/readyz") == 0) return s_readyz(admin, conn);
-    return s_respond(conn, MHD_HTTP_OK, broker_metrics_render(), kMetricsContentType);
+    return s_respond(conn, MHD_HTTP_OK, s_metrics(admin), kMetricsContentType);
   } catch (...) {
     return MHD_NO;  // out of memory: the daemon drops the connection
   }

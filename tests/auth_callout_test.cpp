@@ -165,6 +165,8 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   CalloutOptions options = file_users();
   options.users.emplace_back("carol", "chisel");  // a file user first seen while the workers wait
   options.broker_args = ldap_args(directory->url());
+  const int admin_port = qmtest::free_port();
+  for (const std::string& arg : qmtest::admin_args(admin_port)) options.broker_args.push_back(arg);
   options.permissions_json =
       R"j({"profiles": {"scanner": {"publish": {"allow": ["scan.>"]},
                                     "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}},
@@ -172,6 +174,7 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   CalloutEnv env(options);
   // Settles the service's connections, then holds the directory so both checks overlap.
   ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::admin_get(admin_port, "/readyz").status == 200; }, 10s));
   {
     SCOPED_TRACE("two concurrent logins of one user make one live check");
     directory->pause();
@@ -247,6 +250,9 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     // leo's right password is cached (by the verify answers above); another one is checked live.
     EXPECT_NE(nats_login(env.url(), "leo", "leo-guess").status, NATS_OK);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=leo backend=none reason=invalid-credentials", 5s));
+    const qmtest::HttpResponse ready = qmtest::admin_get(admin_port, "/readyz");
+    EXPECT_EQ(ready.status, 503);
+    EXPECT_NE(ready.body.find(R"("ldap":{"ready":false,"state":"unreachable"})"), std::string::npos) << ready.body;
   }
 }
 

@@ -108,6 +108,7 @@ TEST(AdminListener, EndpointsAnswerAndPrometheusScrapesTheMetrics) {
   EXPECT_TRUE(wait_until([&] { return scraped("grant") == 1 && scraped("deny") == 1; }, 30s))
       << "grant " << scraped("grant") << ", deny " << scraped("deny") << "\n" << prometheus.log();
   EXPECT_EQ(prometheus.query("qm_av_broker_build_info"), 1);
+  EXPECT_EQ(prometheus.query("qm_av_broker_ready"), 1);
 }
 
 // An operator who asked for the listener relies on it: a broker that cannot open it

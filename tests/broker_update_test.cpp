@@ -111,6 +111,7 @@ TEST(UpdateEndToEnd, InstallsDrainsFlipsLatestExitsAndTheNewVersionStarts) {
                             R"("http":{"ready":false,)"})
     EXPECT_NE(draining.body.find(check), std::string::npos) << check << " in " << draining.body;
   EXPECT_EQ(admin_get(admin_port, "/healthz").status, 200);
+  EXPECT_EQ(metric_value(scrape(admin_port), "qm_av_broker_ready"), 0);
   // The open connection is served through the drain; new ones are turned away.
   const std::string payload = "in flight during the drain";
   const int ticket = open_before.client.send(
