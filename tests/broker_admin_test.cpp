@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "admin_client.hpp"
+#include "broker_metrics.hpp"
 #include "callout_fixture.hpp"
 #include "http_fixture.hpp"
 #include "test_support.hpp"
@@ -109,6 +110,38 @@ TEST(AdminListener, EndpointsAnswerAndPrometheusScrapesTheMetrics) {
       << "grant " << scraped("grant") << ", deny " << scraped("deny") << "\n" << prometheus.log();
   EXPECT_EQ(prometheus.query("qm_av_broker_build_info"), 1);
   EXPECT_EQ(prometheus.query("qm_av_broker_ready"), 1);
+}
+
+// A latency lands in the first bucket whose bound it does not exceed, counted in every
+// bucket above; the sum is in seconds.
+TEST(MetricsHistogram, LatenciesLandInTheirBucketsInSeconds) {
+  const struct {
+    int64_t ago_ns;
+    const char* first_bucket;  // the smallest "le" that counts it
+    const char* below;         // the bucket just below, which does not ("" for none)
+  } rows[] = {
+      {100'000, "0.0005", ""},
+      {3'000'000, "0.005", "0.0025"},
+      {1'200'000'000, "2.5", "1"},
+      {45'000'000'000, "+Inf", "30"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first_bucket);
+    const std::string before = broker_metrics_render();
+    broker_metrics_count_relay(BROKER_METRICS_ROUTE_CORE, BROKER_METRICS_RELAY_OK, broker_metrics_now() - row.ago_ns);
+    const std::string after = broker_metrics_render();
+    const auto bucket = [](const std::string& le) {
+      return R"(qm_av_broker_relay_request_duration_seconds_bucket{route="core",le=")" + le + "\"}";
+    };
+    EXPECT_EQ(metric_delta(before, after, bucket(row.first_bucket)), 1);
+    EXPECT_EQ(metric_delta(before, after, bucket("+Inf")), 1);
+    if (*row.below != '\0') {
+      EXPECT_EQ(metric_delta(before, after, bucket(row.below)), 0);
+    }
+    const double added_s = metric_delta(before, after, R"(qm_av_broker_relay_request_duration_seconds_sum{route="core"})");
+    EXPECT_GE(added_s, static_cast<double>(row.ago_ns) / 1e9);
+    EXPECT_LT(added_s, static_cast<double>(row.ago_ns) / 1e9 + 0.5);
+  }
 }
 
 // An operator who asked for the listener relies on it: a broker that cannot open it
