@@ -175,7 +175,8 @@ bench_report s_measure() {
         // Alternate which goes first, so that neither always follows the same load.
         for (const bool admin : {round % 2 == 0, round % 2 != 0}) {
           local_scraper.set_active(admin);
-          const qmbench::run_result run = qmbench::run(report.requests, kThreads, [&] { return l.one(admin ? on : off); });
+          broker_under_test& b = admin ? on : off;
+          const qmbench::run_result run = qmbench::run(report.requests, kThreads, [&] { return l.one(b); });
           if (run.failures > 0) {
             report.error = l.name + ": " + std::to_string(run.failures) + " requests failed";
             break;

@@ -67,9 +67,9 @@ void s_log_verdict(const auth_request_t& req, const auth_verdict& v) {
 std::string s_answer(const auth_jwt_ctx_t* jwt, const auth_request_t& req, const auth_verdict& verdict) {
   s_log_verdict(req, verdict);
   std::string token = s_sign(jwt, req, verdict);
-  broker_metrics_count_auth(BROKER_METRICS_AUTH_CALLOUT,
-                            token.empty() ? BROKER_METRICS_ERROR : (verdict.granted ? BROKER_METRICS_GRANT : BROKER_METRICS_DENY),
-                            req.received_ns);
+  const broker_metrics_verdict_t counted =
+      token.empty() ? BROKER_METRICS_ERROR : broker_metrics_verdict_of(verdict.granted);
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_CALLOUT, counted, req.received_ns);
   return token;
 }
 

@@ -87,8 +87,7 @@ verify_answer s_answer(const verify_request& req, const auth_verdict& v) {
 
 // The answer's JSON; every answer given is one verdict of the verify endpoint.
 std::string s_counted_answer(const verify_request& req, const verify_answer& answer, bool undecidable) {
-  const broker_metrics_verdict_t verdict =
-      undecidable ? BROKER_METRICS_ERROR : (answer.ok ? BROKER_METRICS_GRANT : BROKER_METRICS_DENY);
+  const broker_metrics_verdict_t verdict = undecidable ? BROKER_METRICS_ERROR : broker_metrics_verdict_of(answer.ok);
   broker_metrics_count_auth(BROKER_METRICS_AUTH_VERIFY, verdict, req.received_ns);
   return s_answer_json(answer);
 }

@@ -42,6 +42,10 @@ enum broker_metrics_update_outcome_t {
   BROKER_METRICS_UPDATE_ACTIVATION_FAILED,
 };
 
+inline broker_metrics_verdict_t broker_metrics_verdict_of(bool granted) {
+  return granted ? BROKER_METRICS_GRANT : BROKER_METRICS_DENY;
+}
+
 // A monotonic time stamp in nanoseconds: the start of a timed event.
 int64_t broker_metrics_now();
 

@@ -188,8 +188,9 @@ void s_run_cycle(broker_update_thread_params_t* params, const s_paths& paths, s_
     return;
   }
   const int staged = s_check_and_stage(params, paths);
-  broker_metrics_count_update(staged == 1 ? BROKER_METRICS_UPDATE_STAGED
-                                          : (staged == 0 ? BROKER_METRICS_UPDATE_NOTHING_NEW : BROKER_METRICS_UPDATE_FAILED));
+  if (staged == 1) broker_metrics_count_update(BROKER_METRICS_UPDATE_STAGED);
+  if (staged == 0) broker_metrics_count_update(BROKER_METRICS_UPDATE_NOTHING_NEW);
+  if (staged < 0) broker_metrics_count_update(BROKER_METRICS_UPDATE_FAILED);
   lock_release(locks.host.get());
   if (staged == 1) {
     s_activate_staged(params, locks.cluster.get());

@@ -529,7 +529,7 @@ MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_
     return queue_auth_required(conn);
   }
   const bool granted = authenticate(fe, user.get(), password.get());
-  broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, granted ? BROKER_METRICS_GRANT : BROKER_METRICS_DENY, auth_started);
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, broker_metrics_verdict_of(granted), auth_started);
   if (!granted) return queue_auth_required(conn);
   return s_relay(fe, conn, ctx, user.get(), password);
 }

@@ -868,9 +868,11 @@ int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const cha
   } catch (const std::exception& e) {
     log_error("nats_relay: request to %s failed: %s", log_safe(subject).c_str(), e.what());
   }
-  broker_metrics_count_relay(gw_service_uses_js(relay, subject) ? BROKER_METRICS_ROUTE_JETSTREAM : BROKER_METRICS_ROUTE_CORE,
+  const bool js = gw_service_uses_js(relay, subject);
+  const bool timed_out = rc == kRelayTimedOut;
+  broker_metrics_count_relay(js ? BROKER_METRICS_ROUTE_JETSTREAM : BROKER_METRICS_ROUTE_CORE,
                              rc == 0 ? BROKER_METRICS_RELAY_OK
-                                     : (rc == kRelayTimedOut ? BROKER_METRICS_RELAY_TIMEOUT : BROKER_METRICS_RELAY_ERROR),
+                                     : (timed_out ? BROKER_METRICS_RELAY_TIMEOUT : BROKER_METRICS_RELAY_ERROR),
                              started);
   return rc == 0 ? 0 : -1;
 }

@@ -486,6 +486,8 @@ bool s_start_http_frontend(broker_app& app) {
 // Always started: with --update-binary false the thread only waits for the stop. Neither
 // failure is fatal; the broker then runs without self-update.
 bool s_start_update_thread(broker_app& app) {
+  // "off" (and ready) unless the thread starts: a broker without self-update still serves.
+  broker_admin_set_check(g_admin, kCheckUpdate, s_probe_update, nullptr);
   std::unique_ptr<broker_update_thread_params_t> params;
   try {
     params = std::make_unique<broker_update_thread_params_t>();

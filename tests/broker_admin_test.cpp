@@ -138,7 +138,8 @@ TEST(MetricsHistogram, LatenciesLandInTheirBucketsInSeconds) {
     if (*row.below != '\0') {
       EXPECT_EQ(metric_delta(before, after, bucket(row.below)), 0);
     }
-    const double added_s = metric_delta(before, after, R"(qm_av_broker_relay_request_duration_seconds_sum{route="core"})");
+    const std::string sum = R"(qm_av_broker_relay_request_duration_seconds_sum{route="core"})";
+    const double added_s = metric_delta(before, after, sum);
     EXPECT_GE(added_s, static_cast<double>(row.ago_ns) / 1e9);
     EXPECT_LT(added_s, static_cast<double>(row.ago_ns) / 1e9 + 0.5);
   }

@@ -92,11 +92,8 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 
   broker.signal(SIGHUP);
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));
-  EXPECT_TRUE(qmtest::wait_until(
-      [&] {
-        return qmtest::metric_value(qmtest::scrape(admin_port), R"(qm_av_broker_credentials_reloads_total{result="ok"})") == 1;
-      },
-      10s));
+  const std::string reloads = R"(qm_av_broker_credentials_reloads_total{result="ok"})";
+  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::metric_value(qmtest::scrape(admin_port), reloads) == 1; }, 10s));
   EXPECT_TRUE(qmtest::wait_until(
       [&] { return qmtest::read_file(server_log).find("Reloaded server configuration") != std::string::npos; }, 10s));
 

@@ -128,10 +128,10 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
   // credentials: every 401 is a refusal, and the rows after the credentials check (200,
   // 502 and the missing target) were granted.
   const std::string after = broker_metrics_render();
-  for (const auto& [status, times] : answered)
-    EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_http_requests_total{code=")" + std::to_string(status) + "\"}"),
-              times)
-        << status;
+  for (const auto& [status, times] : answered) {
+    const std::string sample = R"(qm_av_broker_http_requests_total{code=")" + std::to_string(status) + "\"}";
+    EXPECT_EQ(metric_delta(before, after, sample), times) << sample;
+  }
   const auto verdicts = [&](const char* verdict) {
     return metric_delta(before, after, std::string(R"(qm_av_broker_auth_requests_total{source="http",verdict=")") +
                                            verdict + "\"}");

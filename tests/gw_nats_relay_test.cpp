@@ -309,7 +309,8 @@ TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
     const std::string route = work_queue ? "jetstream" : "core";
     const std::string after = broker_metrics_render();
     for (const char* result : {"ok", "error", "timeout"}) {
-      const std::string sample = R"(qm_av_broker_relay_requests_total{route=")" + route + R"(",result=")" + result + "\"}";
+      const std::string sample =
+          R"(qm_av_broker_relay_requests_total{route=")" + route + R"(",result=")" + result + "\"}";
       EXPECT_EQ(metric_delta(before, after, sample), std::string(result) == "timeout" ? 1 : 0) << sample;
     }
   }
