@@ -189,9 +189,16 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
     std::vector<std::string> args = base_args(c.url);
     args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "600", "--tracelevel", "5"});
     args.insert(args.end(), c.extra.begin(), c.extra.end());
+    const int admin_port = qmtest::free_port();
+    for (const std::string& arg : qmtest::admin_args(admin_port)) args.push_back(arg);
     qmtest::Child broker(args);
     if (c.waiting != nullptr) {
       ASSERT_TRUE(broker.wait_for_err(c.waiting, 30s)) << broker.err();
+      // Alive from the start, not ready until the start-up is through.
+      EXPECT_EQ(qmtest::admin_get(admin_port, "/healthz").status, 200);
+      const qmtest::HttpResponse ready = qmtest::admin_get(admin_port, "/readyz");
+      EXPECT_EQ(ready.status, 503);
+      EXPECT_NE(ready.body.find(R"("relay":{"ready":false,"state":"starting"})"), std::string::npos) << ready.body;
       broker.signal(c.sig);
     }
     EXPECT_EQ(broker.wait(30s), c.code) << broker.err();
