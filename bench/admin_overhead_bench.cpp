@@ -197,10 +197,15 @@ void s_print_table(const bench_report& report) {
   printf("\nAdmin listener scraped every second vs off: %d client threads, %d rounds of %d requests per load and "
          "broker, taking turns; %d scrapes meanwhile\n",
          kThreads, kRounds, report.requests, report.scrapes);
-  printf("%-30s %12s %12s %9s\n", "load", "off req/s", "on req/s", "on/off");
+  printf("%-30s %12s %12s %9s %22s\n", "load", "off req/s", "on req/s", "on/off", "per round: median (range)");
   for (const load& l : report.loads) {
     const double off = qmbench::median(l.off), on = qmbench::median(l.on);
-    printf("%-30s %12.0f %12.0f %9.3f\n", l.name.c_str(), off, on, on / off);
+    // A round's two runs follow each other: their ratio is the least disturbed by a
+    // machine that gets busier or quieter meanwhile.
+    std::vector<double> ratios;
+    for (size_t i = 0; i < l.off.size() && i < l.on.size(); ++i) ratios.push_back(l.on[i] / l.off[i]);
+    printf("%-30s %12.0f %12.0f %9.3f %8.3f (%.3f-%.3f)\n", l.name.c_str(), off, on, on / off, qmbench::median(ratios),
+           qmbench::percentile(ratios, 0), qmbench::percentile(ratios, 100));
   }
   fflush(stdout);
 }
