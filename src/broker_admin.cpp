@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -190,7 +191,11 @@ void broker_admin_set_check(broker_admin_t* admin, const char* name, broker_admi
     check.had_probe = check.had_probe || probe != nullptr;
     return;
   }
-  admin->checks.push_back({name, probe, subject, probe != nullptr});
+  try {
+    admin->checks.push_back({name, probe, subject, probe != nullptr});
+  } catch (const std::bad_alloc&) {
+    log_error("admin: out of memory adding the readiness check %s", name);
+  }
 }
 
 void broker_admin_set_stopping(broker_admin_t* admin) {
