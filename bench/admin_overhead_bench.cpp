@@ -9,15 +9,18 @@
 // QM_ADMIN_BENCH_REQUESTS overrides the requests per load, broker and round.
 #include <benchmark/benchmark.h>
 #include <nats/nats.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,7 +35,8 @@ namespace {
 
 constexpr int kDefaultRequests = 3000;
 constexpr int kThreads = 8;
-constexpr int kRounds = 5;
+constexpr int kRounds = 7;
+constexpr int kCostScrapes = 2000;  // back to back, for the CPU one scrape costs the broker
 constexpr int kQuiet = 2;  // errors only: the broker's log would be measured too
 constexpr auto kScrapeInterval = std::chrono::seconds(1);
 constexpr const char* kRequest = R"({"scan":1})";
@@ -142,10 +146,28 @@ struct load {
   std::vector<double> off, on;  // requests/s of each round
 };
 
+// CPU time (user and system) a process has used so far; 0 when it cannot be read.
+double s_process_cpu_seconds(pid_t pid) {
+  std::ifstream stat_file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat_file, text);
+  // The command name in parentheses may hold spaces: fields are counted after its ')'.
+  const size_t name_end = text.rfind(')');
+  if (name_end == std::string::npos) return 0;
+  std::istringstream fields(text.substr(name_end + 1));
+  std::string field;
+  double ticks = 0;
+  for (int number = 3; number <= 15 && fields >> field; ++number)
+    if (number == 14 || number == 15) ticks += std::stod(field);  // utime, stime
+  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 struct bench_report {
   std::string error;
   int requests = 0;
   int scrapes = 0;
+  double scrape_cpu_us = 0;  // the broker's CPU per scrape
+  size_t scrape_bytes = 0;
   std::vector<load> loads;
 };
 
@@ -187,6 +209,11 @@ bench_report s_measure() {
     }
     local_scraper.set_active(false);
     report.scrapes = on.scraping->scrapes() + local_scraper.scrapes();
+    // What a scrape costs, measured on its own: a bound of the listener's share at one a second.
+    const pid_t broker = on.env->broker().pid();
+    const double cpu_before = s_process_cpu_seconds(broker);
+    for (int i = 0; i < kCostScrapes; ++i) report.scrape_bytes = qmtest::scrape(on.admin_port).size();
+    report.scrape_cpu_us = (s_process_cpu_seconds(broker) - cpu_before) * 1e6 / kCostScrapes;
   } catch (const std::exception& e) {
     report.error = e.what();
   }
@@ -207,6 +234,9 @@ void s_print_table(const bench_report& report) {
     printf("%-30s %12.0f %12.0f %9.3f %8.3f (%.3f-%.3f)\n", l.name.c_str(), off, on, on / off, qmbench::median(ratios),
            qmbench::percentile(ratios, 0), qmbench::percentile(ratios, 100));
   }
+  printf("One scrape (%zu bytes) costs the broker %.0f us of CPU (%d back to back): at one a second, %.4f%% of one "
+         "core\n",
+         report.scrape_bytes, report.scrape_cpu_us, kCostScrapes, report.scrape_cpu_us / 1e4);
   fflush(stdout);
 }
 
