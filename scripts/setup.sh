@@ -20,6 +20,10 @@ packages=(
   clang
   curl netcat-openbsd
   zip openssl systemd
+  # A test scrapes the broker with a Prometheus server of its own (temporary directory,
+  # free port). Installation starts the package's system service only on a host that runs
+  # systemd; the tests never use it, nor touch it.
+  prometheus
 )
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }

@@ -81,7 +81,10 @@ void s_log_verdict(const auth_request_t& req, const auth_verdict& v) {
 }
 
 // A sealed request gets a sealed answer; a token that could not be made stays empty.
-std::string s_sealed(const auth_signer& signer, const auth_request_t& req, std::string token) {
+// Every answer given is one verdict of the callout (an error when no token could be made).
+std::string s_sealed(const auth_signer& signer, const auth_request_t& req, std::string token, bool granted) {
+  const broker_metrics_verdict_t counted = token.empty() ? BROKER_METRICS_ERROR : broker_metrics_verdict_of(granted);
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_CALLOUT, counted, req.received_ns);
   if (req.server_xkey.empty() || token.empty()) return token;
   return auth_jwt_seal(signer.jwt, token, req.server_xkey);
 }
@@ -92,11 +95,11 @@ std::string s_answer(const auth_signer& signer, const auth_request_t& req, const
     // "{user}" would turn such a name into wildcards or extra tokens of the grant.
     log_warn("auth_callout: DENY user=%s profile=%s reason=user-name-unfit-for-templated-grant",
              log_safe(req.user).c_str(), s_profile_label(verdict.profile));
-    return s_sealed(signer, req, s_sign_deny(signer, req, "user name unfit for a templated grant"));
+    return s_sealed(signer, req, s_sign_deny(signer, req, "user name unfit for a templated grant"), false);
   }
   s_log_verdict(req, verdict);
-  if (!verdict.granted) return s_sealed(signer, req, s_sign_deny(signer, req, "invalid credentials"));
-  return s_sealed(signer, req, s_sign_grant(signer, req, grant));
+  if (!verdict.granted) return s_sealed(signer, req, s_sign_deny(signer, req, "invalid credentials"), false);
+  return s_sealed(signer, req, s_sign_grant(signer, req, grant), true);
 }
 
 }  // namespace
@@ -158,5 +161,9 @@ std::string auth_callout_answer(auth_decider_t* decider, const auth_signer& sign
 
 std::string auth_callout_refuse_malformed(const auth_signer& signer, const auth_request_t& req) {
   log_warn("auth_callout: malformed auth request \u2014 sending deny");
-  return s_sealed(signer, req, s_sign_deny(signer, req, "malformed auth request"));
+  // A malformed request is the callout's error, whatever its deny token says.
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_CALLOUT, BROKER_METRICS_ERROR, req.received_ns);
+  std::string token = s_sign_deny(signer, req, "malformed auth request");
+  if (req.server_xkey.empty() || token.empty()) return token;
+  return auth_jwt_seal(signer.jwt, token, req.server_xkey);
 }

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "auth_decision.hpp"
+#include "broker_metrics.hpp"
 #include "qm_cpp.hpp"
 
 struct auth_jwt_ctx;
@@ -31,6 +32,7 @@ struct auth_request_t {
   std::string server_xkey;
   bool has_user = false;
   bool has_password = false;
+  int64_t received_ns = broker_metrics_now();  // when the request came in: its verdict's latency
 };
 
 // Reads the claims of the request token (not verified: the subject's access control is

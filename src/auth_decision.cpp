@@ -9,6 +9,7 @@
 #include "auth_ldap.hpp"
 #include "auth_profile.hpp"
 #include "auth_workers.hpp"
+#include "broker_metrics.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "log.hpp"
@@ -158,6 +159,7 @@ void s_dispatch_refresh(auth_decider& d, const auth_question& q) {
 std::optional<auth_verdict> s_from_cache(auth_decider& d, const auth_question& q) {
   if (!s_cacheable(d, q) || q.revalidate) return std::nullopt;
   const gw_auth_cache_lookup_t hit = gw_auth_cache_lookup_ex(d.cache, q.user.c_str(), q.password.c_str());
+  broker_metrics_count_cache_lookup(hit.result);
   switch (hit.result) {
     case GW_AUTH_CACHE_GRANT_STALE:
     case GW_AUTH_CACHE_GRANT:

@@ -474,6 +474,12 @@ int auth_service_wait_serving(auth_service_t* svc) {
   return svc->served ? 0 : -1;
 }
 
+bool auth_service_serving(auth_service_t* svc) {
+  if (svc == nullptr || !svc->running.load()) return false;
+  std::lock_guard lock(svc->phase_mutex);
+  return svc->run_phase == auth_service::phase::serving;
+}
+
 void auth_service_stop(auth_service_t* svc) {
   if (svc == nullptr) return;
   {

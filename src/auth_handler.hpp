@@ -77,6 +77,8 @@ int auth_service_run(auth_service_t* svc);
 // has confirmed both subscriptions: 0 then; -1 when run returned without getting there
 // (start-up failed). Returns at once when either has happened already.
 int auth_service_wait_serving(auth_service_t* svc);
+// True while both subscriptions are confirmed and no stop was asked for. Any thread.
+bool auth_service_serving(auth_service_t* svc);
 // Asks auth_service_run to return, at once. Any thread (not a signal handler); accepts NULL.
 void auth_service_stop(auth_service_t* svc);
 // Releases whatever auth_service_run left behind, then the service. Accepts NULL.

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "broker_metrics.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
 
@@ -195,6 +196,7 @@ ldap_handle s_open_by_failover(const auth_ldap_ctx_t& ctx, int* endpoint_idx) {
     if (ctx.endpoints[static_cast<size_t>(i)].url.empty()) break;
     ldap_handle ld = s_open_service_connection(ctx, i);
     if (!ld) continue;
+    broker_metrics_count_ldap_connect(i);
     if (i != 0)
       log_warn("auth_ldap: primary endpoint unreachable; using fallback (url=%s)",
                ctx.endpoints[static_cast<size_t>(i)].url.c_str());
@@ -202,6 +204,7 @@ ldap_handle s_open_by_failover(const auth_ldap_ctx_t& ctx, int* endpoint_idx) {
     return ld;
   }
   log_error("auth_ldap: all %d endpoint(s) failed; no service-bind connection available", ctx.n_endpoints);
+  broker_metrics_count_ldap_connect(-1);
   *endpoint_idx = -1;
   return nullptr;
 }

@@ -96,6 +96,13 @@ verify_answer s_answer(const verify_request& req, const auth_verdict& v) {
   return answer;
 }
 
+// The answer's JSON; every answer given is one verdict of the verify endpoint.
+std::string s_counted_answer(const verify_request& req, const verify_answer& answer, bool undecidable) {
+  const broker_metrics_verdict_t verdict = undecidable ? BROKER_METRICS_ERROR : broker_metrics_verdict_of(answer.ok);
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_VERIFY, verdict, req.received_ns);
+  return s_answer_json(answer);
+}
+
 auth_question s_question(const verify_request& req) {
   return {AUTH_ASKER_VERIFY, *req.user, *req.password, req.revalidate};
 }
@@ -119,14 +126,14 @@ verify_request auth_verify_read(natsMsg* msg) {
 std::optional<std::string> auth_verify_answer_now(auth_decider_t* decider, int backend_type,
                                                   const verify_request& req) {
   if (std::optional<verify_answer> refused = s_refuse_unanswerable(decider, backend_type, req))
-    return s_answer_json(*refused);
+    return s_counted_answer(req, *refused, true);
   const std::optional<auth_verdict> verdict = auth_decide_now(decider, s_question(req));
   if (!verdict) return std::nullopt;
-  return s_answer_json(s_answer(req, *verdict));
+  return s_counted_answer(req, s_answer(req, *verdict), false);
 }
 
 std::string auth_verify_answer(auth_decider_t* decider, int backend_type, const verify_request& req) {
   if (std::optional<verify_answer> refused = s_refuse_unanswerable(decider, backend_type, req))
-    return s_answer_json(*refused);
-  return s_answer_json(s_answer(req, auth_decide(decider, s_question(req))));
+    return s_counted_answer(req, *refused, true);
+  return s_counted_answer(req, s_answer(req, auth_decide(decider, s_question(req))), false);
 }

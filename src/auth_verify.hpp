@@ -8,6 +8,7 @@
 #include <string>
 
 #include "auth_decision.hpp"
+#include "broker_metrics.hpp"
 #include "qm_cpp.hpp"
 
 // A request's members; each one absent when missing or not of its JSON type.
@@ -16,6 +17,7 @@ struct verify_request {
   std::optional<qm::secret_string> password;
   std::optional<std::string> method;  // the caller's own login mechanism, only logged
   bool revalidate = false;            // skip the cache: the live backends decide
+  int64_t received_ns = broker_metrics_now();  // when the request came in: its verdict's latency
 };
 
 // Parses msg's payload (empty or not a JSON object: every member absent), then wipes the

@@ -34,6 +34,8 @@ enum option_id : int {
   OPT_NATS_SERVER_READY_TIMEOUT,
   OPT_NATS_SERVER_PID_FILE,
   OPT_PID_FILE,
+  OPT_ADMIN_LISTEN_HOST,
+  OPT_ADMIN_LISTEN_PORT,
   OPT_AUTH_CALLOUT_ENABLED,
   OPT_AUTH_NATS_USER,
   OPT_AUTH_NATS_PASSWORD,
@@ -116,6 +118,8 @@ const option kLongOptions[] = {
     {"nats-server-ready-timeout-seconds", required_argument, nullptr, OPT_NATS_SERVER_READY_TIMEOUT},
     {"nats-server-pid-file", required_argument, nullptr, OPT_NATS_SERVER_PID_FILE},
     {"pid-file", required_argument, nullptr, OPT_PID_FILE},
+    {"admin-listen-host", required_argument, nullptr, OPT_ADMIN_LISTEN_HOST},
+    {"admin-listen-port", required_argument, nullptr, OPT_ADMIN_LISTEN_PORT},
     {"auth-callout-enabled", required_argument, nullptr, OPT_AUTH_CALLOUT_ENABLED},
     {"auth-nats-user", required_argument, nullptr, OPT_AUTH_NATS_USER},
     {"auth-nats-password", required_argument, nullptr, OPT_AUTH_NATS_PASSWORD},
@@ -254,6 +258,8 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_NATS_SERVER_READY_TIMEOUT: cfg.nats_server_ready_timeout_sec = s_to_int(arg); break;
     case OPT_NATS_SERVER_PID_FILE: set_str(cfg.nats_server_pid_file, arg); break;
     case OPT_PID_FILE: set_str(cfg.pid_file, arg); break;
+    case OPT_ADMIN_LISTEN_HOST: set_str(cfg.admin_listen_host, arg); break;
+    case OPT_ADMIN_LISTEN_PORT: cfg.admin_listen_port = s_to_int(arg); break;
     case OPT_AUTH_CALLOUT_ENABLED: cfg.auth_callout_enabled = parse_bool(arg); break;
     case OPT_AUTH_NATS_USER: set_str(auth.nats_user, arg); break;
     case OPT_AUTH_NATS_PASSWORD: set_str(auth.nats_password, arg); break;
@@ -450,6 +456,10 @@ Auto-update (default: enabled):
   --update-public-key <PEM>            Ed25519 key every package must be signed with
                                        (default: none; packages are checked by MD5 alone)
   --http-proxy <url>                   proxy for the download
+
+Admin listener (plain HTTP: /healthz, /readyz, /metrics):
+  --admin-listen-host <address>        (default 127.0.0.1)
+  --admin-listen-port <port>           0 = off (default 0)
 
 Logging:
   --tracelevel <0..6>                  0 off, 1 fatal, 2 error, 3 warn, 4 info, 5 debug,

@@ -23,6 +23,8 @@ struct broker_config {
   bool nats_server_managed = true;
   int nats_server_ready_timeout_sec = 30;
   qm::opt_string pid_file;
+  qm::opt_string admin_listen_host{"127.0.0.1"};
+  int admin_listen_port = 0;  // 0: no admin listener
   bool auth_callout_enabled = true;
   qm::opt_string nats_url;
   qm::opt_string nats_cert_path;

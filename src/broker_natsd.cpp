@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "broker_metrics.hpp"
 #include "log.hpp"
 #include "qm_nats_conn.hpp"
 #include "qm_cpp.hpp"
@@ -65,6 +66,8 @@ struct broker_natsd {
 
   // Written under `lock`, together with the stop check; atomic so that readers need no lock.
   std::atomic<pid_t> child_pid{-1};
+  // The current child passed its readiness probe; cleared as soon as it is gone.
+  std::atomic<bool> child_ready{false};
   int64_t child_spawned_ms = 0;  // supervisor thread only, once started
   std::mutex lock;
   std::condition_variable wake;  // ends the supervisor's sleep before a restart
@@ -78,6 +81,7 @@ namespace {
 
 void s_set_child(broker_natsd_t& natsd, pid_t pid) {
   std::lock_guard<std::mutex> guard(natsd.lock);
+  natsd.child_ready.store(false);
   natsd.child_pid.store(pid);
 }
 
@@ -380,8 +384,10 @@ s_restart_result s_restart(broker_natsd_t& natsd, s_crash_budget& budget) {
     log_fatal("nats-server: respawn failed — giving up");
     return s_restart_result::gave_up;
   }
-  if (s_probe_child(natsd, pid, nullptr) == s_probe_result::timed_out)
-    log_fatal("nats-server: post-restart readiness probe failed");
+  broker_metrics_count_natsd_restart();
+  const s_probe_result probed = s_probe_child(natsd, pid, nullptr);
+  if (probed == s_probe_result::timed_out) log_fatal("nats-server: post-restart readiness probe failed");
+  natsd.child_ready.store(probed == s_probe_result::ready && natsd.child_pid.load() == pid);
   return s_restart_result::restarted;
 }
 
@@ -486,6 +492,7 @@ int broker_natsd_start(broker_natsd_t* natsd, const qm::stop_flag* stop) {
       s_terminate_and_reap(*natsd, pid);
       return -1;
     }
+    natsd->child_ready.store(true);
     natsd->sup_thread_alive.store(true);
     std::string error;
     if (!s_start_supervisor(*natsd, error)) {
@@ -575,3 +582,5 @@ void broker_natsd_destroy(broker_natsd_t* natsd) {
 }
 
 pid_t broker_natsd_pid(const broker_natsd_t* natsd) { return natsd == nullptr ? -1 : natsd->child_pid.load(); }
+
+bool broker_natsd_ready(const broker_natsd_t* natsd) { return natsd != nullptr && natsd->child_ready.load(); }

@@ -70,3 +70,7 @@ void broker_natsd_destroy(broker_natsd_t* natsd);
 
 // The child's pid; -1 when there is no child or natsd is NULL.
 pid_t broker_natsd_pid(const broker_natsd_t* natsd);
+
+// True while a child runs that has passed its readiness probe: false from the moment it
+// is found gone until a restarted child is ready again.
+bool broker_natsd_ready(const broker_natsd_t* natsd);

@@ -126,6 +126,7 @@ int broker_update_activate(const char* staged, const broker_update_activation_ha
   }
   const std::string stamp = staged;
   log_info("broker_update: starting activation for staged version %s", stamp.c_str());
+  if (handles->draining != nullptr) handles->draining->store(true);
   s_close_front_doors(*handles);
   s_drain(*handles, std::max(cfg.update_drain_timeout_seconds, 0));
   if (handles->natsd != nullptr) {

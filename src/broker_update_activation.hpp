@@ -5,6 +5,7 @@
 // from the new version.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 
@@ -28,6 +29,8 @@ struct broker_update_activation_handles {
   // Asked while waiting: true cuts the wait for the window or the drain short.
   qm_update_abort_fn stop_requested = nullptr;
   void* stop_udata = nullptr;
+  // Set once the front doors close, for the readiness check; NULL: not reported.
+  std::atomic<bool>* draining = nullptr;
 };
 using broker_update_activation_handles_t = broker_update_activation_handles;
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "broker_config.hpp"
+#include "broker_metrics.hpp"
 #include "broker_update_activation.hpp"
 #include "broker_update_layout.hpp"
 #include "log.hpp"
@@ -107,7 +108,10 @@ bool s_find_package(broker_update_thread_params_t* params, const s_paths& paths,
 int s_check_and_stage(broker_update_thread_params_t* params, const s_paths& paths) {
   qm_upd_pkg_info_t pkg;
   pkg_info_init(&pkg);
-  if (!s_find_package(params, paths, &pkg)) {
+  params->downloading = true;
+  const bool found = s_find_package(params, paths, &pkg);
+  params->downloading = false;
+  if (!found) {
     log_trace("broker_update: no new package this cycle");
     pkg_info_free(&pkg);
     return 0;
@@ -150,10 +154,12 @@ void s_activate_staged(broker_update_thread_params_t* params, qm_update_lockfile
   handles.clock = params->clock;
   handles.stop_requested = broker_update_stop_requested;
   handles.stop_udata = params;
+  handles.draining = &params->draining;
   while (params->status == FILES_READY && !broker_update_stop_requested(params) &&
          qm_update_cluster_lock_acquire(cluster_lock, kClusterService)) {
     if (broker_update_activate(qm::cstr(params->update_deployed_to), &handles) != 0) {
       log_warn("broker_update: activation failed \u2014 resetting to WAITING");
+      broker_metrics_count_update(BROKER_METRICS_UPDATE_ACTIVATION_FAILED);
       params->status = WAITING;
       return;
     }
@@ -170,6 +176,9 @@ void s_run_cycle(broker_update_thread_params_t* params, const s_paths& paths, s_
     return;
   }
   const int staged = s_check_and_stage(params, paths);
+  if (staged == 1) broker_metrics_count_update(BROKER_METRICS_UPDATE_STAGED);
+  if (staged == 0) broker_metrics_count_update(BROKER_METRICS_UPDATE_NOTHING_NEW);
+  if (staged < 0) broker_metrics_count_update(BROKER_METRICS_UPDATE_FAILED);
   lock_release(locks.host.get());
   if (staged == 1) {
     s_activate_staged(params, locks.cluster.get());
@@ -281,4 +290,13 @@ bool broker_update_sleep_unless_stopped(broker_update_thread_params_t* params, i
     if (left_ms <= 0) return true;
     qm::sleep_ms(std::min(left_ms, kStopPollMs));
   }
+}
+
+const char* broker_update_state(const broker_update_thread_params_t* params) {
+  if (params == nullptr) return "off";
+  if (params->draining.load()) return "draining";
+  const qm_update_status_t status = params->status.load();
+  if (status == FILES_READY) return "waiting for the window";
+  if (status == UPDATING) return "installing";
+  return params->downloading.load() ? "downloading" : "idle";
 }

@@ -37,6 +37,9 @@ struct broker_update_thread_params {
   qm_update_install_limits_t install_limits;
   // WAITING, UPDATING or FILES_READY; written by the thread.
   std::atomic<qm_update_status_t> status{WAITING};
+  // Asking the update server (or looking for a manual package); the front doors drain.
+  std::atomic<bool> downloading{false};
+  std::atomic<bool> draining{false};
   // STOP ends the thread. Lock-free, so a signal handler may set it.
   std::atomic<qm_thread_status> targetstatus{CREATING};
   // The name (Unix time) of the staged version directory; read by main after the join.
@@ -71,3 +74,8 @@ bool broker_update_stop_requested(void* params);
 // Waits `ms` milliseconds, or less when the stop is requested meanwhile. False when it
 // ended because of the stop.
 bool broker_update_sleep_unless_stopped(broker_update_thread_params_t* params, int64_t ms);
+
+// What the thread is doing, for the readiness check: "idle", "downloading", "installing",
+// "waiting for the window" (a staged version) or "draining" (activation closed the
+// front doors). "off" for NULL. Lock-free.
+const char* broker_update_state(const broker_update_thread_params_t* params);

@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "broker_metrics.hpp"
 #include "gw_amqp_cyrus.hpp"
 #include "gw_relay_pool.hpp"
 #include "gw_sasl_setup.hpp"
@@ -72,6 +73,7 @@ struct gw_amqp_acceptor {
   qm::pn_proactor_ptr proactor;
   std::atomic<int> running{1};
   std::atomic<int> not_accepting{0};
+  std::atomic<bool> listening{false};  // between the listener's open and close events
   // Named in synthetic error replies and announced by Cyrus; resolved once, since the
   // host-name helpers are not thread-safe.
   std::string host_fqdn;
@@ -306,6 +308,7 @@ void handle_completed_jobs(conn_context_t& ctx, pn_connection_t* conn) {
 // ---- deliveries ---------------------------------------------------------------------
 
 void s_settle(pn_delivery_t* d, uint64_t outcome) {
+  broker_metrics_count_amqp_message(outcome == PN_ACCEPTED);
   pn_delivery_update(d, outcome);
   pn_delivery_settle(d);
 }
@@ -559,6 +562,7 @@ void s_accept(gw_amqp_acceptor& acc, pn_listener_t* listener) {
   pn_transport_set_server(transport);
   pn_listener_accept2(listener, conn, transport);
   ++acc.live_endpoints;
+  broker_metrics_amqp_connection(+1);
   if (acc.not_accepting.load()) {
     log_info("amqp_acceptor: refusing new connection \u2014 broker is draining for auto-update");
     s_close_transport(transport);
@@ -698,6 +702,7 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
         log_safe(has_cond ? qm::or_text(pn_condition_get_description(cond), "(none)") : "(none)").c_str());
   }
   --acc.live_endpoints;
+  broker_metrics_amqp_connection(-1);
   if (ctx == nullptr) return;
   if (acc.own_cyrus_binding) gw_amqp_cyrus_detach(t);
   gw_relay_conn_handle_close(ctx->relay_handle);
@@ -746,6 +751,7 @@ void s_on_listener_open(gw_amqp_acceptor& acc, pn_listener_t* listener) {
   const gw_config_t& cfg = *acc.cfg;
   const int bound = s_listener_port(listener);
   const int port = bound > 0 ? bound : cfg.amqp_listen_port;
+  acc.listening.store(true);
   log_info("amqp_acceptor: listening on %s:%d (tls=%s, backlog=%d requested, capped by net.core.somaxconn)",
            qm::or_text(qm::cstr(cfg.amqp_listen_host), ""), port, s_tls_configured(cfg) ? "yes" : "no",
            cfg.listen_backlog);
@@ -753,6 +759,7 @@ void s_on_listener_open(gw_amqp_acceptor& acc, pn_listener_t* listener) {
 
 void s_on_listener_close(gw_amqp_acceptor& acc, pn_event_t* e) {
   --acc.live_endpoints;
+  acc.listening.store(false);
   pn_condition_t* cond = pn_listener_condition(pn_event_listener(e));
   if (pn_condition_is_set(cond)) {
     log_error("amqp_acceptor: listener on %s:%d closed: %s: %s", qm::or_text(qm::cstr(acc.cfg->amqp_listen_host), ""),
@@ -922,6 +929,10 @@ void gw_amqp_acceptor_stop(gw_amqp_acceptor_t* acc) {
 
 void gw_amqp_acceptor_stop_accepting(gw_amqp_acceptor_t* acc) {
   if (acc != nullptr) acc->not_accepting.store(1);
+}
+
+bool gw_amqp_acceptor_listening(const gw_amqp_acceptor_t* acc) {
+  return acc != nullptr && acc->listening.load() && acc->not_accepting.load() == 0;
 }
 
 void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc) {

@@ -41,6 +41,10 @@ size_t gw_amqp_acceptor_inflight(const gw_amqp_acceptor_t* acc);
 
 // Accepts NULL. Call after gw_amqp_acceptor_run has returned (or when it never ran):
 // relays what is still queued, then frees the event loop and the acceptor.
+// True while the listener is open and new connections are taken (not once an update
+// stopped accepting). Lock-free; any thread.
+bool gw_amqp_acceptor_listening(const gw_amqp_acceptor_t* acc);
+
 void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc);
 
 // Writes "<prefix>.<pid>.<n>" to buffer, n counting the calls of this process from 0.

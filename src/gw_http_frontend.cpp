@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "auth_profile.hpp"
+#include "broker_metrics.hpp"
 #include "gw_subject_policy.hpp"
 #include "gw_verify_reply.hpp"
 #include "log.hpp"
@@ -65,6 +66,8 @@ struct gw_http_frontend {
   // connections are refused, closed only after the daemon's threads are gone so that
   // its number cannot be reused under them.
   int quiesced_listen_fd = -1;
+  // Started and not quiesced: new connections are taken.
+  std::atomic<bool> listening{false};
   // Detached refresh threads still running; they use the relay and the cache, so the
   // frontend waits for them before it goes.
   std::mutex refresh_mu;
@@ -135,6 +138,7 @@ MHD_Result on_post_field(void* cls, MHD_ValueKind, const char* key, const char*,
 }
 
 MHD_Result queue_simple(MHD_Connection* conn, unsigned status, const char* text) {
+  broker_metrics_count_http_status(status);
   qm::mhd_response_ptr response(
       MHD_create_response_from_buffer(strlen(text), const_cast<char*>(text), MHD_RESPMEM_MUST_COPY));
   if (!response) return MHD_NO;
@@ -142,6 +146,7 @@ MHD_Result queue_simple(MHD_Connection* conn, unsigned status, const char* text)
 }
 
 MHD_Result queue_auth_required(MHD_Connection* conn) {
+  broker_metrics_count_http_status(MHD_HTTP_UNAUTHORIZED);
   qm::mhd_response_ptr response(MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
   if (!response) return MHD_NO;
   return MHD_queue_basic_auth_fail_response(conn, kRealm, response.get());
@@ -404,6 +409,7 @@ admitted_profile authenticate(gw_http_frontend& fe, const char* user, const char
     return std::nullopt;
   }
   const gw_auth_cache_lookup_t cached = gw_auth_cache_lookup_ex(fe.auth_cache, user, password);
+  if (fe.auth_cache != nullptr) broker_metrics_count_cache_lookup(cached.result);
   const auto* cached_profile = static_cast<const auth_profile_t*>(cached.user_data);
   switch (cached.result) {
     case GW_AUTH_CACHE_GRANT:
@@ -470,6 +476,7 @@ MHD_Result s_queue_reply(MHD_Connection* conn, const char* target, qm::malloc_pt
   if (MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "application/json") != MHD_YES)
     return MHD_NO;
   log_trace("http_frontend: 200 OK target=%s reply_len=%zu", log_safe(target).c_str(), len);
+  broker_metrics_count_http_status(MHD_HTTP_OK);
   return MHD_queue_response(conn, MHD_HTTP_OK, response.get());
 }
 
@@ -536,8 +543,10 @@ MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_
     log_warn("http_frontend: rejecting request with empty 'request' field");
     return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing 'request' multipart field\n");
   }
+  const int64_t auth_started = broker_metrics_now();
   if (s_basic_credentials_hold_nul(conn)) {
     log_warn("http_frontend: refusing Basic credentials that hold a NUL byte");
+    broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
     return queue_auth_required(conn);
   }
   char* raw_password = nullptr;
@@ -545,9 +554,11 @@ MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_
   qm::mhd_secret_ptr password(raw_password);
   if (!user || !password) {
     log_debug("http_frontend: no Basic credentials presented");
+    broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
     return queue_auth_required(conn);
   }
   const admitted_profile profile = authenticate(fe, user.get(), password.get());
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, broker_metrics_verdict_of(profile.has_value()), auth_started);
   if (!profile) return queue_auth_required(conn);
   return s_relay(fe, conn, ctx, user.get(), *profile, password);
 }
@@ -714,8 +725,11 @@ int gw_http_frontend_start(gw_http_frontend_t* fe) {
   log_info("http_frontend: listening on %s:%d%s path=%s backlog=%u requested, capped by net.core.somaxconn",
            s_or(cfg.http_listen_host, ""), s_bound_port(*fe), tls ? " [TLS]" : "", s_servlet_path(*fe),
            static_cast<unsigned>(cfg.listen_backlog));
+  fe->listening.store(true);
   return 0;
 }
+
+bool gw_http_frontend_listening(const gw_http_frontend_t* fe) { return fe != nullptr && fe->listening.load(); }
 
 int gw_http_frontend_bound_port(gw_http_frontend_t* fe) {
   if (fe == nullptr) return 0;
@@ -732,6 +746,7 @@ void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe) {
     shutdown(listen_fd, SHUT_RDWR);
     fe->quiesced_listen_fd = listen_fd;
   }
+  fe->listening.store(false);
   log_info("http_frontend: stopped accepting new connections — in-flight requests still draining");
 }
 
@@ -739,6 +754,7 @@ void gw_http_frontend_stop(gw_http_frontend_t* fe) {
   if (fe == nullptr) return;
   std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
   if (!fe->daemon) return;
+  fe->listening.store(false);
   fe->daemon.reset();
   if (fe->quiesced_listen_fd >= 0) close(fe->quiesced_listen_fd);
   fe->quiesced_listen_fd = -1;

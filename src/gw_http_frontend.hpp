@@ -35,6 +35,9 @@ int gw_http_frontend_start(gw_http_frontend_t* fe);
 // one), else 0.
 int gw_http_frontend_bound_port(gw_http_frontend_t* fe);
 
+// True while started and not quiesced: new connections are taken. Lock-free.
+bool gw_http_frontend_listening(const gw_http_frontend_t* fe);
+
 // Quiesce: new connections are refused from now on, requests in flight complete.
 // No-op when not started. Safe to call while another thread stops the frontend.
 void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);

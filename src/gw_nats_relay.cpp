@@ -20,6 +20,7 @@
 
 #include "auth_profile.hpp"
 #include "broker_kv_bootstrap.hpp"
+#include "broker_metrics.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
@@ -57,6 +58,8 @@ constexpr int64_t kChunkAckWaitMs = 30000;
 // No writer makes more chunks than this (32 GiB); a manifest naming more is broken, and
 // its number is not trusted for reading or deleting.
 constexpr int64_t kMaxChunks = 65536;
+// s_request's result when the worker's reply did not come in time (callers see -1).
+constexpr int kRelayTimedOut = -2;
 
 // Once-per-process state. Races are harmless: at worst a warning twice or one more
 // TTL write that fails.
@@ -578,6 +581,7 @@ bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
   }
   const int rc = kvstore_get_chunked(relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
   if (rc == -1) log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
+  if (rc == 0) broker_metrics_count_fetched_bytes(*reply_data_len);
   // A refused manifest's chunk count is not trusted for deleting either: only the
   // manifest goes, the bucket's TTL removes whatever chunks there are.
   if (rc == -2)
@@ -603,6 +607,7 @@ int s_request(gw_nats_relay& relay, const char* caller, const char* subject, con
     staged.hold(key.c_str(), gw_kv_num_chunks(data_len));
     const int64_t ttl_ms = gw_kv_ttl_ms_for(std::max<uint64_t>(wait, scan_budget_ms));
     if (!s_stage(relay, subject, key.c_str(), data, data_len, ttl_ms)) return -1;
+    broker_metrics_count_staged_bytes(data_len);
     std::optional<std::string> with_key = s_with_kv_key(request_json, key.c_str());
     if (!with_key) return -1;
     send_text = std::move(*with_key);
@@ -619,7 +624,7 @@ int s_request(gw_nats_relay& relay, const char* caller, const char* subject, con
     log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)",
              log_safe(subject).c_str(), natsStatus_GetText(status), detail.c_str(), wait,
              static_cast<unsigned long>(scan_budget_ms), key_text);
-    return -1;
+    return status == NATS_TIMEOUT ? kRelayTimedOut : -1;
   }
   log_trace("nats_relay: request OK subject=%s kv_key=%s", log_safe(subject).c_str(), key_text);
   staged.remove();
@@ -922,13 +927,25 @@ int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const c
     log_warn("nats_relay: refusing to publish to invalid subject '%s'", log_safe(subject).c_str());
     return -1;
   }
+  const int64_t started = broker_metrics_now();
+  int rc = -1;
   try {
-    return s_request(*relay, caller, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
-                     reply_data_len);
+    rc = s_request(*relay, caller, subject, request_json, data, data_len, timeout_ms, reply_json, reply_data,
+                   reply_data_len);
   } catch (const std::exception& e) {
     log_error("nats_relay: request to %s failed: %s", log_safe(subject).c_str(), e.what());
-    return -1;
   }
+  const bool js = gw_service_uses_js(relay, subject);
+  const bool timed_out = rc == kRelayTimedOut;
+  broker_metrics_count_relay(js ? BROKER_METRICS_ROUTE_JETSTREAM : BROKER_METRICS_ROUTE_CORE,
+                             rc == 0 ? BROKER_METRICS_RELAY_OK
+                                     : (timed_out ? BROKER_METRICS_RELAY_TIMEOUT : BROKER_METRICS_RELAY_ERROR),
+                             started);
+  return rc == 0 ? 0 : -1;
+}
+
+bool gw_nats_relay_connected(const gw_nats_relay_t* relay) {
+  return relay != nullptr && relay->conn && natsConnection_Status(relay->conn.get()) == NATS_CONN_STATUS_CONNECTED;
 }
 
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service) {

@@ -43,6 +43,8 @@ int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const cha
 int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const char* subject,
                              const char* request_json, const char* data, size_t data_len, unsigned long timeout_ms,
                              char** reply_json, char** reply_data, size_t* reply_data_len);
+// True while the relay's NATS connection is up (false while it reconnects).
+bool gw_nats_relay_connected(const gw_nats_relay_t* relay);
 
 // True when `service` is one of the relay's JetStream work-queue services.
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service);

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "broker_metrics.hpp"
 #include "log.hpp"
 
 struct gw_relay_conn_handle {
@@ -88,6 +89,7 @@ gw_relay_job* s_next_job(gw_relay_pool& pool) {
   pool.head = job->next;
   if (pool.head == nullptr) pool.tail = nullptr;
   lock.unlock();
+  broker_metrics_relay_queue(-1);
   job->next = nullptr;
   return job;
 }
@@ -173,6 +175,7 @@ int gw_relay_pool_submit(gw_relay_pool_t* pool, gw_relay_job_t* job) {
       }
       pool->tail = job;
       job = nullptr;
+      broker_metrics_relay_queue(+1);
     }
   }
   if (job != nullptr) {

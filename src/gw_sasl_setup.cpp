@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "broker_metrics.hpp"
 #include "gw_verify_reply.hpp"
 #include "log.hpp"
 #include "qm_handles.hpp"
@@ -58,9 +59,15 @@ char g_cyrus_conf_path[kMaxPath + 1];
 
 thread_local int t_checkpass_verdict = 0;
 thread_local std::string t_checkpass_profile;
+thread_local int64_t t_checkpass_started = 0;
 
+// Every password check ends here: one verdict of the AMQP door.
 int s_set_verdict(int verdict) {
   t_checkpass_verdict = verdict;
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_AMQP,
+                            verdict == SASL_OK ? BROKER_METRICS_GRANT
+                                               : (verdict == SASL_BADAUTH ? BROKER_METRICS_DENY : BROKER_METRICS_ERROR),
+                            t_checkpass_started);
   return verdict;
 }
 
@@ -280,6 +287,7 @@ int sasl_canon_user_cb(sasl_conn_t*, void*, const char* in, unsigned inlen, unsi
 
 int auth_checkpass_cb(sasl_conn_t*, void*, const char* user, const char* password, unsigned password_len,
                       struct propctx*) {
+  t_checkpass_started = broker_metrics_now();
   if (user == nullptr || *user == '\0' || password == nullptr || password_len == 0) {
     log_warn("sasl_checkpass: empty user or password \u2014 denying");
     return s_set_verdict(SASL_BADAUTH);

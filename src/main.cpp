@@ -15,13 +15,16 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "auth_handler.hpp"
+#include "broker_admin.hpp"
 #include "broker_auth_thread.hpp"
 #include "broker_auth_watcher.hpp"
 #include "auth_jwt.hpp"
 #include "broker_config.hpp"
 #include "broker_kv_bootstrap.hpp"
+#include "broker_metrics.hpp"
 #include "broker_natsd.hpp"
 #include "broker_sd_notify.hpp"
 #include "broker_update_thread.hpp"
@@ -62,6 +65,9 @@ struct broker_app {
   // The logger borrows the file name; this copy outlives the configuration, which is
   // freed before the last log line.
   std::string log_file_name;
+  // The admin listener, when enabled: from just after the logger to the very end. Each
+  // subsystem's readiness check is set once it exists and cleared before it goes.
+  broker_admin_t* admin = nullptr;
 
   std::atomic<broker_natsd_t*> natsd{nullptr};
   gw_credential_store_t* credentials = nullptr;
@@ -114,6 +120,7 @@ bool s_stopping(const broker_app& app) { return app.shutdown_requested.load(); }
 // cleared before the object is destroyed.
 void s_request_stops(broker_app& app, bool forward_sigterm) {
   app.shutdown_requested = true;
+  broker_admin_set_stopping(app.admin);
   app.startup_stop.request();
   auth_service_stop(app.auth_svc.load());
   gw_amqp_acceptor_stop(app.amqp_acc.load());
@@ -167,6 +174,71 @@ void s_configure_logger(broker_app& app) {
 }
 
 const char* s_yes_no(bool value) { return value ? "yes" : "no"; }
+
+// ---- readiness checks of the admin listener ----
+
+constexpr const char* kCheckNatsd = "nats-server";
+constexpr const char* kCheckRelay = "relay";
+constexpr const char* kCheckCallout = "auth-callout";
+constexpr const char* kCheckLdap = "ldap";
+constexpr const char* kCheckAmqp = "amqp";
+constexpr const char* kCheckHttp = "http";
+constexpr const char* kCheckUpdate = "update";
+
+bool s_report(bool ready, const char* yes, const char* no, const char** state) {
+  *state = ready ? yes : no;
+  return ready;
+}
+bool s_probe_natsd(const void* natsd, const char** state) {
+  return s_report(broker_natsd_ready(static_cast<const broker_natsd_t*>(natsd)), "up", "down", state);
+}
+bool s_probe_relay(const void* relay, const char** state) {
+  return s_report(gw_nats_relay_connected(static_cast<const gw_nats_relay_t*>(relay)), "connected", "disconnected",
+                  state);
+}
+bool s_probe_callout(const void* svc, const char** state) {
+  auto* service = const_cast<auth_service_t*>(static_cast<const auth_service_t*>(svc));
+  return s_report(auth_service_serving(service), "subscribed", "not subscribed", state);
+}
+bool s_probe_ldap(const void*, const char** state) {
+  return s_report(broker_metrics_ldap_up(), "reachable", "unreachable", state);
+}
+bool s_probe_amqp(const void* acc, const char** state) {
+  return s_report(gw_amqp_acceptor_listening(static_cast<const gw_amqp_acceptor_t*>(acc)), "listening",
+                  "not listening", state);
+}
+bool s_probe_http(const void* fe, const char** state) {
+  return s_report(gw_http_frontend_listening(static_cast<const gw_http_frontend_t*>(fe)), "listening",
+                  "not listening", state);
+}
+// Draining for an update: a balancer must stop sending new clients before the doors close.
+bool s_probe_update(const void* params, const char** state) {
+  *state = broker_update_state(static_cast<const broker_update_thread_params_t*>(params));
+  return strcmp(*state, "draining") != 0;
+}
+
+// Started before anything else, so that /healthz answers during the start-up. Every check
+// the configuration calls for is listed at once and stays "starting" until its part is up.
+// An operator who asked for the listener relies on it: failing to open it is fatal.
+bool s_start_admin(broker_app& app) {
+  const broker_config_t& cfg = *app.cfg;
+  if (cfg.admin_listen_port == 0) return true;
+  const char* host = qm::cstr(cfg.admin_listen_host);
+  app.admin = broker_admin_create(host, cfg.admin_listen_port);
+  if (app.admin == nullptr || broker_admin_start(app.admin) != 0) {
+    log_fatal("admin: cannot start the admin listener on %s:%d", qm::or_text(host, "(null)"), cfg.admin_listen_port);
+    broker_admin_destroy(std::exchange(app.admin, nullptr));
+    return false;
+  }
+  for (const char* name : {kCheckNatsd, kCheckRelay}) broker_admin_set_check(app.admin, name, nullptr, nullptr);
+  if (cfg.auth_callout_enabled) broker_admin_set_check(app.admin, kCheckCallout, nullptr, nullptr);
+  if (cfg.auth_callout_enabled && cfg.auth->backend_type != AUTH_BACKEND_FILE)
+    broker_admin_set_check(app.admin, kCheckLdap, s_probe_ldap, nullptr);
+  if (cfg.gw->amqp_enabled) broker_admin_set_check(app.admin, kCheckAmqp, nullptr, nullptr);
+  if (cfg.gw->http_enabled) broker_admin_set_check(app.admin, kCheckHttp, nullptr, nullptr);
+  broker_admin_set_check(app.admin, kCheckUpdate, nullptr, nullptr);
+  return true;
+}
 
 // Written through a temporary file, fsync and rename, so that a reader never sees a
 // partial pid. Every failure is a warning: the broker runs on without a pid file.
@@ -256,6 +328,7 @@ bool s_start_nats_server(broker_app& app) {
     return false;
   }
   app.natsd.store(natsd);
+  broker_admin_set_check(app.admin, kCheckNatsd, s_probe_natsd, natsd);
   if (broker_natsd_start(natsd, &app.startup_stop) != 0) {
     if (!s_stopping(app)) log_fatal("nats-server supervisor failed to start");
     return false;
@@ -318,6 +391,9 @@ bool s_connect_relay(broker_app& app) {
     return false;
   }
   log_info("NATS relay connected");
+  broker_admin_set_check(app.admin, kCheckRelay, s_probe_relay, app.relay);
+  // An external server counts as up while the relay reaches it.
+  if (!app.cfg->nats_server_managed) broker_admin_set_check(app.admin, kCheckNatsd, s_probe_relay, app.relay);
   return true;
 }
 
@@ -361,6 +437,7 @@ bool s_start_auth_callout(broker_app& app) {
     return false;
   }
   log_info("auth-callout: thread started");
+  broker_admin_set_check(app.admin, kCheckCallout, s_probe_callout, svc);
   return true;
 }
 
@@ -402,6 +479,7 @@ bool s_start_amqp(broker_app& app) {
     return false;
   }
   log_info("AMQP acceptor thread started on %s:%d", qm::or_text(host, "(null)"), gw.amqp_listen_port);
+  broker_admin_set_check(app.admin, kCheckAmqp, s_probe_amqp, acc);
   return true;
 }
 
@@ -421,6 +499,7 @@ bool s_start_http_frontend(broker_app& app) {
     return false;
   }
   app.http_fe.store(fe);
+  broker_admin_set_check(app.admin, kCheckHttp, s_probe_http, fe);
   log_info("HTTP frontend started on %s:%d", host, gw_http_frontend_bound_port(fe));
   return true;
 }
@@ -428,6 +507,8 @@ bool s_start_http_frontend(broker_app& app) {
 // Always started: with --update-binary false the thread only waits for the stop. Neither
 // failure is fatal; the broker then runs without self-update.
 bool s_start_update_thread(broker_app& app) {
+  // "off" (and ready) unless the thread starts: a broker without self-update still serves.
+  broker_admin_set_check(app.admin, kCheckUpdate, s_probe_update, nullptr);
   std::unique_ptr<broker_update_thread_params_t> params;
   try {
     params = std::make_unique<broker_update_thread_params_t>();
@@ -449,6 +530,7 @@ bool s_start_update_thread(broker_app& app) {
   const qm_update_config_t& update = app.cfg->update_config;
   log_info("Broker update polling thread started (update_binary=%s, interval=%ldmin)",
            update.update_binary ? "true" : "false", update.update_check_interval);
+  broker_admin_set_check(app.admin, kCheckUpdate, s_probe_update, params.get());
   app.update_thr.store(params.release());
   return true;
 }
@@ -466,6 +548,7 @@ void s_stop_auth_watcher(broker_app& app) {
 void s_stop_update_thread(broker_app& app) {
   std::unique_ptr<broker_update_thread_params_t> params(app.update_thr.exchange(nullptr));
   if (!params) return;
+  broker_admin_set_check(app.admin, kCheckUpdate, nullptr, nullptr);
   log_debug("Joining update polling thread");
   broker_update_thread_join(params.get());
 }
@@ -475,6 +558,7 @@ void s_stop_update_thread(broker_app& app) {
 void s_stop_http_frontend(broker_app& app) {
   gw_http_frontend_t* fe = app.http_fe.exchange(nullptr);
   if (fe == nullptr) return;
+  broker_admin_set_check(app.admin, kCheckHttp, nullptr, nullptr);
   log_debug("Stopping HTTP frontend");
   gw_http_frontend_destroy(fe);
 }
@@ -482,6 +566,7 @@ void s_stop_http_frontend(broker_app& app) {
 void s_stop_amqp(broker_app& app) {
   gw_amqp_acceptor_t* acc = app.amqp_acc.exchange(nullptr);
   if (acc == nullptr) return;
+  broker_admin_set_check(app.admin, kCheckAmqp, nullptr, nullptr);
   log_debug("Stopping AMQP acceptor");
   gw_amqp_acceptor_stop(acc);
   if (app.amqp_thread.joinable()) app.amqp_thread.join();
@@ -490,12 +575,15 @@ void s_stop_amqp(broker_app& app) {
 
 void s_stop_relay(broker_app& app) {
   if (app.relay == nullptr) return;
+  broker_admin_set_check(app.admin, kCheckRelay, nullptr, nullptr);
+  if (!app.cfg->nats_server_managed) broker_admin_set_check(app.admin, kCheckNatsd, nullptr, nullptr);
   log_debug("Tearing down NATS relay");
   gw_nats_relay_destroy(app.relay);
   app.relay = nullptr;
 }
 
 void s_stop_auth_callout(broker_app& app) {
+  broker_admin_set_check(app.admin, kCheckCallout, nullptr, nullptr);
   if (app.auth_thr != nullptr) {
     log_debug("Stopping auth-callout thread");
     broker_auth_thread_destroy(app.auth_thr);
@@ -530,6 +618,7 @@ void s_free_permissions(broker_app& app) {
 
 void s_stop_nats_server(broker_app& app) {
   if (broker_natsd_t* natsd = app.natsd.exchange(nullptr)) {
+    broker_admin_set_check(app.admin, kCheckNatsd, nullptr, nullptr);
     log_debug("Stopping nats-server child");
     broker_natsd_destroy(natsd);
   }
@@ -588,7 +677,9 @@ startup_result s_start(broker_app& app) {
 
 void s_reload(broker_app& app) {
   log_info("SIGHUP: reloading credential store + forwarding to nats-server");
-  if (gw_credential_store_reload(app.credentials) != 0) {
+  const bool reloaded = gw_credential_store_reload(app.credentials) == 0;
+  broker_metrics_count_credentials_reload(reloaded);
+  if (!reloaded) {
     log_error("SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries");
   } else if (app.auth_cache != nullptr) {
     // A user removed from the file, or given a new password, must not go on logging in
@@ -636,6 +727,7 @@ startup_result s_start_and_run(broker_app& app) {
 }
 
 void s_shutdown(broker_app& app) {
+  broker_admin_set_stopping(app.admin);
   for (size_t i = app.subsystems_attempted; i-- > 0;) {
     s_take_pending_signals(app);
     if (kSubsystems[i].stop != nullptr) kSubsystems[i].stop(app);
@@ -644,6 +736,7 @@ void s_shutdown(broker_app& app) {
   if (qm::has_text(cfg.pid_file)) unlink(cfg.pid_file->c_str());
   broker_config_free(app.cfg);
   app.cfg = nullptr;
+  broker_admin_destroy(std::exchange(app.admin, nullptr));
   log_info("%s stopped (rc=%d)", kProgramName, app.rc);
 }
 
@@ -684,6 +777,10 @@ int main(int argc, char** argv) {
   broker_config_finalize(app.cfg);
 
   s_configure_logger(app);
+  if (!s_start_admin(app)) {
+    broker_config_free(app.cfg);
+    return 1;
+  }
   if (qm_nats_library_open() != 0) log_warn("NATS client library: could not set its lock spinning; using its defaults");
 
   // A stop (a signal, or supervision giving up) is an orderly shutdown, also during the

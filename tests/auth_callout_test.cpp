@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "auth_jwt.hpp"
+#include "admin_client.hpp"
 #include "callout_fixture.hpp"
 #include "log_capture.hpp"
 #include "qm_handles.hpp"
@@ -62,7 +63,10 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     },
     "file_user_map": [{"user": "alice", "profile": "scanner"}, {"user": "carl.os", "profile": "own"}]
   })j";
+  const int admin_port = qmtest::free_port();
+  options.broker_args = qmtest::admin_args(admin_port);
   CalloutEnv env(options);
+  const std::string before = qmtest::scrape(admin_port);
   {
     SCOPED_TRACE("a name that would widen a templated grant is refused");
     EXPECT_NE(nats_login(env.url(), "carl.os", "dotted").status, NATS_OK);
@@ -100,6 +104,19 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_NE(log.find("sealed=yes"), std::string::npos);
     EXPECT_EQ(log.find("sealed=no"), std::string::npos);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=scanner", 5s));
+  }
+  {
+    SCOPED_TRACE("each verdict counted once, the malformed ones as errors; only the second grant came from the cache");
+    const std::string after = qmtest::scrape(admin_port);
+    const auto moved = [&](const std::string& sample) { return qmtest::metric_delta(before, after, sample); };
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="error"})"), 2);
+    // carl.os's refused templated grant is a deny too
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="deny"})"), 4);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="grant"})"), 2);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_request_duration_seconds_count{source="callout"})"), 8);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_cache_lookups_total{result="hit"})"), 1);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_cache_lookups_total{result="miss"})"), 5);
+    EXPECT_EQ(moved(R"(qm_av_broker_auth_cache_lookups_total{result="negative"})"), 0);
   }
   {
     SCOPED_TRACE("the server enforces the profile");
@@ -171,6 +188,8 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   CalloutOptions options = file_users();
   options.users.emplace_back("carol", "chisel");  // a file user first seen while the workers wait
   options.broker_args = ldap_args(directory->url());
+  const int admin_port = qmtest::free_port();
+  for (const std::string& arg : qmtest::admin_args(admin_port)) options.broker_args.push_back(arg);
   options.permissions_json =
       R"j({"profiles": {"scanner": {"publish": {"allow": ["scan.>"]},
                                     "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}},
@@ -178,6 +197,7 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   CalloutEnv env(options);
   // Settles the service's connections, then holds the directory so both checks overlap.
   ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
+  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::admin_get(admin_port, "/readyz").status == 200; }, 10s));
   {
     SCOPED_TRACE("two concurrent logins of one user make one live check");
     directory->pause();
@@ -253,6 +273,9 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     // leo's right password is cached (by the verify answers above); another one is checked live.
     EXPECT_NE(nats_login(env.url(), "leo", "leo-guess").status, NATS_OK);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=leo backend=none reason=invalid-credentials", 5s));
+    const qmtest::HttpResponse ready = qmtest::admin_get(admin_port, "/readyz");
+    EXPECT_EQ(ready.status, 503);
+    EXPECT_NE(ready.body.find(R"("ldap":{"ready":false,"state":"unreachable"})"), std::string::npos) << ready.body;
   }
 }
 

@@ -85,6 +85,8 @@ const std::vector<option_row> kOptions = {
     {"--nats-server-ready-timeout-seconds", FIELD(nats_server_ready_timeout_sec), "30", "5"},
     {"--nats-server-pid-file", FIELD(nats_server_pid_file), nullptr, "/ns.pid"},
     {"--pid-file", FIELD(pid_file), nullptr, "/b.pid"},
+    {"--admin-listen-host", FIELD(admin_listen_host), "127.0.0.1", "0.0.0.0"},
+    {"--admin-listen-port", FIELD(admin_listen_port), "0", "9484"},
     {"--auth-callout-enabled", FIELD(auth_callout_enabled), "true", "0", "false"},
     {"--auth-nats-user", FIELD(auth->nats_user), nullptr, "au"},
     {"--auth-nats-password", FIELD(auth->nats_password), nullptr, "ap"},

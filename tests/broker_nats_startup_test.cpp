@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "admin_client.hpp"
 #include "nats_server_fixture.hpp"
 #include "qm_handles.hpp"
 #include "test_support.hpp"
@@ -79,8 +80,12 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const std::string marker = dir_.file("inherited-marker");
   qmtest::write_file(marker, "");
   const qm::unique_fd inherited(open(marker.c_str(), O_RDONLY));
+  const int admin_port = qmtest::free_port();
+  for (const std::string& arg : qmtest::admin_args(admin_port)) args.push_back(arg);
   qmtest::Child broker(args);
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
+  const auto readyz = [&] { return qmtest::admin_get(admin_port, "/readyz"); };
+  ASSERT_TRUE(qmtest::wait_until([&] { return readyz().status == 200; }, 10s)) << readyz().body;
   const std::string started = broker.err();
   EXPECT_NE(started.find("nats-server: running (pid="), std::string::npos);
   EXPECT_NE(started.find("KV bootstrap: created bucket 'qm-av-wq-dedup' (replicas=1)"), std::string::npos);
@@ -89,6 +94,12 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const pid_t first = server_pid();
 
   kill(first, SIGKILL);
+  // Not ready from the moment the child is found dead, through the back-off, until the
+  // new one is; alive all along.
+  qmtest::HttpResponse down;
+  EXPECT_TRUE(qmtest::wait_until([&] { return (down = readyz()).status == 503; }, 10s));
+  EXPECT_NE(down.body.find(R"("nats-server":{"ready":false,"state":"down"})"), std::string::npos) << down.body;
+  EXPECT_EQ(qmtest::admin_get(admin_port, "/healthz").status, 200);
   ASSERT_TRUE(broker.wait_for_err("nats-server: restarting in 500ms", 20s)) << broker.err();
   pid_t second = -1;
   ASSERT_TRUE(qmtest::wait_until(
@@ -98,12 +109,16 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
       },
       20s));
 
+  EXPECT_TRUE(qmtest::wait_until([&] { return readyz().status == 200; }, 20s)) << readyz().body;
+  EXPECT_EQ(qmtest::metric_value(qmtest::scrape(admin_port), "qm_av_broker_natsd_restarts_total"), 1);
   const std::set<std::string> broker_fds = fd_targets(broker.pid());
   EXPECT_TRUE(broker_fds.contains(marker));
   for (const std::string& target : fd_targets(second)) EXPECT_FALSE(broker_fds.contains(target)) << target;
 
   broker.signal(SIGHUP);
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));
+  const std::string reloads = R"(qm_av_broker_credentials_reloads_total{result="ok"})";
+  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::metric_value(qmtest::scrape(admin_port), reloads) == 1; }, 10s));
   EXPECT_TRUE(qmtest::wait_until(
       [&] { return qmtest::read_file(server_log).find("Reloaded server configuration") != std::string::npos; }, 10s));
 
@@ -199,9 +214,16 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
     std::vector<std::string> args = base_args(c.url);
     args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "600", "--tracelevel", "5"});
     args.insert(args.end(), c.extra.begin(), c.extra.end());
+    const int admin_port = qmtest::free_port();
+    for (const std::string& arg : qmtest::admin_args(admin_port)) args.push_back(arg);
     qmtest::Child broker(args);
     if (c.waiting != nullptr) {
       ASSERT_TRUE(broker.wait_for_err(c.waiting, 30s)) << broker.err();
+      // Alive from the start, not ready until the start-up is through.
+      EXPECT_EQ(qmtest::admin_get(admin_port, "/healthz").status, 200);
+      const qmtest::HttpResponse ready = qmtest::admin_get(admin_port, "/readyz");
+      EXPECT_EQ(ready.status, 503);
+      EXPECT_NE(ready.body.find(R"("relay":{"ready":false,"state":"starting"})"), std::string::npos) << ready.body;
       broker.signal(c.sig);
     }
     EXPECT_EQ(broker.wait(30s), c.code) << broker.err();

@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 
+#include "admin_client.hpp"
 #include "amqp_fixture.hpp"
 #include "callout_fixture.hpp"
 #include "log_capture.hpp"
@@ -124,6 +125,8 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
                               "--update-maintenance-window", "00:00-23:59", "--update-drain-timeout-seconds", "600",
                               "--pid-file", layout.base() + "/broker.pid", "--http-enabled", "true",
                               "--http-listen-port", "0"});
+  const int admin_port = free_port();
+  for (const std::string& arg : admin_args(admin_port)) options.broker_args.push_back(arg);
   AmqpEnv env(options);
   ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker_log();
   EXPECT_NE(server.requests().find(std::string("/v1/update?component=") + kComponent +
@@ -132,6 +135,7 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
       << server.requests();
   EXPECT_EQ(LogCapture::count_in(env.broker_log(), "verified by MD5 alone"), 0u);
   ScanClient open_before(env);
+  EXPECT_TRUE(wait_until([&] { return admin_get(admin_port, "/readyz").status == 200; }, 10s));
 
   const std::string blob = packages.file("blob");
   write_file(blob, "a package nobody may install");
@@ -184,6 +188,14 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
   server.add_file(package_name + ".sig", read_file(package + ".sig"));
   server.plan_package(package_name, package_name + ".sig");
   ASSERT_TRUE(env.wait_for_log("broker_update: front doors closed", 120s)) << env.broker_log();
+  // A balancer hears "not ready" for the whole drain; the broker itself stays alive.
+  const HttpResponse draining = admin_get(admin_port, "/readyz");
+  EXPECT_EQ(draining.status, 503);
+  for (const char* check : {R"("update":{"ready":false,"state":"draining"})", R"("amqp":{"ready":false,)",
+                            R"("http":{"ready":false,)"})
+    EXPECT_NE(draining.body.find(check), std::string::npos) << check << " in " << draining.body;
+  EXPECT_EQ(admin_get(admin_port, "/healthz").status, 200);
+  EXPECT_EQ(metric_value(scrape(admin_port), "qm_av_broker_ready"), 0);
   AmqpClient late(env.port(), env.login(), 20s);
   EXPECT_FALSE(late.is_open());
   EXPECT_TRUE(env.wait_for_log("amqp_acceptor: refusing new connection \u2014 broker is draining for auto-update"));

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "admin_client.hpp"
 #include "amqp_fixture.hpp"
 #include "log_capture.hpp"
 #include "qmhlp_network.hpp"
@@ -228,7 +229,11 @@ TEST(AmqpScan, AHostileClientCanNeitherSniffNorForgeNorTouchOthersData) {
 }
 
 TEST(AmqpLogin, ClientsWithoutPlainAndBadCredentialsAreRefused) {
-  AmqpEnv env;
+  const int admin_port = free_port();
+  AmqpEnvOptions options;
+  options.broker_args = admin_args(admin_port);
+  AmqpEnv env(options);
+  const std::string before = scrape(admin_port);
   AmqpLogin anonymous = env.login("", "");
   anonymous.mechanisms = "ANONYMOUS";
   AmqpLogin no_sasl = env.login();
@@ -259,6 +264,11 @@ TEST(AmqpLogin, ClientsWithoutPlainAndBadCredentialsAreRefused) {
     EXPECT_TRUE(env.wait_for_log("sasl_checkpass: DENY user='" + k.login.user + "'"));
   }
   EXPECT_EQ(LogCapture::count_in(env.broker_log(), "amqp_acceptor: authenticated user"), 0u);
+  // Only the two password checks are verdicts of the door; every connection is gone again.
+  const std::string after = scrape(admin_port);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_auth_requests_total{source="amqp",verdict="deny"})"), 2);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_auth_requests_total{source="amqp",verdict="grant"})"), 0);
+  EXPECT_TRUE(wait_until([&] { return metric_value(scrape(admin_port), "qm_av_broker_amqp_connections") == 0; }, 10s));
 }
 
 // Nobody answers "qm.auth.verify" at first: the client is asked to try again. Then the
@@ -328,7 +338,11 @@ TEST(AmqpLimits, OversizeAndTooSlowRequests) {
 
 // Accepted deliveries give their credit back; rejected ones spend it.
 TEST(AmqpLimits, BodiesWithoutJsonAreRejectedAndSpendTheirCredit) {
-  AmqpEnv env;
+  const int admin_port = free_port();
+  AmqpEnvOptions options;
+  options.broker_args = admin_args(admin_port);
+  AmqpEnv env(options);
+  const std::string before = scrape(admin_port);
   ScanClient c(env);
   const std::string payload = "x";
   std::vector<int> tickets;
@@ -359,6 +373,10 @@ TEST(AmqpLimits, BodiesWithoutJsonAreRejectedAndSpendTheirCredit) {
   EXPECT_EQ(c.client.outcome(c.client.send(anonymous, scan_request("", "{}", &payload, c.reply_address, "lost")), kWait),
             Outcome::rejected);
   EXPECT_TRUE(env.wait_for_log("amqp_acceptor: delivery has no target address \u2014 rejecting"));
+  const std::string after = scrape(admin_port);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_amqp_messages_total{outcome="accepted"})"), 10);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_amqp_messages_total{outcome="rejected"})"), garbage.size() + 1);
+  EXPECT_EQ(metric_value(after, "qm_av_broker_amqp_connections"), 1);
 }
 
 // Without a cap a 3 MiB request goes through, its echo coming back as the reply's second

@@ -8,7 +8,9 @@
 #include <map>
 #include <thread>
 
+#include "admin_client.hpp"
 #include "amqp_fixture.hpp"
+#include "broker_metrics.hpp"
 #include "http_fixture.hpp"
 #include "log_capture.hpp"
 #include "test_certificates.hpp"
@@ -116,7 +118,10 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
       {"wildcard target", [](HttpRequest& r) { r.target = "scan.>"; }, 400, "malformed target\n"},
       {"service not offered", [](HttpRequest& r) { r.target = "scanjs"; }, 404, "service not offered\n"},
   };
+  const std::string before = broker_metrics_render();
+  std::map<long, int> answered;
   for (const auto& row : rows) {
+    ++answered[row.status];
     const HttpResponse response = http_send(as(kLocal, kLocalPassword, row.change));
     EXPECT_EQ(response.status, row.status) << row.what;
     EXPECT_EQ(response.body, row.body) << row.what;
@@ -126,6 +131,23 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
     EXPECT_TRUE(wait_until([&] { return gw_http_frontend_inflight(door_->frontend()) == 0; }, 10s)) << row.what;
   }
   EXPECT_TRUE(log_.contains("subject rewrite 'qm-av-quarantine_scan' -> 'qm-av-quarantine.scan'"));
+  // One status count per response, one verdict per request that got as far as its
+  // credentials: every 401 is a refusal, and the rows after the credentials check (200,
+  // 502, the missing target and the four refused targets) were granted.
+  const std::string after = broker_metrics_render();
+  for (const auto& [status, times] : answered) {
+    const std::string sample = R"(qm_av_broker_http_requests_total{code=")" + std::to_string(status) + "\"}";
+    EXPECT_EQ(metric_delta(before, after, sample), times) << sample;
+  }
+  const auto verdicts = [&](const char* verdict) {
+    return metric_delta(before, after, std::string(R"(qm_av_broker_auth_requests_total{source="http",verdict=")") +
+                                           verdict + "\"}");
+  };
+  EXPECT_EQ(verdicts("deny"), answered[401]);
+  constexpr int kGrantedThenRefused = 1 + 4;
+  EXPECT_EQ(verdicts("grant"), answered[200] + answered[502] + kGrantedThenRefused);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_auth_request_duration_seconds_count{source="http"})"),
+            answered[401] + answered[200] + answered[502] + kGrantedThenRefused);
 }
 
 TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
@@ -247,7 +269,9 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   auto slow = as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":1500})"}}; });
   auto in_flight = std::async(std::launch::async, [&] { return http_send(slow); });
   ASSERT_TRUE(log_.wait_for("http_frontend: relay user=local-user", 10s));
+  EXPECT_TRUE(gw_http_frontend_listening(door_->frontend()));
   gw_http_frontend_stop_accepting(door_->frontend());
+  EXPECT_FALSE(gw_http_frontend_listening(door_->frontend()));
   EXPECT_EQ(http_send(as(kLocal, kLocalPassword)).curl, CURLE_COULDNT_CONNECT);
   EXPECT_EQ(gw_http_frontend_inflight(door_->frontend()), 1u);  // what an update's drain waits for
   EXPECT_EQ(in_flight.get().status, 200);
@@ -258,6 +282,7 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   gw_http_frontend_stop(door_->frontend());
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);  // already running
+  EXPECT_TRUE(gw_http_frontend_listening(door_->frontend()));
   EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
   EXPECT_TRUE(log_.contains("http_frontend: stopped"));
 }

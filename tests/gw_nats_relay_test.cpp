@@ -10,6 +10,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <numeric>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -17,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "admin_client.hpp"
+#include "broker_metrics.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "gw_subject_rewrite.hpp"
 #include "log_capture.hpp"
@@ -26,6 +29,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using qmtest::LogCapture;
+using qmtest::metric_delta;
 using qmtest::relay_request;
 using qmtest::RelayReply;
 using qmtest::ScanEnv;
@@ -221,6 +225,7 @@ TEST_F(RelayTest, PayloadsAndEchoedRepliesComeBackByteExactThroughTheWorkQueue) 
   qmtest::ScanWorker& worker = e.start_worker("scanjs", true);
   qmtest::relay_ptr relay = e.make_relay();
   const size_t sizes[] = {0, 1, kChunk, kChunk + 1, 64u << 20};
+  const std::string before = broker_metrics_render();
   for (size_t size : sizes) {
     SCOPED_TRACE("payload of " + std::to_string(size) + " bytes");
     const std::string payload = test_payload(size);
@@ -235,6 +240,15 @@ TEST_F(RelayTest, PayloadsAndEchoedRepliesComeBackByteExactThroughTheWorkQueue) 
   }
   // Every request took the work queue, none fell back to a core request.
   EXPECT_EQ(qmtest::LogCapture::count_in(worker.log(), "job received"), std::size(sizes)) << worker.log();
+  const std::string after = broker_metrics_render();
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_relay_requests_total{route="jetstream",result="ok"})"),
+            std::size(sizes));
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_relay_requests_total{route="core",result="ok"})"), 0);
+  EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_relay_request_duration_seconds_count{route="jetstream"})"),
+            std::size(sizes));
+  const double bytes = static_cast<double>(std::accumulate(std::begin(sizes), std::end(sizes), size_t{0}));
+  EXPECT_EQ(metric_delta(before, after, "qm_av_broker_relay_staged_bytes_total"), bytes);
+  EXPECT_EQ(metric_delta(before, after, "qm_av_broker_relay_fetched_bytes_total"), bytes);
 }
 
 TEST_F(RelayTest, RequestsThatCannotBeSentFailWithoutReachingTheWorker) {
@@ -302,6 +316,7 @@ TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
     const bool work_queue = std::string(service) == "scanjs";
     qmtest::ScanWorker& worker = e.start_worker(service, work_queue);
     LogCapture log(QMLOG_DEBUG);
+    const std::string before = broker_metrics_render();
     const auto start = steady::now();
     auto pending = std::async(std::launch::async, [&] {
       return relay_request(relay.get(), service, R"({"SCANTIMEOUT":500,"delay_ms":60000})", test_payload(kChunk * 2));
@@ -316,6 +331,13 @@ TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
     EXPECT_TRUE(log.contains("(waited 1500ms, SCANTIMEOUT=500ms, kv_key=gw-")) << log.text();
     EXPECT_EQ(log.count("JS work queue (jobs.scanjs)"), work_queue ? 1u : 0u);
     EXPECT_FALSE(log.contains("falling back"));
+    const std::string route = work_queue ? "jetstream" : "core";
+    const std::string after = broker_metrics_render();
+    for (const char* result : {"ok", "error", "timeout"}) {
+      const std::string sample =
+          R"(qm_av_broker_relay_requests_total{route=")" + route + R"(",result=")" + result + "\"}";
+      EXPECT_EQ(metric_delta(before, after, sample), std::string(result) == "timeout" ? 1 : 0) << sample;
+    }
   }
 }
 
