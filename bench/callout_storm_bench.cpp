@@ -2,9 +2,9 @@
 // nats-server whose logins the broker decides through the auth callout (its result cache
 // warm, or switched off so that every login is checked against the credentials file) and
 // against the same users configured statically, with the permissions the callout grants
-// them and without any. The servers take turns for a few rounds;
-// each benchmark reports one server (the time shown is its median round's), and a table
-// with the ratios to the static server follows the benchmark output.
+// them and without any. The servers take turns for a few rounds; each benchmark reports
+// one server (the time shown is its median round's), and a table with the ratios to both
+// static servers follows the benchmark output.
 //
 // QM_STORM_LOGINS and QM_STORM_THREADS in the environment override the storm's size,
 // QM_STORM_TRACELEVEL the broker's log level (to look into a slow or failing storm).
