@@ -1,9 +1,10 @@
 // Connection storms: client threads log in and out as fast as they can, against a
 // nats-server whose logins the broker decides through the auth callout (its result cache
 // warm, or switched off so that every login is checked against the credentials file) and
-// against the same users configured statically. The servers take turns for a few rounds;
-// each benchmark reports one server (the time shown is its median round's), and a table
-// with the ratios to the static server follows the benchmark output.
+// against the same users configured statically, with the permissions the callout grants
+// them and without any. The servers take turns for a few rounds; each benchmark reports
+// one server (the time shown is its median round's), and a table with the ratios to both
+// static servers follows the benchmark output.
 //
 // QM_STORM_LOGINS and QM_STORM_THREADS in the environment override the storm's size,
 // QM_STORM_TRACELEVEL the broker's log level (to look into a slow or failing storm).
@@ -22,13 +23,16 @@
 #include <latch>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "auth_profile.hpp"
 #include "bench_stats.hpp"
 #include "callout_fixture.hpp"
 #include "nats_server_fixture.hpp"
+#include "qm_handles.hpp"
 
 namespace {
 
@@ -66,10 +70,46 @@ user_list s_storm_users(int count) {
 // one of the storm's users.
 const std::pair<std::string, std::string> kWarmupUser{"storm-warmup", "storm-warmup-password"};
 
-std::string s_static_users_block(const user_list& users) {
+// nats-server configuration quoting: a subject list as ["a", "b"].
+std::string s_config_list(const std::vector<std::string>& subjects) {
+  std::string text = "[";
+  for (const std::string& subject : subjects) {
+    text += text.size() > 1 ? ", \"" : "\"";
+    for (const char c : subject) {
+      if (c == '"' || c == '\\') text += '\\';
+      text += c;
+    }
+    text += '"';
+  }
+  return text + "]";
+}
+
+std::string s_config_side(const char* side, const std::vector<std::string>& allow,
+                          const std::vector<std::string>& deny) {
+  std::string text = std::string(side) + " { allow: " + s_config_list(allow);
+  if (!deny.empty()) text += ", deny: " + s_config_list(deny);
+  return text + " }";
+}
+
+// The permissions the broker's callout grants `user` (the same code path that fills the
+// user JWT it signs), written as a static user's permissions block.
+std::string s_static_permissions(const auth_profile_store_t* store, const std::string& user) {
+  auth_grant grant;
+  if (!auth_profile_grant(auth_profile_resolve(store, user.c_str(), nullptr, 0), user.c_str(), grant))
+    throw std::runtime_error("the shipped roles refuse a grant for " + user);
+  std::string text = ", permissions: { " + s_config_side("publish", grant.pub_allow, grant.pub_deny) + ", " +
+                     s_config_side("subscribe", grant.sub_allow, grant.sub_deny);
+  if (grant.allow_responses) text += ", allow_responses: true";
+  return text + " }";
+}
+
+// The users as static entries; with a store, each carries the permissions the callout
+// would grant it from that store's roles, else none at all.
+std::string s_static_users_block(const user_list& users, const auth_profile_store_t* store) {
   std::string text = "authorization {\n  users: [\n";
   for (const auto& [user, password] : users)
-    text += "    {user: \"" + user + "\", password: \"" + password + "\"}\n";
+    text += "    {user: \"" + user + "\", password: \"" + password + "\"" +
+            (store != nullptr ? s_static_permissions(store, user) : "") + "}\n";
   return text + "  ]\n}\n";
 }
 
@@ -209,11 +249,33 @@ std::string s_log_everyone_in(const std::string& url, const user_list& users, in
   return result.failures == 0 ? "" : result.first_error;
 }
 
+// True when the server refuses `user` a subscription no client may hold: a baseline
+// that lost its permissions would flatter the callout's ratio without anyone noticing.
+bool s_refuses_system_subjects(const std::string& url, const std::pair<std::string, std::string>& user) {
+  qm::nats_options_ptr opts;
+  natsOptions* raw_opts = nullptr;
+  if (natsOptions_Create(&raw_opts) != NATS_OK) return false;
+  opts.reset(raw_opts);
+  natsOptions_SetURL(opts.get(), url.c_str());
+  natsOptions_SetUserInfo(opts.get(), user.first.c_str(), user.second.c_str());
+  natsOptions_SetAllowReconnect(opts.get(), false);
+  natsConnection* raw_conn = nullptr;
+  if (natsConnection_Connect(&raw_conn, opts.get()) != NATS_OK) return false;
+  const qm::nats_connection_ptr conn(raw_conn);
+  natsSubscription* raw_sub = nullptr;
+  if (natsConnection_SubscribeSync(&raw_sub, conn.get(), "$SYS.>") != NATS_OK) return true;
+  const qm::nats_subscription_ptr sub(raw_sub);
+  // The server's refusal arrives before the flush's PONG.
+  natsConnection_Flush(conn.get());
+  const char* last_error = nullptr;
+  return natsConnection_GetLastError(conn.get(), &last_error) == NATS_NOT_PERMITTED;
+}
+
 std::string s_diagnostics(qmtest::CalloutEnv& env) {
   return "broker output:\n" + env.broker().err() + "\nnats-server log:\n" + env.server_log() + "\n";
 }
 
-// The three servers stay up together and take turns, round after round, so that a
+// The four servers stay up together and take turns, round after round, so that a
 // machine getting busier or quieter meanwhile (the cores are shared) moves every
 // scenario alike and the ratios hold.
 storm_report s_run_storms() {
@@ -224,9 +286,20 @@ storm_report s_run_storms() {
   user_list configured = users;
   configured.push_back(kWarmupUser);
   try {
+    // The fair baseline: each static user carries the permissions the callout grants it
+    // (the shipped client role with its user templated, and the denies every grant
+    // carries); nats-server's cost of enforcing them is then on both sides.
+    const qm::c_ptr<auth_profile_store_t, auth_profile_destroy> roles(
+        auth_profile_load(QM_SOURCE_DIR "/packaging/qm-av-permissions.json"));
+    if (!roles) throw std::runtime_error("cannot load packaging/qm-av-permissions.json");
     qmtest::NatsServerOptions static_options;
-    static_options.extra_config = s_static_users_block(configured);
+    static_options.extra_config = s_static_users_block(configured, roles.get());
     qmtest::NatsServer static_server(static_options);
+    // The same users with no permissions at all: what the callout was measured against
+    // when its grant had none either.
+    qmtest::NatsServerOptions open_options;
+    open_options.extra_config = s_static_users_block(configured, nullptr);
+    qmtest::NatsServer open_server(open_options);
 
     qmtest::CalloutOptions warm_options;
     warm_options.users = configured;
@@ -239,6 +312,7 @@ storm_report s_run_storms() {
     qmtest::CalloutEnv cold(cold_options);
 
     report.scenarios.push_back(s_scenario("static", static_server.url(), static_server.pid(), -1));
+    report.scenarios.push_back(s_scenario("static-open", open_server.url(), open_server.pid(), -1));
     report.scenarios.push_back(s_scenario("callout-warm", warm.url(), warm.server_pid(), warm.broker().pid()));
     report.scenarios.push_back(s_scenario("callout-cold", cold.url(), cold.server_pid(), cold.broker().pid()));
     std::string error;
@@ -246,6 +320,8 @@ storm_report s_run_storms() {
       error = s_log_everyone_in(s.url, {kWarmupUser}, report.threads);
       if (!error.empty()) error = s.name + ": warm-up login refused: " + error;
       if (error.empty() && s.name == "callout-warm") error = s_log_everyone_in(s.url, users, report.threads);
+      if (error.empty() && s_refuses_system_subjects(s.url, kWarmupUser) != (s.name != "static-open"))
+        error = s.name + ": $SYS.> is " + (s.name == "static-open" ? "refused" : "granted") + " to a client";
       if (!error.empty()) break;
     }
     for (int round = 0; round < kRounds && error.empty(); ++round) {
@@ -276,20 +352,22 @@ storm_report s_run_storms() {
   return report;
 }
 
-// After the benchmark output: the three rows side by side, with the ratios.
+// After the benchmark output: the rows side by side, with the ratios to both static
+// servers.
 void s_print_table(const storm_report& report) {
   const scenario* base = report.find("static");
+  const scenario* open = report.find("static-open");
   printf("\nLogin storm: %d client threads connect and destroy as fast as they can; %d rounds of %d logins per "
          "server, taking turns; broker --tracelevel %d\n",
          report.threads, kRounds, report.logins_per_round, s_trace_level());
-  printf("%-14s %9s %13s %9s %7s %7s  %s\n", "server", "logins/s", "rounds", "vs static", "p50 ms", "p99 ms",
-         "CPU us per login: nats-server broker client");
+  printf("%-14s %9s %13s %9s %9s %7s %7s  %s\n", "server", "logins/s", "rounds", "vs static", "vs open", "p50 ms",
+         "p99 ms", "CPU us per login: nats-server broker client");
   for (const scenario& s : report.scenarios) {
     char spread[32];
     snprintf(spread, sizeof spread, "%.0f-%.0f", *std::min_element(s.rates.begin(), s.rates.end()),
              *std::max_element(s.rates.begin(), s.rates.end()));
-    printf("%-14s %9.0f %13s %9.2f %7.2f %7.2f  %31.0f %6.0f %6.0f\n", s.name.c_str(), s.rate(), spread,
-           s.rate() / base->rate(), qmbench::percentile(s.latencies_ms, 50), qmbench::percentile(s.latencies_ms, 99),
+    printf("%-14s %9.0f %13s %9.2f %9.2f %7.2f %7.2f  %31.0f %6.0f %6.0f\n", s.name.c_str(), s.rate(), spread,
+           s.rate() / base->rate(), s.rate() / open->rate(), qmbench::percentile(s.latencies_ms, 50), qmbench::percentile(s.latencies_ms, 99),
            s.cpu_us_per_login(&cpu_sample::server), s.cpu_us_per_login(&cpu_sample::broker),
            s.cpu_us_per_login(&cpu_sample::client));
   }
@@ -318,11 +396,15 @@ void s_report_scenario(benchmark::State& state, const char* name) {
   if (s->broker_pid > 0) {
     state.counters["broker_cpu_us"] = s->cpu_us_per_login(&cpu_sample::broker);
     state.counters["vs_static"] = s->rate() / report.find("static")->rate();
+    state.counters["vs_static_open"] = s->rate() / report.find("static-open")->rate();
   }
 }
 
-// The same users as static entries in nats-server's own configuration.
+// The same users as static entries in nats-server's own configuration, each with the
+// permissions the callout grants it.
 void BM_StormStatic(benchmark::State& state) { s_report_scenario(state, "static"); }
+// The same without permissions.
+void BM_StormStaticOpen(benchmark::State& state) { s_report_scenario(state, "static-open"); }
 // Every user logged in once before: each answer comes from the broker's cache.
 void BM_StormCalloutWarm(benchmark::State& state) { s_report_scenario(state, "callout-warm"); }
 // Cache switched off: each login is a live check against the credentials file. With
@@ -332,6 +414,7 @@ void BM_StormCalloutCold(benchmark::State& state) { s_report_scenario(state, "ca
 
 #define QM_STORM(fn) BENCHMARK(fn)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond)
 QM_STORM(BM_StormStatic);
+QM_STORM(BM_StormStaticOpen);
 QM_STORM(BM_StormCalloutWarm);
 QM_STORM(BM_StormCalloutCold);
 
