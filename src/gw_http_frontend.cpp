@@ -409,7 +409,9 @@ void dispatch_refresh(gw_http_frontend& fe, const char* user, const char* passwo
   refresh_ctx_ptr ctx = s_new_refresh_ctx(fe, user, password, hash, gen);
   sodium_memzero(hash, sizeof hash);
   if (!ctx) return;
-  const auto abort_claim = [&] { gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, GW_REFRESH_ABORTED); };
+  const auto abort_claim = [&] {
+    gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, GW_REFRESH_ABORTED);
+  };
   std::lock_guard<std::mutex> guard(fe.refresh_mu);
   s_reap_refreshes_locked(fe);
   if (fe.refreshes_stopping) return abort_claim();
