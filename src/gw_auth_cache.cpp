@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -44,8 +43,6 @@ struct verify_inflight_t {
   std::condition_variable cv;  // one per record: a publish wakes only that pair's waiters
 };
 
-std::atomic<gw_auth_cache_clock_fn> s_test_clock{nullptr};
-
 }  // namespace
 
 struct gw_auth_cache {
@@ -54,6 +51,7 @@ struct gw_auth_cache {
   int ttl_grant_s = 0;
   int ttl_deny_s = 0;
   int refresh_threshold_pct = 0;
+  std::function<int64_t()> now_ms;  // empty: the steady clock
   unsigned char salt[crypto_generichash_KEYBYTES] = {};
   std::mutex lock;
   int inflight_refreshes = 0;
@@ -80,10 +78,7 @@ struct s_hash {
   ~s_hash() { sodium_memzero(bytes, sizeof bytes); }
 };
 
-int64_t s_now_ms() {
-  const gw_auth_cache_clock_fn clock = s_test_clock.load(std::memory_order_acquire);
-  return clock != nullptr ? clock() : qm::monotonic_ms();
-}
+int64_t s_now_ms(const gw_auth_cache& c) { return c.now_ms ? c.now_ms() : qm::monotonic_ms(); }
 
 std::chrono::system_clock::time_point s_deadline(int timeout_ms) {
   return std::chrono::system_clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
@@ -183,7 +178,7 @@ int64_t s_grant_refresh_at_ms(const gw_auth_cache& c, int64_t now) {
 
 void s_insert(gw_auth_cache& c, slot_kind_t kind, const unsigned char* hash, void* user_data,
               bool overwrite_user_data) {
-  const int64_t now = s_now_ms();
+  const int64_t now = s_now_ms(c);
   const int ttl_s = kind == SLOT_GRANT ? c.ttl_grant_s : c.ttl_deny_s;
   const int64_t expires_at = now + static_cast<int64_t>(ttl_s) * 1000;
   const int64_t refresh_at = kind == SLOT_GRANT ? s_grant_refresh_at_ms(c, now) : 0;
@@ -203,7 +198,7 @@ void s_insert_grant(gw_auth_cache_t* c, const char* user, const char* password, 
 void s_complete_refresh(gw_auth_cache_t* c, const unsigned char* hash, uint32_t gen, gw_refresh_outcome_t outcome,
                         void* new_user_data, bool set_user_data) {
   if (c == nullptr || hash == nullptr) return;
-  const int64_t now = s_now_ms();
+  const int64_t now = s_now_ms(*c);
   std::lock_guard guard(c->lock);
   for (slot_t& s : c->slots) {
     if (s.kind != SLOT_GRANT || s.gen != gen || !s_same_hash(s.hash, hash)) continue;
@@ -259,7 +254,7 @@ void s_finish_verify(gw_auth_cache_t* c, const char* user, const char* password,
 }  // namespace
 
 gw_auth_cache_t* gw_auth_cache_create(size_t max_entries, int ttl_grant_s, int ttl_deny_s,
-                                      int refresh_threshold_pct) {
+                                      int refresh_threshold_pct, const gw_auth_cache_timing* timing) {
   if ((ttl_grant_s < 1 && ttl_deny_s < 1) || max_entries == 0) return nullptr;
   if (sodium_init() < 0) {
     log_error("auth_cache: sodium_init failed");
@@ -272,6 +267,7 @@ gw_auth_cache_t* gw_auth_cache_create(size_t max_entries, int ttl_grant_s, int t
     c->ttl_grant_s = std::max(ttl_grant_s, 0);
     c->ttl_deny_s = std::max(ttl_deny_s, 0);
     c->refresh_threshold_pct = refresh_threshold_pct >= 0 && refresh_threshold_pct <= 100 ? refresh_threshold_pct : 0;
+    if (timing != nullptr) c->now_ms = timing->now_ms;
     randombytes_buf(c->salt, sizeof c->salt);
     log_info(
         "auth_cache: enabled (capacity=%zu, grant_ttl=%ds, deny_ttl=%ds, refresh_threshold=%d%%, "
@@ -290,7 +286,7 @@ gw_auth_cache_lookup_t gw_auth_cache_lookup_ex(gw_auth_cache_t* c, const char* u
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return out;
   s_hash hash;
   s_hash_pair(*c, user, password, hash);
-  const int64_t now = s_now_ms();
+  const int64_t now = s_now_ms(*c);
   std::lock_guard guard(c->lock);
   if (c->ttl_grant_s > 0) {
     const long idx = s_find_slot_locked(*c, SLOT_GRANT, hash.bytes, now);
@@ -353,7 +349,7 @@ bool gw_auth_cache_try_claim_refresh(gw_auth_cache_t* c, const char* user, const
   if (!s_usable_user(user) || password == nullptr || out_hash == nullptr || out_gen == nullptr) return false;
   s_hash hash;
   s_hash_pair(*c, user, password, hash);
-  const int64_t now = s_now_ms();
+  const int64_t now = s_now_ms(*c);
   std::lock_guard guard(c->lock);
   const long idx = s_find_slot_locked(*c, SLOT_GRANT, hash.bytes, now);
   if (idx < 0) return false;
@@ -431,11 +427,7 @@ void gw_auth_cache_abort_verify(gw_auth_cache_t* c, const char* user, const char
   s_finish_verify(c, user, password, VRES_ABORTED);
 }
 
-void gw_auth_cache_set_clock_for_testing(gw_auth_cache_clock_fn clock) {
-  s_test_clock.store(clock, std::memory_order_release);
-}
-
-int gw_auth_cache_verify_waiters_for_testing(gw_auth_cache_t* c, const char* user, const char* password) {
+int gw_auth_cache_verify_waiters(gw_auth_cache_t* c, const char* user, const char* password) {
   if (c == nullptr || !s_usable_user(user) || password == nullptr) return -1;
   s_hash hash;
   s_hash_pair(*c, user, password, hash);

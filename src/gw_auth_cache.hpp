@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 struct gw_auth_cache;
 using gw_auth_cache_t = gw_auth_cache;
@@ -41,10 +42,17 @@ enum gw_verify_role_t {
 inline constexpr int GW_AUTH_CACHE_VERIFY_INFLIGHT_CAPACITY = 32;
 inline constexpr size_t GW_AUTH_CACHE_HASH_BYTES = 32;
 
+// The clock of a cache's entry times.
+struct gw_auth_cache_timing {
+  // Monotonic milliseconds; empty: the steady clock.
+  std::function<int64_t()> now_ms;
+};
+
 // NULL when both TTLs are below 1, max_entries is 0, or set-up fails. Negative TTLs
 // count as 0 (that kind disabled); a threshold outside 0..100 as 0 (no refresh).
+// `timing` NULL: the steady clock.
 gw_auth_cache_t* gw_auth_cache_create(size_t max_entries, int ttl_grant_s, int ttl_deny_s,
-                                      int refresh_threshold_pct);
+                                      int refresh_threshold_pct, const gw_auth_cache_timing* timing = nullptr);
 // Accepts NULL. Only when no refresh is in flight (see gw_auth_cache_wait_inflight_drain).
 void gw_auth_cache_destroy(gw_auth_cache_t* c);
 
@@ -84,10 +92,6 @@ gw_auth_cache_result_t gw_auth_cache_wait_for_result(gw_auth_cache_t* c, const c
 void gw_auth_cache_publish_result(gw_auth_cache_t* c, const char* user, const char* password, bool granted);
 void gw_auth_cache_abort_verify(gw_auth_cache_t* c, const char* user, const char* password);
 
-// Test seam: replaces the monotonic millisecond clock of entry times (NULL restores
-// it). Process-wide; set it before creating the caches that should use it.
-using gw_auth_cache_clock_fn = int64_t (*)();
-void gw_auth_cache_set_clock_for_testing(gw_auth_cache_clock_fn clock);
-// Test seam: callers currently waiting in gw_auth_cache_wait_for_result for this pair
-// (-1 when no record exists).
-int gw_auth_cache_verify_waiters_for_testing(gw_auth_cache_t* c, const char* user, const char* password);
+// Callers currently waiting in gw_auth_cache_wait_for_result for this pair (-1 when no
+// record exists).
+int gw_auth_cache_verify_waiters(gw_auth_cache_t* c, const char* user, const char* password);

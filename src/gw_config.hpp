@@ -28,6 +28,8 @@ struct gw_config {
   qm::opt_string http_tls_cert;
   qm::opt_string http_tls_key;
   qm::opt_string http_servlet_path{"/vsi"};
+  // A connection silent this long is closed; below 1 becomes 60.
+  int http_inactivity_timeout_seconds = 60;
 
   qm::opt_string credential_file;
   int auth_cache_ttl_seconds = 120;

@@ -2,7 +2,6 @@
 
 #include <microhttpd.h>
 #include <openssl/evp.h>
-#include <pthread.h>
 #include <sodium.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -10,17 +9,18 @@
 
 #include <atomic>
 #include <climits>
-#include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "auth_profile.hpp"
@@ -39,14 +39,16 @@ constexpr unsigned long kVerifyTimeoutMs = 5000;
 constexpr size_t kPostProcessorBufferBytes = 16384;
 constexpr size_t kRequestJsonCapBytes = 1048576;
 constexpr size_t kFirstBufferBytes = 4096;
-// A connection silent this long is closed; without it an idle client would hold its
-// thread for ever.
-constexpr unsigned kInactivityTimeoutS = 60;
-// Refresh threads end within the verify wait plus a little back-off.
-constexpr auto kRefreshDrainTimeout = std::chrono::milliseconds(6000);
+// A connection silent this long is closed when the configuration names no time-out;
+// without one an idle client would hold its thread for ever.
+constexpr int kInactivityTimeoutS = 60;
 constexpr size_t kLoggerLineBytes = 512;
 
-std::atomic<unsigned> s_inactivity_timeout_override{0};
+// One background refresh: its thread, joined by whoever finds it done or by a stop.
+struct refresh_run {
+  std::thread thread;
+  bool done = false;  // under refresh_mu; the thread touches nothing of the frontend after
+};
 
 }  // namespace
 
@@ -68,11 +70,12 @@ struct gw_http_frontend {
   int quiesced_listen_fd = -1;
   // Started and not quiesced: new connections are taken.
   std::atomic<bool> listening{false};
-  // Detached refresh threads still running; they use the relay and the cache, so the
-  // frontend waits for them before it goes.
+  // Refresh threads not yet joined; they use the relay and the cache, so a stop joins
+  // every one of them before it returns. Stopping: no refresh starts, none that has not
+  // asked yet asks.
   std::mutex refresh_mu;
-  std::condition_variable refresh_done;
-  int refreshes_running = 0;
+  std::list<refresh_run> refreshes;
+  bool refreshes_stopping = false;
   // Scan requests begun and not yet completed; read by an update's drain.
   std::atomic<size_t> inflight{0};
 };
@@ -293,11 +296,9 @@ struct refresh_ctx_deleter {
 };
 using refresh_ctx_ptr = std::unique_ptr<refresh_ctx_t, refresh_ctx_deleter>;
 
-void s_refresh_finished(gw_http_frontend& fe) {
+bool s_refreshes_stopping(gw_http_frontend& fe) {
   std::lock_guard<std::mutex> guard(fe.refresh_mu);
-  --fe.refreshes_running;
-  // Notified under the lock: destroy may free the frontend as soon as it sees zero.
-  fe.refresh_done.notify_all();
+  return fe.refreshes_stopping;
 }
 
 gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx, const auth_profile_t** profile) {
@@ -325,15 +326,19 @@ gw_refresh_outcome_t s_revalidate(gw_http_frontend& fe, const refresh_ctx_t& ctx
   return GW_REFRESH_DENIED;
 }
 
-void* refresh_worker(void* arg) {
-  refresh_ctx_ptr ctx(static_cast<refresh_ctx_t*>(arg));
+void refresh_worker(refresh_ctx_t* arg, refresh_run* run) noexcept {
+  refresh_ctx_ptr ctx(arg);
   gw_http_frontend& fe = *ctx->fe;
   gw_refresh_outcome_t outcome = GW_REFRESH_ABORTED;
   const auth_profile_t* profile = nullptr;
-  try {
-    outcome = s_revalidate(fe, *ctx, &profile);
-  } catch (...) {
-    outcome = GW_REFRESH_ABORTED;
+  if (s_refreshes_stopping(fe)) {
+    log_debug("http_frontend: refresh ABORTED user=%s (stopping)", log_safe(ctx->user).c_str());
+  } else {
+    try {
+      outcome = s_revalidate(fe, *ctx, &profile);
+    } catch (...) {
+      outcome = GW_REFRESH_ABORTED;
+    }
   }
   // Exactly one completion per claim, whatever happened above.
   if (outcome == GW_REFRESH_GRANTED)
@@ -341,8 +346,33 @@ void* refresh_worker(void* arg) {
   else
     gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, outcome);
   ctx.reset();
-  s_refresh_finished(fe);
-  return nullptr;
+  std::lock_guard<std::mutex> guard(fe.refresh_mu);
+  run->done = true;
+}
+
+// Joins the refreshes that have ended; under refresh_mu.
+void s_reap_refreshes_locked(gw_http_frontend& fe) {
+  fe.refreshes.remove_if([](refresh_run& run) {
+    if (!run.done) return false;
+    run.thread.join();  // it has only its return left
+    return true;
+  });
+}
+
+void s_set_refreshes_stopping(gw_http_frontend& fe, bool stopping) {
+  std::lock_guard<std::mutex> guard(fe.refresh_mu);
+  fe.refreshes_stopping = stopping;
+}
+
+// Joins every refresh, however long its verify takes: they use the relay and the cache.
+void s_join_refreshes(gw_http_frontend& fe) {
+  std::list<refresh_run> running;
+  {
+    std::lock_guard<std::mutex> guard(fe.refresh_mu);
+    running.swap(fe.refreshes);  // the nodes move whole: each thread's run stays where it is
+  }
+  if (!running.empty()) log_info("http_frontend: stop waits for %zu background refresh(es)", running.size());
+  for (refresh_run& run : running) run.thread.join();
 }
 
 // The context for a claimed refresh; on failure the claim is completed as aborted.
@@ -379,22 +409,26 @@ void dispatch_refresh(gw_http_frontend& fe, const char* user, const char* passwo
   refresh_ctx_ptr ctx = s_new_refresh_ctx(fe, user, password, hash, gen);
   sodium_memzero(hash, sizeof hash);
   if (!ctx) return;
-  {
-    std::lock_guard<std::mutex> guard(fe.refresh_mu);
-    ++fe.refreshes_running;
-  }
-  pthread_attr_t attr;
-  pthread_attr_init(&attr);
-  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
-  const int rc = pthread_create(&thread, &attr, refresh_worker, ctx.get());
-  pthread_attr_destroy(&attr);
-  if (rc != 0) {
-    log_warn("http_frontend: refresh pthread_create failed (rc=%d) user=%s", rc, log_safe(user).c_str());
+  const auto abort_claim = [&] {
     gw_auth_cache_complete_refresh(fe.auth_cache, ctx->hash, ctx->gen, GW_REFRESH_ABORTED);
-    ctx.reset();
-    s_refresh_finished(fe);
-    return;
+  };
+  std::lock_guard<std::mutex> guard(fe.refresh_mu);
+  s_reap_refreshes_locked(fe);
+  if (fe.refreshes_stopping) return abort_claim();
+  try {
+    fe.refreshes.emplace_back();
+  } catch (const std::bad_alloc&) {
+    log_warn("http_frontend: refresh OOM user=%s", log_safe(user).c_str());
+    return abort_claim();
+  }
+  refresh_run& run = fe.refreshes.back();
+  try {
+    // The thread marks its run done under refresh_mu, held here until the thread is stored.
+    run.thread = std::thread(refresh_worker, ctx.get(), &run);
+  } catch (const std::system_error& e) {
+    fe.refreshes.pop_back();
+    log_warn("http_frontend: refresh thread not started (%s) user=%s", e.what(), log_safe(user).c_str());
+    return abort_claim();
   }
   (void)ctx.release();  // the thread owns it now
   log_trace("http_frontend: refresh dispatched user=%s", log_safe(user).c_str());
@@ -628,9 +662,8 @@ std::optional<qm::secret_string> slurp_file(const char* path) {
   return owned;
 }
 
-unsigned s_inactivity_timeout_s() {
-  const unsigned override_s = s_inactivity_timeout_override.load();
-  return override_s != 0 ? override_s : kInactivityTimeoutS;
+int s_inactivity_timeout_s(const gw_config_t& cfg) {
+  return cfg.http_inactivity_timeout_seconds > 0 ? cfg.http_inactivity_timeout_seconds : kInactivityTimeoutS;
 }
 
 template <class Fn>
@@ -646,7 +679,7 @@ MHD_Daemon* s_start_daemon(gw_http_frontend& fe, uint16_t port, bool tls) {
       {MHD_OPTION_EXTERNAL_LOGGER, s_fn_value(&mhd_logger), &fe},
       {MHD_OPTION_NOTIFY_COMPLETED, s_fn_value(&on_request_completed), &fe},
       {MHD_OPTION_LISTEN_BACKLOG_SIZE, static_cast<intptr_t>(static_cast<unsigned>(fe.cfg->listen_backlog)), nullptr},
-      {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(s_inactivity_timeout_s()), nullptr},
+      {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(s_inactivity_timeout_s(*fe.cfg)), nullptr},
   };
   if (tls) {
     flags |= MHD_USE_TLS;
@@ -722,6 +755,7 @@ int gw_http_frontend_start(gw_http_frontend_t* fe) {
     fe->tls_key_pem.reset();
     return -1;
   }
+  s_set_refreshes_stopping(*fe, false);
   log_info("http_frontend: listening on %s:%d%s path=%s backlog=%u requested, capped by net.core.somaxconn",
            s_or(cfg.http_listen_host, ""), s_bound_port(*fe), tls ? " [TLS]" : "", s_servlet_path(*fe),
            static_cast<unsigned>(cfg.listen_backlog));
@@ -755,7 +789,9 @@ void gw_http_frontend_stop(gw_http_frontend_t* fe) {
   std::lock_guard<std::mutex> lifecycle(fe->lifecycle_mu);
   if (!fe->daemon) return;
   fe->listening.store(false);
-  fe->daemon.reset();
+  s_set_refreshes_stopping(*fe, true);  // a refresh that has not asked yet will not
+  fe->daemon.reset();  // its connection threads, the only ones that start refreshes, are gone
+  s_join_refreshes(*fe);
   if (fe->quiesced_listen_fd >= 0) close(fe->quiesced_listen_fd);
   fe->quiesced_listen_fd = -1;
   fe->tls_cert_pem.reset();
@@ -766,20 +802,7 @@ void gw_http_frontend_stop(gw_http_frontend_t* fe) {
 void gw_http_frontend_destroy(gw_http_frontend_t* fe) {
   if (fe == nullptr) return;
   gw_http_frontend_stop(fe);
-  {
-    std::unique_lock<std::mutex> lock(fe->refresh_mu);
-    if (!fe->refresh_done.wait_for(lock, kRefreshDrainTimeout, [&] { return fe->refreshes_running == 0; })) {
-      log_warn("http_frontend: %d background refresh(es) still running; the frontend stays allocated for them",
-               fe->refreshes_running);
-      return;
-    }
-  }
-  fe->auth_cache = nullptr;
   std::unique_ptr<gw_http_frontend> owned(fe);
-}
-
-void gw_http_frontend_set_inactivity_timeout_for_testing(unsigned seconds) {
-  s_inactivity_timeout_override.store(seconds);
 }
 
 size_t gw_http_frontend_inflight(const gw_http_frontend_t* fe) { return fe != nullptr ? fe->inflight.load() : 0; }

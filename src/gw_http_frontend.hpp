@@ -3,7 +3,7 @@
 // Basic credentials, relayed to the worker service named by "X-Target-Service". The
 // worker's JSON reply is the response body. Credentials go through the auth result
 // cache, the credentials file and "qm.auth.verify"; a stale cached grant is served at
-// once while a detached thread re-verifies it. The target must pass the subject policy
+// once while a background thread of the frontend re-verifies it. The target must pass the subject policy
 // for the caller's profile before anything is relayed.
 #pragma once
 
@@ -26,7 +26,8 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
                                             const auth_profile_store_t* profiles);
 
 // Starts listening on cfg->http_listen_port (every local address), with TLS when both
-// the certificate and the key file are configured. 0 on success or when already
+// the certificate and the key file are configured; a connection silent for
+// cfg->http_inactivity_timeout_seconds is closed. 0 on success or when already
 // started; -1 (logged at FATAL) when only one of the two files is set, a file cannot be
 // read, or the daemon does not start. A failed start leaves nothing running.
 int gw_http_frontend_start(gw_http_frontend_t* fe);
@@ -46,14 +47,11 @@ void gw_http_frontend_stop_accepting(gw_http_frontend_t* fe);
 size_t gw_http_frontend_inflight(const gw_http_frontend_t* fe);
 
 // Stops the daemon and waits for its connection threads (requests in flight finish
-// first), so not from a signal handler or a connection thread. No-op when not started;
-// start may follow (the PEM files are read again).
+// first), then for every background refresh: one that has not asked the auth service
+// yet does not, one that has waits for its answer (at most the verify time-out). So not
+// from a signal handler or a connection thread. No-op when not started; start may
+// follow (the PEM files are read again).
 void gw_http_frontend_stop(gw_http_frontend_t* fe);
 
-// Stops, waits for background refreshes still using the relay and the cache, and frees
-// the frontend (not the cache). Accepts NULL.
+// Stops (see above) and frees the frontend (not the cache). Accepts NULL.
 void gw_http_frontend_destroy(gw_http_frontend_t* fe);
-
-// Test seam: the inactivity time-out of connections in seconds for daemons started from
-// now on (0 restores the 60 s default). Process-wide.
-void gw_http_frontend_set_inactivity_timeout_for_testing(unsigned seconds);

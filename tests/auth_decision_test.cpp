@@ -30,17 +30,16 @@ const qm::secret_string kBobPassword("builder");
 class AuthDecision : public ::testing::Test {
  protected:
   void SetUp() override {
-    gw_auth_cache_set_clock_for_testing(fake_clock);
     qmtest::write_file(dir_.file("users.conf"), "user: \"bob\"\npassword: \"builder\"\n");
     qmtest::write_file(dir_.file("permissions.json"),
                        R"j({"profiles": {"restricted": {"publish": {"allow": [">"], "deny": ["forbidden.>"]}}},
                             "file_user_map": [{"user": "bob", "profile": "restricted"}]})j");
     creds_.reset(gw_credential_store_load(dir_.file("users.conf").c_str()));
     profiles_.reset(auth_profile_load(dir_.file("permissions.json").c_str()));
-    cache_.reset(gw_auth_cache_create(64, 120, 10, 50));
+    const gw_auth_cache_timing timing{fake_clock};
+    cache_.reset(gw_auth_cache_create(64, 120, 10, 50, &timing));
     ASSERT_TRUE(creds_ && profiles_ && cache_);
   }
-  void TearDown() override { gw_auth_cache_set_clock_for_testing(nullptr); }
 
   decider_ptr decider(auth_ldap_ctx_t* ldap = nullptr) {
     return decider_ptr(auth_decider_create(creds_.get(), ldap, profiles_.get(), cache_.get()));

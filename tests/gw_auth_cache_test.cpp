@@ -33,14 +33,11 @@ bool s_thread_blocked(pid_t tid) {
 // Entry times follow a clock the test moves by hand.
 class AuthCache : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_now_ms = 1'000'000;
-    gw_auth_cache_set_clock_for_testing(fake_clock);
-  }
-  void TearDown() override { gw_auth_cache_set_clock_for_testing(nullptr); }
+  void SetUp() override { g_now_ms = 1'000'000; }
   static void advance_ms(int64_t ms) { g_now_ms += ms; }
   static CachePtr make(size_t entries, int grant_s, int deny_s, int pct) {
-    return CachePtr(gw_auth_cache_create(entries, grant_s, deny_s, pct));
+    const gw_auth_cache_timing timing{fake_clock};
+    return CachePtr(gw_auth_cache_create(entries, grant_s, deny_s, pct, &timing));
   }
   // Claims the refresh of (user, password); the hash and generation land in the fixture.
   bool claim(gw_auth_cache_t* c, const char* user, const char* password) {
@@ -302,7 +299,7 @@ TEST_F(Coalescing, OneLeaderManyJoinersAllGetItsResult) {
       });
     }
     EXPECT_TRUE(qmtest::wait_until(
-        [&] { return gw_auth_cache_verify_waiters_for_testing(c.get(), "u", "p") == kJoiners; }, 30s));
+        [&] { return gw_auth_cache_verify_waiters(c.get(), "u", "p") == kJoiners; }, 30s));
     // Another pair is not held up by this one.
     EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "other"), GW_VERIFY_LEAD);
     gw_auth_cache_abort_verify(c.get(), "u", "other");
@@ -310,7 +307,7 @@ TEST_F(Coalescing, OneLeaderManyJoinersAllGetItsResult) {
     for (auto& t : joiners) t.join();
     for (auto r : results) EXPECT_EQ(r, granted ? GW_AUTH_CACHE_GRANT : GW_AUTH_CACHE_DENY);
     // The last waiter reaped the record: the next caller leads again.
-    EXPECT_EQ(gw_auth_cache_verify_waiters_for_testing(c.get(), "u", "p"), -1);
+    EXPECT_EQ(gw_auth_cache_verify_waiters(c.get(), "u", "p"), -1);
   }
   ASSERT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);
   gw_auth_cache_publish_result(c.get(), "u", "p", true);  // nobody waits: reaped at once
@@ -346,7 +343,7 @@ TEST_F(Coalescing, AJoinerWhoseLeaderNeverAnswersTimesOut) {
 
   std::thread joiner([&] { EXPECT_EQ(gw_auth_cache_wait_for_result(c.get(), "u", "p", 60'000), GW_AUTH_CACHE_MISS); });
   EXPECT_TRUE(
-      qmtest::wait_until([&] { return gw_auth_cache_verify_waiters_for_testing(c.get(), "u", "p") == 1; }, 30s));
+      qmtest::wait_until([&] { return gw_auth_cache_verify_waiters(c.get(), "u", "p") == 1; }, 30s));
   gw_auth_cache_abort_verify(c.get(), "u", "p");  // aborted counts as a miss
   joiner.join();
   EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);

@@ -44,13 +44,10 @@ AmqpEnvOptions s_without_verify_service() {
 
 class HttpDoorTest : public ::testing::Test {
  protected:
-  ~HttpDoorTest() override {
-    door_.reset();
-    gw_auth_cache_set_clock_for_testing(nullptr);
-    gw_http_frontend_set_inactivity_timeout_for_testing(0);
-  }
+  // The cache ages only when a test moves s_now_ms.
   void open(tweak_fn tweak = {}) {
-    door_ = std::make_unique<HttpDoor>(env_.relay_config(), user_list{{kLocal, kLocalPassword}}, tweak);
+    const gw_auth_cache_timing timing{s_fake_clock};
+    door_ = std::make_unique<HttpDoor>(env_.relay_config(), user_list{{kLocal, kLocalPassword}}, tweak, &timing);
   }
   HttpRequest as(const std::string& user, const std::string& password, const std::function<void(HttpRequest&)>& change = {}) {
     HttpRequest request = door_->request(user, password);
@@ -165,7 +162,6 @@ TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
 }
 
 TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
-  gw_auth_cache_set_clock_for_testing(s_fake_clock);
   open();
   ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
   s_now_ms += 61000;  // past half of the 120 s grant
@@ -180,10 +176,25 @@ TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
   EXPECT_EQ(log_.count("refresh dispatched"), 1u);
   EXPECT_EQ(verify_.requests().size(), 2u);
+
+  // A stop while a refresh waits for its verify returns only once the refresh has ended:
+  // nothing it uses may go before it.
+  s_now_ms += 61000;
+  verify_.hold();
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
+  ASSERT_TRUE(wait_until([&] { return verify_.requests().size() == 3; }, 10s));
+  auto answer_late = std::async(std::launch::async, [&] {
+    const bool stop_waited = log_.wait_for("http_frontend: stop waits for 1 background refresh(es)", 10s);
+    verify_.release();
+    return stop_waited;
+  });
+  gw_http_frontend_stop(door_->frontend());
+  EXPECT_TRUE(answer_late.get());
+  EXPECT_EQ(log_.count("refresh GRANTED user=verify-user"), 2u);
+  EXPECT_EQ(gw_auth_cache_wait_inflight_drain(door_->cache(), 0), 0);
 }
 
 TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
-  gw_auth_cache_set_clock_for_testing(s_fake_clock);
   open();
   verify_.script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
                  {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
@@ -288,8 +299,7 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
 }
 
 TEST_F(HttpDoorTest, SilenceClosesAConnectionSlowClientsAndLongScansAreNotCut) {
-  gw_http_frontend_set_inactivity_timeout_for_testing(2);
-  open();
+  open([](gw_config_t& cfg) { cfg.http_inactivity_timeout_seconds = 2; });
   ASSERT_EQ(status_of(kLocal, kLocalPassword), 200);
   const int threads = thread_count();
   RawClient slow(door_->port());

@@ -121,7 +121,7 @@ void HttpDoor::drain_and_destroy(gw_auth_cache_t* cache) {
 }
 
 HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users,
-                   const std::function<void(gw_config_t&)>& tweak)
+                   const std::function<void(gw_config_t&)>& tweak, const gw_auth_cache_timing* timing)
     : cfg_(relay_config) {
   cfg_.http_enabled = true;
   cfg_.http_listen_host = "127.0.0.1";
@@ -130,7 +130,7 @@ HttpDoor::HttpDoor(const gw_config_t& relay_config, const user_list& local_users
   write_file(dir_.file("credentials.conf"), CalloutEnv::credentials_text(local_users));
   creds_.reset(gw_credential_store_load(dir_.file("credentials.conf").c_str()));
   relay_.reset(gw_nats_relay_create(&cfg_));
-  cache_.reset(gw_auth_cache_create(1024, 120, 10, 50));
+  cache_.reset(gw_auth_cache_create(1024, 120, 10, 50, timing));
   fe_.reset(gw_http_frontend_create(&cfg_, creds_.get(), relay_.get(), cache_.get(), nullptr));
   if (!fe_ || gw_http_frontend_start(fe_.get()) != 0) throw std::runtime_error("the HTTP door did not start");
 }

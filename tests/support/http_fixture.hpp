@@ -79,12 +79,12 @@ class RawClient {
 // ---- servers ----
 
 // A front door in this process with its own relay, credentials file (local_users) and
-// auth cache, started on a port the kernel chooses after `tweak` adjusted its configuration; throws
-// when it does not start. Torn down in the broker's order.
+// auth cache (on `timing`'s clock, if given), started on a port the kernel chooses after `tweak`
+// adjusted its configuration; throws when it does not start. Torn down in the broker's order.
 class HttpDoor {
  public:
   HttpDoor(const gw_config_t& relay_config, const user_list& local_users,
-           const std::function<void(gw_config_t&)>& tweak = {});
+           const std::function<void(gw_config_t&)>& tweak = {}, const gw_auth_cache_timing* timing = nullptr);
   HttpDoor(const HttpDoor&) = delete;
   HttpDoor& operator=(const HttpDoor&) = delete;
 
