@@ -149,22 +149,6 @@ struct load {
   std::vector<double> off, on;  // requests/s of each round
 };
 
-// CPU time (user and system) a process has used so far; 0 when it cannot be read.
-double s_process_cpu_seconds(pid_t pid) {
-  std::ifstream stat_file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  std::getline(stat_file, text);
-  // The command name in parentheses may hold spaces: fields are counted after its ')'.
-  const size_t name_end = text.rfind(')');
-  if (name_end == std::string::npos) return 0;
-  std::istringstream fields(text.substr(name_end + 1));
-  std::string field;
-  double ticks = 0;
-  for (int number = 3; number <= 15 && fields >> field; ++number)
-    if (number == 14 || number == 15) ticks += std::stod(field);  // utime, stime
-  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 struct bench_report {
   std::string error;
   int requests = 0;
@@ -214,9 +198,9 @@ bench_report s_measure() {
     report.scrapes = on.scraping->scrapes() + local_scraper.scrapes();
     // What a scrape costs, measured on its own: a bound of the listener's share at one a second.
     const pid_t broker = on.env->broker().pid();
-    const double cpu_before = s_process_cpu_seconds(broker);
+    const double cpu_before = qmbench::process_cpu_seconds(broker);
     for (int i = 0; i < kCostScrapes; ++i) report.scrape_bytes = qmtest::scrape(on.admin_port).size();
-    report.scrape_cpu_us = (s_process_cpu_seconds(broker) - cpu_before) * 1e6 / kCostScrapes;
+    report.scrape_cpu_us = (qmbench::process_cpu_seconds(broker) - cpu_before) * 1e6 / kCostScrapes;
   } catch (const std::exception& e) {
     report.error = e.what();
   }

@@ -5,11 +5,17 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <latch>
 #include <mutex>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/types.h>
+#include <unistd.h>
 
 namespace qmbench {
 
@@ -88,6 +94,24 @@ const Report& measure_once(Report (*measure)(), void (*print)(const Report&)) {
   static const Report report = measure();
   static const print_at_exit printer{report, print};
   return report;
+}
+
+
+// CPU time (user and system) a process has used so far; 0 when it cannot be read.
+inline double process_cpu_seconds(pid_t pid) {
+  if (pid <= 0) return 0;
+  std::ifstream stat_file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat_file, text);
+  // The command name in parentheses may hold spaces: fields are counted after its ')'.
+  const size_t name_end = text.rfind(')');
+  if (name_end == std::string::npos) return 0;
+  std::istringstream fields(text.substr(name_end + 1));
+  std::string field;
+  double ticks = 0;
+  for (int number = 3; number <= 15 && fields >> field; ++number)
+    if (number == 14 || number == 15) ticks += std::stod(field);  // utime, stime
+  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace qmbench

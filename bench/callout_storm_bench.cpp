@@ -113,23 +113,6 @@ std::string s_static_users_block(const user_list& users, const auth_profile_stor
   return text + "  ]\n}\n";
 }
 
-// CPU time (user and system) a process has used so far; 0 when it cannot be read.
-double s_process_cpu_seconds(pid_t pid) {
-  if (pid <= 0) return 0;
-  std::ifstream stat_file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  std::getline(stat_file, text);
-  // The command name in parentheses may hold spaces: fields are counted after its ')'.
-  const size_t name_end = text.rfind(')');
-  if (name_end == std::string::npos) return 0;
-  std::istringstream fields(text.substr(name_end + 1));
-  std::string field;
-  double ticks = 0;
-  for (int number = 3; number <= 15 && fields >> field; ++number)
-    if (number == 14 || number == 15) ticks += std::stod(field);  // utime, stime
-  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 double s_own_cpu_seconds() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -142,7 +125,7 @@ double s_own_cpu_seconds() {
 struct cpu_sample {
   double server = 0, broker = 0, client = 0;
   static cpu_sample take(pid_t server_pid, pid_t broker_pid) {
-    return {s_process_cpu_seconds(server_pid), s_process_cpu_seconds(broker_pid), s_own_cpu_seconds()};
+    return {qmbench::process_cpu_seconds(server_pid), qmbench::process_cpu_seconds(broker_pid), s_own_cpu_seconds()};
   }
 };
 
