@@ -79,6 +79,9 @@ struct registry {
   std::array<counter, 2> credentials_reloads;  // ok, error
   gauge amqp_connections;
   std::array<counter, 2> amqp_messages;  // accepted, rejected
+  gauge inflight_bytes;
+  std::array<counter, 2> budget_refusals;  // by door
+  counter auth_locks;
   std::array<counter, kLdapEndpoints.size()> ldap_connects;
   std::atomic<bool> ldap_up{true};
   std::array<counter, kUpdateOutcomes.size()> update_outcomes;
@@ -185,6 +188,8 @@ void s_render_auth(writer& w, const registry& r) {
   w.family("credentials_reloads_total", "counter", "Reloads of the credentials file by result.");
   w.sample("credentials_reloads_total", s_label("result", "ok"), r.credentials_reloads[0].get());
   w.sample("credentials_reloads_total", s_label("result", "error"), r.credentials_reloads[1].get());
+  w.family("auth_locks_total", "counter", "Users locked out after repeated failed password checks.");
+  w.sample("auth_locks_total", "", r.auth_locks.get());
   w.family("ldap_connects_total", "counter",
            "Service connections opened to the directory by endpoint; none: every endpoint failed.");
   for (size_t i = 0; i < kLdapEndpoints.size(); ++i)
@@ -203,6 +208,12 @@ void s_render_doors(writer& w, const registry& r) {
   w.family("amqp_messages_total", "counter", "AMQP messages settled by the door, by outcome.");
   w.sample("amqp_messages_total", s_label("outcome", "accepted"), r.amqp_messages[0].get());
   w.sample("amqp_messages_total", s_label("outcome", "rejected"), r.amqp_messages[1].get());
+  w.family("inflight_payload_bytes", "gauge", "Payload bytes the front doors hold in memory now.");
+  w.sample_signed("inflight_payload_bytes", "", r.inflight_bytes.get());
+  w.family("inflight_budget_refusals_total", "counter",
+           "Requests (HTTP) and credit (AMQP) refused because the in-flight payload budget was spent, by door.");
+  w.sample("inflight_budget_refusals_total", s_label("door", "http"), r.budget_refusals[0].get());
+  w.sample("inflight_budget_refusals_total", s_label("door", "amqp"), r.budget_refusals[1].get());
 }
 
 void s_render_relay(writer& w, const registry& r) {
@@ -274,6 +285,12 @@ void broker_metrics_count_natsd_restart() { s_registry().natsd_restarts.add(); }
 void broker_metrics_count_credentials_reload(bool ok) { s_registry().credentials_reloads[ok ? 0 : 1].add(); }
 void broker_metrics_amqp_connection(int delta) { s_registry().amqp_connections.add(delta); }
 void broker_metrics_count_amqp_message(bool accepted) { s_registry().amqp_messages[accepted ? 0 : 1].add(); }
+
+void broker_metrics_inflight_bytes(int64_t delta) { s_registry().inflight_bytes.add(delta); }
+void broker_metrics_count_budget_refusal(broker_metrics_door_t door) {
+  s_registry().budget_refusals[door == BROKER_METRICS_DOOR_AMQP ? 1 : 0].add();
+}
+void broker_metrics_count_auth_lock() { s_registry().auth_locks.add(); }
 
 void broker_metrics_count_ldap_connect(int endpoint) {
   registry& r = s_registry();

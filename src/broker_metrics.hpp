@@ -35,6 +35,11 @@ enum broker_metrics_relay_result_t {
   BROKER_METRICS_RELAY_TIMEOUT,
 };
 
+enum broker_metrics_door_t {
+  BROKER_METRICS_DOOR_HTTP = 0,
+  BROKER_METRICS_DOOR_AMQP,
+};
+
 enum broker_metrics_update_outcome_t {
   BROKER_METRICS_UPDATE_NOTHING_NEW = 0,  // a check found no newer package
   BROKER_METRICS_UPDATE_STAGED,           // a new version was downloaded and installed
@@ -72,6 +77,12 @@ void broker_metrics_count_credentials_reload(bool ok);
 // AMQP connections accepted (+1) and closed (-1); a message accepted or rejected.
 void broker_metrics_amqp_connection(int delta);
 void broker_metrics_count_amqp_message(bool accepted);
+// Payload bytes the doors hold in memory now (the in-flight budget's use), moved by delta.
+void broker_metrics_inflight_bytes(int64_t delta);
+// A request (HTTP) or credit (AMQP) refused because the in-flight budget was spent.
+void broker_metrics_count_budget_refusal(broker_metrics_door_t door);
+// A user locked out after repeated failed password checks.
+void broker_metrics_count_auth_lock();
 // A service connection to the directory: opened on endpoint 0 (primary) or 1 (fallback),
 // or -1 when every endpoint failed. Also what the readiness check of the directory reads.
 void broker_metrics_count_ldap_connect(int endpoint);

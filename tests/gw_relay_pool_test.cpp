@@ -5,15 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "gw_inflight_budget.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
@@ -149,3 +153,32 @@ TEST_F(RelayPool, RefusedJobsAndJobsOfClosedConnectionsAreFreed) {
 }
 
 }  // namespace
+
+// The doors' shared byte budget: what fits is taken, what does not is refused without
+// taking anything, a waiter is woken by a release, and the release hook runs after it.
+TEST(InflightBudget, TakesWhatFitsAndWakesAWaiterOnRelease) {
+  std::unique_ptr<gw_inflight_budget, decltype(&gw_inflight_budget_destroy)> budget(gw_inflight_budget_create(100),
+                                                                                    gw_inflight_budget_destroy);
+  ASSERT_NE(budget, nullptr);
+  std::atomic<int> hooks{0};
+  gw_inflight_budget_set_release_hook(budget.get(), [&] { hooks++; });
+  EXPECT_EQ(gw_inflight_budget_try_acquire(budget.get(), 101), -1);
+  EXPECT_EQ(gw_inflight_budget_acquire(budget.get(), 101, 0), -1);
+  EXPECT_EQ(gw_inflight_budget_try_acquire(budget.get(), 60), 0);
+  EXPECT_EQ(gw_inflight_budget_try_acquire(budget.get(), 41), -1);
+  EXPECT_EQ(gw_inflight_budget_in_use(budget.get()), 60u);
+  {
+    qm::inflight_bytes held(budget.get(), 0);
+    EXPECT_TRUE(held.grow(40));
+    EXPECT_FALSE(held.grow(1));
+    EXPECT_EQ(gw_inflight_budget_in_use(budget.get()), 100u);
+  }
+  EXPECT_EQ(hooks.load(), 1);
+  EXPECT_EQ(gw_inflight_budget_in_use(budget.get()), 60u);
+
+  std::thread releaser([&] { gw_inflight_budget_release(budget.get(), 60); });
+  EXPECT_EQ(gw_inflight_budget_acquire(budget.get(), 90, 60000), 0);  // woken by the release
+  releaser.join();
+  EXPECT_EQ(gw_inflight_budget_in_use(budget.get()), 90u);
+  EXPECT_EQ(hooks.load(), 2);
+}
