@@ -7,6 +7,7 @@
 #include <new>
 
 #include "auth_ldap.hpp"
+#include "auth_lock.hpp"
 #include "auth_profile.hpp"
 #include "auth_workers.hpp"
 #include "broker_metrics.hpp"
@@ -72,6 +73,7 @@ struct auth_decider {
   auth_ldap_ctx_t* ldap = nullptr;
   const auth_profile_store_t* profiles = nullptr;
   gw_auth_cache_t* cache = nullptr;
+  auth_lock_t* lock = nullptr;
   qm::c_ptr<auth_workers_t, auth_workers_destroy> refreshes;
 };
 
@@ -267,12 +269,20 @@ auth_verdict s_decide_by_directory(auth_decider& d, const auth_question& q) {
   return s_check_live(d, q, lead);
 }
 
+// Every password check counts for the lock, a refusal from the cache too; a question
+// without a user name locks nobody.
+void s_note_outcome(auth_decider& d, const auth_question& q, const auth_verdict& verdict) {
+  if (!q.user.empty()) auth_lock_note(d.lock, q.user, verdict.granted);
+}
+
 }  // namespace
 
 auth_decider_t* auth_decider_create(gw_credential_store_t* creds, auth_ldap_ctx_t* ldap_ctx,
-                                    const auth_profile_store_t* profiles, gw_auth_cache_t* cache) {
+                                    const auth_profile_store_t* profiles, gw_auth_cache_t* cache,
+                                    auth_lock_t* lock) {
   try {
     auto d = std::make_unique<auth_decider>();
+    d->lock = lock;
     d->creds = creds;
     d->ldap = ldap_ctx;
     d->profiles = profiles;
@@ -289,13 +299,19 @@ auth_decider_t* auth_decider_create(gw_credential_store_t* creds, auth_ldap_ctx_
 
 std::optional<auth_verdict> auth_decide_now(auth_decider_t* d, const auth_question& q) {
   if (d == nullptr || s_holds_nul(q.user) || s_holds_nul(q.password.str())) return auth_verdict{};
-  if (std::optional<auth_verdict> cached = s_from_cache(*d, q)) return cached;
-  return s_from_file(*d, q);
+  // A locked user gets what a wrong password gets, and nothing is checked.
+  if (auth_lock_refuses(d->lock, q.user)) return auth_verdict{};
+  std::optional<auth_verdict> verdict = s_from_cache(*d, q);
+  if (!verdict) verdict = s_from_file(*d, q);
+  if (verdict) s_note_outcome(*d, q, *verdict);
+  return verdict;
 }
 
 auth_verdict auth_decide(auth_decider_t* d, const auth_question& q) {
   if (std::optional<auth_verdict> now = auth_decide_now(d, q)) return *now;
-  return s_decide_by_directory(*d, q);
+  const auth_verdict verdict = s_decide_by_directory(*d, q);
+  s_note_outcome(*d, q, verdict);
+  return verdict;
 }
 
 int auth_decider_drain_refreshes(auth_decider_t* d, int timeout_ms) {

@@ -15,6 +15,7 @@ struct auth_ldap_ctx;
 struct ldap_user_info;
 struct auth_profile;
 struct auth_profile_store;
+struct auth_lock;
 
 // The live check: the credentials file first, then LDAP. *out_backend (if given) becomes
 // "none", "file" or "ldap"; out_info (if given) is cleared and, after an LDAP grant,
@@ -59,10 +60,12 @@ struct auth_verdict {
 };
 
 // The contexts are borrowed and must outlive the decider; any of them may be NULL.
-// Background refreshes run on threads of the decider's own. NULL when memory runs
-// out.
+// With a lock, a user it holds is refused without a check (the answer of a wrong
+// password), and every check's outcome is told to it. Background refreshes run on
+// threads of the decider's own. NULL when memory runs out.
 auth_decider_t* auth_decider_create(gw_credential_store* creds, auth_ldap_ctx* ldap_ctx,
-                                    const auth_profile_store* profiles, gw_auth_cache* cache);
+                                    const auth_profile_store* profiles, gw_auth_cache* cache,
+                                    auth_lock* lock = nullptr);
 
 // What can be decided without waiting: the cache, then the credentials file (and, with
 // no directory, the refusal). Nothing when only the directory can tell: auth_decide

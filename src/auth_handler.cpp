@@ -72,6 +72,7 @@ struct auth_service {
   gw_credential_store_t* creds = nullptr;
   gw_auth_cache_t* auth_cache = nullptr;
   const auth_profile_store_t* profiles = nullptr;
+  auth_lock* lock = nullptr;
   natsConnection* conn = nullptr;
   natsSubscription* callout_sub = nullptr;
   natsSubscription* verify_sub = nullptr;
@@ -345,7 +346,7 @@ bool s_setup_deps(const auth_service_t& svc, dispatcher_deps& deps) {
     return false;
   }
   log_info("auth_service: JWT signing ready (public key = %s)", auth_jwt_public_key(deps.jwt.get()));
-  deps.decider.reset(auth_decider_create(svc.creds, deps.ldap.get(), svc.profiles, svc.auth_cache));
+  deps.decider.reset(auth_decider_create(svc.creds, deps.ldap.get(), svc.profiles, svc.auth_cache, svc.lock));
   deps.workers.reset(auth_workers_create(kRequestWorkers, 0));
   if (!deps.decider || !deps.workers) {
     log_fatal("auth_service: cannot start the request workers");
@@ -442,9 +443,10 @@ int s_serve(auth_service_t& svc) {
 }  // namespace
 
 auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store_t* creds, gw_auth_cache_t* auth_cache,
-                                    const auth_profile_store_t* profiles) {
+                                    const auth_profile_store_t* profiles, auth_lock* lock) {
   try {
     auto svc = std::make_unique<auth_service>();
+    svc->lock = lock;
     svc->config = config;
     svc->creds = creds;
     svc->auth_cache = auth_cache;

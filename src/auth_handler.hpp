@@ -41,6 +41,12 @@ struct auth_config {
   // The account admitted logins are placed in (declared in nats-server's accounts block).
   qm::opt_string fleet_account = std::string("QM_FLEET");
 
+  // The brute-force lock every password check passes (failures < 1: no lock).
+  int lock_failures = 10;
+  int lock_window_seconds = 600;
+  int lock_min_seconds = 1;
+  int lock_max_seconds = 300;
+
   int log_level = 4;
   qm::opt_string log_file;
   bool log_screen_trace = true;
@@ -59,6 +65,7 @@ auth_backend_type_t auth_config_parse_backend(const char* text);
 struct gw_credential_store;
 struct gw_auth_cache;
 struct auth_profile_store;
+struct auth_lock;
 
 struct auth_service;
 using auth_service_t = auth_service;
@@ -66,10 +73,11 @@ using auth_service_t = auth_service;
 // The adjudicator: answers nats-server's auth callout on $SYS.REQ.USER.AUTH and the
 // front doors' checks on "qm.auth.verify". config, creds, auth_cache and profiles (the
 // permission profiles loaded from config's permissions file) are borrowed (creds,
-// auth_cache and profiles may be NULL; no profiles: the built-in permissions). NULL when
-// memory runs out.
+// auth_cache and profiles may be NULL; no profiles: the built-in permissions). lock
+// (borrowed, may be NULL: none) is the brute-force lock both subjects share with the
+// front doors. NULL when memory runs out.
 auth_service_t* auth_service_create(auth_config_t* config, gw_credential_store* creds, gw_auth_cache* auth_cache,
-                                    const auth_profile_store* profiles);
+                                    const auth_profile_store* profiles, auth_lock* lock = nullptr);
 // Connects, subscribes and serves until auth_service_stop. 0 after a clean stop, -1 when
 // start-up fails (logged at FATAL). Blocking.
 int auth_service_run(auth_service_t* svc);

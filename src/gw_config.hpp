@@ -5,6 +5,8 @@
 
 #include "qm_cpp.hpp"
 
+struct auth_lock;
+
 struct gw_config {
   qm::opt_string nats_url;        // copied by broker_config_finalize
   qm::opt_string nats_user;
@@ -36,6 +38,8 @@ struct gw_config {
   int auth_cache_max_entries = 1024;
   int auth_negative_cache_ttl_seconds = 10;
   int auth_cache_refresh_threshold_pct = 50;
+  // Borrowed: the brute-force lock the REST door shares with the auth service; NULL: none.
+  auth_lock* password_lock = nullptr;
 
   size_t max_msg_size_bytes = 268435456;  // 256 MiB; 0 disables the cap
   int amqp_relay_workers = 4;

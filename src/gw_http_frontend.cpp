@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "auth_lock.hpp"
 #include "auth_profile.hpp"
 #include "broker_metrics.hpp"
 #include "gw_subject_policy.hpp"
@@ -442,6 +443,10 @@ admitted_profile authenticate(gw_http_frontend& fe, const char* user, const char
     log_debug("http_frontend: authenticate() called with empty credentials");
     return std::nullopt;
   }
+  // A locked user is refused unchecked, as a wrong password is. The door tells the lock
+  // what it decides itself; what it asks the verify endpoint, the endpoint tells.
+  auth_lock_t* lock = fe.cfg->password_lock;
+  if (auth_lock_refuses(lock, user)) return std::nullopt;
   const gw_auth_cache_lookup_t cached = gw_auth_cache_lookup_ex(fe.auth_cache, user, password);
   if (fe.auth_cache != nullptr) broker_metrics_count_cache_lookup(cached.result);
   const auto* cached_profile = static_cast<const auth_profile_t*>(cached.user_data);
@@ -449,14 +454,17 @@ admitted_profile authenticate(gw_http_frontend& fe, const char* user, const char
     case GW_AUTH_CACHE_GRANT:
       if (!cached.has_user_data) break;
       log_debug("http_frontend: auth GRANT user=%s via=cache", log_safe(user).c_str());
+      auth_lock_note(lock, user, true);
       return cached_profile;
     case GW_AUTH_CACHE_GRANT_STALE:
       if (!cached.has_user_data) break;
       log_debug("http_frontend: auth GRANT user=%s via=cache (stale, scheduling refresh)", log_safe(user).c_str());
       dispatch_refresh(fe, user, password);
+      auth_lock_note(lock, user, true);
       return cached_profile;
     case GW_AUTH_CACHE_DENY:
       log_debug("http_frontend: auth DENY user=%s via=neg-cache", log_safe(user).c_str());
+      auth_lock_note(lock, user, false);
       return std::nullopt;
     case GW_AUTH_CACHE_MISS:
       break;
@@ -464,6 +472,7 @@ admitted_profile authenticate(gw_http_frontend& fe, const char* user, const char
   // The file check is cheap: its grants are not cached.
   if (gw_credential_store_validate(fe.creds, user, password)) {
     log_debug("http_frontend: auth GRANT user=%s via=local", log_safe(user).c_str());
+    auth_lock_note(lock, user, true);
     return auth_profile_resolve(fe.profiles, user, nullptr, 0);
   }
   return s_verify_live(fe, user, password);

@@ -30,6 +30,7 @@
 #include "broker_update_thread.hpp"
 #include "gw_amqp_acceptor.hpp"
 #include "auth_profile.hpp"
+#include "auth_lock.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "gw_http_frontend.hpp"
@@ -77,6 +78,8 @@ struct broker_app {
   broker_auth_watcher_t* auth_watcher = nullptr;
   gw_nats_relay_t* relay = nullptr;
   gw_auth_cache_t* auth_cache = nullptr;
+  // Shared by the auth service and the REST door (the AMQP door asks the auth service).
+  auth_lock_t* auth_lock = nullptr;
   std::atomic<auth_service_t*> auth_svc{nullptr};
   broker_auth_thread_t* auth_thr = nullptr;
   // Owned by the SASL set-up; empty until it succeeded.
@@ -414,6 +417,32 @@ bool s_create_auth_cache(broker_app& app) {
   return true;
 }
 
+bool s_create_auth_lock(broker_app& app) {
+  const auth_config_t& auth = *app.cfg->auth;
+  if (auth.lock_failures < 1) {
+    log_info("auth_lock: off (--auth-lock-failures 0)");
+    return true;
+  }
+  auth_lock_options options;
+  options.failures = auth.lock_failures;
+  options.window_seconds = auth.lock_window_seconds;
+  options.min_seconds = auth.lock_min_seconds;
+  options.max_seconds = auth.lock_max_seconds;
+  app.auth_lock = auth_lock_create(options);
+  if (app.auth_lock == nullptr) {
+    log_fatal("auth_lock: cannot be created");
+    return false;
+  }
+  app.cfg->gw->password_lock = app.auth_lock;
+  return true;
+}
+
+void s_destroy_auth_lock(broker_app& app) {
+  app.cfg->gw->password_lock = nullptr;
+  auth_lock_destroy(app.auth_lock);
+  app.auth_lock = nullptr;
+}
+
 // The adjudicator runs on its own thread. Start-up waits until it serves: a broker that
 // cannot decide logins must not say it is ready. Its own failures are logged there.
 bool s_start_auth_callout(broker_app& app) {
@@ -423,7 +452,8 @@ bool s_start_auth_callout(broker_app& app) {
              "validate logins (qm.auth.verify has no subscriber)");
     return true;
   }
-  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, app.auth_cache, app.profiles);
+  auth_service_t* svc = auth_service_create(app.cfg->auth.get(), app.credentials, app.auth_cache, app.profiles,
+                                            app.auth_lock);
   if (svc == nullptr) {
     log_fatal("Failed to create auth service");
     return false;
@@ -644,6 +674,7 @@ constexpr subsystem kSubsystems[] = {
     {s_start_auth_watcher, s_stop_auth_watcher},
     {s_connect_relay, s_stop_relay},
     {s_create_auth_cache, s_destroy_auth_cache},
+    {s_create_auth_lock, s_destroy_auth_lock},
     {s_start_auth_callout, s_stop_auth_callout},
     {s_set_up_sasl, s_tear_down_sasl},
     {s_start_amqp, s_stop_amqp},
@@ -659,6 +690,9 @@ startup_result s_start(broker_app& app) {
   log_info("config: nats_url=%s nats_server_managed=%s auth_callout=%s amqp=%s http=%s", qm::cstr(cfg.nats_url),
            s_yes_no(cfg.nats_server_managed), s_yes_no(cfg.auth_callout_enabled), s_yes_no(cfg.gw->amqp_enabled),
            s_yes_no(cfg.gw->http_enabled));
+  for (const std::string& option : cfg.passwords_on_command_line)
+    log_warn("config: %s shows the password to every local user (ps, /proc); use %s-file instead", option.c_str(),
+             option.c_str());
   if (qm::has_text(cfg.pid_file)) s_write_pid_file(*cfg.pid_file);
 
   // A stop asked for meanwhile ends the start-up after the step under way.

@@ -5,13 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <sstream>
 #include <string>
 
 #include "auth_ldap.hpp"
+#include "auth_lock.hpp"
 #include "auth_profile.hpp"
+#include "auth_verify.hpp"
 #include "callout_fixture.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
+#include "log_capture.hpp"
 #include "test_support.hpp"
 
 namespace {
@@ -30,7 +34,7 @@ const qm::secret_string kBobPassword("builder");
 class AuthDecision : public ::testing::Test {
  protected:
   void SetUp() override {
-    qmtest::write_file(dir_.file("users.conf"), "user: \"bob\"\npassword: \"builder\"\n");
+    qmtest::write_file(dir_.file("users.conf"), "user: \"bob\"\npassword: \"builder\"\nuser: \"alice\"\npassword: \"wonder\"\n");
     qmtest::write_file(dir_.file("permissions.json"),
                        R"j({"profiles": {"restricted": {"publish": {"allow": [">"], "deny": ["forbidden.>"]}}},
                             "file_user_map": [{"user": "bob", "profile": "restricted"}]})j");
@@ -41,8 +45,8 @@ class AuthDecision : public ::testing::Test {
     ASSERT_TRUE(creds_ && profiles_ && cache_);
   }
 
-  decider_ptr decider(auth_ldap_ctx_t* ldap = nullptr) {
-    return decider_ptr(auth_decider_create(creds_.get(), ldap, profiles_.get(), cache_.get()));
+  decider_ptr decider(auth_ldap_ctx_t* ldap = nullptr, auth_lock_t* lock = nullptr) {
+    return decider_ptr(auth_decider_create(creds_.get(), ldap, profiles_.get(), cache_.get(), lock));
   }
 
   qmtest::TempDir dir_;
@@ -127,6 +131,75 @@ TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(cache_.get(), 0), 0);
   ldap.reset();
   directory->resume();
+}
+
+using lock_ptr = qm::c_ptr<auth_lock_t, auth_lock_destroy>;
+
+lock_ptr fake_clock_lock(size_t max_users = 10000) {
+  auth_lock_options options;
+  options.max_users = max_users;
+  options.now_ms = fake_clock;
+  return lock_ptr(auth_lock_create(options));
+}
+
+// The brute-force lock as the verify endpoint (and so the AMQP door) answers through
+// it. A script per row: "Nw" N wrong passwords of bob, "R+"/"R-" bob's right password
+// granted / refused with the very answer a wrong password gets, "A+" alice's right
+// password granted, "+N" N seconds pass, "LN" the locks logged so far.
+TEST_F(AuthDecision, RepeatedWrongPasswordsLockOnlyThatUserForADoublingTime) {
+  const struct {
+    const char* name;
+    const char* script;
+  } rows[] = {
+      {"nine failures leave the right password working", "9w R+ L0"},
+      {"the tenth locks: the right password gets the wrong one's answer", "10w R- R- L1"},
+      {"the first lock lasts 1 s", "10w +1 R+ L1"},
+      {"each failure after a lock, within the window, locks for twice as long", "10w +1 1w R- +1 R- +1 R+ L2"},
+      {"the count starts afresh once the window has passed", "9w +600 1w R+ L0"},
+      {"a success resets the count", "9w R+ 9w R+ L0"},
+      {"another user is never affected", "10w A+ R- L1"},
+      {"a quiet window after a lock starts the doubling afresh", "10w +601 10w +1 R+ L2"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    SetUp();
+    lock_ptr lock = fake_clock_lock();
+    decider_ptr d = decider(nullptr, lock.get());
+    qmtest::LogCapture log(QMLOG_WARN);
+    const auto answer = [&](const char* user, const std::string& password) {
+      return auth_verify_answer(d.get(), 0, {user, qm::secret_string(password), "plain"});
+    };
+    const std::string wrong_answer = R"({"ok":false,"reason":"invalid credentials","backend":"none"})";
+    std::istringstream script(row.script);
+    int guess = 0;
+    for (std::string step; script >> step;) {
+      SCOPED_TRACE(step);
+      const int n = atoi(step.c_str() + (step[0] == '+' || step[0] == 'L' ? 1 : 0));
+      if (step.back() == 'w') {
+        for (int i = 0; i < n; ++i) ASSERT_EQ(answer("bob", "guess-" + std::to_string(++guess)), wrong_answer);
+      } else if (step == "R+") {
+        EXPECT_NE(answer("bob", "builder").find(R"("ok":true)"), std::string::npos);
+      } else if (step == "R-") {
+        EXPECT_EQ(answer("bob", "builder"), wrong_answer);
+      } else if (step == "A+") {
+        EXPECT_NE(answer("alice", "wonder").find(R"("ok":true)"), std::string::npos);
+      } else if (step[0] == '+') {
+        g_now_ms += n * 1000;
+      } else {
+        EXPECT_EQ(log.count("auth_lock: user=bob locked for "), static_cast<size_t>(n)) << log.text();
+      }
+    }
+  }
+}
+
+// Made-up user names must not grow the lock's table, nor push a locked user out of it.
+TEST_F(AuthDecision, AFloodOfMadeUpNamesNeitherGrowsTheLockNorFreesALockedUser) {
+  lock_ptr lock = fake_clock_lock(8);
+  for (int i = 0; i < 10; ++i) auth_lock_note(lock.get(), "victim", false);
+  for (int i = 0; i < 1000; ++i) auth_lock_note(lock.get(), "made-up-" + std::to_string(i), false);
+  EXPECT_LE(auth_lock_tracked(lock.get()), 8u);
+  EXPECT_TRUE(auth_lock_refuses(lock.get(), "victim"));
+  EXPECT_FALSE(auth_lock_refuses(lock.get(), "made-up-999"));
 }
 
 }  // namespace
