@@ -4,11 +4,14 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
 #include <new>
 
 #include "log.hpp"
@@ -98,6 +101,14 @@ enum option_id : int {
   OPT_TRACEFILE_MAXSIZE,
   OPT_PRINT_ISSUER_NKEY,
   OPT_PRINT_ISSUER_XKEY,
+  OPT_AUTH_NATS_PASSWORD_FILE,
+  OPT_GW_NATS_PASSWORD_FILE,
+  OPT_LDAP_BIND_PASSWORD_FILE,
+  OPT_LDAP_FALLBACK_BIND_PASSWORD_FILE,
+  OPT_AUTH_LOCK_FAILURES,
+  OPT_AUTH_LOCK_WINDOW,
+  OPT_AUTH_LOCK_MIN_SECONDS,
+  OPT_AUTH_LOCK_MAX_SECONDS,
 };
 
 const option kLongOptions[] = {
@@ -182,6 +193,14 @@ const option kLongOptions[] = {
     {"tracefile-maxsize", required_argument, nullptr, OPT_TRACEFILE_MAXSIZE},
     {"print-issuer-nkey", no_argument, nullptr, OPT_PRINT_ISSUER_NKEY},
     {"print-issuer-xkey", no_argument, nullptr, OPT_PRINT_ISSUER_XKEY},
+    {"auth-nats-password-file", required_argument, nullptr, OPT_AUTH_NATS_PASSWORD_FILE},
+    {"gw-nats-password-file", required_argument, nullptr, OPT_GW_NATS_PASSWORD_FILE},
+    {"ldap-bind-password-file", required_argument, nullptr, OPT_LDAP_BIND_PASSWORD_FILE},
+    {"ldap-fallback-bind-password-file", required_argument, nullptr, OPT_LDAP_FALLBACK_BIND_PASSWORD_FILE},
+    {"auth-lock-failures", required_argument, nullptr, OPT_AUTH_LOCK_FAILURES},
+    {"auth-lock-window", required_argument, nullptr, OPT_AUTH_LOCK_WINDOW},
+    {"auth-lock-min-seconds", required_argument, nullptr, OPT_AUTH_LOCK_MIN_SECONDS},
+    {"auth-lock-max-seconds", required_argument, nullptr, OPT_AUTH_LOCK_MAX_SECONDS},
     {"help", no_argument, nullptr, OPT_HELP},
     {nullptr, 0, nullptr, 0},
 };
@@ -236,6 +255,44 @@ void s_parse_listen_backlog(gw_config_t& gw, const char* text) {
   }
 }
 
+// A password on the command line is readable by every local user (ps, /proc): it still
+// works, and main warns once the logger is set up.
+void s_set_password(broker_config_t& cfg, qm::opt_string& field, const char* option, const char* arg) {
+  set_str(field, arg);
+  cfg.passwords_on_command_line.emplace_back(option);
+}
+
+// The options that read a password from a file, and the field each one fills.
+qm::opt_string* s_password_file_field(broker_config_t& cfg, int id) {
+  switch (id) {
+    case OPT_AUTH_NATS_PASSWORD_FILE: return &cfg.auth->nats_password;
+    case OPT_GW_NATS_PASSWORD_FILE: return &cfg.gw->nats_password;
+    case OPT_LDAP_BIND_PASSWORD_FILE: return &cfg.auth->ldap_bind_password;
+    case OPT_LDAP_FALLBACK_BIND_PASSWORD_FILE: return &cfg.auth->ldap_fallback_bind_password;
+    default: return nullptr;
+  }
+}
+
+// The first line of the file, without its line end; a missing, unreadable or empty file
+// is an error on standard error.
+bool s_read_password_file(const char* argv0, const char* option, const char* path, qm::opt_string& field) {
+  FILE* raw = fopen(path, "re");
+  if (raw == nullptr) {
+    fprintf(stderr, "%s: --%s %s: cannot read it: %s\n", argv0, option, path, strerror(errno));
+    return false;
+  }
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(raw, fclose);
+  std::string line;
+  for (int c = fgetc(file.get()); c != EOF && c != '\n'; c = fgetc(file.get())) line.push_back(static_cast<char>(c));
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  if (line.empty()) {
+    fprintf(stderr, "%s: --%s %s: the file's first line is empty\n", argv0, option, path);
+    return false;
+  }
+  field = std::move(line);
+  return true;
+}
+
 // Stores one option's value. false for an option id the table does not know.
 bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
   auth_config_t& auth = *cfg.auth;
@@ -262,19 +319,21 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_ADMIN_LISTEN_PORT: cfg.admin_listen_port = s_to_int(arg); break;
     case OPT_AUTH_CALLOUT_ENABLED: cfg.auth_callout_enabled = parse_bool(arg); break;
     case OPT_AUTH_NATS_USER: set_str(auth.nats_user, arg); break;
-    case OPT_AUTH_NATS_PASSWORD: set_str(auth.nats_password, arg); break;
+    case OPT_AUTH_NATS_PASSWORD: s_set_password(cfg, auth.nats_password, "--auth-nats-password", arg); break;
     case OPT_AUTH_SIGNING_KEY: set_str(auth.signing_key_path, arg); break;
     case OPT_AUTH_BACKEND: auth.backend_type = auth_config_parse_backend(arg); break;
     case OPT_AUTH_FILE: set_str(gw.credential_file, arg); break;
     case OPT_LDAP_URL: set_str(auth.ldap_url, arg); break;
     case OPT_LDAP_BASE_DN: set_str(auth.ldap_base_dn, arg); break;
     case OPT_LDAP_BIND_DN: set_str(auth.ldap_bind_dn, arg); break;
-    case OPT_LDAP_BIND_PASSWORD: set_str(auth.ldap_bind_password, arg); break;
+    case OPT_LDAP_BIND_PASSWORD: s_set_password(cfg, auth.ldap_bind_password, "--ldap-bind-password", arg); break;
     case OPT_LDAP_USER_FILTER: set_str(auth.ldap_user_filter, arg); break;
     case OPT_LDAP_FALLBACK_URL: set_str(auth.ldap_fallback_url, arg); break;
     case OPT_LDAP_FALLBACK_BASE_DN: set_str(auth.ldap_fallback_base_dn, arg); break;
     case OPT_LDAP_FALLBACK_BIND_DN: set_str(auth.ldap_fallback_bind_dn, arg); break;
-    case OPT_LDAP_FALLBACK_BIND_PASSWORD: set_str(auth.ldap_fallback_bind_password, arg); break;
+    case OPT_LDAP_FALLBACK_BIND_PASSWORD:
+      s_set_password(cfg, auth.ldap_fallback_bind_password, "--ldap-fallback-bind-password", arg);
+      break;
     case OPT_LDAP_FALLBACK_USER_FILTER: set_str(auth.ldap_fallback_user_filter, arg); break;
     case OPT_LDAP_POOL_SIZE: auth.ldap_pool_size = clamp_int(s_to_int(arg), 0, 64); break;
     case OPT_LDAP_IDLE_TIMEOUT: auth.ldap_idle_timeout_seconds = clamp_int(s_to_int(arg), 0, 86400); break;
@@ -283,7 +342,11 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_PERMISSIONS_FILE: set_str(auth.permissions_file_path, arg); break;
     case OPT_FLEET_ACCOUNT: set_str(auth.fleet_account, arg); break;
     case OPT_GW_NATS_USER: set_str(gw.nats_user, arg); break;
-    case OPT_GW_NATS_PASSWORD: set_str(gw.nats_password, arg); break;
+    case OPT_GW_NATS_PASSWORD: s_set_password(cfg, gw.nats_password, "--gw-nats-password", arg); break;
+    case OPT_AUTH_LOCK_FAILURES: auth.lock_failures = std::max(0, s_to_int(arg)); break;
+    case OPT_AUTH_LOCK_WINDOW: auth.lock_window_seconds = std::max(1, s_to_int(arg)); break;
+    case OPT_AUTH_LOCK_MIN_SECONDS: auth.lock_min_seconds = std::max(1, s_to_int(arg)); break;
+    case OPT_AUTH_LOCK_MAX_SECONDS: auth.lock_max_seconds = std::max(1, s_to_int(arg)); break;
     case OPT_LISTEN_BACKLOG: s_parse_listen_backlog(gw, arg); break;
     case OPT_AMQP_ENABLED: gw.amqp_enabled = parse_bool(arg); break;
     case OPT_AMQP_LISTEN_HOST: set_str(gw.amqp_listen_host, arg); break;
@@ -324,6 +387,12 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     default: return false;
   }
   return true;
+}
+
+const char* s_option_name(int id) {
+  for (const option& o : kLongOptions)
+    if (o.val == id && o.name != nullptr) return o.name;
+  return "?";
 }
 
 // The first required option that is missing, in the order they are checked; NULL when complete.
@@ -367,30 +436,40 @@ Broker self-pid file (default: not written):
 Auth callout subsystem (default: enabled):
   --auth-callout-enabled <bool>        answer $SYS.REQ.USER.AUTH and qm.auth.verify (default true)
   --auth-nats-user <name>              NATS user of the auth-callout connection
-  --auth-nats-password <password>      its password
+  --auth-nats-password <password>      its password (visible to every local user: prefer the file)
+  --auth-nats-password-file <path>     read that password from the file's first line
   --auth-backend <file|ldap|file+ldap> where passwords are checked (default file)
   --permissions-file <path>            JSON permission profiles (default: built-in profiles)
   --fleet-account <name>               nats-server account of admitted logins (default QM_FLEET)
   --ldap-url <url>                     LDAP server (ldap:// or ldaps://)
   --ldap-base-dn <dn>                  search base
   --ldap-bind-dn <dn>                  service account
-  --ldap-bind-password <password>      service account password
+  --ldap-bind-password <password>      service account password (prefer the file)
+  --ldap-bind-password-file <path>     read it from the file's first line
   --ldap-user-filter <filter>          user search filter
   --ldap-fallback-url <url>            second server, tried when the primary refuses a connection
   --ldap-fallback-base-dn <dn>         (default: the primary's)
   --ldap-fallback-bind-dn <dn>         (default: the primary's)
   --ldap-fallback-bind-password <password>
                                        (default: the primary's)
+  --ldap-fallback-bind-password-file <path>
+                                       read it from the file's first line
   --ldap-fallback-user-filter <filter> (default: the primary's)
   --ldap-group-attribute <name>        attribute holding the user's groups (empty: no groups)
   --ldap-cacert <pem>                  CA certificate for ldaps://
   --ldap-pool-size <N>                 pooled service connections, 0..64 (default 4)
   --ldap-idle-timeout-seconds <N>      idle time before a pooled connection is renewed,
                                        0..86400 (default 300)
+  --auth-lock-failures <N>             failed password checks of one user that lock it,
+                                       every door alike; 0 = no lock (default 10)
+  --auth-lock-window <seconds>         within this time (default 600)
+  --auth-lock-min-seconds <N>          first lock; each further one doubles it (default 1)
+  --auth-lock-max-seconds <N>          longest lock (default 300)
 
 Gateway subsystem (NATS-side credentials):
   --gw-nats-user <name>                NATS user of the gateway connection
-  --gw-nats-password <password>        its password
+  --gw-nats-password <password>        its password (visible to every local user: prefer the file)
+  --gw-nats-password-file <path>       read that password from the file's first line
 
 Listeners (both front doors):
   --listen-backlog <N>                 listen backlog, positive (default 65535)
@@ -538,6 +617,10 @@ broker_parse_result_t broker_config_parse(broker_config_t* cfg, int argc, char**
       const bool xkey = id == OPT_PRINT_ISSUER_XKEY;
       print_issuer = xkey ? "--print-issuer-xkey" : "--print-issuer-nkey";
       print_result = xkey ? BROKER_PARSE_PRINT_ISSUER_XKEY : BROKER_PARSE_PRINT_ISSUER_NKEY;
+      continue;
+    }
+    if (qm::opt_string* field = s_password_file_field(*cfg, id)) {
+      if (!s_read_password_file(argv0, s_option_name(id), optarg, *field)) return BROKER_PARSE_EXIT_FAILURE;
       continue;
     }
     if (!s_apply_option(*cfg, id, optarg)) {  // '?': unknown option or missing argument

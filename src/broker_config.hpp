@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "auth_handler.hpp"
 #include "gw_config.hpp"
@@ -47,6 +49,9 @@ struct broker_config {
   int update_drain_timeout_seconds = 30;
   qm::opt_string update_maintenance_window;
   qm_network_config_t network_config;
+  // The password options given on the command line (visible to every local user), for
+  // the warning main logs once logging is set up.
+  std::vector<std::string> passwords_on_command_line;
 };
 using broker_config_t = broker_config;
 

@@ -10,6 +10,7 @@
 #include "log.hpp"
 #include "log_capture.hpp"
 #include "qm_cpp.hpp"
+#include "test_support.hpp"
 
 namespace {
 
@@ -146,6 +147,10 @@ const std::vector<option_row> kOptions = {
     {"--tracefile", FIELD(log_file), nullptr, "/t.log"},
     {"--trace-to-screen", [](const broker_config_t& c) { return c.log_screen_trace ? "1" : "0"; }, "1", "0"},
     {"--tracefile-maxsize", FIELD(log_maxsize_mb), "0", "10"},
+    {"--auth-lock-failures", FIELD(auth->lock_failures), "10", "5"},
+    {"--auth-lock-window", FIELD(auth->lock_window_seconds), "600", "60"},
+    {"--auth-lock-min-seconds", FIELD(auth->lock_min_seconds), "1", "2"},
+    {"--auth-lock-max-seconds", FIELD(auth->lock_max_seconds), "300", "30"},
 };
 
 TEST(ConfigOptions, EveryOptionHasItsDefaultAndReachesItsField) {
@@ -353,6 +358,51 @@ TEST(ConfigFinalize, CopiesSharedSettingsIntoBothSubRecords) {
   EXPECT_FALSE(c.auth->nats_cert_path);
   EXPECT_FALSE(c.gw->nats_cert_path);
   broker_config_finalize(nullptr);
+}
+
+// The broker's own passwords from files (kept out of ps): the first line without its
+// line end; a missing or empty file stops the start with its cause. A password given on
+// the command line still works and is remembered for main's warning.
+TEST(ConfigOptions, PasswordFilesGiveTheirFirstLine) {
+  qmtest::TempDir dir;
+  const struct {
+    const char* content;  // nullptr: no file
+    const char* stored;   // nullptr: the parse fails
+    const char* err;
+  } rows[] = {
+      {"s3cret\n", "s3cret", ""},
+      {"s3cret", "s3cret", ""},
+      {"pass word # not a comment\r\nsecond line\n", "pass word # not a comment", ""},
+      {"\nsecond line\n", nullptr, "the file's first line is empty\n"},
+      {"", nullptr, "the file's first line is empty\n"},
+      {nullptr, nullptr, "cannot read it: No such file or directory\n"},
+  };
+  const struct {
+    const char* option;
+    field_fn field;
+  } options[] = {
+      {"--auth-nats-password-file", FIELD(auth->nats_password)},
+      {"--gw-nats-password-file", FIELD(gw->nats_password)},
+      {"--ldap-bind-password-file", FIELD(auth->ldap_bind_password)},
+      {"--ldap-fallback-bind-password-file", FIELD(auth->ldap_fallback_bind_password)},
+  };
+  int n = 0;
+  for (const auto& row : rows) {
+    const std::string path = dir.file("pw" + std::to_string(++n));
+    if (row.content != nullptr) qmtest::write_file(path, row.content);
+    for (const auto& o : options) {
+      SCOPED_TRACE(std::string(o.option) + " " + (row.content ? row.content : "(missing)"));
+      const auto r = parse({o.option, path});
+      EXPECT_EQ(r.result, row.stored ? BROKER_PARSE_RUN : BROKER_PARSE_EXIT_FAILURE);
+      if (row.stored) {
+        EXPECT_EQ(o.field(*r.cfg), row.stored);
+      }
+      EXPECT_EQ(r.err, row.stored ? "" : "/usr/bin/qm-av-broker: " + std::string(o.option) + " " + path + ": " + row.err);
+      EXPECT_TRUE(r.cfg->passwords_on_command_line.empty());
+    }
+  }
+  const auto r = parse({"--gw-nats-password", "visible", "--auth-nats-password", "too"});
+  EXPECT_EQ(r.cfg->passwords_on_command_line, (std::vector<std::string>{"--gw-nats-password", "--auth-nats-password"}));
 }
 
 }  // namespace
