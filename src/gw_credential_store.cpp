@@ -152,14 +152,14 @@ bool s_read_whole(int fd, qm::secret_bytes& out) {
   return true;
 }
 
-// The line scanner: one key per line, a user waits for the next password.
-void s_scan_lines(std::string_view content, const s_digest_key& key, credential_table& out) {
+// The line scanner: one key per line, a user waits for the next password. Returns the
+// user of the first pair beyond the table's capacity, if there is one.
+std::optional<std::string> s_scan_lines(std::string_view content, const s_digest_key& key, credential_table& out) {
   std::optional<std::string> pending_user;
   while (!content.empty()) {
     const size_t eol = content.find('\n');
     const std::string_view line = content.substr(0, eol);
     content.remove_prefix(eol == std::string_view::npos ? content.size() : eol + 1);
-    if (out.size() >= static_cast<size_t>(GW_CREDENTIAL_STORE_CAPACITY)) break;
     const std::string_view text = s_skip_space(line);
     if (s_is_comment_or_blank(text)) continue;
     if (const std::optional<std::string_view> user = s_extract_value(text, "user")) {
@@ -168,12 +168,14 @@ void s_scan_lines(std::string_view content, const s_digest_key& key, credential_
     }
     const std::optional<std::string_view> password = s_extract_value(text, "password");
     if (!password || !pending_user) continue;
+    if (out.size() >= static_cast<size_t>(GW_CREDENTIAL_STORE_CAPACITY)) return pending_user;
     qm::secret_string secret{std::string(*password)};
     s_digest user_digest = s_digest_of(key, pending_user->c_str());
     s_digest password_digest = s_digest_of(key, secret.c_str());
     out.push_back(credential_entry{std::move(*pending_user), std::move(secret), user_digest, password_digest});
     pending_user.reset();
   }
+  return std::nullopt;
 }
 
 // Reads the file into `out`. False when the file cannot be opened or read (logged): the
@@ -187,7 +189,12 @@ bool s_parse_file(const std::string& path, const s_digest_key& key, credential_t
   }
   out.clear();
   out.reserve(GW_CREDENTIAL_STORE_CAPACITY);
-  s_scan_lines(std::string_view(reinterpret_cast<const char*>(content.data()), content.size()), key, out);
+  const std::optional<std::string> dropped =
+      s_scan_lines(std::string_view(reinterpret_cast<const char*>(content.data()), content.size()), key, out);
+  if (dropped) {
+    log_warn("credential_store: %s holds more than %d credentials; user '%s' and every one after it are ignored",
+             path.c_str(), GW_CREDENTIAL_STORE_CAPACITY, log_safe(*dropped).c_str());
+  }
   return true;
 }
 

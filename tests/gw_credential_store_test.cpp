@@ -106,8 +106,11 @@ TEST_F(CredentialFile, ValidateComparesExactlyAndHoldsAt128Entries) {
   std::string content = "user: \"Alice\"\npassword: \"secret\"\nuser: \"empty\"\npassword: \"\"\n";
   content += "user: \"" + long_a + "\"\npassword: \"pa\"\nuser: \"" + long_b + "\"\npassword: \"pb\"\n";
   for (int i = 4; i < 200; ++i) content += "user: \"u" + std::to_string(i) + "\"\npassword: \"p\"\n";
+  qmtest::LogCapture log(QMLOG_WARN);
   StorePtr store = load(content);
   ASSERT_NE(store, nullptr);
+  // The first user dropped is named once, with the limit.
+  EXPECT_EQ(log.count("holds more than 128 credentials; user 'u128' and every one after it are ignored"), 1u);
   const Entries got = entries_of(store.get());
   ASSERT_EQ(got.size(), 128u);
   EXPECT_EQ(got.back(), (std::pair<std::string, std::string>{"u127", "p"}));
