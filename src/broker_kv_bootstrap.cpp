@@ -532,3 +532,17 @@ void qm_nats_wq_durable(const char* service, char* buf, size_t n) {
   qm_nats_wq_sanitize(service, sanitized, sizeof sanitized);
   snprintf(buf, n, "WORK_%s", sanitized);
 }
+
+int broker_kv_msg_ttl_supported(natsConnection* nc, const char* bucket) {
+  if (nc == nullptr || bucket == nullptr) return -1;
+  const std::string stream = s_kv_stream_name(bucket);
+  std::string error;
+  const auto info = s_read_stream(nc, stream, error);
+  if (!info) {
+    log_warn("KV bootstrap: could not read stream '%s' to learn whether it keeps per-message TTLs: %s", stream.c_str(),
+             error.c_str());
+    return -1;
+  }
+  // A server that predates per-message TTL drops the field it does not know.
+  return s_bool_field(s_config_of(*info), "allow_msg_ttl") ? 1 : 0;
+}

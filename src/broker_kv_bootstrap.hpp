@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <nats/nats.h>
+
 namespace qm {
 class stop_flag;
 }
@@ -38,6 +40,11 @@ int broker_kv_bootstrap(const char* nats_url, const char* user, const char* pass
                         int kv_replicas, bool kv_scandata_allow_direct, bool js_transient_memory,
                         const broker_workqueue_opts* opts, const qm::stop_flag* stop = nullptr,
                         const broker_kv_bootstrap_timing* timing = nullptr);
+
+// Whether the bucket's stream takes per-message TTLs: its configuration, as the server
+// reads it back, carries allow_msg_ttl (nats-server 2.10 drops the field, and ignores the
+// TTL header). 1 yes, 0 no, -1 (logged) when the stream could not be read.
+int broker_kv_msg_ttl_supported(natsConnection* nc, const char* bucket);
 
 // Names, written into buf (size n) and truncated silently to fit:
 // "jobs.<service>" with the name as given.

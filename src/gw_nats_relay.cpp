@@ -709,6 +709,7 @@ std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
   }
   log_debug("nats_relay: bound KV bucket '%s'", GW_SCAN_DATA_BUCKET);
   log_info("nats_relay: connected to %s (JetStream+KV ready)", url);
+  gw_nats_relay_detect_msg_ttl(relay.get());
   return relay;
 }
 
@@ -881,6 +882,20 @@ void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key) {
   const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
   const bool trusted = manifest && manifest->chunks > 0 && manifest->chunks <= kMaxChunks;
   kvstore_delete_chunks(nc, kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
+}
+
+void gw_nats_relay_detect_msg_ttl(gw_nats_relay_t* relay) {
+  if (relay == nullptr || !relay->conn) return;
+  const int supported = broker_kv_msg_ttl_supported(relay->conn.get(), GW_SCAN_DATA_BUCKET);
+  if (supported < 0) return;  // unknown: a refused write still turns it off
+  const bool was_off = s_gw_msg_ttl_unsupported.exchange(supported == 0);
+  if (supported == 0 && !was_off) {
+    log_warn("nats_relay: the stream of bucket '%s' keeps no per-message TTL (nats-server 2.11 or newer has it); "
+             "staged payloads a crash leaves behind expire by the bucket's TTL",
+             GW_SCAN_DATA_BUCKET);
+  } else if (supported == 1 && was_off) {
+    log_info("nats_relay: per-message TTL available again on bucket '%s'", GW_SCAN_DATA_BUCKET);
+  }
 }
 
 bool gw_nats_relay_msg_ttl_unsupported() { return s_gw_msg_ttl_unsupported.load(); }

@@ -22,6 +22,12 @@ gw_nats_relay_t* gw_nats_relay_create(const gw_config_t* cfg);
 // Accepts NULL. No other thread may still be inside gw_nats_relay_request.
 void gw_nats_relay_destroy(gw_nats_relay_t* relay);
 
+// Learns from the scan-data bucket's stream, as the server reads it back, whether staged
+// entries can carry a per-message TTL, and turns that on or off for this process
+// accordingly (a server that cannot read the stream changes nothing). Create runs it;
+// so does provisioning after nats-server came back, which may be another version.
+void gw_nats_relay_detect_msg_ttl(gw_nats_relay_t* relay);
+
 // The wait for requests without a scan budget (auth and control calls); 0 for NULL.
 unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay);
 
