@@ -76,6 +76,11 @@ auth_password=$(password_of qm-auth)
 gw_password=$(password_of qm-gateway)
 demo_password=$(password_of demo)
 worker_password=$(password_of scan-worker)
+# The broker's own passwords go to it in files, not on its command line (where ps shows them).
+umask 077
+printf '%s\n' "$auth_password" > "$state/qm-auth.password"
+printf '%s\n' "$gw_password" > "$state/qm-gateway.password"
+umask 022
 
 # nats-server trusts the JWTs this key signs; the seed is made on first use and kept.
 issuer=$(./build/qm-av-broker --print-issuer-nkey --auth-signing-key "$state/issuer.seed")
@@ -102,8 +107,8 @@ broker_log="$state/qm-av-broker.log"
   --auth-file "$credentials" \
   --permissions-file "$root/packaging/qm-av-permissions.json" \
   --auth-signing-key "$state/issuer.seed" \
-  --auth-nats-user qm-auth --auth-nats-password "$auth_password" \
-  --gw-nats-user qm-gateway --gw-nats-password "$gw_password" \
+  --auth-nats-user qm-auth --auth-nats-password-file "$state/qm-auth.password" \
+  --gw-nats-user qm-gateway --gw-nats-password-file "$state/qm-gateway.password" \
   --js-work-services scanjs \
   --amqp-enabled true --amqp-listen-host 127.0.0.1 --amqp-listen-port "$amqp_port" \
   --http-enabled true --http-listen-host 127.0.0.1 --http-listen-port "$http_port" \
