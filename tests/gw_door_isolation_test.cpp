@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kWait = 60s;
 const std::string kAlicePassword = "alice-right";
+constexpr int kLockFailures = 5;
 // Two users whose names are alike in their first 1,050 bytes, and a name that is nobody's
 // but shares the first 1,022 bytes with the first.
 const std::string kLongA(1100, 'l');
@@ -79,8 +80,11 @@ class Doors {
     const size_t map_end = permissions.find(']', permissions.find("\"file_user_map\""));
     permissions.insert(map_end, std::string(R"(, {"user": ")") + AmqpEnv::kWorkerUser + R"(", "profile": "any"})");
     AmqpEnvOptions options;
-    options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0"};
-    options.users = {{"alice", kAlicePassword}, {kLongA, "long-a-secret"}, {kLongB, "long-b-secret"}};
+    // A lock long enough that no row sees it end.
+    options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0", "--auth-lock-failures",
+                           std::to_string(kLockFailures), "--auth-lock-min-seconds", "300"};
+    options.users = {{"alice", kAlicePassword}, {"bob", "bob-right"}, {kLongA, "long-a-secret"},
+                     {kLongB, "long-b-secret"}};
     options.permissions_json = permissions;
     return options;
   }
@@ -132,6 +136,14 @@ void protocol_injection(Doors& doors) {
 // A refusal is remembered for that password only.
 void wrong_password_lockout(Doors& doors) {
   EXPECT_EQ(doors.http("alice", "alice-wrong", "scan").status, 401);
+  doors.expect_admitted_everywhere("alice", kAlicePassword, true);
+}
+
+// Guessing bob's password over NATS locks bob on every door, right password too, and
+// nobody else.
+void guessing_locks_the_user_everywhere(Doors& doors) {
+  for (int i = 0; i < kLockFailures; ++i) EXPECT_FALSE(doors.nats_admits("bob", "guess-" + std::to_string(i)));
+  doors.expect_admitted_everywhere("bob", "bob-right", false);
   doors.expect_admitted_everywhere("alice", kAlicePassword, true);
 }
 
@@ -187,6 +199,7 @@ TEST(DoorIsolation, LoggedInClientsCannotUseTheDoorsAgainstTheFleet) {
       {"confused deputy", confused_deputy},
       {"protocol injection", protocol_injection},
       {"one wrong password locks the user out", wrong_password_lockout},
+      {"guessing a password goes on at another door", guessing_locks_the_user_everywhere},
       {"keys cut at 1,022 bytes", long_name_prefixes},
       {"a reply manifest balloons the broker", ballooning_manifest},
   };
