@@ -40,7 +40,7 @@ int64_t s_steady_ms() {
 struct auth_lock {
   auth_lock_options options;
   unsigned char hash_key[crypto_generichash_KEYBYTES] = {};
-  std::mutex mu;
+  mutable std::mutex mu;
   std::list<counted_user> users;  // most recent failure first
   std::unordered_map<std::string, std::list<counted_user>::iterator> by_key;
 
@@ -172,6 +172,6 @@ void auth_lock_note(auth_lock_t* lock, const std::string& user, bool granted) {
 
 size_t auth_lock_tracked(const auth_lock_t* lock) {
   if (lock == nullptr) return 0;
-  std::lock_guard<std::mutex> guard(const_cast<auth_lock_t*>(lock)->mu);
+  std::lock_guard<std::mutex> guard(lock->mu);
   return lock->users.size();
 }
