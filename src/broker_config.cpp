@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string>
 #include <new>
+#include <string>
 
 #include "log.hpp"
 
