@@ -10,7 +10,6 @@
 
 #include "admin_client.hpp"
 #include "amqp_fixture.hpp"
-#include "auth_lock.hpp"
 #include "broker_metrics.hpp"
 #include "http_fixture.hpp"
 #include "log_capture.hpp"
@@ -160,29 +159,6 @@ TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
   EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=test"));
   EXPECT_TRUE(log_.contains("authenticate() called with empty credentials"));
-}
-
-// The door shares the broker's password lock: refusals it answers from its cache count,
-// and a locked user, right password or not, gets exactly a wrong password's response
-// without the verify endpoint being asked. Other users go on.
-TEST_F(HttpDoorTest, ALockedUserGetsAWrongPasswordsAnswerUnasked) {
-  auth_lock_options options;
-  options.failures = 2;
-  options.min_seconds = 300;
-  const qm::c_ptr<auth_lock_t, auth_lock_destroy> lock(auth_lock_create(options));
-  open([&](gw_config_t& cfg) { cfg.password_lock = lock.get(); });
-  const auto answer = [&](const char* user, const char* password) {
-    const HttpResponse r = http_send(as(user, password));
-    return std::to_string(r.status) + " " + r.www_authenticate + " " + r.body;
-  };
-  const std::string wrong = answer(kRemote, "wrong");  // the verify endpoint's refusal, then cached
-  EXPECT_EQ(answer(kRemote, "wrong"), wrong);
-  EXPECT_FALSE(auth_lock_refuses(lock.get(), kRemote));
-  EXPECT_EQ(answer(kRemote, "wrong"), wrong);
-  EXPECT_TRUE(auth_lock_refuses(lock.get(), kRemote));
-  EXPECT_EQ(answer(kRemote, kRemotePassword), wrong);
-  EXPECT_EQ(verify_.requests().size(), 1u);
-  EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
 }
 
 TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
