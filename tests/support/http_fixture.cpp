@@ -77,6 +77,7 @@ HttpResponse HttpClient::send(const HttpRequest& request) {
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
   response.content_type = s_header(easy, "Content-Type");
   response.www_authenticate = s_header(easy, "WWW-Authenticate");
+  response.retry_after = s_header(easy, "Retry-After");
   return response;
 }
 
@@ -89,6 +90,9 @@ RawClient::RawClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC,
   addr.sin_port = htons(static_cast<uint16_t>(port));
   if (fd_ < 0 || connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
     throw std::runtime_error("cannot connect to port " + std::to_string(port));
+  // A server that stops reading without closing fails the send instead of hanging the test.
+  const timeval send_timeout{60, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
 }
 
 RawClient::~RawClient() { close(fd_); }

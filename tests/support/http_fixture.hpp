@@ -43,6 +43,7 @@ struct HttpResponse {
   std::string body;
   std::string content_type;
   std::string www_authenticate;
+  std::string retry_after;
 };
 
 // One connection reused for every send (keep-alive).
@@ -65,7 +66,7 @@ class RawClient {
   ~RawClient();
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
-  // False once the server has closed the connection.
+  // False once the server has closed the connection (or has not read for a minute).
   bool send(const std::string& bytes);
   // What the server sends until it closes or `timeout` passes; closed() tells which.
   std::string read(std::chrono::milliseconds timeout);
