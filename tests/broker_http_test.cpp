@@ -69,40 +69,12 @@ long s_status_kib(pid_t pid, const std::string& field) {
   return -1;
 }
 
-struct RawAnswer {
-  std::string text;  // status line, headers and body as they came
-  bool closed = false;
-};
-
-// A multipart scan of `payload` written straight to the socket (no copy of it is made),
-// with Basic credentials when given; what the door answered until it closed or a minute passed.
-RawAnswer s_post_payload(int port, const std::string& basic, const std::string& payload) {
-  const std::string head = "--QmB\r\nContent-Disposition: form-data; name=\"request\"\r\n\r\n{\"scan\":1}\r\n"
-                           "--QmB\r\nContent-Disposition: form-data; name=\"payload\"; filename=\"f\"\r\n\r\n";
-  const std::string tail = "\r\n--QmB--\r\n";
-  std::string headers = "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\n"
-                        "Content-Type: multipart/form-data; boundary=QmB\r\nContent-Length: " +
-                        std::to_string(head.size() + payload.size() + tail.size()) + "\r\n";
-  if (!basic.empty()) headers += "Authorization: Basic " + basic + "\r\n";
-  RawClient client(port);
-  // A door that answers early closes the connection: the sends then fail, the answer stays.
-  if (client.send(headers + "\r\n" + head) && client.send(payload)) client.send(tail);
-  RawAnswer answer;
-  answer.text = client.read(std::chrono::seconds(60));
-  answer.closed = client.closed();
-  return answer;
-}
-
-std::string s_body(const std::string& answer) {
-  const size_t at = answer.find("\r\n\r\n");
-  return at == std::string::npos ? "" : answer.substr(at + 4);
-}
-
 // The door reads no body it would refuse, and stages an accepted one as it arrives: the
 // broker's peak memory stays far below what the clients send. (The broker's sanitizer
 // quarantine is kept small, or freed chunks would count as held.)
 TEST(BrokerHttp, MemoryStaysBoundedWhateverTheBodies) {
   constexpr size_t kMiB = 1048576;
+  constexpr const char* kScannerBasic = "c2Nhbm5lcjpzY2FubmVyLXNlY3JldA==";  // scanner:scanner-secret
   AmqpEnvOptions options;
   options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0", "--relay-timeout-ms", "120000"};
   options.env = {"ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=8"};
@@ -121,7 +93,7 @@ TEST(BrokerHttp, MemoryStaysBoundedWhateverTheBodies) {
 
   const std::string anonymous_body = test_payload(200 * kMiB);
   long before = reset_peak();
-  const RawAnswer refused = s_post_payload(port, "", anonymous_body);
+  const RawPost refused = raw_multipart_post(port, "", anonymous_body);
   EXPECT_EQ(refused.text.substr(0, 12), "HTTP/1.1 401") << refused.text.substr(0, 200);
   EXPECT_TRUE(refused.closed);
   EXPECT_LT(peak_growth_mib(before), 16);
@@ -129,14 +101,14 @@ TEST(BrokerHttp, MemoryStaysBoundedWhateverTheBodies) {
   const std::string payload = test_payload(128 * kMiB);
   const std::string digest = sha256_hex(payload);
   before = reset_peak();
-  std::vector<std::future<RawAnswer>> uploads;
+  std::vector<std::future<RawPost>> uploads;
   for (int i = 0; i < 8; ++i)
-    uploads.push_back(std::async(std::launch::async, [&] { return s_post_payload(port, "c2Nhbm5lcjpzY2FubmVyLXNlY3JldA==", payload); }));
+    uploads.push_back(std::async(std::launch::async, [&] { return raw_multipart_post(port, kScannerBasic, payload); }));
   for (auto& upload : uploads) {
-    const RawAnswer answer = upload.get();
+    const RawPost answer = upload.get();
     EXPECT_EQ(answer.text.substr(0, 12), "HTTP/1.1 200") << answer.text.substr(0, 300);
-    EXPECT_EQ(json_member(s_body(answer.text), "sha256"), digest);
-    EXPECT_EQ(json_member(s_body(answer.text), "size"), std::to_string(payload.size()));
+    EXPECT_EQ(json_member(answer.body(), "sha256"), digest);
+    EXPECT_EQ(json_member(answer.body(), "size"), std::to_string(payload.size()));
   }
   EXPECT_LT(peak_growth_mib(before), 256);
 }

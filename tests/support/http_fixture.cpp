@@ -120,6 +120,27 @@ std::string RawClient::read(std::chrono::milliseconds timeout) {
   return received;
 }
 
+std::string RawPost::body() const {
+  const size_t at = text.find("\r\n\r\n");
+  return at == std::string::npos ? "" : text.substr(at + 4);
+}
+
+RawPost raw_multipart_post(int port, const std::string& basic, const std::string& payload) {
+  const std::string head = "--QmB\r\nContent-Disposition: form-data; name=\"request\"\r\n\r\n{\"scan\":1}\r\n"
+                           "--QmB\r\nContent-Disposition: form-data; name=\"payload\"; filename=\"f\"\r\n\r\n";
+  const std::string tail = "\r\n--QmB--\r\n";
+  std::string headers = "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\n"
+                        "Content-Type: multipart/form-data; boundary=QmB\r\nContent-Length: " +
+                        std::to_string(head.size() + payload.size() + tail.size()) + "\r\n";
+  if (!basic.empty()) headers += "Authorization: Basic " + basic + "\r\n";
+  RawClient client(port);
+  if (client.send(headers + "\r\n" + head) && client.send(payload)) client.send(tail);
+  RawPost answer;
+  answer.text = client.read(60s);
+  answer.closed = client.closed();
+  return answer;
+}
+
 void HttpDoor::drain_and_destroy(gw_auth_cache_t* cache) {
   if (gw_auth_cache_wait_inflight_drain(cache, 6000) == 0) gw_auth_cache_destroy(cache);
 }

@@ -77,6 +77,19 @@ class RawClient {
   bool closed_ = false;
 };
 
+// What a server answered on a raw connection until it closed (or a minute passed).
+struct RawPost {
+  std::string text;  // status line, headers and body as they came
+  bool closed = false;
+  std::string body() const;
+};
+
+// A multipart scan ({"scan":1} and `payload`) to "scan" on 127.0.0.1:port/vsi, written
+// straight to the socket so that no copy of the payload is made, with Basic credentials
+// (Base64 of "user:password") unless `basic` is empty. A server that answers early and
+// closes ends the sending; its answer is kept.
+RawPost raw_multipart_post(int port, const std::string& basic, const std::string& payload);
+
 // ---- servers ----
 
 // A front door in this process with its own relay, credentials file (local_users) and
