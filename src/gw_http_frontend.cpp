@@ -583,11 +583,15 @@ std::chrono::milliseconds s_header_timeout(const gw_config_t& cfg) {
 void s_await_headers(gw_http_frontend& fe, MHD_Connection* conn) {
   const MHD_ConnectionInfo* info = MHD_get_connection_info(conn, MHD_CONNECTION_INFO_CONNECTION_FD);
   if (info == nullptr) return;
+  bool watcher_idle = false;
   {
     std::lock_guard<std::mutex> guard(fe.headers_mu);
+    // Every deadline is now plus the same time-out, so a new one is never the earliest:
+    // only a watcher with nothing to wait for needs waking.
+    watcher_idle = fe.awaiting_headers.empty();
     fe.awaiting_headers[conn] = {std::chrono::steady_clock::now() + s_header_timeout(*fe.cfg), info->connect_fd};
   }
-  fe.headers_cv.notify_one();
+  if (watcher_idle) fe.headers_cv.notify_one();
 }
 
 void s_headers_done(gw_http_frontend& fe, MHD_Connection* conn) {
