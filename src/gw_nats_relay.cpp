@@ -391,8 +391,8 @@ class s_chunk_reader {
 
 // A payload staged while it arrives: the open chunk fills in memory, full chunks go out
 // asynchronously with at most `window` awaiting their acknowledgement, and the manifest
-// only at finish(). Whatever was published is deleted when the object goes, unless
-// forget() said the request's end took care of it.
+// only at finish(). Whatever was published is deleted by remove(), at the latest when the
+// object goes.
 struct gw_relay_upload {
   gw_relay_upload(gw_nats_relay& r, std::string k, size_t window)
       : relay(r), key(std::move(k)), pipeline(r.conn.get(), static_cast<int64_t>(std::max<size_t>(window, 1))) {
@@ -455,8 +455,9 @@ struct gw_relay_upload {
   bool failed = false;
 
  private:
-  // The first chunk goes out synchronously: a server that refuses per-message TTLs says
-  // so there, and the chunk is sent again without one while it is still at hand.
+  // The first chunk goes out synchronously: a stream that refuses per-message TTLs says
+  // so there (a JetStream error, not a lost connection), and the chunk is sent again
+  // without one while it is still at hand.
   bool publish_open_chunk() {
     const std::string subject = s_kv_subject(relay.kv.get(), s_chunk_key(key, chunks));
     natsStatus s = chunks == 0 ? publish_first(subject)
@@ -474,25 +475,25 @@ struct gw_relay_upload {
   }
 
   natsStatus publish_first(const std::string& subject) {
-    natsStatus s = s_publish_sync(subject);
-    if (s != NATS_OK && !ttl.empty()) {
+    jsErrCode jerr = static_cast<jsErrCode>(0);
+    natsStatus s = publish_sync(subject, &jerr);
+    if (s != NATS_OK && jerr != 0 && !ttl.empty()) {
       log_warn("nats_relay: per-message TTL write for key=%s failed; falling back to bucket TTL. Ensure the KV stream "
                "has AllowMsgTTL.",
                key.c_str());
       s_gw_msg_ttl_unsupported.store(true);
       ttl.clear();
-      s = s_publish_sync(subject);
+      s = publish_sync(subject, &jerr);
     }
     return s;
   }
 
-  natsStatus s_publish_sync(const std::string& subject) {
+  natsStatus publish_sync(const std::string& subject, jsErrCode* jerr) {
     qm::nats_msg_ptr msg = s_pipeline::s_new_msg(subject, open_chunk.data(), open_chunk.size(),
                                                  ttl.empty() ? nullptr : kTtlHeader, ttl);
     if (!msg || !pipeline.js()) return NATS_NO_MEMORY;
     jsPubAck* raw_ack = nullptr;
-    jsErrCode jerr = static_cast<jsErrCode>(0);
-    const natsStatus s = js_PublishMsg(&raw_ack, pipeline.js(), msg.get(), nullptr, &jerr);
+    const natsStatus s = js_PublishMsg(&raw_ack, pipeline.js(), msg.get(), nullptr, jerr);
     qm::js_pub_ack_ptr ack(raw_ack);
     return s;
   }
