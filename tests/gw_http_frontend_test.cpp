@@ -315,9 +315,9 @@ TEST_F(HttpDoorTest, SilenceAndSlowHeadersCloseAConnectionLongScansAreNotCut) {
   ASSERT_EQ(status_of(kLocal, kLocalPassword), 200);
   const int threads = thread_count();
   RawClient silent(door_->port());
+  const auto started = std::chrono::steady_clock::now();  // before the door can have taken `slow`
   RawClient slow(door_->port());
   const std::string head = "POST /vsi HTTP/1.1\r\nX-Pad: " + std::string(200, 'p');
-  const auto started = std::chrono::steady_clock::now();
   for (size_t i = 0; i < head.size() && !slow.closed() && slow.send(head.substr(i, 1)); ++i) {
     EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);  // everyone else is served meanwhile
     slow.read(500ms);  // the client's pace: a byte every half second, unless the door closes first
