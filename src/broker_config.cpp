@@ -81,6 +81,9 @@ enum option_id : int {
   OPT_AUTH_NEGATIVE_CACHE_TTL,
   OPT_AUTH_CACHE_REFRESH_THRESHOLD,
   OPT_MAX_MSG_SIZE_MB,
+  OPT_MAX_INFLIGHT_MB,
+  OPT_HTTP_MAX_CONNECTIONS,
+  OPT_HTTP_MAX_CONNECTIONS_PER_IP,
   OPT_GW_SERVICES,
   OPT_AMQP_RELAY_WORKERS,
   OPT_RELAY_TIMEOUT_MS,
@@ -173,6 +176,9 @@ const option kLongOptions[] = {
     {"auth-negative-cache-ttl-seconds", required_argument, nullptr, OPT_AUTH_NEGATIVE_CACHE_TTL},
     {"auth-cache-refresh-threshold-percent", required_argument, nullptr, OPT_AUTH_CACHE_REFRESH_THRESHOLD},
     {"max-msg-size-mb", required_argument, nullptr, OPT_MAX_MSG_SIZE_MB},
+    {"max-inflight-mb", required_argument, nullptr, OPT_MAX_INFLIGHT_MB},
+    {"http-max-connections", required_argument, nullptr, OPT_HTTP_MAX_CONNECTIONS},
+    {"http-max-connections-per-ip", required_argument, nullptr, OPT_HTTP_MAX_CONNECTIONS_PER_IP},
     {"gw-services", required_argument, nullptr, OPT_GW_SERVICES},
     {"amqp-relay-workers", required_argument, nullptr, OPT_AMQP_RELAY_WORKERS},
     {"relay-timeout-ms", required_argument, nullptr, OPT_RELAY_TIMEOUT_MS},
@@ -365,6 +371,9 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_AUTH_NEGATIVE_CACHE_TTL: gw.auth_negative_cache_ttl_seconds = s_to_int(arg); break;
     case OPT_AUTH_CACHE_REFRESH_THRESHOLD: gw.auth_cache_refresh_threshold_pct = clamp_int(s_to_int(arg), 0, 100); break;
     case OPT_MAX_MSG_SIZE_MB: gw.max_msg_size_bytes = s_megabytes_to_bytes(s_to_long(arg)); break;
+    case OPT_MAX_INFLIGHT_MB: gw.max_inflight_bytes = s_megabytes_to_bytes(std::max(1L, s_to_long(arg))); break;
+    case OPT_HTTP_MAX_CONNECTIONS: gw.http_max_connections = std::max(1, s_to_int(arg)); break;
+    case OPT_HTTP_MAX_CONNECTIONS_PER_IP: gw.http_max_connections_per_ip = std::max(1, s_to_int(arg)); break;
     case OPT_GW_SERVICES: set_str(gw.services, arg); break;
     case OPT_AMQP_RELAY_WORKERS: gw.amqp_relay_workers = std::max(1, s_to_int(arg)); break;
     case OPT_RELAY_TIMEOUT_MS: gw.relay_timeout_ms = s_to_int(arg); break;
@@ -490,6 +499,8 @@ HTTPS REST frontend (default: disabled):
   --http-tls-cert <pem>                server certificate
   --http-tls-key <pem>                 its private key
   --http-servlet-path <path>           request path (default /vsi)
+  --http-max-connections <N>           connections held at once (default 1024)
+  --http-max-connections-per-ip <N>    connections held at once from one address (default 64)
 
 Auth result cache (HTTP frontend only):
   --auth-cache-ttl-seconds <N>         lifetime of a cached grant (default 120)
@@ -503,6 +514,8 @@ Auth result cache (HTTP frontend only):
 Limits:
   --max-msg-size-mb <N>                largest accepted scan message, and largest reply
                                        payload read back, 0 = no cap (default 256)
+  --max-inflight-mb <N>                payload bytes both front doors hold in memory at
+                                       once; an HTTP request beyond it gets 503 (default 1024)
   --gw-services <csv>                  the services the front doors relay to (default: any
                                        well-formed service subject)
   --relay-timeout-ms <N>               minimum wait for a worker reply, and the wait for

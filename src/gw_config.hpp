@@ -6,6 +6,7 @@
 #include "qm_cpp.hpp"
 
 struct auth_lock;
+struct gw_inflight_budget;
 
 struct gw_config {
   qm::opt_string nats_url;        // copied by broker_config_finalize
@@ -32,6 +33,13 @@ struct gw_config {
   qm::opt_string http_servlet_path{"/vsi"};
   // A connection silent this long is closed; below 1 becomes 60.
   int http_inactivity_timeout_seconds = 60;
+  // A connection whose request headers are not complete this long after it was accepted
+  // is closed, however steadily it trickles them; below 1 becomes 10000.
+  int http_header_timeout_ms = 10000;
+  // Connections the REST door holds at once, and from one client address; more are
+  // closed as they are accepted. Below 1 becomes the default.
+  int http_max_connections = 1024;
+  int http_max_connections_per_ip = 64;
 
   qm::opt_string credential_file;
   int auth_cache_ttl_seconds = 120;
@@ -42,6 +50,11 @@ struct gw_config {
   auth_lock* password_lock = nullptr;
 
   size_t max_msg_size_bytes = 268435456;  // 256 MiB; 0 disables the cap
+  // --max-inflight-mb: payload bytes both doors may hold in memory at once.
+  size_t max_inflight_bytes = 1073741824;
+  // The budget main makes from max_inflight_bytes and hands to both doors (borrowed: it
+  // outlives them; NULL: the doors hold what their requests need without a shared bound).
+  gw_inflight_budget* inflight_budget = nullptr;
   int amqp_relay_workers = 4;
   int relay_timeout_ms = 30000;
   int relay_max_timeout_ms = 300000;

@@ -8,13 +8,17 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -26,6 +30,7 @@
 #include "auth_lock.hpp"
 #include "auth_profile.hpp"
 #include "broker_metrics.hpp"
+#include "gw_inflight_budget.hpp"
 #include "gw_subject_policy.hpp"
 #include "gw_verify_reply.hpp"
 #include "log.hpp"
@@ -40,10 +45,34 @@ constexpr unsigned long kVerifyTimeoutMs = 5000;
 constexpr size_t kPostProcessorBufferBytes = 16384;
 constexpr size_t kRequestJsonCapBytes = 1048576;
 constexpr size_t kFirstBufferBytes = 4096;
+// Chunks of one upload awaiting the bucket's acknowledgement; with the chunk filling in
+// memory, what an upload holds of its payload at most.
+constexpr size_t kUploadWindowChunks = 4;
+constexpr size_t kChunkBytes = 524288;
+// A worker's verdict is small (a NATS message at most); this much is reserved for it.
+constexpr size_t kReplyReserveBytes = 65536;
+// Room for the multipart framing around the fields in a Content-Length check.
+constexpr size_t kMultipartSlackBytes = 65536;
+// A request that does not fit the in-flight budget waits this long for room, then 503.
+constexpr int kBudgetWaitMs = 1000;
+constexpr const char* kRetryAfterSeconds = "1";
+// The post processor needs two boundary lines in its buffer and a boundary of 2 or more.
+constexpr size_t kMinBoundaryLength = 2;
 // A connection silent this long is closed when the configuration names no time-out;
 // without one an idle client would hold its thread for ever.
 constexpr int kInactivityTimeoutS = 60;
 constexpr size_t kLoggerLineBytes = 512;
+// Request headers not complete this long after the connection (or its previous request)
+// began close it, when the configuration names no deadline.
+constexpr int kHeaderTimeoutMs = 10000;
+constexpr unsigned kDefaultMaxConnections = 1024;
+constexpr unsigned kDefaultMaxConnectionsPerIp = 64;
+
+// A connection whose request headers are not complete yet.
+struct header_wait {
+  std::chrono::steady_clock::time_point deadline;
+  int fd = -1;
+};
 
 // One background refresh: its thread, joined by whoever finds it done or by a stop.
 struct refresh_run {
@@ -79,6 +108,15 @@ struct gw_http_frontend {
   bool refreshes_stopping = false;
   // Scan requests begun and not yet completed; read by an update's drain.
   std::atomic<size_t> inflight{0};
+  // Connections still sending their request headers, and the thread that closes those
+  // past their deadline: the daemon's own time-out only counts silence, so a client
+  // trickling a byte now and then would otherwise hold its connection for ever. An entry
+  // goes, under headers_mu, before the daemon closes its socket.
+  std::mutex headers_mu;
+  std::condition_variable headers_cv;
+  std::map<MHD_Connection*, header_wait> awaiting_headers;
+  bool headers_watch_stopping = false;
+  std::thread headers_watch;
 };
 
 namespace {
@@ -92,13 +130,37 @@ struct field_buffer {
   size_t cap = 0;  // bytes allocated
 };
 
+using upload_ptr = qm::c_ptr<gw_relay_upload, gw_relay_upload_destroy>;
+
+// Which field the post processor's last call was for: a value that starts again after
+// another field, or after bytes of its own, is a second part of that name.
+enum class s_field { none, request, payload, other };
+
+// One admitted request: the caller and target were checked from the headers, the body
+// streams in. The payload goes to the bucket as it arrives; only the request field is
+// kept here.
 struct req_ctx_t {
+  gw_http_frontend* fe = nullptr;
   qm::mhd_post_processor_ptr pp;
   field_buffer request_json;
-  field_buffer payload;
-  size_t payload_cap_bytes = 0;  // 0: uncapped
+  upload_ptr upload;                 // made at the payload's first byte
+  size_t payload_len = 0;            // payload bytes seen, staged or not
+  size_t payload_cap_bytes = 0;      // 0: uncapped
+  std::string user;
+  std::string target;                // X-Target-Service as sent
+  std::string subject;               // what the policy made of it
+  qm::inflight_bytes held;           // this request's share of the in-flight budget
+  s_field last_field = s_field::none;
+  uint64_t last_field_end = 0;       // offset after the last call's bytes
   bool overflow = false;
   bool bad_field = false;
+  bool duplicate_request = false;
+  bool duplicate_payload = false;
+  bool staging_failed = false;
+  bool seen_request = false;
+  bool seen_payload = false;
+
+  bool refused() const { return overflow || bad_field || duplicate_request || duplicate_payload || staging_failed; }
 };
 
 // Appends n bytes unless the total would pass max (0: no cap). The buffer doubles from
@@ -123,20 +185,62 @@ bool buf_append(field_buffer& buf, const char* data, size_t n, size_t max) {
   return true;
 }
 
-MHD_Result on_post_field(void* cls, MHD_ValueKind, const char* key, const char*, const char*, const char*,
-                         const char* data, uint64_t, size_t size) noexcept {
-  auto* ctx = static_cast<req_ctx_t*>(cls);
-  if (key == nullptr || *key == '\0') {
-    ctx->bad_field = true;
-  } else if (strcmp(key, "request") == 0) {
-    if (!buf_append(ctx->request_json, data, size, kRequestJsonCapBytes)) ctx->overflow = true;
-  } else if (strcmp(key, "payload") == 0) {
-    if (!buf_append(ctx->payload, data, size, ctx->payload_cap_bytes)) ctx->overflow = true;
-  } else {
-    // Once per request: a body of thousands of stray parts must not flood the log.
-    if (!ctx->bad_field) log_debug("http_frontend: ignoring unexpected multipart field '%s'", log_safe(key).c_str());
-    ctx->bad_field = true;
+// True when this call starts a second part of `field`.
+bool s_starts_another_part(req_ctx_t& ctx, s_field field, bool seen, uint64_t off, size_t size) {
+  const bool again = seen && off == 0 && (ctx.last_field != field || ctx.last_field_end > 0);
+  ctx.last_field = field;
+  ctx.last_field_end = off + size;
+  return again;
+}
+
+// Nothing more is staged once the request is bound to be refused: what is in the bucket
+// goes at once.
+void s_drop_upload(req_ctx_t& ctx) { ctx.upload.reset(); }
+
+void s_take_payload(req_ctx_t& ctx, const char* data, size_t size) {
+  if (ctx.payload_cap_bytes != 0 && (size > ctx.payload_cap_bytes || ctx.payload_len > ctx.payload_cap_bytes - size)) {
+    ctx.overflow = true;
+    return s_drop_upload(ctx);
   }
+  ctx.payload_len += size;
+  if (size == 0 || ctx.refused()) return;
+  if (!ctx.upload) {
+    ctx.upload.reset(gw_nats_relay_upload_begin(ctx.fe->relay, ctx.user.c_str(), kUploadWindowChunks));
+    if (!ctx.upload) {
+      ctx.staging_failed = true;
+      return;
+    }
+  }
+  if (gw_relay_upload_write(ctx.upload.get(), data, size) != 0) {
+    ctx.staging_failed = true;
+    s_drop_upload(ctx);
+  }
+}
+
+MHD_Result on_post_field(void* cls, MHD_ValueKind, const char* key, const char*, const char*, const char*,
+                         const char* data, uint64_t off, size_t size) noexcept {
+  auto* ctx = static_cast<req_ctx_t*>(cls);
+  try {
+    if (key == nullptr || *key == '\0') {
+      ctx->bad_field = true;
+    } else if (strcmp(key, "request") == 0) {
+      if (s_starts_another_part(*ctx, s_field::request, ctx->seen_request, off, size)) ctx->duplicate_request = true;
+      ctx->seen_request = true;
+      if (!buf_append(ctx->request_json, data, size, kRequestJsonCapBytes)) ctx->overflow = true;
+    } else if (strcmp(key, "payload") == 0) {
+      if (s_starts_another_part(*ctx, s_field::payload, ctx->seen_payload, off, size)) ctx->duplicate_payload = true;
+      ctx->seen_payload = true;
+      s_take_payload(*ctx, data, size);
+    } else {
+      ctx->last_field = s_field::other;
+      // Once per request: a body of thousands of stray parts must not flood the log.
+      if (!ctx->bad_field) log_debug("http_frontend: ignoring unexpected multipart field '%s'", log_safe(key).c_str());
+      ctx->bad_field = true;
+    }
+  } catch (...) {
+    ctx->staging_failed = true;  // out of memory: answered as a failed relay
+  }
+  if (ctx->refused()) s_drop_upload(*ctx);
   // Always on to the end of the body: the verdict is given at the final call.
   return MHD_YES;
 }
@@ -478,12 +582,216 @@ admitted_profile authenticate(gw_http_frontend& fe, const char* user, const char
   return s_verify_live(fe, user, password);
 }
 
+// ---- the header deadline ----
+
+std::chrono::milliseconds s_header_timeout(const gw_config_t& cfg) {
+  return std::chrono::milliseconds(cfg.http_header_timeout_ms > 0 ? cfg.http_header_timeout_ms : kHeaderTimeoutMs);
+}
+
+// From now on the connection's next request headers must be complete within the deadline.
+void s_await_headers(gw_http_frontend& fe, MHD_Connection* conn) {
+  const MHD_ConnectionInfo* info = MHD_get_connection_info(conn, MHD_CONNECTION_INFO_CONNECTION_FD);
+  if (info == nullptr) return;
+  bool watcher_idle = false;
+  {
+    std::lock_guard<std::mutex> guard(fe.headers_mu);
+    // Every deadline is now plus the same time-out, so a new one is never the earliest:
+    // only a watcher with nothing to wait for needs waking.
+    watcher_idle = fe.awaiting_headers.empty();
+    fe.awaiting_headers[conn] = {std::chrono::steady_clock::now() + s_header_timeout(*fe.cfg), info->connect_fd};
+  }
+  if (watcher_idle) fe.headers_cv.notify_one();
+}
+
+void s_headers_done(gw_http_frontend& fe, MHD_Connection* conn) {
+  std::lock_guard<std::mutex> guard(fe.headers_mu);
+  fe.awaiting_headers.erase(conn);
+}
+
+void on_connection(void* cls, MHD_Connection* conn, void**, MHD_ConnectionNotificationCode code) noexcept {
+  auto& fe = *static_cast<gw_http_frontend*>(cls);
+  try {
+    if (code == MHD_CONNECTION_NOTIFY_STARTED)
+      s_await_headers(fe, conn);
+    else
+      s_headers_done(fe, conn);
+  } catch (...) {
+    // out of memory: this connection goes without a header deadline
+  }
+}
+
+// Shuts the socket of every connection past its header deadline (the daemon then closes
+// it, and notifies its end); sleeps until the next deadline.
+void s_watch_headers(gw_http_frontend& fe) {
+  std::unique_lock<std::mutex> lock(fe.headers_mu);
+  while (!fe.headers_watch_stopping) {
+    const auto now = std::chrono::steady_clock::now();
+    auto next = now + std::chrono::hours(1);
+    for (auto it = fe.awaiting_headers.begin(); it != fe.awaiting_headers.end();) {
+      if (it->second.deadline <= now) {
+        log_info("http_frontend: closing a connection whose request headers were not complete within %lld ms",
+                 static_cast<long long>(s_header_timeout(*fe.cfg).count()));
+        shutdown(it->second.fd, SHUT_RDWR);
+        it = fe.awaiting_headers.erase(it);
+      } else {
+        next = std::min(next, it->second.deadline);
+        ++it;
+      }
+    }
+    fe.headers_cv.wait_until(lock, next);
+  }
+}
+
+void s_start_header_watch(gw_http_frontend& fe) {
+  std::lock_guard<std::mutex> guard(fe.headers_mu);
+  fe.headers_watch_stopping = false;
+  fe.headers_watch = std::thread(s_watch_headers, std::ref(fe));
+}
+
+void s_stop_header_watch(gw_http_frontend& fe) {
+  {
+    std::lock_guard<std::mutex> guard(fe.headers_mu);
+    fe.headers_watch_stopping = true;
+    fe.awaiting_headers.clear();
+  }
+  fe.headers_cv.notify_one();
+  if (fe.headers_watch.joinable()) fe.headers_watch.join();
+}
+
 // ---- request handling ----
 
 const char* s_servlet_path(const gw_http_frontend& fe) { return s_or(fe.cfg->http_servlet_path, ""); }
 
-// First call: method, path and content type; a context with a post processor when the
-// body is a form.
+unsigned s_refusal_status(gw_target_verdict_t verdict) {
+  switch (verdict) {
+    case GW_TARGET_NOT_OFFERED: return MHD_HTTP_NOT_FOUND;
+    case GW_TARGET_FORBIDDEN: return MHD_HTTP_FORBIDDEN;
+    default: return MHD_HTTP_BAD_REQUEST;
+  }
+}
+
+const char* s_header(MHD_Connection* conn, const char* name) {
+  return MHD_lookup_connection_value(conn, MHD_HEADER_KIND, name);
+}
+
+MHD_Result s_queue_busy(MHD_Connection* conn) {
+  broker_metrics_count_http_status(MHD_HTTP_SERVICE_UNAVAILABLE);
+  static const char kText[] = "busy, retry later\n";
+  qm::mhd_response_ptr response(
+      MHD_create_response_from_buffer(sizeof kText - 1, const_cast<char*>(kText), MHD_RESPMEM_PERSISTENT));
+  if (!response || MHD_add_response_header(response.get(), MHD_HTTP_HEADER_RETRY_AFTER, kRetryAfterSeconds) != MHD_YES)
+    return MHD_NO;
+  return MHD_queue_response(conn, MHD_HTTP_SERVICE_UNAVAILABLE, response.get());
+}
+
+// The boundary parameter's length (quotes excluded); 0 when there is none.
+size_t s_boundary_length(const char* content_type) {
+  const char* at = strcasestr(content_type, "boundary=");
+  if (at == nullptr) return 0;
+  at += strlen("boundary=");
+  if (*at == '"') {
+    const char* end = strchr(at + 1, '"');
+    return end != nullptr ? static_cast<size_t>(end - at - 1) : 0;
+  }
+  return strcspn(at, "; \t");
+}
+
+// The request's Content-Length, when it sent one that reads as a number.
+std::optional<uint64_t> s_content_length(MHD_Connection* conn) {
+  const char* text = s_header(conn, MHD_HTTP_HEADER_CONTENT_LENGTH);
+  if (text == nullptr || *text < '0' || *text > '9') return std::nullopt;
+  errno = 0;
+  char* end = nullptr;
+  const unsigned long long value = strtoull(text, &end, 10);
+  if (errno != 0 || *end != '\0') return UINT64_MAX;
+  return value;
+}
+
+// The most a form within the caps can take; 0: no cap.
+uint64_t s_largest_body(const gw_http_frontend& fe) {
+  const size_t cap = fe.cfg->max_msg_size_bytes;
+  if (cap == 0 || cap > SIZE_MAX - kRequestJsonCapBytes - kMultipartSlackBytes) return 0;
+  return cap + kRequestJsonCapBytes + kMultipartSlackBytes;
+}
+
+// What one request holds in memory at most: its window of chunks and the open one, the
+// request field, the post processor's buffer and the reply; less when the body is smaller.
+uint64_t s_bytes_to_hold(const std::optional<uint64_t>& body_len) {
+  const uint64_t body_hold = (kUploadWindowChunks + 1) * kChunkBytes + kRequestJsonCapBytes;
+  const uint64_t body = body_len ? std::min<uint64_t>(*body_len, body_hold) : body_hold;
+  return body + kPostProcessorBufferBytes + kReplyReserveBytes;
+}
+
+// Who may send a body, decided from the headers alone so that nobody can make the door
+// read (let alone hold) a body it would refuse: the caller's credentials, then the target.
+// On a refusal the response is queued and the connection closes without the body.
+MHD_Result s_admit_caller(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, bool* admitted) {
+  *admitted = false;
+  const int64_t auth_started = broker_metrics_now();
+  if (s_basic_credentials_hold_nul(conn)) {
+    log_warn("http_frontend: refusing Basic credentials that hold a NUL byte");
+    broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
+    return queue_auth_required(conn);
+  }
+  char* raw_password = nullptr;
+  const qm::mhd_string_ptr user(MHD_basic_auth_get_username_password(conn, &raw_password));
+  const qm::mhd_secret_ptr password(raw_password);
+  if (!user || !password) {
+    log_debug("http_frontend: no Basic credentials presented");
+    broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
+    return queue_auth_required(conn);
+  }
+  const admitted_profile profile = authenticate(fe, user.get(), password.get());
+  broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, broker_metrics_verdict_of(profile.has_value()), auth_started);
+  if (!profile) return queue_auth_required(conn);
+  const char* target = s_header(conn, "X-Target-Service");
+  if (target == nullptr || *target == '\0') {
+    log_warn("http_frontend: user=%s authenticated but missing X-Target-Service", log_safe(user.get()).c_str());
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing X-Target-Service\n");
+  }
+  const gw_target verdict = gw_subject_policy_admit(target, qm::cstr(fe.cfg->services), *profile, user.get());
+  if (verdict.verdict != GW_TARGET_OK) {
+    const char* why = gw_target_verdict_text(verdict.verdict);
+    log_warn("http_frontend: refusing target '%s' of user=%s: %s", log_safe(target).c_str(),
+             log_safe(user.get()).c_str(), why);
+    return queue_simple(conn, s_refusal_status(verdict.verdict), (std::string(why) + "\n").c_str());
+  }
+  ctx.user = user.get();
+  ctx.target = target;
+  ctx.subject = verdict.subject;
+  if (ctx.subject != ctx.target)
+    log_trace("http_frontend: subject rewrite '%s' -> '%s'", log_safe(target).c_str(), log_safe(ctx.subject).c_str());
+  *admitted = true;
+  return MHD_YES;
+}
+
+// The body's size and the budget, once the caller is known: a Content-Length beyond the
+// caps is refused before a byte is read, and a request that finds no room in time gets 503.
+MHD_Result s_admit_body(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, bool* admitted) {
+  *admitted = false;
+  const std::optional<uint64_t> body_len = s_content_length(conn);
+  const uint64_t largest = s_largest_body(fe);
+  if (body_len && largest != 0 && *body_len > largest) {
+    log_warn("http_frontend: rejecting oversized multipart (Content-Length %llu) of user=%s",
+             static_cast<unsigned long long>(*body_len), log_safe(ctx.user).c_str());
+    return queue_simple(conn, MHD_HTTP_CONTENT_TOO_LARGE, "payload too large\n");
+  }
+  gw_inflight_budget* budget = fe.cfg->inflight_budget;
+  const uint64_t hold = s_bytes_to_hold(body_len);
+  if (budget != nullptr) {
+    if (gw_inflight_budget_acquire(budget, hold, kBudgetWaitMs) != 0) {
+      gw_inflight_budget_note_refusal(budget, BROKER_METRICS_DOOR_HTTP, hold);
+      return s_queue_busy(conn);
+    }
+    ctx.held = qm::inflight_bytes(budget, hold);
+  }
+  *admitted = true;
+  return MHD_YES;
+}
+
+// First call, headers complete: method, path and content type, then the caller and
+// target, then the body's size and the budget. Only an admitted request gets a context
+// and a post processor; everything else is answered without reading the body.
 MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const char* url, const char* method,
                            void** con_cls) {
   if (strcmp(method, MHD_HTTP_METHOD_POST) != 0) {
@@ -494,19 +802,42 @@ MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const cha
     log_debug("http_frontend: path %s not found (expected %s)", log_safe(url).c_str(), s_servlet_path(fe));
     return queue_simple(conn, MHD_HTTP_NOT_FOUND, "not found\n");
   }
-  auto owned = std::make_unique<req_ctx_t>();
-  req_ctx_t* ctx = owned.get();
-  ctx->payload_cap_bytes = fe.cfg->max_msg_size_bytes;
-  *con_cls = owned.release();  // on_request_completed frees it, also after a 415
-  ++fe.inflight;
-  ctx->pp.reset(MHD_create_post_processor(conn, kPostProcessorBufferBytes, on_post_field, ctx));
-  if (!ctx->pp) {
-    const char* content_type = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
+  const char* content_type = s_header(conn, MHD_HTTP_HEADER_CONTENT_TYPE);
+  if (content_type == nullptr || strncasecmp(content_type, MHD_HTTP_POST_ENCODING_MULTIPART_FORMDATA,
+                                             strlen(MHD_HTTP_POST_ENCODING_MULTIPART_FORMDATA)) != 0) {
     log_debug("http_frontend: rejecting non-multipart request (content-type=%s)",
-              content_type != nullptr ? content_type : "(absent)");
+              content_type != nullptr ? log_safe(content_type).c_str() : "(absent)");
     return queue_simple(conn, MHD_HTTP_UNSUPPORTED_MEDIA_TYPE, "expected multipart/form-data\n");
   }
-  log_trace("http_frontend: %s %s (new multipart request)", log_safe(method).c_str(), log_safe(url).c_str());
+  // A body framed in a way the daemon does not take apart would be read until the client
+  // gives up; say so instead.
+  const char* transfer_encoding = s_header(conn, MHD_HTTP_HEADER_TRANSFER_ENCODING);
+  if (transfer_encoding != nullptr && strcasecmp(transfer_encoding, "chunked") != 0) {
+    log_debug("http_frontend: rejecting Transfer-Encoding '%s'", log_safe(transfer_encoding).c_str());
+    return queue_simple(conn, MHD_HTTP_NOT_IMPLEMENTED, "Transfer-Encoding not supported\n");
+  }
+  auto ctx = std::make_unique<req_ctx_t>();
+  ctx->fe = &fe;
+  ctx->payload_cap_bytes = fe.cfg->max_msg_size_bytes;
+  bool admitted = false;
+  MHD_Result result = s_admit_caller(fe, conn, *ctx, &admitted);
+  if (!admitted) return result;
+  if (s_boundary_length(content_type) < kMinBoundaryLength) {
+    log_debug("http_frontend: rejecting multipart without a usable boundary (content-type=%s)",
+              log_safe(content_type).c_str());
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "multipart boundary missing or shorter than 2 characters\n");
+  }
+  result = s_admit_body(fe, conn, *ctx, &admitted);
+  if (!admitted) return result;
+  ctx->pp.reset(MHD_create_post_processor(conn, kPostProcessorBufferBytes, on_post_field, ctx.get()));
+  if (!ctx->pp) {
+    log_debug("http_frontend: no multipart parser for content-type=%s", log_safe(content_type).c_str());
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "malformed multipart body\n");
+  }
+  log_trace("http_frontend: %s %s (new multipart request of user=%s)", log_safe(method).c_str(),
+            log_safe(url).c_str(), log_safe(ctx->user).c_str());
+  *con_cls = ctx.release();  // on_request_completed frees it
+  ++fe.inflight;
   return MHD_YES;
 }
 
@@ -523,44 +854,29 @@ MHD_Result s_queue_reply(MHD_Connection* conn, const char* target, qm::malloc_pt
   return MHD_queue_response(conn, MHD_HTTP_OK, response.get());
 }
 
-unsigned s_refusal_status(gw_target_verdict_t verdict) {
-  switch (verdict) {
-    case GW_TARGET_NOT_OFFERED: return MHD_HTTP_NOT_FOUND;
-    case GW_TARGET_FORBIDDEN: return MHD_HTTP_FORBIDDEN;
-    default: return MHD_HTTP_BAD_REQUEST;
-  }
+// A whole text that is one JSON object.
+bool s_is_json_object(const char* text, size_t len) {
+  qm::json_tokener_ptr tok(json_tokener_new());
+  if (!tok || len > INT_MAX) return false;
+  qm::json_ptr doc(json_tokener_parse_ex(tok.get(), text, static_cast<int>(len)));
+  if (!doc || json_tokener_get_error(tok.get()) != json_tokener_success) return false;
+  for (size_t at = json_tokener_get_parse_end(tok.get()); at < len; ++at)
+    if (strchr(" \t\r\n", text[at]) == nullptr) return false;
+  return json_object_is_type(doc.get(), json_type_object);
 }
 
-// Authenticated caller, complete body: relay to the service the header names, if the
-// caller may reach it there.
-MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, const char* user,
-                   const auth_profile_t* profile, qm::mhd_secret_ptr& password) {
-  const char* target = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "X-Target-Service");
-  if (target == nullptr || *target == '\0') {
-    log_warn("http_frontend: user=%s authenticated but missing X-Target-Service", log_safe(user).c_str());
-    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing X-Target-Service\n");
-  }
-  const gw_target admitted = gw_subject_policy_admit(target, qm::cstr(fe.cfg->services), profile, user);
-  if (admitted.verdict != GW_TARGET_OK) {
-    const char* why = gw_target_verdict_text(admitted.verdict);
-    log_warn("http_frontend: refusing target '%s' of user=%s: %s", log_safe(target).c_str(), log_safe(user).c_str(),
-             why);
-    return queue_simple(conn, s_refusal_status(admitted.verdict), (std::string(why) + "\n").c_str());
-  }
-  const char* subject = admitted.subject.c_str();
-  if (admitted.subject != target)
-    log_trace("http_frontend: subject rewrite '%s' -> '%s'", log_safe(target).c_str(), log_safe(subject).c_str());
-  log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", log_safe(user).c_str(),
-            log_safe(target).c_str(), ctx.request_json.len, ctx.payload.len);
+// Complete body of an admitted caller: relay it to the subject admitted at the start.
+MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx) {
+  const char* target = ctx.target.c_str();
+  log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", log_safe(ctx.user).c_str(),
+            log_safe(target).c_str(), ctx.request_json.len, ctx.payload_len);
   char* reply_json = nullptr;
   char* reply_data = nullptr;
   size_t reply_data_len = 0;
-  const bool has_payload = ctx.payload.len > 0;
-  const int rc = gw_nats_relay_request_ex(fe.relay, user, subject, ctx.request_json.data.get(),
-                                          has_payload ? ctx.payload.data.get() : nullptr,
-                                          has_payload ? ctx.payload.len : 0, gw_nats_relay_default_timeout_ms(fe.relay),
-                                          &reply_json, &reply_data, &reply_data_len);
-  password.reset();
+  const int rc = gw_nats_relay_request_upload(fe.relay, ctx.subject.c_str(), ctx.request_json.data.get(),
+                                              ctx.upload.get(), gw_nats_relay_default_timeout_ms(fe.relay),
+                                              &reply_json, &reply_data, &reply_data_len);
+  ctx.upload.reset();
   qm::malloc_ptr<char> owned_json(reply_json);
   const qm::malloc_ptr<char> discarded(reply_data);  // a binary reply has no place in the response
   if (rc == 0 && owned_json) return s_queue_reply(conn, target, std::move(owned_json));
@@ -569,48 +885,54 @@ MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, c
   return queue_simple(conn, MHD_HTTP_BAD_GATEWAY, "upstream relay failed\n");
 }
 
-// Final call: the verdict on the whole body, then credentials, then the relay.
+// Final call: the verdict on the whole body, then the relay. Whatever was staged for a
+// refused body is deleted.
 MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx) {
   // Only ending the post processor tells a body cut off inside a part from a complete one.
   if (ctx.pp && MHD_destroy_post_processor(ctx.pp.release()) != MHD_YES) ctx.bad_field = true;
+  if (ctx.refused()) s_drop_upload(ctx);
   if (ctx.overflow) {
     log_warn("http_frontend: rejecting oversized multipart (request_json_len=%zu payload_len=%zu)",
-             ctx.request_json.len, ctx.payload.len);
+             ctx.request_json.len, ctx.payload_len);
     return queue_simple(conn, MHD_HTTP_CONTENT_TOO_LARGE, "payload too large\n");
   }
   if (ctx.bad_field) {
     log_warn("http_frontend: rejecting request with bad/unknown multipart field");
     return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "malformed multipart body\n");
   }
+  if (ctx.duplicate_request || ctx.duplicate_payload) {
+    const char* field = ctx.duplicate_request ? "request" : "payload";
+    log_warn("http_frontend: rejecting request with more than one '%s' field", field);
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST,
+                        ctx.duplicate_request ? "duplicate 'request' multipart field\n"
+                                              : "duplicate 'payload' multipart field\n");
+  }
   if (ctx.request_json.len == 0) {
+    s_drop_upload(ctx);
     log_warn("http_frontend: rejecting request with empty 'request' field");
     return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing 'request' multipart field\n");
   }
-  const int64_t auth_started = broker_metrics_now();
-  if (s_basic_credentials_hold_nul(conn)) {
-    log_warn("http_frontend: refusing Basic credentials that hold a NUL byte");
-    broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
-    return queue_auth_required(conn);
+  if (ctx.staging_failed) {
+    log_warn("http_frontend: relay failed target=%s: the payload could not be staged", log_safe(ctx.target).c_str());
+    return queue_simple(conn, MHD_HTTP_BAD_GATEWAY, "upstream relay failed\n");
   }
-  char* raw_password = nullptr;
-  const qm::mhd_string_ptr user(MHD_basic_auth_get_username_password(conn, &raw_password));
-  qm::mhd_secret_ptr password(raw_password);
-  if (!user || !password) {
-    log_debug("http_frontend: no Basic credentials presented");
-    broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
-    return queue_auth_required(conn);
+  // The payload's key is added to the request, which must be an object for that.
+  if (ctx.payload_len > 0 && !s_is_json_object(ctx.request_json.data.get(), ctx.request_json.len)) {
+    s_drop_upload(ctx);
+    log_warn("http_frontend: rejecting request whose 'request' field is not a JSON object");
+    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "'request' field is not a JSON object\n");
   }
-  const admitted_profile profile = authenticate(fe, user.get(), password.get());
-  broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, broker_metrics_verdict_of(profile.has_value()), auth_started);
-  if (!profile) return queue_auth_required(conn);
-  return s_relay(fe, conn, ctx, user.get(), *profile, password);
+  return s_relay(fe, conn, ctx);
 }
 
 MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const char* method, const char*,
                       const char* upload_data, size_t* upload_data_size, void** con_cls) noexcept {
   try {
     auto& fe = *static_cast<gw_http_frontend*>(cls);
-    if (*con_cls == nullptr) return s_begin_request(fe, conn, url, method, con_cls);
+    if (*con_cls == nullptr) {
+      s_headers_done(fe, conn);
+      return s_begin_request(fe, conn, url, method, con_cls);
+    }
     auto& ctx = *static_cast<req_ctx_t*>(*con_cls);
     if (*upload_data_size != 0) {
       if (ctx.pp && MHD_post_process(ctx.pp.get(), upload_data, *upload_data_size) != MHD_YES) ctx.bad_field = true;
@@ -623,11 +945,15 @@ MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const ch
   }
 }
 
-void on_request_completed(void* cls, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) noexcept {
+void on_request_completed(void* cls, MHD_Connection* conn, void** con_cls, MHD_RequestTerminationCode) noexcept {
+  auto& fe = *static_cast<gw_http_frontend*>(cls);
+  s_await_headers(fe, conn);  // a kept-alive connection's next request has its own deadline
   if (*con_cls == nullptr) return;
+  // A body cut off mid-way ends here too: the upload's destructor deletes what it staged.
   std::unique_ptr<req_ctx_t> ctx(static_cast<req_ctx_t*>(*con_cls));
   *con_cls = nullptr;
-  --static_cast<gw_http_frontend*>(cls)->inflight;
+  ctx.reset();
+  --fe.inflight;
 }
 
 void mhd_logger(void*, const char* fmt, va_list ap) noexcept {
@@ -675,20 +1001,30 @@ int s_inactivity_timeout_s(const gw_config_t& cfg) {
   return cfg.http_inactivity_timeout_seconds > 0 ? cfg.http_inactivity_timeout_seconds : kInactivityTimeoutS;
 }
 
+unsigned s_limit(int configured, unsigned fallback) {
+  return configured > 0 ? static_cast<unsigned>(configured) : fallback;
+}
+
 template <class Fn>
 intptr_t s_fn_value(Fn fn) {
   return reinterpret_cast<intptr_t>(fn);
 }
 
 MHD_Daemon* s_start_daemon(gw_http_frontend& fe, uint16_t port, bool tls) {
-  // MHD_USE_ITC: without it libmicrohttpd cannot quiesce a threaded daemon.
-  unsigned flags = MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC;
+  // MHD_USE_ITC: without it libmicrohttpd cannot quiesce a threaded daemon. poll(), not
+  // select(): a descriptor above FD_SETSIZE must not shut the door.
+  unsigned flags = MHD_USE_ERROR_LOG | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL_INTERNAL_THREAD | MHD_USE_ITC;
   // The logger first: libmicrohttpd warns about any option before it.
   std::vector<MHD_OptionItem> options = {
       {MHD_OPTION_EXTERNAL_LOGGER, s_fn_value(&mhd_logger), &fe},
       {MHD_OPTION_NOTIFY_COMPLETED, s_fn_value(&on_request_completed), &fe},
       {MHD_OPTION_LISTEN_BACKLOG_SIZE, static_cast<intptr_t>(static_cast<unsigned>(fe.cfg->listen_backlog)), nullptr},
       {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(s_inactivity_timeout_s(*fe.cfg)), nullptr},
+      {MHD_OPTION_NOTIFY_CONNECTION, s_fn_value(&on_connection), &fe},
+      {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(s_limit(fe.cfg->http_max_connections, kDefaultMaxConnections)),
+       nullptr},
+      {MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+       static_cast<intptr_t>(s_limit(fe.cfg->http_max_connections_per_ip, kDefaultMaxConnectionsPerIp)), nullptr},
   };
   if (tls) {
     flags |= MHD_USE_TLS;
@@ -755,9 +1091,16 @@ int gw_http_frontend_start(gw_http_frontend_t* fe) {
   const bool tls = has_cert;
   if (tls && !s_load_pems(*fe)) return -1;
   const unsigned port = static_cast<unsigned>(cfg.http_listen_port);
+  try {
+    s_start_header_watch(*fe);
+  } catch (const std::system_error& e) {
+    log_fatal("http_frontend: header deadline thread not started: %s", e.what());
+    return -1;
+  }
   if (cfg.http_listen_port >= 0 && cfg.http_listen_port <= UINT16_MAX)
     fe->daemon.reset(s_start_daemon(*fe, static_cast<uint16_t>(port), tls));
   if (!fe->daemon) {
+    s_stop_header_watch(*fe);
     log_fatal("http_frontend: MHD_start_daemon failed on port %u (tls=%s) — port in use? cert/key malformed?", port,
               tls ? "yes" : "no");
     fe->tls_cert_pem.reset();
@@ -800,6 +1143,7 @@ void gw_http_frontend_stop(gw_http_frontend_t* fe) {
   fe->listening.store(false);
   s_set_refreshes_stopping(*fe, true);  // a refresh that has not asked yet will not
   fe->daemon.reset();  // its connection threads, the only ones that start refreshes, are gone
+  s_stop_header_watch(*fe);
   s_join_refreshes(*fe);
   if (fe->quiesced_listen_fd >= 0) close(fe->quiesced_listen_fd);
   fe->quiesced_listen_fd = -1;

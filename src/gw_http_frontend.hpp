@@ -4,7 +4,10 @@
 // worker's JSON reply is the response body. Credentials go through the auth result
 // cache, the credentials file and "qm.auth.verify"; a stale cached grant is served at
 // once while a background thread of the frontend re-verifies it. The target must pass the subject policy
-// for the caller's profile before anything is relayed.
+// for the caller's profile before anything is relayed. Credentials, target, Content-Length
+// and the in-flight budget (cfg->inflight_budget) are decided from the headers, before a
+// byte of the body is read; an admitted payload streams into the scan-data bucket as it
+// arrives, so a request holds a few chunks of memory whatever its size.
 #pragma once
 
 #include "auth_profile.hpp"
@@ -27,7 +30,9 @@ gw_http_frontend_t* gw_http_frontend_create(const gw_config_t* cfg, gw_credentia
 
 // Starts listening on cfg->http_listen_port (every local address), with TLS when both
 // the certificate and the key file are configured; a connection silent for
-// cfg->http_inactivity_timeout_seconds is closed. 0 on success or when already
+// cfg->http_inactivity_timeout_seconds is closed, and so is one whose request headers take
+// longer than cfg->http_header_timeout_ms; connections beyond cfg->http_max_connections
+// (cfg->http_max_connections_per_ip from one address) are closed as they come. 0 on success or when already
 // started; -1 (logged at FATAL) when only one of the two files is set, a file cannot be
 // read, or the daemon does not start. A failed start leaves nothing running.
 int gw_http_frontend_start(gw_http_frontend_t* fe);

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -136,10 +137,10 @@ std::string s_manifest_text(size_t num_chunks, size_t data_len) {
 // so that a small payload never waits behind another request's large one.
 class s_pipeline {
  public:
-  explicit s_pipeline(natsConnection* nc) {
+  explicit s_pipeline(natsConnection* nc, int64_t max_pending = kChunksInFlight) {
     jsOptions opts;
     jsOptions_Init(&opts);
-    opts.PublishAsync.MaxPending = kChunksInFlight;
+    opts.PublishAsync.MaxPending = max_pending;
     opts.PublishAsync.StallWait = kChunkAckWaitMs;
     opts.PublishAsync.ErrHandler = s_on_error;
     opts.PublishAsync.ErrHandlerClosure = this;
@@ -384,6 +385,122 @@ class s_chunk_reader {
   std::vector<std::thread> threads_;
 };
 
+// ---- Streamed uploads -----------------------------------------------------------------
+
+}  // namespace
+
+// A payload staged while it arrives: the open chunk fills in memory, full chunks go out
+// asynchronously with at most `window` awaiting their acknowledgement, and the manifest
+// only at finish(). Whatever was published is deleted by remove(), at the latest when the
+// object goes.
+struct gw_relay_upload {
+  gw_relay_upload(gw_nats_relay& r, std::string k, size_t window)
+      : relay(r), key(std::move(k)), pipeline(r.conn.get(), static_cast<int64_t>(std::max<size_t>(window, 1))) {
+    const int64_t ttl_ms = gw_kv_ttl_ms_for(std::max(relay.relay_max_timeout_ms, relay.relay_timeout_ms));
+    if (!s_gw_msg_ttl_unsupported.load()) ttl = std::to_string(ttl_ms) + "ms";
+  }
+  ~gw_relay_upload() { remove(); }
+  gw_relay_upload(const gw_relay_upload&) = delete;
+  gw_relay_upload& operator=(const gw_relay_upload&) = delete;
+
+  int write(const char* data, size_t len) {
+    if (failed) return -1;
+    while (len > 0) {
+      if (open_chunk.capacity() < GW_KV_CHUNK_SIZE) open_chunk.reserve(GW_KV_CHUNK_SIZE);
+      const size_t take = std::min(len, GW_KV_CHUNK_SIZE - open_chunk.size());
+      open_chunk.append(data, take);
+      data += take;
+      len -= take;
+      size += take;
+      if (open_chunk.size() == GW_KV_CHUNK_SIZE && !publish_open_chunk()) return -1;
+    }
+    return 0;
+  }
+
+  // The last chunk, every acknowledgement, then the manifest.
+  bool finish() {
+    if (failed || (!open_chunk.empty() && !publish_open_chunk())) return false;
+    const std::string refused = pipeline.finish();
+    if (!refused.empty()) {
+      log_error("nats_relay: js_PublishAsyncComplete failed for key=%s: %s", key.c_str(), log_safe(refused).c_str());
+      return false;
+    }
+    const natsStatus s = s_put_manifest(pipeline.js(), relay.kv.get(), key, s_manifest_text(chunks, size), ttl);
+    if (s != NATS_OK) {
+      log_error("nats_relay: metadata publish (%s) failed: %s%s", key.c_str(), natsStatus_GetText(s),
+                s_last_error_suffix().c_str());
+      return false;
+    }
+    log_trace("nats_relay: kv put key=%s chunks=%d total_size=%zu (streamed)", key.c_str(), static_cast<int>(chunks),
+              size);
+    broker_metrics_count_staged_bytes(size);
+    return true;
+  }
+
+  void remove() {
+    if (chunks == 0 && !failed) return;
+    pipeline.finish();  // deletes go after every chunk
+    kvstore_delete_chunks(relay.conn.get(), relay.kv.get(), key.c_str(), chunks + (failed ? 1 : 0));
+    chunks = 0;
+    failed = false;
+  }
+
+  gw_nats_relay& relay;
+  const std::string key;
+  std::string ttl;  // the per-message TTL header's value; empty: the bucket's TTL
+  s_pipeline pipeline;
+  std::string open_chunk;
+  size_t chunks = 0;  // published so far
+  size_t size = 0;    // bytes written so far
+  bool failed = false;
+
+ private:
+  // The first chunk goes out synchronously: a stream that refuses per-message TTLs says
+  // so there (a JetStream error, not a lost connection), and the chunk is sent again
+  // without one while it is still at hand.
+  bool publish_open_chunk() {
+    const std::string subject = s_kv_subject(relay.kv.get(), s_chunk_key(key, chunks));
+    natsStatus s = chunks == 0 ? publish_first(subject)
+                               : pipeline.publish(subject, open_chunk.data(), open_chunk.size(),
+                                                  ttl.empty() ? nullptr : kTtlHeader, ttl);
+    if (s != NATS_OK) {
+      log_error("nats_relay: chunk publish (%s) failed: %s%s", subject.c_str(), natsStatus_GetText(s),
+                s_last_error_suffix().c_str());
+      failed = true;
+      return false;
+    }
+    ++chunks;
+    open_chunk.clear();
+    return true;
+  }
+
+  natsStatus publish_first(const std::string& subject) {
+    jsErrCode jerr = static_cast<jsErrCode>(0);
+    natsStatus s = publish_sync(subject, &jerr);
+    if (s != NATS_OK && jerr != 0 && !ttl.empty()) {
+      log_warn("nats_relay: per-message TTL write for key=%s failed; falling back to bucket TTL. Ensure the KV stream "
+               "has AllowMsgTTL.",
+               key.c_str());
+      s_gw_msg_ttl_unsupported.store(true);
+      ttl.clear();
+      s = publish_sync(subject, &jerr);
+    }
+    return s;
+  }
+
+  natsStatus publish_sync(const std::string& subject, jsErrCode* jerr) {
+    qm::nats_msg_ptr msg = s_pipeline::s_new_msg(subject, open_chunk.data(), open_chunk.size(),
+                                                 ttl.empty() ? nullptr : kTtlHeader, ttl);
+    if (!msg || !pipeline.js()) return NATS_NO_MEMORY;
+    jsPubAck* raw_ack = nullptr;
+    const natsStatus s = js_PublishMsg(&raw_ack, pipeline.js(), msg.get(), nullptr, jerr);
+    qm::js_pub_ack_ptr ack(raw_ack);
+    return s;
+  }
+};
+
+namespace {
+
 // ---- The exchange ------------------------------------------------------------------------
 
 // A payload staged for one request, deleted when the request ends, whichever way.
@@ -591,6 +708,40 @@ bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
   return rc != -2;
 }
 
+// Sends send_text and takes the reply apart. `answered` runs once the worker has replied
+// (its staged payload may go then). -1 on failure (logged), kRelayTimedOut on a time-out.
+int s_send_and_take_reply(gw_nats_relay& relay, const char* subject, const std::string& send_text,
+                          unsigned long wait, uint64_t scan_budget_ms, const std::string& key,
+                          const std::function<void()>& answered, char** reply_json, char** reply_data,
+                          size_t* reply_data_len) {
+  qm::nats_msg_ptr reply;
+  natsStatus status = NATS_OK;
+  if (s_exchange(relay, subject, send_text, wait, reply, status) != 0) return -1;
+  const char* key_text = key.empty() ? "(none)" : key.c_str();
+  if (status != NATS_OK) {
+    const std::string detail = s_last_error_suffix();
+    log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)",
+             log_safe(subject).c_str(), natsStatus_GetText(status), detail.c_str(), wait,
+             static_cast<unsigned long>(scan_budget_ms), key_text);
+    return status == NATS_TIMEOUT ? kRelayTimedOut : -1;
+  }
+  log_trace("nats_relay: request OK subject=%s kv_key=%s", log_safe(subject).c_str(), key_text);
+  answered();
+  const int body_len = natsMsg_GetDataLength(reply.get());
+  if (body_len > 0) {
+    qm::malloc_ptr<char> body = s_copy_bytes(natsMsg_GetData(reply.get()), static_cast<size_t>(body_len));
+    if (!body) return -1;
+    *reply_json = body.release();
+  }
+  if (*reply_json != nullptr && reply_data != nullptr && reply_data_len != nullptr &&
+      !s_take_reply_payload(relay, *reply_json, reply_data, reply_data_len)) {
+    free(*reply_json);
+    *reply_json = nullptr;
+    return -1;
+  }
+  return 0;
+}
+
 int s_request(gw_nats_relay& relay, const char* caller, const char* subject, const char* request_json,
               const char* data, size_t data_len, unsigned long timeout_ms, char** reply_json, char** reply_data,
               size_t* reply_data_len) {
@@ -614,33 +765,8 @@ int s_request(gw_nats_relay& relay, const char* caller, const char* subject, con
   } else {
     send_text = request_json;
   }
-
-  qm::nats_msg_ptr reply;
-  natsStatus status = NATS_OK;
-  if (s_exchange(relay, subject, send_text, wait, reply, status) != 0) return -1;
-  const char* key_text = key.empty() ? "(none)" : key.c_str();
-  if (status != NATS_OK) {
-    const std::string detail = s_last_error_suffix();
-    log_warn("nats_relay: request to %s failed: %s%s (waited %lums, SCANTIMEOUT=%lums, kv_key=%s)",
-             log_safe(subject).c_str(), natsStatus_GetText(status), detail.c_str(), wait,
-             static_cast<unsigned long>(scan_budget_ms), key_text);
-    return status == NATS_TIMEOUT ? kRelayTimedOut : -1;
-  }
-  log_trace("nats_relay: request OK subject=%s kv_key=%s", log_safe(subject).c_str(), key_text);
-  staged.remove();
-  const int body_len = natsMsg_GetDataLength(reply.get());
-  if (body_len > 0) {
-    qm::malloc_ptr<char> body = s_copy_bytes(natsMsg_GetData(reply.get()), static_cast<size_t>(body_len));
-    if (!body) return -1;
-    *reply_json = body.release();
-  }
-  if (*reply_json != nullptr && reply_data != nullptr && reply_data_len != nullptr &&
-      !s_take_reply_payload(relay, *reply_json, reply_data, reply_data_len)) {
-    free(*reply_json);
-    *reply_json = nullptr;
-    return -1;
-  }
-  return 0;
+  return s_send_and_take_reply(relay, subject, send_text, wait, scan_budget_ms, key, [&] { staged.remove(); },
+                               reply_json, reply_data, reply_data_len);
 }
 
 qm::nats_options_ptr s_build_options(const gw_config_t& cfg) {
@@ -973,4 +1099,72 @@ bool gw_status_is_transient(natsStatus s) {
   if (s == NATS_LIMIT_REACHED) return true;
 #endif
   return s == NATS_NO_RESPONDERS || s == NATS_CONNECTION_DISCONNECTED;
+}
+
+// ---- Streamed uploads API ---------------------------------------------------------------------
+
+gw_relay_upload* gw_nats_relay_upload_begin(gw_nats_relay_t* relay, const char* caller, size_t window_chunks) {
+  if (relay == nullptr) return nullptr;
+  try {
+    std::string key = gw_staged_key('c', caller);
+    if (key.empty()) return nullptr;
+    auto upload = std::make_unique<gw_relay_upload>(*relay, std::move(key), window_chunks);
+    if (!upload->pipeline.js()) return nullptr;
+    return upload.release();
+  } catch (const std::exception& e) {
+    log_error("nats_relay: upload: %s", e.what());
+    return nullptr;
+  }
+}
+
+int gw_relay_upload_write(gw_relay_upload* upload, const char* data, size_t len) {
+  if (upload == nullptr || (data == nullptr && len > 0)) return -1;
+  try {
+    return upload->write(data, len);
+  } catch (const std::exception& e) {
+    log_error("nats_relay: upload of key=%s: %s", upload->key.c_str(), e.what());
+    upload->failed = true;
+    return -1;
+  }
+}
+
+size_t gw_relay_upload_size(const gw_relay_upload* upload) { return upload != nullptr ? upload->size : 0; }
+
+void gw_relay_upload_destroy(gw_relay_upload* upload) { std::unique_ptr<gw_relay_upload> owned(upload); }
+
+int gw_nats_relay_request_upload(gw_nats_relay_t* relay, const char* subject, const char* request_json,
+                                 gw_relay_upload* upload, unsigned long timeout_ms, char** reply_json,
+                                 char** reply_data, size_t* reply_data_len) {
+  if (upload == nullptr || upload->size == 0)
+    return gw_nats_relay_request(relay, subject, request_json, nullptr, 0, timeout_ms, reply_json, reply_data,
+                                 reply_data_len);
+  if (reply_json != nullptr) *reply_json = nullptr;
+  if (reply_data != nullptr) *reply_data = nullptr;
+  if (reply_data_len != nullptr) *reply_data_len = 0;
+  if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
+  if (!gw_subject_is_publishable(subject)) {
+    log_warn("nats_relay: refusing to publish to invalid subject '%s'", log_safe(subject).c_str());
+    return -1;
+  }
+  const int64_t started = broker_metrics_now();
+  int rc = -1;
+  try {
+    uint64_t scan_budget_ms = 0;
+    const unsigned long wait =
+        gw_effective_relay_timeout_ms(relay, subject, request_json, upload->size, timeout_ms, &scan_budget_ms);
+    std::optional<std::string> send_text = s_with_kv_key(request_json, upload->key.c_str());
+    if (send_text && upload->finish()) {
+      rc = s_send_and_take_reply(*relay, subject, *send_text, wait, scan_budget_ms, upload->key,
+                                 [&] { upload->remove(); }, reply_json, reply_data, reply_data_len);
+    }
+  } catch (const std::exception& e) {
+    log_error("nats_relay: request to %s failed: %s", log_safe(subject).c_str(), e.what());
+  }
+  upload->remove();  // the worker has it, or the request failed: either way it goes now
+  const bool js = gw_service_uses_js(relay, subject);
+  broker_metrics_count_relay(js ? BROKER_METRICS_ROUTE_JETSTREAM : BROKER_METRICS_ROUTE_CORE,
+                             rc == 0 ? BROKER_METRICS_RELAY_OK
+                                     : (rc == kRelayTimedOut ? BROKER_METRICS_RELAY_TIMEOUT : BROKER_METRICS_RELAY_ERROR),
+                             started);
+  return rc == 0 ? 0 : -1;
 }

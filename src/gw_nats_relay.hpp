@@ -49,6 +49,28 @@ int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const cha
 int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const char* subject,
                              const char* request_json, const char* data, size_t data_len, unsigned long timeout_ms,
                              char** reply_json, char** reply_data, size_t* reply_data_len);
+
+// A payload staged in the scan-data bucket while it arrives, for a front door that
+// streams an upload: chunks go out as they fill, at most `window_chunks` of them awaiting
+// their acknowledgement (the caller's thread waits for room), so that an upload holds
+// about (window_chunks + 1) chunks of memory whatever its size. The key is bound to
+// `caller` as in gw_nats_relay_request_ex. Destroying it deletes whatever it staged.
+// NULL when the relay is NULL or memory runs out.
+struct gw_relay_upload;
+gw_relay_upload* gw_nats_relay_upload_begin(gw_nats_relay_t* relay, const char* caller, size_t window_chunks);
+// Appends bytes; -1 (logged) once a chunk could not be published, and on every write after.
+int gw_relay_upload_write(gw_relay_upload* upload, const char* data, size_t len);
+// Bytes written so far (0 for NULL).
+size_t gw_relay_upload_size(const gw_relay_upload* upload);
+void gw_relay_upload_destroy(gw_relay_upload* upload);  // NULL-safe
+
+// gw_nats_relay_request with the upload as its payload (NULL or empty: none): the last
+// chunk and the manifest are written, the request sent, and the staged entries deleted
+// once it ends, whichever way. request_json must be a JSON object when there is a payload.
+int gw_nats_relay_request_upload(gw_nats_relay_t* relay, const char* subject, const char* request_json,
+                                 gw_relay_upload* upload, unsigned long timeout_ms, char** reply_json,
+                                 char** reply_data, size_t* reply_data_len);
+
 // True while the relay's NATS connection is up (false while it reconnects).
 bool gw_nats_relay_connected(const gw_nats_relay_t* relay);
 

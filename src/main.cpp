@@ -34,6 +34,7 @@
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
 #include "gw_http_frontend.hpp"
+#include "gw_inflight_budget.hpp"
 #include "gw_nats_relay.hpp"
 #include "gw_sasl_setup.hpp"
 #include "log.hpp"
@@ -486,6 +487,24 @@ bool s_set_up_sasl(broker_app& app) {
   return true;
 }
 
+// One payload budget for both front doors, handed to them through their configuration.
+bool s_create_inflight_budget(broker_app& app) {
+  gw_config_t& gw = *app.cfg->gw;
+  gw.inflight_budget = gw_inflight_budget_create(gw.max_inflight_bytes);
+  if (gw.inflight_budget == nullptr) {
+    log_fatal("Failed to create the in-flight payload budget");
+    return false;
+  }
+  log_info("gateway: in-flight payload budget %zu MiB", gw.max_inflight_bytes >> 20);
+  return true;
+}
+
+void s_destroy_inflight_budget(broker_app& app) {
+  gw_config_t& gw = *app.cfg->gw;
+  gw_inflight_budget_destroy(gw.inflight_budget);
+  gw.inflight_budget = nullptr;
+}
+
 // The AMQP event loop runs on a thread of its own until shutdown stops it.
 bool s_start_amqp(broker_app& app) {
   const gw_config_t& gw = *app.cfg->gw;
@@ -677,6 +696,7 @@ constexpr subsystem kSubsystems[] = {
     {s_create_auth_lock, s_destroy_auth_lock},
     {s_start_auth_callout, s_stop_auth_callout},
     {s_set_up_sasl, s_tear_down_sasl},
+    {s_create_inflight_budget, s_destroy_inflight_budget},
     {s_start_amqp, s_stop_amqp},
     {s_start_http_frontend, s_stop_http_frontend},
     {s_start_update_thread, s_stop_update_thread},

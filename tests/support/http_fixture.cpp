@@ -77,6 +77,7 @@ HttpResponse HttpClient::send(const HttpRequest& request) {
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
   response.content_type = s_header(easy, "Content-Type");
   response.www_authenticate = s_header(easy, "WWW-Authenticate");
+  response.retry_after = s_header(easy, "Retry-After");
   return response;
 }
 
@@ -89,6 +90,9 @@ RawClient::RawClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC,
   addr.sin_port = htons(static_cast<uint16_t>(port));
   if (fd_ < 0 || connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
     throw std::runtime_error("cannot connect to port " + std::to_string(port));
+  // A server that stops reading without closing fails the send instead of hanging the test.
+  const timeval send_timeout{60, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
 }
 
 RawClient::~RawClient() { close(fd_); }
@@ -114,6 +118,27 @@ std::string RawClient::read(std::chrono::milliseconds timeout) {
     if (n > 0) received.append(buf, static_cast<size_t>(n));
   }
   return received;
+}
+
+std::string RawPost::body() const {
+  const size_t at = text.find("\r\n\r\n");
+  return at == std::string::npos ? "" : text.substr(at + 4);
+}
+
+RawPost raw_multipart_post(int port, const std::string& basic, const std::string& payload) {
+  const std::string head = "--QmB\r\nContent-Disposition: form-data; name=\"request\"\r\n\r\n{\"scan\":1}\r\n"
+                           "--QmB\r\nContent-Disposition: form-data; name=\"payload\"; filename=\"f\"\r\n\r\n";
+  const std::string tail = "\r\n--QmB--\r\n";
+  std::string headers = "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\n"
+                        "Content-Type: multipart/form-data; boundary=QmB\r\nContent-Length: " +
+                        std::to_string(head.size() + payload.size() + tail.size()) + "\r\n";
+  if (!basic.empty()) headers += "Authorization: Basic " + basic + "\r\n";
+  RawClient client(port);
+  if (client.send(headers + "\r\n" + head) && client.send(payload)) client.send(tail);
+  RawPost answer;
+  answer.text = client.read(60s);
+  answer.closed = client.closed();
+  return answer;
 }
 
 void HttpDoor::drain_and_destroy(gw_auth_cache_t* cache) {

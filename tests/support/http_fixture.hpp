@@ -43,6 +43,7 @@ struct HttpResponse {
   std::string body;
   std::string content_type;
   std::string www_authenticate;
+  std::string retry_after;
 };
 
 // One connection reused for every send (keep-alive).
@@ -65,7 +66,7 @@ class RawClient {
   ~RawClient();
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
-  // False once the server has closed the connection.
+  // False once the server has closed the connection (or has not read for a minute).
   bool send(const std::string& bytes);
   // What the server sends until it closes or `timeout` passes; closed() tells which.
   std::string read(std::chrono::milliseconds timeout);
@@ -75,6 +76,19 @@ class RawClient {
   int fd_ = -1;
   bool closed_ = false;
 };
+
+// What a server answered on a raw connection until it closed (or a minute passed).
+struct RawPost {
+  std::string text;  // status line, headers and body as they came
+  bool closed = false;
+  std::string body() const;
+};
+
+// A multipart scan ({"scan":1} and `payload`) to "scan" on 127.0.0.1:port/vsi, written
+// straight to the socket so that no copy of the payload is made, with Basic credentials
+// (Base64 of "user:password") unless `basic` is empty. A server that answers early and
+// closes ends the sending; its answer is kept.
+RawPost raw_multipart_post(int port, const std::string& basic, const std::string& payload);
 
 // ---- servers ----
 

@@ -75,21 +75,29 @@ relay_ptr ScanEnv::make_relay(const std::function<void(gw_config_t&)>& tweak) co
 
 // Listed through the stream in one bounded request, then each key read back to leave out
 // deleted ones: a KV watcher over entries that expire while it reads can wait for ever.
-std::vector<std::string> ScanEnv::bucket_keys() {
+std::vector<std::string> ScanEnv::bucket_keys() { return scan_data_keys(nc_.get()); }
+
+std::vector<std::string> scan_data_keys(natsConnection* nc) {
   jsOptions opts;
   jsOptions_Init(&opts);
   opts.Wait = 10000;
   opts.Stream.Info.SubjectsFilter = ">";
+  jsCtx* raw_js = nullptr;
+  if (natsConnection_JetStream(&raw_js, nc, &opts) != NATS_OK) return {"<no listing>"};
+  qm::js_ctx_ptr js(raw_js);
+  kvStore* raw_kv = nullptr;
+  if (js_KeyValue(&raw_kv, js.get(), GW_SCAN_DATA_BUCKET) != NATS_OK) return {"<no listing>"};
+  qm::kv_store_ptr kv(raw_kv);
   jsStreamInfo* raw = nullptr;
   const std::string stream = std::string("KV_") + GW_SCAN_DATA_BUCKET;
-  if (js_GetStreamInfo(&raw, js_.get(), stream.c_str(), &opts, nullptr) != NATS_OK) return {"<no listing>"};
+  if (js_GetStreamInfo(&raw, js.get(), stream.c_str(), &opts, nullptr) != NATS_OK) return {"<no listing>"};
   qm::js_stream_info_ptr info(raw);
   const size_t prefix = std::string("$KV.").size() + strlen(GW_SCAN_DATA_BUCKET) + 1;
   std::vector<std::string> keys;
   for (int i = 0; info->State.Subjects != nullptr && i < info->State.Subjects->Count; ++i) {
     const std::string key = std::string(info->State.Subjects->List[i].Subject).substr(prefix);
     kvEntry* raw_entry = nullptr;
-    const natsStatus found = kvStore_Get(&raw_entry, kv_.get(), key.c_str());
+    const natsStatus found = kvStore_Get(&raw_entry, kv.get(), key.c_str());
     qm::kv_entry_ptr entry(raw_entry);
     if (found == NATS_OK) keys.push_back(key);
   }

@@ -94,6 +94,10 @@ class ScanEnv {
   std::vector<std::unique_ptr<ScanWorker>> workers_;
 };
 
+// Keys in "qm-av-scan-data" (deleted ones excluded) seen through `nc`, sorted;
+// {"<no listing>"} when the server did not answer in time.
+std::vector<std::string> scan_data_keys(natsConnection* nc);
+
 // One gw_nats_relay_request and what it gave back.
 struct RelayReply {
   int rc = -1;
