@@ -29,6 +29,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -154,6 +155,8 @@ struct conn_context_t {
   // Credit due to receiver links that the budget holds back for now.
   std::unordered_map<pn_link_t*, int> owed;
   bool awaiting_budget = false;
+  std::string last_address;  // and the policy's verdict on it
+  std::optional<gw_target> last_admitted;
 };
 
 conn_context_t* s_context(pn_connection_t* c) {
@@ -236,13 +239,25 @@ void s_give_credit(conn_context_t& ctx, pn_connection_t* conn, pn_link_t* link, 
   s_top_up(ctx, conn);
 }
 
+// A link to give a freed slot to when the request's own link has closed: the first open
+// receiver without credit, so that a link opened while the cap was taken is not starved.
+pn_link_t* s_starved_receiver(pn_connection_t* conn) {
+  for (pn_link_t* l = pn_link_head(conn, PN_LOCAL_ACTIVE); l != nullptr; l = pn_link_next(l, PN_LOCAL_ACTIVE)) {
+    if (pn_link_is_receiver(l) && (pn_link_state(l) & kOpenBothEnds) == kOpenBothEnds && pn_link_credit(l) == 0)
+      return l;
+  }
+  return nullptr;
+}
+
 // A request's slot is free again: its reply went out, or none is owed.
 void s_finish_request(conn_context_t& ctx, pn_connection_t* conn, pn_link_t* request_link) {
   if (ctx.inflight > 0) {
     --ctx.inflight;
     --ctx.acc->inflight;
   }
-  if (request_link != nullptr && s_is_open_receiver(conn, request_link)) s_give_credit(ctx, conn, request_link, 1);
+  pn_link_t* target = request_link != nullptr && s_is_open_receiver(conn, request_link) ? request_link
+                                                                                         : s_starved_receiver(conn);
+  if (target != nullptr) s_give_credit(ctx, conn, target, 1);
 }
 
 // ---- replies ----------------------------------------------------------------------
@@ -494,6 +509,17 @@ bool s_body_parts(pn_message_t* msg, std::string& json, pn_bytes_t& payload) {
   return true;
 }
 
+// The subject policy's verdict, kept for the connection's last address: a client's
+// profile and the allow-list stay as they are while it is connected, and most clients
+// send every request to one service.
+const gw_target& s_admit(conn_context_t& ctx, const std::string& address, const char* user) {
+  if (!ctx.last_admitted || ctx.last_address != address) {
+    ctx.last_admitted = gw_subject_policy_admit(address.c_str(), qm::cstr(ctx.acc->cfg->services), ctx.profile, user);
+    ctx.last_address = address;
+  }
+  return *ctx.last_admitted;
+}
+
 // Step 11 of a delivery: the job takes over the decoded message, which the payload and a
 // string or binary message id point into.
 gw_relay_job_t* s_build_job(conn_context_t& ctx, qm::pn_message_ptr& msg, std::string subject, std::string json,
@@ -657,10 +683,7 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
             static_cast<int>(pn_message_get_id(msg.get()).type), PN_UUID, PN_STRING, PN_ULONG, PN_NULL);
 
   const char* user = s_user_or(&ctx, "");
-  const gw_target admitted = ctx.profile_known
-                                 ? gw_subject_policy_admit(address.c_str(), qm::cstr(ctx.acc->cfg->services),
-                                                           ctx.profile, user)
-                                 : gw_target{address, GW_TARGET_FORBIDDEN};
+  const gw_target admitted = ctx.profile_known ? s_admit(ctx, address, user) : gw_target{address, GW_TARGET_FORBIDDEN};
   if (admitted.verdict != GW_TARGET_OK) {
     const char* why = gw_target_verdict_text(admitted.verdict);
     log_warn("amqp_acceptor: rejecting delivery to '%s' of user=%s: %s", log_safe(address).c_str(),
