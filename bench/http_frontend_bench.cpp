@@ -37,11 +37,16 @@ struct route {
   std::vector<double> rates;
   std::vector<double> latencies_ms;
   int failures = 0;
+  double broker_cpu_s = 0;  // the broker's CPU time over every round
+  int requests = 0;
   double rate() const { return qmbench::median(rates); }
-  void add(const qmbench::run_result& run, int requests) {
-    rates.push_back(requests / run.seconds);
+  double broker_cpu_us_per_request() const { return requests > 0 ? broker_cpu_s * 1e6 / requests : 0; }
+  void add(const qmbench::run_result& run, int count, double cpu_s = 0) {
+    rates.push_back(count / run.seconds);
     latencies_ms.insert(latencies_ms.end(), run.latencies_ms.begin(), run.latencies_ms.end());
     failures += run.failures;
+    broker_cpu_s += cpu_s;
+    requests += count;
   }
 };
 
@@ -101,15 +106,17 @@ bench_report s_measure() {
     for (int clients : {8, 32})
       for (bool big : {false, true}) report.rows.push_back({clients, big, {}, {}});
     const std::string one_mib = qmtest::test_payload(kMiB);
+    const pid_t broker = env.callout().broker().pid();
     for (int round = 0; round < kRounds; ++round) {
       for (row& r : report.rows) {
         payload = r.big ? one_mib : "";
         const int requests = r.big ? report.small_requests / 10 : report.small_requests;
-        r.door.add(qmbench::run(requests, r.clients, door), requests);
+        const double cpu_before = qmbench::process_cpu_seconds(broker);
+        const qmbench::run_result through_door = qmbench::run(requests, r.clients, door);
+        r.door.add(through_door, requests, qmbench::process_cpu_seconds(broker) - cpu_before);
         r.direct.add(qmbench::run(requests, r.clients, direct), requests);
       }
     }
-    const pid_t broker = env.callout().broker().pid();
     for (big_row& big : report.big) {
       const std::string big_payload = qmtest::test_payload(big.mib * kMiB);
       const std::string digest = qmtest::sha256_hex(big_payload);
@@ -132,13 +139,15 @@ void s_print_table(const bench_report& report) {
   printf("\nREST front door against direct relay requests to one demo worker: %d rounds, taking turns; %d small "
          "requests or %d of 1 MiB per route and round\n",
          kRounds, report.small_requests, report.small_requests / 10);
-  printf("%-20s %12s %12s %9s %17s %17s %8s\n", "load", "door req/s", "direct req/s", "door/dir",
-         "door p50/p99 ms", "direct p50/p99 ms", "failures");
+  printf("%-20s %12s %12s %9s %17s %17s %10s %14s %8s\n", "load", "door req/s", "direct req/s", "door/dir",
+         "door p50/p99 ms", "direct p50/p99 ms", "p50 added", "broker us/req", "failures");
   for (const row& r : report.rows) {
-    printf("%-20s %12.0f %12.0f %9.2f %8.1f/%-8.1f %8.1f/%-8.1f %8d\n", r.name().c_str(), r.door.rate(),
-           r.direct.rate(), r.door.rate() / r.direct.rate(), qmbench::percentile(r.door.latencies_ms, 50),
-           qmbench::percentile(r.door.latencies_ms, 99), qmbench::percentile(r.direct.latencies_ms, 50),
-           qmbench::percentile(r.direct.latencies_ms, 99), r.door.failures + r.direct.failures);
+    const double door_p50 = qmbench::percentile(r.door.latencies_ms, 50);
+    const double direct_p50 = qmbench::percentile(r.direct.latencies_ms, 50);
+    printf("%-20s %12.0f %12.0f %9.2f %8.2f/%-8.2f %8.2f/%-8.2f %10.2f %14.0f %8d\n", r.name().c_str(), r.door.rate(),
+           r.direct.rate(), r.door.rate() / r.direct.rate(), door_p50, qmbench::percentile(r.door.latencies_ms, 99),
+           direct_p50, qmbench::percentile(r.direct.latencies_ms, 99), door_p50 - direct_p50,
+           r.door.broker_cpu_us_per_request(), r.door.failures + r.direct.failures);
   }
   for (const big_row& big : report.big)
     printf("32 clients posting %zu MiB payloads through the door (%d requests, %d failed, %.1f req/s): broker RSS "

@@ -36,7 +36,10 @@ struct route {
   std::function<bool()> one;
   std::vector<double> rates;
   std::vector<double> latencies_ms;
+  double cpu_s = 0;  // this process's CPU time (requester and, on the relay routes, the relay)
+  int requests = 0;
   double rate() const { return qmbench::median(rates); }
+  double cpu_us_per_request() const { return requests > 0 ? cpu_s * 1e6 / requests : 0; }
 };
 
 struct bench_report {
@@ -75,7 +78,10 @@ bench_report s_measure() {
     for (route& rt : report.routes) qmbench::run(200, report.threads, rt.one);  // warm-up
     for (int round = 0; round < kRounds && report.error.empty(); ++round) {
       for (route& rt : report.routes) {
+        const double cpu_before = qmbench::process_cpu_seconds(getpid());
         qmbench::run_result run = qmbench::run(report.requests, report.threads, rt.one);
+        rt.cpu_s += qmbench::process_cpu_seconds(getpid()) - cpu_before;
+        rt.requests += report.requests;
         if (run.failures > 0) {
           report.error = rt.name + ": " + std::to_string(run.failures) + " requests failed";
           break;
@@ -95,10 +101,13 @@ void s_print_table(const bench_report& report) {
   printf("\nRelay requests: %d threads, small JSON without payload, %d rounds of %d requests per route, taking "
          "turns; one demo worker per service\n",
          report.threads, kRounds, report.requests);
-  printf("%-16s %10s %10s %8s %8s\n", "route", "requests/s", "vs direct", "p50 ms", "p99 ms");
+  printf("%-16s %10s %10s %8s %8s %12s %14s\n", "route", "requests/s", "vs direct", "p50 ms", "p99 ms", "cpu us/req",
+         "relay us/req");
   for (const route& rt : report.routes) {
-    printf("%-16s %10.0f %10.2f %8.3f %8.3f\n", rt.name.c_str(), rt.rate(), rt.rate() / base->rate(),
-           qmbench::percentile(rt.latencies_ms, 50), qmbench::percentile(rt.latencies_ms, 99));
+    // The relay's own CPU: the route's, less what the direct requester spends on the same request.
+    printf("%-16s %10.0f %10.2f %8.3f %8.3f %12.0f %14.0f\n", rt.name.c_str(), rt.rate(), rt.rate() / base->rate(),
+           qmbench::percentile(rt.latencies_ms, 50), qmbench::percentile(rt.latencies_ms, 99), rt.cpu_us_per_request(),
+           rt.cpu_us_per_request() - base->cpu_us_per_request());
   }
   fflush(stdout);
 }

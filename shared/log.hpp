@@ -54,9 +54,13 @@ inline constexpr size_t LOG_SAFE_MAX_BYTES = 256;
 std::string log_safe(std::string_view value);
 std::string log_safe(const char* value);
 
-#define log_fatal(...) log_log(QMLOG_FATAL, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
-#define log_error(...) log_log(QMLOG_ERROR, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
-#define log_warn(...) log_log(QMLOG_WARN, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
-#define log_info(...) log_log(QMLOG_INFO, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
-#define log_debug(...) log_log(QMLOG_DEBUG, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
-#define log_trace(...) log_log(QMLOG_TRACE, __func__, __FILE_NAME__, __LINE__, __VA_ARGS__)
+// The level is checked before the arguments are evaluated: a trace line's log_safe copies
+// and formatting cost nothing on a request path while tracing is off.
+#define QMLOG_AT(level, ...) \
+  ((level) <= log_get_level() ? log_log((level), __func__, __FILE_NAME__, __LINE__, __VA_ARGS__) : (void)0)
+#define log_fatal(...) QMLOG_AT(QMLOG_FATAL, __VA_ARGS__)
+#define log_error(...) QMLOG_AT(QMLOG_ERROR, __VA_ARGS__)
+#define log_warn(...) QMLOG_AT(QMLOG_WARN, __VA_ARGS__)
+#define log_info(...) QMLOG_AT(QMLOG_INFO, __VA_ARGS__)
+#define log_debug(...) QMLOG_AT(QMLOG_DEBUG, __VA_ARGS__)
+#define log_trace(...) QMLOG_AT(QMLOG_TRACE, __VA_ARGS__)

@@ -78,4 +78,12 @@ void qm_nats_msg_wipe(natsMsg* msg) {
   OPENSSL_cleanse(const_cast<char*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)));
 }
 
+qm::nats_options_ptr qm_nats_request_options() {
+  natsOptions* raw = nullptr;
+  if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
+  qm::nats_options_ptr opts(raw);
+  if (natsOptions_SetSendAsap(opts.get(), true) != NATS_OK) return nullptr;
+  return opts;
+}
+
 int qm_nats_library_open() { return nats_Open(0) == NATS_OK ? 0 : -1; }

@@ -14,6 +14,11 @@
 // would take. Call before the first connection; 0 or -1.
 int qm_nats_library_open();
 
+// Options for a connection on a request path (relay, workers, the auth service): each
+// write goes out at once (SendAsap) instead of through the library's flusher, which
+// sleeps 1 ms first and so puts a floor under every round trip. NULL when memory runs out.
+qm::nats_options_ptr qm_nats_request_options();
+
 // True for the schemes that need TLS from the first byte (tls://, wss://).
 bool qm_nats_url_wants_tls(const std::string& url);
 

@@ -253,17 +253,14 @@ void auth_verify_cb(natsConnection* nc, natsSubscription*, natsMsg* msg, void* c
 // ---- start-up ----
 
 qm::nats_options_ptr s_connection_options(const auth_config_t& cfg) {
-  natsOptions* raw = nullptr;
-  if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
-  qm::nats_options_ptr opts(raw);
+  // Every reply is a login waiting: written at once, not by the library's flusher.
+  qm::nats_options_ptr opts = qm_nats_request_options();
+  if (!opts) return nullptr;
   const std::string url = cfg.nats_url.value_or("");
   natsOptions_SetURL(opts.get(), url.c_str());
   natsOptions_SetUserInfo(opts.get(), qm::cstr(cfg.nats_user), qm::cstr(cfg.nats_password));
   natsOptions_SetMaxReconnect(opts.get(), -1);
   natsOptions_SetReconnectWait(opts.get(), 2000);
-  // Every reply is a login waiting: the worker writes it itself instead of waking the
-  // library's flusher thread for each one.
-  natsOptions_SetSendAsap(opts.get(), true);
   static const qm_nats_tls_texts tls_texts{
       .no_ca_warning = "auth_service: tls:// URL but no nats_cert_path \u2014 server cert will be checked against the "
                        "system trust store and almost certainly fail",

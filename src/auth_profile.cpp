@@ -125,26 +125,43 @@ bool s_parse_list(json_object* body, const char* side, const char* kind, s_subje
 
 // ---- subjects ----
 
-std::vector<std::string_view> s_tokens(std::string_view subject) {
-  std::vector<std::string_view> tokens;
-  for (size_t start = 0;;) {
-    const size_t dot = subject.find('.', start);
-    tokens.push_back(subject.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start));
-    if (dot == std::string_view::npos) return tokens;
-    start = dot + 1;
+// A subject's tokens one by one, without allocating: the doors match every request's
+// subject against a profile's lists. "" is one empty token, "a." two.
+class s_token_cursor {
+ public:
+  explicit s_token_cursor(std::string_view subject) : rest_(subject) {}
+  // The next token into `token`; false when none is left.
+  bool next(std::string_view& token) {
+    if (done_) return false;
+    const size_t dot = rest_.find('.');
+    if (dot == std::string_view::npos) {
+      token = rest_;
+      done_ = true;
+      return true;
+    }
+    token = rest_.substr(0, dot);
+    rest_.remove_prefix(dot + 1);
+    return true;
   }
-}
+
+ private:
+  std::string_view rest_;
+  bool done_ = false;
+};
 
 // Whether the two patterns have a subject in common (a literal subject is a pattern too).
 bool s_overlap(std::string_view a, std::string_view b) {
-  const std::vector<std::string_view> ta = s_tokens(a);
-  const std::vector<std::string_view> tb = s_tokens(b);
-  size_t i = 0;
-  for (; i < ta.size() && i < tb.size(); ++i) {
-    if (ta[i] == ">" || tb[i] == ">") return true;
-    if (ta[i] != "*" && tb[i] != "*" && ta[i] != tb[i]) return false;
+  s_token_cursor ca(a);
+  s_token_cursor cb(b);
+  std::string_view ta;
+  std::string_view tb;
+  for (;;) {
+    const bool has_a = ca.next(ta);
+    const bool has_b = cb.next(tb);
+    if (!has_a || !has_b) return has_a == has_b;  // as many tokens on both sides
+    if (ta == ">" || tb == ">") return true;
+    if (ta != "*" && tb != "*" && ta != tb) return false;
   }
-  return ta.size() == tb.size();
 }
 
 // The staged-data bucket: writes and deletes go to its subjects, reads through the
@@ -422,13 +439,15 @@ void s_fill_list(const char* const* entries, std::string_view user, std::vector<
 
 // Whether the pattern matches the literal subject.
 bool s_matches(std::string_view pattern, std::string_view subject) {
-  const std::vector<std::string_view> tp = s_tokens(pattern);
-  const std::vector<std::string_view> ts = s_tokens(subject);
-  for (size_t i = 0; i < tp.size(); ++i) {
-    if (tp[i] == ">") return i < ts.size();
-    if (i >= ts.size() || (tp[i] != "*" && tp[i] != ts[i])) return false;
+  s_token_cursor cp(pattern);
+  s_token_cursor cs(subject);
+  std::string_view tp;
+  std::string_view ts;
+  for (;;) {
+    if (!cp.next(tp)) return !cs.next(ts);  // the subject has no token more than the pattern
+    if (tp == ">") return cs.next(ts);      // at least one token left for it
+    if (!cs.next(ts) || (tp != "*" && tp != ts)) return false;
   }
-  return tp.size() == ts.size();
 }
 
 // Adds each of `denies` that some allow entry reaches: a deny no allow entry overlaps

@@ -86,6 +86,9 @@ enum option_id : int {
   OPT_HTTP_MAX_CONNECTIONS_PER_IP,
   OPT_GW_SERVICES,
   OPT_AMQP_RELAY_WORKERS,
+  OPT_AMQP_MAX_CONNECTIONS,
+  OPT_AMQP_HANDSHAKE_TIMEOUT_MS,
+  OPT_AMQP_MAX_INFLIGHT,
   OPT_RELAY_TIMEOUT_MS,
   OPT_RELAY_MAX_TIMEOUT_MS,
   OPT_UPDATE_BINARY,
@@ -181,6 +184,9 @@ const option kLongOptions[] = {
     {"http-max-connections-per-ip", required_argument, nullptr, OPT_HTTP_MAX_CONNECTIONS_PER_IP},
     {"gw-services", required_argument, nullptr, OPT_GW_SERVICES},
     {"amqp-relay-workers", required_argument, nullptr, OPT_AMQP_RELAY_WORKERS},
+    {"amqp-max-connections", required_argument, nullptr, OPT_AMQP_MAX_CONNECTIONS},
+    {"amqp-handshake-timeout-ms", required_argument, nullptr, OPT_AMQP_HANDSHAKE_TIMEOUT_MS},
+    {"amqp-max-inflight", required_argument, nullptr, OPT_AMQP_MAX_INFLIGHT},
     {"relay-timeout-ms", required_argument, nullptr, OPT_RELAY_TIMEOUT_MS},
     {"relay-max-timeout-ms", required_argument, nullptr, OPT_RELAY_MAX_TIMEOUT_MS},
     {"update-binary", required_argument, nullptr, OPT_UPDATE_BINARY},
@@ -376,6 +382,9 @@ bool s_apply_option(broker_config_t& cfg, int id, const char* arg) {
     case OPT_HTTP_MAX_CONNECTIONS_PER_IP: gw.http_max_connections_per_ip = std::max(1, s_to_int(arg)); break;
     case OPT_GW_SERVICES: set_str(gw.services, arg); break;
     case OPT_AMQP_RELAY_WORKERS: gw.amqp_relay_workers = std::max(1, s_to_int(arg)); break;
+    case OPT_AMQP_MAX_CONNECTIONS: gw.amqp_max_connections = std::max(1, s_to_int(arg)); break;
+    case OPT_AMQP_HANDSHAKE_TIMEOUT_MS: gw.amqp_handshake_timeout_ms = std::max(1, s_to_int(arg)); break;
+    case OPT_AMQP_MAX_INFLIGHT: gw.amqp_max_inflight = std::max(1, s_to_int(arg)); break;
     case OPT_RELAY_TIMEOUT_MS: gw.relay_timeout_ms = s_to_int(arg); break;
     case OPT_RELAY_MAX_TIMEOUT_MS: gw.relay_max_timeout_ms = s_to_int(arg); break;
     case OPT_UPDATE_BINARY: cfg.update_config.update_binary = parse_bool(arg); break;
@@ -491,6 +500,10 @@ AMQP acceptor (default: enabled, 0.0.0.0:5672, plaintext):
   --amqp-tls-key <pem>                 its private key
   --amqp-tls-ca <pem>                  CA for client-certificate verification (optional)
   --amqp-relay-workers <N>             relay worker threads, at least 1 (default 4)
+  --amqp-max-connections <N>           connections open at once; more are closed at accept (default 1024)
+  --amqp-handshake-timeout-ms <N>      a connection not logged in by then is closed (default 10000)
+  --amqp-max-inflight <N>              requests one connection may have unanswered; its credit
+                                       follows (default 32)
 
 HTTPS REST frontend (default: disabled):
   --http-enabled <bool>                accept REST scan requests (default false)

@@ -20,18 +20,26 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <deque>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "broker_metrics.hpp"
 #include "gw_amqp_cyrus.hpp"
+#include "gw_inflight_budget.hpp"
 #include "gw_relay_pool.hpp"
 #include "gw_sasl_setup.hpp"
 #include "gw_subject_policy.hpp"
@@ -44,15 +52,37 @@ namespace {
 constexpr pn_millis_t kIdleTimeoutMs = 60000;
 constexpr uint32_t kMaxFrameBytes = 131072;
 constexpr int kInitialCredit = 10;
+constexpr int kDefaultMaxConnections = 1024;
+constexpr int kDefaultHandshakeTimeoutMs = 10000;
+constexpr int kDefaultMaxInflight = 32;
 constexpr size_t kDiscardChunk = 16384;
 constexpr size_t kMinEncodeBuffer = 4096;
 constexpr int kDefaultRelayWorkers = 4;
 constexpr const char kReplyTag[] = "reply";
 
-// An encoded reply waiting for its client's sender link, or for credit on it.
+using steady_clock = std::chrono::steady_clock;
+
+// An encoded reply waiting for its client's sender link, or for credit on it. It keeps
+// its request's in-flight slot, so that a client that takes no replies sends no more.
 struct pending_reply_t {
   std::string reply_to;
   std::vector<char> bytes;
+  pn_link_t* request_link = nullptr;  // where the slot's credit goes back once it is sent
+  qm::inflight_bytes held;            // its bytes, counted against the doors' budget
+};
+
+// Lets a budget release, on whatever thread it happens, wake the event loop when some
+// connection waits for bytes to be freed; outlives the acceptor if a release races its end.
+struct budget_waker {
+  std::mutex mu;
+  pn_proactor_t* proactor = nullptr;  // NULL once the acceptor is going
+  std::atomic<bool> waiting{false};
+
+  void on_release() {
+    if (!waiting.exchange(false)) return;
+    std::lock_guard<std::mutex> lock(mu);
+    if (proactor != nullptr) pn_proactor_interrupt(proactor);
+  }
 };
 
 using relay_pool_ptr = qm::c_ptr<gw_relay_pool_t, gw_relay_pool_destroy>;
@@ -84,6 +114,25 @@ struct gw_amqp_acceptor {
   // Requests submitted to the relay whose reply has not yet been handed on; read by an
   // update's drain from another thread.
   std::atomic<size_t> inflight{0};
+
+  // Limits, resolved from the configuration at create.
+  int max_connections = kDefaultMaxConnections;
+  int handshake_timeout_ms = kDefaultHandshakeTimeoutMs;
+  int max_inflight = kDefaultMaxInflight;
+  gw_inflight_budget* budget = nullptr;  // not owned; NULL: no budget
+  std::shared_ptr<budget_waker> waker;
+
+  // Connections with a context, by serial; event-loop thread only, like everything below.
+  std::unordered_map<uint64_t, pn_connection_t*> live;
+  uint64_t next_serial = 0;
+  // Handshake deadlines in accept order (so in time order) and whether the proactor's one
+  // timer is set for the first of them.
+  std::deque<std::pair<steady_clock::time_point, uint64_t>> handshake_deadlines;
+  bool timer_armed = false;
+  // Connections owed credit that the budget holds back, woken when bytes are freed.
+  std::vector<uint64_t> awaiting_budget;
+  int64_t last_refusal_log_s = -1;  // the per-second limits of two lines a flood would repeat
+  int64_t last_deadline_log_s = -1;
 };
 
 namespace {
@@ -101,6 +150,13 @@ struct conn_context_t {
   std::list<pending_reply_t> pending_replies;  // the newest first
   gw_relay_conn_handle_t* relay_handle = nullptr;
   size_t inflight = 0;  // this connection's share of gw_amqp_acceptor::inflight
+  uint64_t serial = 0;
+  steady_clock::time_point handshake_deadline;
+  // Credit due to receiver links that the budget holds back for now.
+  std::unordered_map<pn_link_t*, int> owed;
+  bool awaiting_budget = false;
+  std::string last_address;  // and the policy's verdict on it
+  std::optional<gw_target> last_admitted;
 };
 
 conn_context_t* s_context(pn_connection_t* c) {
@@ -120,6 +176,90 @@ void s_close_transport(pn_transport_t* t) {
 
 std::string s_bytes_text(pn_bytes_t b) { return b.start != nullptr ? std::string(b.start, b.size) : std::string(); }
 
+// At most one line a second for what a flood of clients would repeat per connection.
+bool s_log_now(int64_t& last_s) {
+  const int64_t now_s = std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now().time_since_epoch()).count();
+  if (now_s == last_s) return false;
+  last_s = now_s;
+  return true;
+}
+
+// ---- credit -------------------------------------------------------------------------
+// A connection's receiver links hold at most max_inflight credits less the requests it
+// has in flight, and a request's credit comes back to its link only when its reply has
+// gone out (or none is owed). Credit the budget holds back is owed until bytes are freed.
+
+constexpr pn_state_t kOpenBothEnds = PN_LOCAL_ACTIVE | PN_REMOTE_ACTIVE;
+
+pn_connection_t* s_link_connection(pn_link_t* link) { return pn_session_connection(pn_link_session(link)); }
+
+bool s_is_open_receiver(pn_connection_t* conn, pn_link_t* link) {
+  for (pn_link_t* l = pn_link_head(conn, PN_LOCAL_ACTIVE); l != nullptr; l = pn_link_next(l, PN_LOCAL_ACTIVE)) {
+    if (l == link) return pn_link_is_receiver(l) && (pn_link_state(l) & kOpenBothEnds) == kOpenBothEnds;
+  }
+  return false;
+}
+
+int s_free_slots(const conn_context_t& ctx, pn_connection_t* conn) {
+  int64_t taken = static_cast<int64_t>(ctx.inflight);
+  for (pn_link_t* l = pn_link_head(conn, PN_LOCAL_ACTIVE); l != nullptr; l = pn_link_next(l, PN_LOCAL_ACTIVE)) {
+    if (pn_link_is_receiver(l)) taken += std::max(0, pn_link_credit(l));
+  }
+  for (const auto& [link, n] : ctx.owed) taken += n;
+  return static_cast<int>(std::max<int64_t>(0, ctx.acc->max_inflight - taken));
+}
+
+void s_await_budget(gw_amqp_acceptor& acc, conn_context_t& ctx) {
+  if (!ctx.awaiting_budget) {
+    ctx.awaiting_budget = true;
+    acc.awaiting_budget.push_back(ctx.serial);
+  }
+  acc.waker->waiting.store(true);
+}
+
+// Grants what is owed, unless the budget is spent: then the connection waits for a release.
+void s_top_up(conn_context_t& ctx, pn_connection_t* conn) {
+  if (ctx.owed.empty()) return;
+  gw_amqp_acceptor& acc = *ctx.acc;
+  if (gw_inflight_budget_spent(acc.budget)) {
+    s_await_budget(acc, ctx);
+    // A release between the check and the registration found nobody waiting: look again.
+    if (gw_inflight_budget_spent(acc.budget)) return;
+  }
+  for (const auto& [link, n] : ctx.owed) {
+    if (s_is_open_receiver(conn, link)) pn_link_flow(link, n);
+  }
+  ctx.owed.clear();
+}
+
+void s_give_credit(conn_context_t& ctx, pn_connection_t* conn, pn_link_t* link, int wanted) {
+  const int n = std::min(wanted, s_free_slots(ctx, conn));
+  if (n <= 0) return;
+  ctx.owed[link] += n;
+  s_top_up(ctx, conn);
+}
+
+// A link to give a freed slot to when the request's own link has closed: the first open
+// receiver without credit, so that a link opened while the cap was taken is not starved.
+pn_link_t* s_starved_receiver(pn_connection_t* conn) {
+  for (pn_link_t* l = pn_link_head(conn, PN_LOCAL_ACTIVE); l != nullptr; l = pn_link_next(l, PN_LOCAL_ACTIVE)) {
+    if (pn_link_is_receiver(l) && (pn_link_state(l) & kOpenBothEnds) == kOpenBothEnds && pn_link_credit(l) == 0)
+      return l;
+  }
+  return nullptr;
+}
+
+// A request's slot is free again: its reply went out, or none is owed.
+void s_finish_request(conn_context_t& ctx, pn_connection_t* conn, pn_link_t* request_link) {
+  if (ctx.inflight > 0) {
+    --ctx.inflight;
+    --ctx.acc->inflight;
+  }
+  pn_link_t* target = request_link != nullptr && s_is_open_receiver(conn, request_link) ? request_link
+                                                                                         : s_starved_receiver(conn);
+  if (target != nullptr) s_give_credit(ctx, conn, target, 1);
+}
+
 // ---- replies ----------------------------------------------------------------------
 
 // The address replies for this sender link go to: its local source, else its remote one.
@@ -131,7 +271,6 @@ const char* sender_link_reply_address(pn_link_t* link) {
 }
 
 pn_link_t* find_sender_for_address(pn_connection_t* conn, const std::string& reply_to) {
-  constexpr pn_state_t kOpenBothEnds = PN_LOCAL_ACTIVE | PN_REMOTE_ACTIVE;
   for (pn_link_t* link = pn_link_head(conn, 0); link != nullptr; link = pn_link_next(link, 0)) {
     if (!pn_link_is_sender(link) || (pn_link_state(link) & kOpenBothEnds) != kOpenBothEnds) continue;
     const char* address = sender_link_reply_address(link);
@@ -151,6 +290,7 @@ void s_send_presettled(pn_link_t* link, const std::vector<char>& bytes) {
 void flush_pending_replies(conn_context_t& ctx, pn_link_t* link) {
   const char* address = sender_link_reply_address(link);
   if (address == nullptr) return;
+  pn_connection_t* conn = s_link_connection(link);
   for (auto it = ctx.pending_replies.begin(); it != ctx.pending_replies.end();) {
     if (pn_link_credit(link) < 1) break;
     if (it->reply_to != address) {
@@ -160,7 +300,9 @@ void flush_pending_replies(conn_context_t& ctx, pn_link_t* link) {
     s_send_presettled(link, it->bytes);
     log_trace("amqp_acceptor: flushed queued reply on link to '%s' (%zu bytes)", log_safe(address).c_str(),
               it->bytes.size());
+    pn_link_t* request_link = it->request_link;
     it = ctx.pending_replies.erase(it);
+    s_finish_request(ctx, conn, request_link);
   }
 }
 
@@ -198,7 +340,7 @@ std::vector<char> encode_reply_grow(pn_message_t* msg, size_t hint, size_t cap) 
 
 // The reply: a fresh message id, `to` the request's reply_to, the request's message id as
 // correlation id, and an array of strings: the reply JSON, then the reply data if any.
-qm::pn_message_ptr s_build_reply(const std::string& reply_to, const std::string& json, const char* data,
+qm::pn_message_ptr s_build_reply(const std::string& reply_to, std::string_view json, const char* data,
                                  size_t data_len, const pn_atom_t& cid) {
   qm::pn_message_ptr msg(pn_message());
   if (!msg) return msg;
@@ -219,60 +361,71 @@ qm::pn_message_ptr s_build_reply(const std::string& reply_to, const std::string&
   return msg;
 }
 
-void s_queue_reply(conn_context_t& ctx, const std::string& reply_to, std::vector<char> bytes) {
+// True when queued. Its bytes are already in memory: they count against the budget even
+// past its limit, so that no new credit is granted until they are gone.
+bool s_queue_reply(conn_context_t& ctx, const std::string& reply_to, std::vector<char> bytes,
+                   pn_link_t* request_link) {
+  gw_inflight_budget* budget = ctx.acc->budget;
+  const size_t size = bytes.size();
   try {
-    ctx.pending_replies.push_front(pending_reply_t{reply_to, std::move(bytes)});
+    ctx.pending_replies.push_front(pending_reply_t{reply_to, std::move(bytes), request_link, {}});
   } catch (const std::bad_alloc&) {
     log_error("amqp_acceptor: OOM queueing reply for '%s'", log_safe(reply_to).c_str());
-    return;
+    return false;
+  }
+  if (budget != nullptr) {
+    gw_inflight_budget_charge(budget, size);
+    ctx.pending_replies.front().held = qm::inflight_bytes(budget, size);
   }
   log_trace("amqp_acceptor: queued reply for '%s' (%zu bytes) \u2014 waiting for receiver link credit",
             log_safe(reply_to).c_str(), ctx.pending_replies.front().bytes.size());
+  return true;
 }
 
-void dispatch_reply(conn_context_t& ctx, pn_connection_t* conn, const qm::opt_string& reply_to, const char* json,
-                    const char* data, size_t data_len, const pn_atom_t& cid) {
-  if (!qm::has_text(reply_to) || json == nullptr) return;
-  const std::string json_text(json);
+// Sends the reply at once, or queues it holding its request's slot: true when queued.
+bool dispatch_reply(conn_context_t& ctx, pn_connection_t* conn, const qm::opt_string& reply_to, const char* json,
+                    const char* data, size_t data_len, const pn_atom_t& cid, pn_link_t* request_link) {
+  if (!qm::has_text(reply_to) || json == nullptr) return false;
+  const std::string_view json_text(json);
   const size_t n = json_text.size() + (data != nullptr ? data_len : 0);
   const size_t hint = n + n / 2 + 4096;
   qm::pn_message_ptr msg = s_build_reply(*reply_to, json_text, data, data_len, cid);
   if (!msg) {
     log_error("amqp_acceptor: pn_message() OOM building reply for '%s'", log_safe(*reply_to).c_str());
-    return;
+    return false;
   }
   std::vector<char> bytes = encode_reply_grow(msg.get(), hint, ctx.acc->cfg->max_msg_size_bytes);
   if (bytes.empty()) {
     log_warn("amqp_acceptor: failed to encode reply for '%s'", log_safe(*reply_to).c_str());
-    return;
+    return false;
   }
   pn_link_t* link = find_sender_for_address(conn, *reply_to);
   if (link != nullptr && pn_link_credit(link) > 0) {
     s_send_presettled(link, bytes);
     log_trace("amqp_acceptor: reply sent on existing link to '%s' (%zu bytes)", log_safe(*reply_to).c_str(),
               bytes.size());
-    return;
+    return false;
   }
-  s_queue_reply(ctx, *reply_to, std::move(bytes));
+  return s_queue_reply(ctx, *reply_to, std::move(bytes), request_link);
 }
 
 const char* s_subject_or(const gw_relay_job_t& job, const char* fallback) {
   return job.address.empty() ? fallback : job.address.c_str();
 }
 
-void s_reply_to_job(conn_context_t& ctx, pn_connection_t* conn, gw_relay_job_t& job) {
+// True when the reply waits in the queue, holding the job's slot.
+bool s_reply_to_job(conn_context_t& ctx, pn_connection_t* conn, gw_relay_job_t& job) {
   const char* user = s_user_or(&ctx, "(anon)");
   if (job.rc == 0 && job.reply_json) {
     log_trace("amqp_acceptor: relay returned subject=%s reply_json_len=%zu reply_data_len=%zu",
               log_safe(s_subject_or(job, "(null)")).c_str(), strlen(job.reply_json.get()), job.reply_data_len);
-    dispatch_reply(ctx, conn, job.reply_to, job.reply_json.get(), job.reply_data.get(), job.reply_data_len,
-                   job.cid_atom);
-    return;
+    return dispatch_reply(ctx, conn, job.reply_to, job.reply_json.get(), job.reply_data.get(), job.reply_data_len,
+                          job.cid_atom, job.link);
   }
   if (!qm::has_text(job.reply_to)) {
     log_warn("amqp_acceptor: relay job failed user=%s subject=%s (rc=%d, no reply_to)", log_safe(user).c_str(),
              log_safe(s_subject_or(job, "(null)")).c_str(), job.rc);
-    return;
+    return false;
   }
   const std::string& host = ctx.acc->host_fqdn;
   std::string error_json;
@@ -282,12 +435,12 @@ void s_reply_to_job(conn_context_t& ctx, pn_connection_t* conn, gw_relay_job_t& 
   } catch (const std::bad_alloc&) {
     log_error("amqp_acceptor: OOM building error reply for '%s' \u2014 client will time out ",
               log_safe(*job.reply_to).c_str());
-    return;
+    return false;
   }
   log_warn("amqp_acceptor: relay job failed user=%s subject=%s (rc=%d) \u2014 sending synthetic SCAN_ERROR reply to %s",
            log_safe(user).c_str(), log_safe(s_subject_or(job, "(unknown)")).c_str(), job.rc,
            log_safe(*job.reply_to).c_str());
-  dispatch_reply(ctx, conn, job.reply_to, error_json.c_str(), nullptr, 0, job.cid_atom);
+  return dispatch_reply(ctx, conn, job.reply_to, error_json.c_str(), nullptr, 0, job.cid_atom, job.link);
 }
 
 void handle_completed_jobs(conn_context_t& ctx, pn_connection_t* conn) {
@@ -295,12 +448,10 @@ void handle_completed_jobs(conn_context_t& ctx, pn_connection_t* conn) {
   while (job != nullptr) {
     gw_relay_job_t* next = job->next;
     job->next = nullptr;
-    s_reply_to_job(ctx, conn, *job);
-    gw_relay_job_free(job);
-    if (ctx.inflight > 0) {
-      --ctx.inflight;
-      --ctx.acc->inflight;
-    }
+    const bool queued = s_reply_to_job(ctx, conn, *job);
+    pn_link_t* request_link = job->link;
+    gw_relay_job_free(job);  // its request bytes go back to the budget before credit is weighed
+    if (!queued) s_finish_request(ctx, conn, request_link);
     job = next;
   }
 }
@@ -358,10 +509,21 @@ bool s_body_parts(pn_message_t* msg, std::string& json, pn_bytes_t& payload) {
   return true;
 }
 
+// The subject policy's verdict, kept for the connection's last address: a client's
+// profile and the allow-list stay as they are while it is connected, and most clients
+// send every request to one service.
+const gw_target& s_admit(conn_context_t& ctx, const std::string& address, const char* user) {
+  if (!ctx.last_admitted || ctx.last_address != address) {
+    ctx.last_admitted = gw_subject_policy_admit(address.c_str(), qm::cstr(ctx.acc->cfg->services), ctx.profile, user);
+    ctx.last_address = address;
+  }
+  return *ctx.last_admitted;
+}
+
 // Step 11 of a delivery: the job takes over the decoded message, which the payload and a
 // string or binary message id point into.
 gw_relay_job_t* s_build_job(conn_context_t& ctx, qm::pn_message_ptr& msg, std::string subject, std::string json,
-                            pn_bytes_t payload, const char* reply_to) {
+                            pn_bytes_t payload, const char* reply_to, qm::inflight_bytes held) {
   std::unique_ptr<gw_relay_job_t, decltype(&gw_relay_job_free)> job(gw_relay_job_new(), gw_relay_job_free);
   if (!job) {
     log_error("amqp_acceptor: OOM building relay job \u2014 rejecting");
@@ -385,9 +547,19 @@ gw_relay_job_t* s_build_job(conn_context_t& ctx, qm::pn_message_ptr& msg, std::s
   job->bin_data = payload.size != 0 ? const_cast<char*>(payload.start) : nullptr;
   job->bin_len = payload.size;
   job->incoming_msg_owned = msg.release();
+  job->held = std::move(held);
   gw_relay_conn_handle_addref(ctx.relay_handle);
   job->handle = ctx.relay_handle;
   return job.release();
+}
+
+// A complete message is in memory already: it is counted even past the budget, which
+// then holds back every connection's next credit until bytes are freed.
+qm::inflight_bytes s_charge_request(gw_amqp_acceptor& acc, uint64_t bytes) {
+  if (acc.budget == nullptr) return {};
+  if (!gw_inflight_budget_charge(acc.budget, bytes))
+    gw_inflight_budget_note_refusal(acc.budget, BROKER_METRICS_DOOR_AMQP, bytes);
+  return qm::inflight_bytes(acc.budget, bytes);
 }
 
 // Reads a complete delivery; an empty vector after a failure (logged, delivery settled).
@@ -475,6 +647,7 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
   }
   const std::vector<char> bytes = s_read_whole(d, link, pending);
   if (bytes.empty()) return;
+  qm::inflight_bytes held = s_charge_request(*ctx.acc, static_cast<uint64_t>(pending));
 
   qm::pn_message_ptr msg(pn_message());
   if (!msg) {
@@ -510,10 +683,7 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
             static_cast<int>(pn_message_get_id(msg.get()).type), PN_UUID, PN_STRING, PN_ULONG, PN_NULL);
 
   const char* user = s_user_or(&ctx, "");
-  const gw_target admitted = ctx.profile_known
-                                 ? gw_subject_policy_admit(address.c_str(), qm::cstr(ctx.acc->cfg->services),
-                                                           ctx.profile, user)
-                                 : gw_target{address, GW_TARGET_FORBIDDEN};
+  const gw_target admitted = ctx.profile_known ? s_admit(ctx, address, user) : gw_target{address, GW_TARGET_FORBIDDEN};
   if (admitted.verdict != GW_TARGET_OK) {
     const char* why = gw_target_verdict_text(admitted.verdict);
     log_warn("amqp_acceptor: rejecting delivery to '%s' of user=%s: %s", log_safe(address).c_str(),
@@ -527,15 +697,15 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
   }
   const size_t json_len = json.size();
   const size_t bin_len = payload.size;
-  const std::string reply_to_text = qm::or_text(reply_to, "(none)");
-  gw_relay_job_t* job = s_build_job(ctx, msg, subject.c_str(), std::move(json), payload, reply_to);
+  gw_relay_job_t* job = s_build_job(ctx, msg, subject.c_str(), std::move(json), payload, reply_to, std::move(held));
   if (job == nullptr) {
     s_settle(d, PN_REJECTED);
     return;
   }
+  job->link = link;
   log_trace("amqp_acceptor: submitting relay user=%s subject=%s json_len=%zu bin_len=%zu reply_to=%s",
             log_safe(s_user_or(&ctx, "(anon)")).c_str(), log_safe(subject).c_str(), json_len, bin_len,
-            log_safe(reply_to_text).c_str());
+            log_safe(qm::or_text(job->reply_to ? job->reply_to->c_str() : nullptr, "(none)")).c_str());
   if (gw_relay_pool_submit(ctx.acc->relay_pool.get(), job) != 0) {
     log_error("amqp_acceptor: relay pool rejected job \u2014 pool shutting down or OOM");
     s_settle(d, PN_REJECTED);
@@ -543,11 +713,56 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
   }
   ++ctx.inflight;
   ++ctx.acc->inflight;
-  s_settle(d, PN_ACCEPTED);
-  pn_link_flow(link, 1);
+  s_settle(d, PN_ACCEPTED);  // its credit comes back with its reply
 }
 
 // ---- connections, transports and links ---------------------------------------------
+
+// The proactor has one timer: it is set for the earliest handshake deadline still ahead.
+void s_arm_handshake_timer(gw_amqp_acceptor& acc) {
+  if (acc.timer_armed || acc.handshake_deadlines.empty()) return;
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(acc.handshake_deadlines.front().first -
+                                                                 steady_clock::now());
+  pn_proactor_set_timeout(acc.proactor.get(), static_cast<pn_millis_t>(std::max<int64_t>(0, wait.count())));
+  acc.timer_armed = true;
+}
+
+// Each connection past its deadline is woken, and checks itself in its own batch.
+void s_on_timeout(gw_amqp_acceptor& acc) {
+  acc.timer_armed = false;
+  const auto now = steady_clock::now();
+  while (!acc.handshake_deadlines.empty() && acc.handshake_deadlines.front().first <= now) {
+    const auto found = acc.live.find(acc.handshake_deadlines.front().second);
+    if (found != acc.live.end()) pn_connection_wake(found->second);
+    acc.handshake_deadlines.pop_front();
+  }
+  s_arm_handshake_timer(acc);
+}
+
+// Idle sockets and logins stopped halfway would otherwise hold descriptors for ever.
+void s_enforce_handshake_deadline(conn_context_t& ctx, pn_connection_t* conn) {
+  if (ctx.authenticated || steady_clock::now() < ctx.handshake_deadline) return;
+  pn_transport_t* t = pn_connection_transport(conn);
+  if (t == nullptr || pn_transport_closed(t)) return;
+  gw_amqp_acceptor& acc = *ctx.acc;
+  if (s_log_now(acc.last_deadline_log_s))
+    log_warn("amqp_acceptor: closing connection not logged in within %d ms (--amqp-handshake-timeout-ms)",
+             acc.handshake_timeout_ms);
+  pn_condition_set_name(pn_transport_condition(t), "amqp:resource-limit-exceeded");
+  pn_condition_set_description(pn_transport_condition(t), "no login within the handshake deadline");
+  s_close_transport(t);
+}
+
+// A budget release woke the loop: every connection owed credit looks again.
+void s_wake_awaiting_budget(gw_amqp_acceptor& acc) {
+  for (uint64_t serial : acc.awaiting_budget) {
+    const auto found = acc.live.find(serial);
+    if (found == acc.live.end()) continue;
+    s_context(found->second)->awaiting_budget = false;
+    pn_connection_wake(found->second);
+  }
+  acc.awaiting_budget.clear();
+}
 
 void s_accept(gw_amqp_acceptor& acc, pn_listener_t* listener) {
   pn_connection_t* conn = pn_connection();
@@ -568,6 +783,13 @@ void s_accept(gw_amqp_acceptor& acc, pn_listener_t* listener) {
     s_close_transport(transport);
     return;
   }
+  if (static_cast<int>(acc.live.size()) >= acc.max_connections) {
+    if (s_log_now(acc.last_refusal_log_s))
+      log_warn("amqp_acceptor: refusing new connection \u2014 %d connections open (--amqp-max-connections)",
+               acc.max_connections);
+    s_close_transport(transport);
+    return;
+  }
   auto* ctx = new (std::nothrow) conn_context_t;
   gw_relay_conn_handle_t* handle = ctx != nullptr ? gw_relay_conn_handle_new(conn) : nullptr;
   if (handle == nullptr) {
@@ -578,6 +800,20 @@ void s_accept(gw_amqp_acceptor& acc, pn_listener_t* listener) {
   }
   ctx->acc = &acc;
   ctx->relay_handle = handle;
+  ctx->serial = ++acc.next_serial;
+  ctx->handshake_deadline = steady_clock::now() + std::chrono::milliseconds(acc.handshake_timeout_ms);
+  try {
+    acc.live.emplace(ctx->serial, conn);
+    acc.handshake_deadlines.emplace_back(ctx->handshake_deadline, ctx->serial);
+  } catch (const std::bad_alloc&) {
+    acc.live.erase(ctx->serial);
+    gw_relay_conn_handle_release(handle);
+    delete ctx;
+    log_error("amqp_acceptor: out of memory accepting connection");
+    s_close_transport(transport);
+    return;
+  }
+  s_arm_handshake_timer(acc);
   pn_connection_set_context(conn, ctx);
   log_trace("amqp_acceptor: new inbound connection accepted");
 }
@@ -705,6 +941,8 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
   broker_metrics_amqp_connection(-1);
   if (ctx == nullptr) return;
   if (acc.own_cyrus_binding) gw_amqp_cyrus_detach(t);
+  acc.live.erase(ctx->serial);
+  gw_relay_pool_drop(acc.relay_pool.get(), ctx->relay_handle);
   gw_relay_conn_handle_close(ctx->relay_handle);
   gw_relay_conn_handle_release(ctx->relay_handle);
   acc.inflight -= ctx->inflight;  // no reply is owed to a closed connection
@@ -717,7 +955,7 @@ void s_on_link_remote_open(conn_context_t* ctx, pn_link_t* link) {
     pn_terminus_copy(pn_link_source(link), pn_link_remote_source(link));
     pn_terminus_copy(pn_link_target(link), pn_link_remote_target(link));
     pn_link_open(link);
-    pn_link_flow(link, kInitialCredit);
+    if (ctx != nullptr) s_give_credit(*ctx, s_link_connection(link), link, kInitialCredit);
     return;
   }
   pn_terminus_copy(pn_link_target(link), pn_link_remote_target(link));
@@ -828,8 +1066,10 @@ void handle_event(gw_amqp_acceptor& acc, pn_event_t* e) {
       pn_connection_t* conn = pn_event_connection(e);
       conn_context_t* ctx = s_context(conn);
       if (ctx == nullptr) break;
+      s_enforce_handshake_deadline(*ctx, conn);
       if (acc.own_cyrus_binding) gw_amqp_cyrus_resume(pn_connection_transport(conn));
       handle_completed_jobs(*ctx, conn);
+      s_top_up(*ctx, conn);
       break;
     }
     case PN_TRANSPORT_ERROR: {
@@ -841,6 +1081,12 @@ void handle_event(gw_amqp_acceptor& acc, pn_event_t* e) {
     }
     case PN_TRANSPORT_CLOSED:
       s_on_transport_closed(acc, e);
+      break;
+    case PN_PROACTOR_TIMEOUT:
+      s_on_timeout(acc);
+      break;
+    case PN_PROACTOR_INTERRUPT:
+      if (acc.running.load()) s_wake_awaiting_budget(acc);
       break;
     default:
       break;
@@ -881,8 +1127,15 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
     acc->sasl_config_dir = qm::from_cstr(sasl_config_dir);
     acc->host_fqdn = qm::or_text(qmhlp_GetMyFQDN(), "");
     acc->own_cyrus_binding = gw_amqp_cyrus_needed();
+    acc->max_connections = cfg->amqp_max_connections >= 1 ? cfg->amqp_max_connections : kDefaultMaxConnections;
+    acc->handshake_timeout_ms =
+        cfg->amqp_handshake_timeout_ms >= 1 ? cfg->amqp_handshake_timeout_ms : kDefaultHandshakeTimeoutMs;
+    acc->max_inflight = cfg->amqp_max_inflight >= 1 ? cfg->amqp_max_inflight : kDefaultMaxInflight;
+    acc->budget = cfg->inflight_budget;
     acc->proactor.reset(pn_proactor());
     if (!acc->proactor) return nullptr;
+    acc->waker = std::make_shared<budget_waker>();
+    acc->waker->proactor = acc->proactor.get();
     acc->relay_pool.reset(gw_relay_pool_create(relay, workers));
     if (!acc->relay_pool) {
       log_error("amqp_acceptor: failed to start relay worker pool (workers=%d)", workers);
@@ -897,6 +1150,9 @@ gw_amqp_acceptor_t* gw_amqp_acceptor_create(const gw_config_t* cfg, gw_nats_rela
     }
   } catch (const std::exception&) {
     return nullptr;
+  }
+  if (acc->budget != nullptr) {
+    gw_inflight_budget_set_release_hook(acc->budget, [waker = acc->waker] { waker->on_release(); });
   }
   return acc.release();
 }
@@ -913,6 +1169,10 @@ int gw_amqp_acceptor_run(gw_amqp_acceptor_t* acc) {
   // Every connection and the listener close through their normal events, so that no
   // connection's context outlives the loop. Only PN_PROACTOR_INACTIVE says that the
   // proactor has also freed them; it comes once, when the last one goes.
+  // A pending handshake timer would hold PN_PROACTOR_INACTIVE back until it fires.
+  acc->handshake_deadlines.clear();
+  acc->timer_armed = false;
+  pn_proactor_cancel_timeout(acc->proactor.get());
   if (acc->live_endpoints > 0) {
     pn_proactor_disconnect(acc->proactor.get(), nullptr);
     while (!s_process_batch(*acc)) {
@@ -938,6 +1198,11 @@ bool gw_amqp_acceptor_listening(const gw_amqp_acceptor_t* acc) {
 void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc) {
   if (acc == nullptr) return;
   std::unique_ptr<gw_amqp_acceptor> owned(acc);
+  if (acc->budget != nullptr) gw_inflight_budget_set_release_hook(acc->budget, {});
+  if (acc->waker) {
+    std::lock_guard<std::mutex> lock(acc->waker->mu);
+    acc->waker->proactor = nullptr;
+  }
   acc->sasl_steps.reset();
   acc->relay_pool.reset();
   acc->proactor.reset();

@@ -24,6 +24,13 @@ struct gw_config {
   qm::opt_string amqp_tls_cert;  // unset: plaintext
   qm::opt_string amqp_tls_key;
   qm::opt_string amqp_tls_ca;
+  // Connections open at once; one more is closed as it is accepted. Below 1 becomes 1024.
+  int amqp_max_connections = 1024;
+  // A connection not logged in this long after its accept is closed. Below 1 becomes 10000.
+  int amqp_handshake_timeout_ms = 10000;
+  // Scan requests one connection may have accepted and not yet answered; the credit its
+  // links get follows this. Below 1 becomes 32.
+  int amqp_max_inflight = 32;
 
   bool http_enabled = false;
   qm::opt_string http_listen_host{"0.0.0.0"};
@@ -59,6 +66,8 @@ struct gw_config {
   int relay_timeout_ms = 30000;
   int relay_max_timeout_ms = 300000;
   int js_ackwait_ms = 0;  // copied by broker_config_finalize
+  // Payload bytes both doors may hold at once; not owned. NULL: no budget.
+  gw_inflight_budget* inflight_budget = nullptr;
 
   int log_level = 4;
   qm::opt_string log_file;

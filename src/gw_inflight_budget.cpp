@@ -58,6 +58,20 @@ int gw_inflight_budget_acquire(gw_inflight_budget* budget, uint64_t bytes, int w
   return 0;
 }
 
+bool gw_inflight_budget_charge(gw_inflight_budget* budget, uint64_t bytes) {
+  if (budget == nullptr || bytes == 0) return true;
+  std::lock_guard<std::mutex> lock(budget->mu);
+  const bool fits = budget->fits_locked(bytes);
+  budget->take_locked(bytes);
+  return fits;
+}
+
+bool gw_inflight_budget_spent(const gw_inflight_budget* budget) {
+  if (budget == nullptr) return false;
+  std::lock_guard<std::mutex> lock(budget->mu);
+  return budget->in_use >= budget->limit;
+}
+
 void gw_inflight_budget_release(gw_inflight_budget* budget, uint64_t bytes) {
   if (budget == nullptr || bytes == 0) return;
   std::function<void()> hook;

@@ -20,7 +20,13 @@ void gw_inflight_budget_destroy(gw_inflight_budget* budget);  // NULL-safe
 int gw_inflight_budget_try_acquire(gw_inflight_budget* budget, uint64_t bytes);
 // As try_acquire, but waits up to `wait_ms` for releases to make room.
 int gw_inflight_budget_acquire(gw_inflight_budget* budget, uint64_t bytes, int wait_ms);
-// Gives back bytes taken by an acquire; wakes waiters and runs the release hook.
+// Counts bytes that are already in memory and must not be lost (an AMQP message that has
+// arrived on credit granted earlier, a reply waiting for its client), past the limit if
+// need be: what a door then withholds waits until they are freed. True when they fitted.
+bool gw_inflight_budget_charge(gw_inflight_budget* budget, uint64_t bytes);
+// True while nothing more fits (the bytes held have reached the limit). False for NULL.
+bool gw_inflight_budget_spent(const gw_inflight_budget* budget);
+// Gives back bytes taken by an acquire or a charge; wakes waiters and runs the release hook.
 void gw_inflight_budget_release(gw_inflight_budget* budget, uint64_t bytes);
 
 // Called, outside the budget's lock, after every release: a door that withholds work

@@ -685,10 +685,17 @@ int s_exchange(gw_nats_relay& relay, const char* subject, const std::string& sen
   return 0;
 }
 
+// False only when the JSON text cannot name `key`: it holds neither the key's text nor an
+// escape that could spell it. Most requests and replies then skip a parse.
+bool s_may_hold_key(const char* json, const char* key) {
+  return strstr(json, key) != nullptr || strstr(json, "\\u") != nullptr;
+}
+
 // The payload a reply names by "_kv_key", read and then deleted; nothing when there is
 // none or it cannot be read. False when the reply's manifest was refused: the reply as a
 // whole is then not trusted.
 bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** reply_data, size_t* reply_data_len) {
+  if (!s_may_hold_key(reply_json, "\"_kv_key\"")) return true;
   qm::json_ptr doc = s_parse_object(reply_json);
   const char* key = doc ? s_string_field(doc.get(), "_kv_key") : nullptr;
   if (key == nullptr) return true;
@@ -770,9 +777,8 @@ int s_request(gw_nats_relay& relay, const char* caller, const char* subject, con
 }
 
 qm::nats_options_ptr s_build_options(const gw_config_t& cfg) {
-  natsOptions* raw = nullptr;
-  if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
-  qm::nats_options_ptr opts(raw);
+  qm::nats_options_ptr opts = qm_nats_request_options();
+  if (!opts) return nullptr;
   if (natsOptions_SetURL(opts.get(), qm::cstr(cfg.nats_url)) != NATS_OK) return nullptr;
   // Replies to the gateway arrive below a prefix that every client grant denies.
   if (natsOptions_SetCustomInboxPrefix(opts.get(), AUTH_GATEWAY_INBOX_PREFIX) != NATS_OK) return nullptr;
@@ -846,7 +852,9 @@ std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
 void scan_params_from_json(const char* request_json, uint64_t* scan_timeout_ms, uint64_t* bandwidth) {
   uint64_t timeout = 0;
   uint64_t rate = 0;
-  if (qm::json_ptr doc = s_parse_object(request_json)) {
+  const bool may_hold = request_json != nullptr &&
+                        (s_may_hold_key(request_json, "SCANTIMEOUT") || s_may_hold_key(request_json, "SCANBANDWIDTH"));
+  if (qm::json_ptr doc = may_hold ? s_parse_object(request_json) : nullptr) {
     timeout = s_positive_field(doc.get(), "SCANTIMEOUT");
     rate = s_positive_field(doc.get(), "SCANBANDWIDTH");
   }
@@ -1045,6 +1053,12 @@ gw_nats_relay_t* gw_nats_relay_create(const gw_config_t* cfg) {
 }
 
 void gw_nats_relay_destroy(gw_nats_relay_t* relay) { std::unique_ptr<gw_nats_relay> owned(relay); }
+
+void gw_nats_relay_abort(gw_nats_relay_t* relay) {
+  if (relay == nullptr || !relay->conn) return;
+  log_warn("nats_relay: closing the connection with requests still waiting \u2014 they fail now");
+  natsConnection_Close(relay->conn.get());
+}
 
 unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay) {
   return relay != nullptr ? static_cast<unsigned long>(relay->relay_timeout_ms) : 0;

@@ -28,6 +28,11 @@ void gw_nats_relay_destroy(gw_nats_relay_t* relay);
 // so does provisioning after nats-server came back, which may be another version.
 void gw_nats_relay_detect_msg_ttl(gw_nats_relay_t* relay);
 
+// Closes the relay's connection: requests waiting return at once with a failure, and
+// every later one fails. For a stop that must not wait for slow scans; any thread.
+// Accepts NULL.
+void gw_nats_relay_abort(gw_nats_relay_t* relay);
+
 // The wait for requests without a scan budget (auth and control calls); 0 for NULL.
 unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay);
 

@@ -3,6 +3,7 @@
 #include <proton/proactor.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <memory>
@@ -33,7 +34,10 @@ struct gw_relay_pool {
   gw_relay_job* head = nullptr;
   gw_relay_job* tail = nullptr;
   bool stopped = false;
+  int relaying = 0;                // jobs a worker is relaying now, under mu
+  std::condition_variable idle;    // signalled when relaying falls to 0
   gw_relay_wake_fn wake = pn_connection_wake;  // fixed before the workers start
+  int stop_deadline_ms = GW_RELAY_POOL_STOP_DEADLINE_MS;
 };
 
 namespace {
@@ -80,7 +84,13 @@ void s_relay(gw_relay_pool& pool, gw_relay_job& job) {
   }
 }
 
-// Pops the next job; NULL once the pool is stopped and the queue is empty.
+bool s_connection_gone(gw_relay_job& job) {
+  std::lock_guard<std::mutex> guard(job.handle->mu);
+  return job.handle->released;
+}
+
+// Pops the next job and counts it as being relayed; NULL once the pool is stopped and
+// the queue is empty.
 gw_relay_job* s_next_job(gw_relay_pool& pool) {
   std::unique_lock<std::mutex> lock(pool.mu);
   pool.cv.wait(lock, [&] { return pool.stopped || pool.head != nullptr; });
@@ -88,18 +98,47 @@ gw_relay_job* s_next_job(gw_relay_pool& pool) {
   if (job == nullptr) return nullptr;
   pool.head = job->next;
   if (pool.head == nullptr) pool.tail = nullptr;
+  ++pool.relaying;
   lock.unlock();
   broker_metrics_relay_queue(-1);
   job->next = nullptr;
   return job;
 }
 
-// A stopped pool with queued jobs goes on relaying them: shutdown drains the queue.
+void s_job_done(gw_relay_pool& pool) {
+  bool idle = false;
+  {
+    std::lock_guard<std::mutex> guard(pool.mu);
+    idle = --pool.relaying == 0;
+  }
+  if (idle) pool.idle.notify_all();
+}
+
+// A stopped pool with queued jobs goes on relaying them: shutdown drains the queue. A
+// job whose connection has ended is not relayed: nobody would take its reply.
 void worker_main(gw_relay_pool* pool) {
   while (gw_relay_job* job = s_next_job(*pool)) {
-    s_relay(*pool, *job);
-    handoff_completed(*pool, job);
+    if (s_connection_gone(*job)) {
+      gw_relay_job_free(job);
+    } else {
+      s_relay(*pool, *job);
+      handoff_completed(*pool, job);
+    }
+    s_job_done(*pool);
   }
+}
+
+// Waits for the queue to drain and the workers to finish within the stop deadline; past
+// it the relay's requests are ended, so that the workers return at once.
+void s_wait_or_abort(gw_relay_pool& pool) {
+  std::unique_lock<std::mutex> lock(pool.mu);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(pool.stop_deadline_ms);
+  if (pool.idle.wait_until(lock, deadline, [&] { return pool.relaying == 0 && pool.head == nullptr; })) return;
+  const int relaying = pool.relaying;
+  lock.unlock();
+  log_warn("gw_relay_pool: %d job(s) still relaying %d ms into the stop \u2014 ending their requests", relaying,
+           pool.stop_deadline_ms);
+  gw_nats_relay_abort(pool.relay);
 }
 
 void s_stop(gw_relay_pool& pool) {
@@ -138,13 +177,15 @@ gw_relay_job_t* gw_relay_job_new() {
 
 void gw_relay_job_free(gw_relay_job_t* job) { std::unique_ptr<gw_relay_job> owned(job); }
 
-gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads, gw_relay_wake_fn wake) {
+gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads, gw_relay_wake_fn wake,
+                                      int stop_deadline_ms) {
   if (relay == nullptr || num_threads < 1) return nullptr;
   std::unique_ptr<gw_relay_pool> pool;
   try {
     pool = std::make_unique<gw_relay_pool>();
     pool->relay = relay;
     if (wake != nullptr) pool->wake = wake;
+    pool->stop_deadline_ms = stop_deadline_ms < 0 ? 0 : stop_deadline_ms;
     pool->threads.reserve(static_cast<size_t>(num_threads));
     for (int i = 0; i < num_threads; ++i) pool->threads.emplace_back(worker_main, pool.get());
   } catch (const std::exception&) {
@@ -190,11 +231,37 @@ void gw_relay_pool_destroy(gw_relay_pool_t* pool) {
   if (pool == nullptr) return;
   std::unique_ptr<gw_relay_pool> owned(pool);
   s_stop(*pool);
+  if (!pool->threads.empty()) s_wait_or_abort(*pool);
   s_join_all(*pool);
   // Nothing is left once the workers have drained the queue; this is for a pool whose
   // threads never ran.
   s_free_list(pool->head, false);
   pool->head = pool->tail = nullptr;
+}
+
+size_t gw_relay_pool_drop(gw_relay_pool_t* pool, gw_relay_conn_handle_t* h) {
+  if (pool == nullptr || h == nullptr) return 0;
+  gw_relay_job* dropped = nullptr;
+  size_t count = 0;
+  {
+    std::lock_guard<std::mutex> guard(pool->mu);
+    gw_relay_job** link = &pool->head;
+    pool->tail = nullptr;
+    while (gw_relay_job* job = *link) {
+      if (job->handle != h) {
+        pool->tail = job;
+        link = &job->next;
+        continue;
+      }
+      *link = job->next;
+      job->next = dropped;
+      dropped = job;
+      ++count;
+    }
+  }
+  if (count > 0) broker_metrics_relay_queue(-static_cast<int>(count));
+  s_free_list(dropped, false);
+  return count;
 }
 
 void gw_relay_pool_stop(gw_relay_pool_t* pool) {

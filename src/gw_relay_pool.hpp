@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "gw_inflight_budget.hpp"
 #include "gw_nats_relay.hpp"
 #include "qm_cpp.hpp"
 
@@ -37,6 +38,8 @@ struct gw_relay_job {
   qm::malloc_ptr<char> reply_json;
   qm::malloc_ptr<char> reply_data;
   size_t reply_data_len = 0;
+  pn_link_t* link = nullptr;  // the receiver link it came on; only compared, by the event loop
+  qm::inflight_bytes held;    // the request's bytes, counted against the doors' budget
 
   gw_relay_job() = default;
   gw_relay_job(const gw_relay_job&) = delete;
@@ -57,10 +60,14 @@ void gw_relay_job_free(gw_relay_job_t* job);
 // What a finished job's hand-off calls to wake its connection's event loop.
 using gw_relay_wake_fn = void (*)(pn_connection_t* conn);
 
+// A stop waits this long for the jobs being relayed before it ends the relay's requests.
+constexpr int GW_RELAY_POOL_STOP_DEADLINE_MS = 5000;
+
 // num_threads workers relaying through `relay` (not owned); a finished job's connection
 // is woken with `wake` (NULL: pn_connection_wake). NULL when relay is NULL,
-// num_threads < 1, or a thread cannot start.
-gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads, gw_relay_wake_fn wake = nullptr);
+// num_threads < 1, or a thread cannot start. stop_deadline_ms: see destroy.
+gw_relay_pool_t* gw_relay_pool_create(gw_nats_relay_t* relay, int num_threads, gw_relay_wake_fn wake = nullptr,
+                                      int stop_deadline_ms = GW_RELAY_POOL_STOP_DEADLINE_MS);
 
 // Queues the job (FIFO, unbounded) and returns 0 at once. -1 when pool or job is NULL,
 // the job has no handle or the pool is stopped; the job is then freed here, so a
@@ -71,8 +78,16 @@ int gw_relay_pool_submit(gw_relay_pool_t* pool, gw_relay_job_t* job);
 // Accepts NULL.
 void gw_relay_pool_stop(gw_relay_pool_t* pool);
 
+// Frees the queued jobs of the connection behind h, which has ended: nobody is left to
+// take their replies. Jobs being relayed finish and are discarded. Returns how many were
+// dropped; 0 for NULL arguments.
+size_t gw_relay_pool_drop(gw_relay_pool_t* pool, gw_relay_conn_handle_t* h);
+
 // Accepts NULL. Stops taking jobs, lets the workers relay and hand off everything
-// already queued, joins them and frees the pool. Call after the event loop has stopped.
+// already queued (jobs of closed connections excepted), joins them and frees the pool.
+// Workers still relaying after the stop deadline have their requests ended through
+// gw_nats_relay_abort, so that a stop never waits for a slow scan. Call after the event
+// loop has stopped.
 void gw_relay_pool_destroy(gw_relay_pool_t* pool);
 
 // The handle of one AMQP connection: reference count 1 (the connection's own), not

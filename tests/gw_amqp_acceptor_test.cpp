@@ -9,6 +9,7 @@
 #include <proton/uuid.hpp>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <filesystem>
 #include <thread>
@@ -17,8 +18,12 @@
 #include <string>
 #include <vector>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include "admin_client.hpp"
 #include "amqp_fixture.hpp"
+#include "gw_inflight_budget.hpp"
 #include "log_capture.hpp"
 #include "qmhlp_network.hpp"
 
@@ -336,7 +341,7 @@ TEST(AmqpLimits, OversizeAndTooSlowRequests) {
   EXPECT_EQ(json_member(scan(c, scan_request("", "{}", &small, c.reply_address, "small")), "size"), "4");
 }
 
-// Accepted deliveries give their credit back; rejected ones spend it.
+// Accepted deliveries give their credit back once answered; rejected ones spend it.
 TEST(AmqpLimits, BodiesWithoutJsonAreRejectedAndSpendTheirCredit) {
   const int admin_port = free_port();
   AmqpEnvOptions options;
@@ -349,6 +354,7 @@ TEST(AmqpLimits, BodiesWithoutJsonAreRejectedAndSpendTheirCredit) {
   for (int i = 0; i < 10; ++i)
     tickets.push_back(c.client.send(c.sender, scan_request("", "{}", &payload, c.reply_address, "ok-" + std::to_string(i))));
   for (int t : tickets) EXPECT_EQ(c.client.outcome(t, kWait), Outcome::accepted);
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(c.client.receive(kWait));  // each reply gives its credit back
   EXPECT_EQ(c.client.credit(c.sender), 10);
 
   std::vector<proton::value> garbage = {
@@ -445,6 +451,123 @@ TEST(AmqpConnections, AThousandConcurrentRequestsOverTwentyConnections) {
     }
     EXPECT_FALSE(clients[i]->client.receive(0ms));
   }
+}
+
+// A plain TCP connection to the door that has sent `bytes` (maybe nothing) and says no more.
+qm::unique_fd raw_connection(int port, const std::string& bytes) {
+  qm::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  if (!bytes.empty()) {
+    EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+  }
+  return fd;
+}
+
+// True once the peer has closed: whatever it wrote is read away first.
+bool closed_by_peer(const qm::unique_fd& fd) {
+  char buffer[512];
+  for (;;) {
+    const ssize_t n = recv(fd.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n == 0) return true;
+    if (n < 0) return errno != EAGAIN && errno != EWOULDBLOCK;
+  }
+}
+
+// Sockets that never log in (idle, or stopped after the SASL header) are closed at the
+// handshake deadline while a logged-in client is served; the connection limit refuses
+// one connection more and serves the rest.
+TEST(AmqpConnections, IdleLoginsAreClosedAtTheDeadlineAndTheLimitRefusesOneMore) {
+  AmqpEnvOptions options;
+  options.broker_args = {"--amqp-max-connections", "3", "--amqp-handshake-timeout-ms", "1500"};
+  options.tracelevel = 4;
+  AmqpEnv env(options);
+  const qm::unique_fd idle = raw_connection(env.port(), "");
+  const qm::unique_fd stalled = raw_connection(env.port(), std::string("AMQP\x03\x01\x00\x00", 8));
+  ScanClient c(env);
+  const std::string payload = "served meanwhile";
+  EXPECT_EQ(json_member(scan(c, scan_request("", "{}", &payload, c.reply_address, "m-1")), "sha256"),
+            sha256_hex(payload));
+  EXPECT_TRUE(wait_until([&] { return closed_by_peer(idle) && closed_by_peer(stalled); }, kWait));
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: closing connection not logged in within 1500 ms"));
+
+  ScanClient second(env);
+  ScanClient third(env);
+  AmqpClient refused(env.port(), env.login());
+  EXPECT_FALSE(refused.is_open());
+  EXPECT_TRUE(env.wait_for_log("amqp_acceptor: refusing new connection \u2014 3 connections open"));
+  EXPECT_EQ(json_member(scan(third, scan_request("", "{}", &payload, third.reply_address, "m-2")), "sha256"),
+            sha256_hex(payload));
+  EXPECT_EQ(json_member(scan(c, scan_request("", "{}", &payload, c.reply_address, "m-3")), "sha256"),
+            sha256_hex(payload));
+}
+
+// One connection floods a slow worker: it never holds more than its cap of requests and
+// credit, another connection is answered meanwhile, and SIGTERM ends the broker without
+// waiting for the scans (each would take two minutes).
+TEST(AmqpConnections, AFloodGetsNoMoreThanItsCapAndAStopDoesNotWaitForIt) {
+  AmqpEnvOptions options;
+  options.broker_args = {"--amqp-max-inflight", "4", "--amqp-relay-workers", "6", "--relay-timeout-ms", "120000"};
+  options.tracelevel = 4;
+  AmqpEnv env(options);
+  ScanClient flood(env);
+  const std::string payload = "flood";
+  std::vector<int> tickets;
+  for (int i = 0; i < 40; ++i) {
+    tickets.push_back(flood.client.send(
+        flood.sender, scan_request("", "{\"delay_ms\":120000}", &payload, flood.reply_address, "f-" + std::to_string(i))));
+  }
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(flood.client.outcome(tickets[i], kWait), Outcome::accepted);
+  EXPECT_EQ(flood.client.credit(flood.sender), 0);
+
+  ScanClient other(env);
+  EXPECT_EQ(json_member(scan(other, scan_request("", "{}", &payload, other.reply_address, "o-1")), "sha256"),
+            sha256_hex(payload));
+  EXPECT_EQ(flood.client.outcome(tickets[4], 0ms), Outcome::pending);
+  EXPECT_EQ(flood.client.credit(flood.sender), 0);
+
+  EXPECT_EQ(env.stop_broker(), 0);
+  EXPECT_TRUE(env.wait_for_log("gw_relay_pool: 4 job(s) still relaying 5000 ms into the stop"));
+}
+
+// With the doors' budget spent, a new link gets no credit and an answered request's
+// credit stays withheld, until bytes are freed; a reply nobody takes is counted against
+// the budget for as long as it is held.
+TEST(AmqpBudget, CreditWaitsForBytesToBeFreed) {
+  constexpr uint64_t kLimit = 1048576;
+  std::unique_ptr<gw_inflight_budget, decltype(&gw_inflight_budget_destroy)> budget(
+      gw_inflight_budget_create(kLimit), gw_inflight_budget_destroy);
+  AmqpDoor door([&](gw_config_t& cfg) { cfg.inflight_budget = budget.get(); });
+  ScanClient c(door.port(), door.login());
+  ASSERT_EQ(c.client.credit(c.sender), 10);
+
+  ASSERT_EQ(gw_inflight_budget_try_acquire(budget.get(), kLimit), 0);  // spent by others
+  const int fresh = c.client.open_sender(AmqpEnv::kService);
+  const std::string payload = test_payload(2000);
+  EXPECT_EQ(json_member(scan(c, scan_request("", "{}", &payload, c.reply_address, "b-1")), "sha256"),
+            sha256_hex(payload));
+  EXPECT_EQ(c.client.credit(c.sender), 9);
+  EXPECT_EQ(c.client.credit(fresh), 0);
+  EXPECT_EQ(gw_inflight_budget_in_use(budget.get()), kLimit);  // the request's bytes are back
+
+  gw_inflight_budget_release(budget.get(), kLimit);
+  EXPECT_TRUE(wait_until([&] { return c.client.credit(c.sender) == 10 && c.client.credit(fresh) == 10; }, kWait));
+
+  // A reply to an address no link of the client serves stays queued, and counted.
+  const int ticket = c.client.send(c.sender, scan_request("", "{}", &payload, "nobody-listens", "b-2"));
+  EXPECT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
+  EXPECT_TRUE(wait_until(
+      [&] {
+        const uint64_t held = gw_inflight_budget_in_use(budget.get());
+        return held > 0 && held < payload.size();  // the request's bytes are gone, the reply's held
+      },
+      kWait));
+  EXPECT_EQ(c.client.credit(c.sender), 9);
+  c.client.close();
+  EXPECT_TRUE(wait_until([&] { return gw_inflight_budget_in_use(budget.get()) == 0; }, kWait));
 }
 
 TEST(AmqpTls, AmqpsWithTheTestCa) {

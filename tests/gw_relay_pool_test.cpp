@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "gw_inflight_budget.hpp"
+#include "log_capture.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
@@ -133,13 +134,20 @@ TEST_F(RelayPool, JobsAreHandedOffNewestFirstAndDestroyRelaysWhatIsQueued) {
 }
 
 // Nothing is leaked or handed back for a job the pool refuses or whose connection ended
-// while it ran (AddressSanitizer's leak check fails the test if a job or handle is kept).
+// while it ran or waited (AddressSanitizer's leak check fails the test if a job or handle
+// is kept); the queued jobs of an ended connection are dropped, another's still run; a
+// stop does not outwait its deadline.
 TEST_F(RelayPool, RefusedJobsAndJobsOfClosedConnectionsAreFreed) {
   pool_ptr pool = make_pool(1);
   int slot = 0;
+  int other_slot = 0;
   gw_relay_conn_handle_t* h = gw_relay_conn_handle_new(s_fake_conn(slot));
+  gw_relay_conn_handle_t* other = gw_relay_conn_handle_new(s_fake_conn(other_slot));
   ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, 5, 300)), 0);
   ASSERT_TRUE(worker_->wait_for_log("request received", 10s));
+  for (size_t tag : {6, 7, 8}) ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, tag)), 0);
+  ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(other, 9)), 0);
+  EXPECT_EQ(gw_relay_pool_drop(pool.get(), h), 3u);
   gw_relay_job_t* orphan = gw_relay_job_new();  // no handle
   orphan->bin_data = static_cast<char*>(malloc(16));
   EXPECT_EQ(gw_relay_pool_submit(pool.get(), orphan), -1);
@@ -147,9 +155,27 @@ TEST_F(RelayPool, RefusedJobsAndJobsOfClosedConnectionsAreFreed) {
   gw_relay_pool_stop(pool.get());
   EXPECT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, 1)), -1);
   end_connection(h);  // the running job now holds the handle's last reference
-  pool.reset();
+  pool.reset();  // the other connection's job is still relayed
   EXPECT_EQ(g_wakes.count(s_fake_conn(slot)), 0);
+  EXPECT_EQ(drained_sizes(gw_relay_conn_handle_drain(other)), (std::vector<std::string>{"9"}));
+  end_connection(other);
   EXPECT_TRUE(worker_->wait_for_log("request answered", 10s));
+
+  const auto received = [&] { return qmtest::LogCapture::count_in(worker_->log(), "request received"); };
+  EXPECT_EQ(received(), 2u);  // the dropped jobs never reached the worker
+
+  // A job still relaying at the stop deadline has its request ended with the relay's.
+  pool.reset(gw_relay_pool_create(relay_.get(), 1, s_record_wake, 100));
+  h = gw_relay_conn_handle_new(s_fake_conn(slot));
+  ASSERT_EQ(gw_relay_pool_submit(pool.get(), make_job(h, 1, 60000)), 0);
+  ASSERT_TRUE(qmtest::wait_until([&] { return received() == 3; }, 10s));
+  pool.reset();
+  gw_relay_job_t* ended = gw_relay_conn_handle_drain(h);
+  ASSERT_NE(ended, nullptr);
+  EXPECT_EQ(ended->rc, -1);
+  gw_relay_job_free(ended);
+  EXPECT_EQ(qmtest::relay_request(relay_.get(), "scan", "{}").rc, -1);  // the relay was closed
+  end_connection(h);
 }
 
 }  // namespace

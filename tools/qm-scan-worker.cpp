@@ -157,9 +157,9 @@ class scan_worker {
 };
 
 bool scan_worker::connect() {
-  natsOptions* raw_opts = nullptr;
-  if (natsOptions_Create(&raw_opts) != NATS_OK) return false;
-  qm::nats_options_ptr nopts(raw_opts);
+  // Replies go out as they are written, or the flusher's sleep would set the fleet's latency.
+  qm::nats_options_ptr nopts = qm_nats_request_options();
+  if (!nopts) return false;
   natsOptions_SetURL(nopts.get(), opts_.nats_url.c_str());
   natsOptions_SetName(nopts.get(), "qm-scan-worker");
   if (opts_.user) {

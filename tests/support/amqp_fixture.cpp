@@ -5,6 +5,7 @@
 #include <csignal>
 #include <stdexcept>
 
+#include "gw_sasl_setup.hpp"
 #include "log_capture.hpp"
 #include "qm_handles.hpp"
 #include "qmhlp_network.hpp"
@@ -181,7 +182,35 @@ void VerifyEndpoint::s_on_request(natsConnection* nc, natsSubscription*, natsMsg
   });
 }
 
-ScanClient::ScanClient(AmqpEnv& env) : client(env.port(), env.login()) {
+AmqpDoor::AmqpDoor(const std::function<void(gw_config_t&)>& tweak) : relay_(scan_.make_relay()) {
+  scan_.start_worker(AmqpEnv::kService, false, 4);
+  verify_ = std::make_unique<VerifyEndpoint>(scan_.nc(), user_list{{AmqpEnv::kUser, AmqpEnv::kPassword}});
+  const char* config_dir = gw_sasl_setup(GW_SASL_SERVICE_NAME, runtime_.file("rt").c_str(), relay_.get());
+  if (config_dir == nullptr) throw std::runtime_error("SASL set-up failed");
+  cfg_.amqp_listen_host = "127.0.0.1";
+  cfg_.amqp_listen_port = free_port();
+  if (tweak) tweak(cfg_);
+  acc_ = gw_amqp_acceptor_create(&cfg_, relay_.get(), config_dir, nullptr);
+  if (acc_ == nullptr) throw std::runtime_error("AMQP acceptor not created");
+  loop_ = std::thread([this] { gw_amqp_acceptor_run(acc_); });
+  if (!wait_until([&] { return gw_amqp_acceptor_listening(acc_); }, 20s)) {
+    gw_amqp_acceptor_stop(acc_);
+    loop_.join();
+    gw_amqp_acceptor_destroy(acc_);
+    throw std::runtime_error("AMQP acceptor not listening");
+  }
+}
+
+AmqpDoor::~AmqpDoor() {
+  gw_amqp_acceptor_stop(acc_);
+  loop_.join();
+  gw_amqp_acceptor_destroy(acc_);
+  gw_sasl_teardown();
+}
+
+ScanClient::ScanClient(AmqpEnv& env) : ScanClient(env.port(), env.login()) {}
+
+ScanClient::ScanClient(int port, const AmqpLogin& login) : client(port, login) {
   EXPECT_TRUE(client.is_open()) << client.error();
   reply_address = client.open_receiver();
   EXPECT_FALSE(reply_address.empty());

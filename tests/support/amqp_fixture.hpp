@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@
 
 #include "amqp_client.hpp"
 #include "callout_fixture.hpp"
+#include "gw_amqp_acceptor.hpp"
 #include "scan_fixture.hpp"
 
 namespace qmtest {
@@ -115,10 +117,40 @@ class VerifyEndpoint {
   qm::nats_subscription_ptr sub_;
 };
 
+// The AMQP door in this process, for what the broker binary cannot be given (a budget the
+// test holds): a nats-server with a demo worker on "scan", the gateway's relay, SASL set
+// up against a verify endpoint that knows AmqpEnv's test user, and the acceptor's loop on
+// a thread. `tweak` adjusts the gateway configuration; everything stops with the object.
+class AmqpDoor {
+ public:
+  explicit AmqpDoor(const std::function<void(gw_config_t&)>& tweak = {});
+  ~AmqpDoor();
+  AmqpDoor(const AmqpDoor&) = delete;
+  AmqpDoor& operator=(const AmqpDoor&) = delete;
+
+  int port() const { return cfg_.amqp_listen_port; }
+  AmqpLogin login() const {
+    AmqpLogin login;
+    login.user = AmqpEnv::kUser;
+    login.password = AmqpEnv::kPassword;
+    return login;
+  }
+
+ private:
+  ScanEnv scan_;
+  relay_ptr relay_;
+  std::unique_ptr<VerifyEndpoint> verify_;
+  TempDir runtime_;
+  gw_config_t cfg_;
+  gw_amqp_acceptor_t* acc_ = nullptr;
+  std::thread loop_;
+};
+
 // A client of env logged in as its test user, with a reply receiver on a dynamic node and
 // a sender to "scan". Asserts (gtest) that each step worked.
 struct ScanClient {
   explicit ScanClient(AmqpEnv& env);
+  ScanClient(int port, const AmqpLogin& login);
   AmqpClient client;
   std::string reply_address;
   int sender = -1;

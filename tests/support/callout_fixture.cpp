@@ -199,6 +199,7 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
   natsOptions_SetTimeout(opts, timeout_ms);
   natsOptions_SetMaxReconnect(opts, 0);
   natsOptions_SetAllowReconnect(opts, false);
+  natsOptions_SetSendAsap(opts, true);  // a request's round trip, not the library's flusher
   if (errors != nullptr) natsOptions_SetErrorHandler(opts, AsyncErrors::on_error, errors);
   if (!inbox_prefix.empty()) natsOptions_SetCustomInboxPrefix(opts, inbox_prefix.c_str());
   login.status = natsConnection_Connect(&login.conn, opts);

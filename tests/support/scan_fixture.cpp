@@ -1,5 +1,7 @@
 #include "scan_fixture.hpp"
 
+#include "qm_nats_conn.hpp"
+
 #include <json-c/json.h>
 #include <openssl/evp.h>
 
@@ -43,7 +45,12 @@ ScanEnv::ScanEnv(ScanEnvOptions options) : work_services_(options.work_services)
     throw std::runtime_error("KV bootstrap failed against " + url());
   }
   natsConnection* raw_nc = nullptr;
-  if (natsConnection_ConnectTo(&raw_nc, url().c_str()) != NATS_OK) throw std::runtime_error("connect " + url());
+  // The direct baseline of the benchmarks: requests written at once, as the relay does.
+  qm::nats_options_ptr opts = qm_nats_request_options();
+  if (!opts || natsOptions_SetURL(opts.get(), url().c_str()) != NATS_OK ||
+      natsConnection_Connect(&raw_nc, opts.get()) != NATS_OK) {
+    throw std::runtime_error("connect " + url());
+  }
   nc_.reset(raw_nc);
   jsCtx* raw_js = nullptr;
   kvStore* raw_kv = nullptr;
