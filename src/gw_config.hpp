@@ -66,8 +66,6 @@ struct gw_config {
   int relay_timeout_ms = 30000;
   int relay_max_timeout_ms = 300000;
   int js_ackwait_ms = 0;  // copied by broker_config_finalize
-  // Payload bytes both doors may hold at once; not owned. NULL: no budget.
-  gw_inflight_budget* inflight_budget = nullptr;
 
   int log_level = 4;
   qm::opt_string log_file;
