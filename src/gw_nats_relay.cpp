@@ -260,12 +260,61 @@ struct s_manifest {
   int64_t size = 0;
 };
 
-std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
+// One stored value, as a replica answered it or as the stream leader did.
+class s_value {
+ public:
+  s_value() = default;
+  explicit s_value(qm::kv_entry_ptr entry) : entry_(std::move(entry)) {}
+  explicit s_value(qm::nats_msg_ptr msg) : msg_(std::move(msg)) {}
+  explicit operator bool() const { return entry_ || msg_; }
+  const char* data() const {
+    return entry_ ? static_cast<const char*>(kvEntry_Value(entry_.get())) : natsMsg_GetData(msg_.get());
+  }
+  size_t size() const {
+    const int len = entry_ ? kvEntry_ValueLen(entry_.get()) : natsMsg_GetDataLength(msg_.get());
+    return static_cast<size_t>(std::max(len, 0));
+  }
+
+ private:
+  qm::kv_entry_ptr entry_;
+  qm::nats_msg_ptr msg_;
+};
+
+// The last message of the key's subject as the stream leader has it: a read that sees
+// every write the leader acknowledged, whichever node it came through. Null when the
+// key is absent or deleted.
+qm::nats_msg_ptr s_leader_get(natsConnection* nc, kvStore* kv, const std::string& key) {
+  jsCtx* raw_js = nullptr;
+  if (nc == nullptr || natsConnection_JetStream(&raw_js, nc, nullptr) != NATS_OK) return nullptr;
+  const qm::js_ctx_ptr js(raw_js);
+  const std::string stream = std::string("KV_") + kvStore_Bucket(kv);
+  natsMsg* raw = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  if (js_GetLastMsg(&raw, js.get(), stream.c_str(), s_kv_subject(kv, key).c_str(), nullptr, &jerr) != NATS_OK)
+    return nullptr;
+  qm::nats_msg_ptr msg(raw);
+  const char* operation = nullptr;
+  if (natsMsgHeader_Get(msg.get(), "KV-Operation", &operation) == NATS_OK && operation != nullptr) return nullptr;
+  return msg;
+}
+
+// A staged entry, read consistently across replicas: the bucket's own read first (a
+// direct read may be answered by a replica that has not yet stored what another node
+// just wrote), then, when that finds nothing, the leader. Entries are written once under
+// fresh keys, so a value a replica has is never stale; only a miss needs the leader.
+s_value s_get_entry(natsConnection* nc, kvStore* kv, const std::string& key) {
   kvEntry* raw = nullptr;
-  if (kvStore_Get(&raw, kv, key) != NATS_OK) return std::nullopt;
-  qm::kv_entry_ptr entry(raw);
-  const char* text = static_cast<const char*>(kvEntry_Value(entry.get()));
-  qm::json_ptr doc = s_parse_object(text, static_cast<size_t>(std::max(kvEntry_ValueLen(entry.get()), 0)));
+  if (kvStore_Get(&raw, kv, key.c_str()) == NATS_OK) return s_value(qm::kv_entry_ptr(raw));
+  qm::nats_msg_ptr from_leader = s_leader_get(nc, kv, key);
+  if (!from_leader) return {};
+  broker_metrics_count_leader_read();
+  return s_value(std::move(from_leader));
+}
+
+std::optional<s_manifest> s_read_manifest(natsConnection* nc, kvStore* kv, const char* key) {
+  const s_value entry = s_get_entry(nc, kv, key);
+  if (!entry) return std::nullopt;
+  qm::json_ptr doc = s_parse_object(entry.data(), entry.size());
   json_object* chunks = nullptr;
   if (!doc || !json_object_object_get_ex(doc.get(), "chunks", &chunks)) return std::nullopt;
   json_object* size = nullptr;
@@ -275,17 +324,11 @@ std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
   return manifest;
 }
 
-qm::kv_entry_ptr s_get_entry(kvStore* kv, const std::string& key) {
-  kvEntry* raw = nullptr;
-  if (kvStore_Get(&raw, kv, key.c_str()) != NATS_OK) return nullptr;
-  return qm::kv_entry_ptr(raw);
-}
-
 // Whether a manifest may be read back: within max_len (0: no cap), in exactly the chunks
 // a writer makes for its size, and with a last chunk that exists and holds the rest. A
 // manifest is only a claim, checked against what is stored before anything is allocated
 // for it; a refusal is logged.
-bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, size_t max_len) {
+bool s_manifest_fits(natsConnection* nc, kvStore* kv, const char* key, const s_manifest& manifest, size_t max_len) {
   const char* why = nullptr;
   if (manifest.size <= 0 || manifest.chunks < 1 || manifest.chunks > kMaxChunks) {
     why = "out of range";
@@ -295,9 +338,9 @@ bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, s
     why = "not the chunk count of its size";
   } else {
     const size_t last = static_cast<size_t>(manifest.chunks) - 1;
-    const qm::kv_entry_ptr entry = s_get_entry(kv, s_chunk_key(key, last));
+    const s_value entry = s_get_entry(nc, kv, s_chunk_key(key, last));
     const size_t expected = static_cast<size_t>(manifest.size) - last * GW_KV_CHUNK_SIZE;
-    if (!entry || static_cast<size_t>(std::max(kvEntry_ValueLen(entry.get()), 0)) != expected)
+    if (!entry || entry.size() != expected)
       why = "its last chunk is missing or of another size";
   }
   if (why == nullptr) return true;
@@ -311,8 +354,8 @@ bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, s
 // A payload of one chunk is read on the caller's thread.
 class s_chunk_reader {
  public:
-  s_chunk_reader(kvStore* kv, const std::string& key, size_t num_chunks)
-      : kv_(kv), key_(key), chunks_(num_chunks), entries_(num_chunks), fetched_(num_chunks, false) {
+  s_chunk_reader(natsConnection* nc, kvStore* kv, const std::string& key, size_t num_chunks)
+      : nc_(nc), kv_(kv), key_(key), chunks_(num_chunks), entries_(num_chunks), fetched_(num_chunks, false) {
     if (num_chunks < 2) return;
     try {
       for (size_t i = 0; i < std::min(kReaders, num_chunks); ++i) threads_.emplace_back(&s_chunk_reader::fetch_loop, this);
@@ -326,11 +369,11 @@ class s_chunk_reader {
   s_chunk_reader& operator=(const s_chunk_reader&) = delete;
 
   // The next chunk, or null when it cannot be read.
-  qm::kv_entry_ptr next() {
+  s_value next() {
     if (threads_.empty()) return s_get(next_to_take_++);
     std::unique_lock<std::mutex> lock(mu_);
     cv_.wait(lock, [&] { return fetched_[next_to_take_]; });
-    qm::kv_entry_ptr entry = std::move(entries_[next_to_take_++]);
+    s_value entry = std::move(entries_[next_to_take_++]);
     lock.unlock();
     cv_.notify_all();
     return entry;
@@ -340,7 +383,7 @@ class s_chunk_reader {
   static constexpr size_t kReaders = 4;
   static constexpr size_t kReadAhead = 8;
 
-  qm::kv_entry_ptr s_get(size_t index) const { return s_get_entry(kv_, s_chunk_key(key_, index)); }
+  s_value s_get(size_t index) const { return s_get_entry(nc_, kv_, s_chunk_key(key_, index)); }
 
   void fetch_loop() {
     for (;;) {
@@ -351,7 +394,7 @@ class s_chunk_reader {
         if (stop_ || next_to_fetch_ >= chunks_) return;
         index = next_to_fetch_++;
       }
-      qm::kv_entry_ptr entry = s_get(index);
+      s_value entry = s_get(index);
       {
         std::lock_guard<std::mutex> guard(mu_);
         entries_[index] = std::move(entry);
@@ -371,12 +414,13 @@ class s_chunk_reader {
     threads_.clear();
   }
 
+  natsConnection* nc_;
   kvStore* kv_;
   const std::string key_;
   const size_t chunks_;
   std::mutex mu_;
   std::condition_variable cv_;
-  std::vector<qm::kv_entry_ptr> entries_;
+  std::vector<s_value> entries_;
   std::vector<bool> fetched_;
   size_t next_to_fetch_ = 0;
   size_t next_to_take_ = 0;
@@ -579,7 +623,7 @@ bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
     log_warn("nats_relay: reply names an invalid payload key '%s' \u2014 refusing the reply", log_safe(key).c_str());
     return false;
   }
-  const int rc = kvstore_get_chunked(relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
+  const int rc = kvstore_get_chunked(relay.conn.get(), relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
   if (rc == -1) log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
   if (rc == 0) broker_metrics_count_fetched_bytes(*reply_data_len);
   // A refused manifest's chunk count is not trusted for deleting either: only the
@@ -832,26 +876,27 @@ int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const 
   return 0;
 }
 
-int kvstore_get_chunked(kvStore* kv, const char* key, size_t max_len, char** out_data, size_t* out_len) {
+int kvstore_get_chunked(natsConnection* nc, kvStore* kv, const char* key, size_t max_len, char** out_data,
+                        size_t* out_len) {
   if (out_data != nullptr) *out_data = nullptr;
   if (out_len != nullptr) *out_len = 0;
   if (kv == nullptr || key == nullptr || out_data == nullptr || out_len == nullptr) return -1;
-  const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
+  const std::optional<s_manifest> manifest = s_read_manifest(nc, kv, key);
   if (!manifest) return -1;
-  if (!s_manifest_fits(kv, key, *manifest, max_len)) return -2;
+  if (!s_manifest_fits(nc, kv, key, *manifest, max_len)) return -2;
   const size_t size = static_cast<size_t>(manifest->size);
   const size_t num_chunks = static_cast<size_t>(manifest->chunks);
   try {
     qm::malloc_ptr<char> buffer(static_cast<char*>(calloc(size, 1)));
     if (!buffer) return -1;
-    s_chunk_reader reader(kv, key, num_chunks);
+    s_chunk_reader reader(nc, kv, key, num_chunks);
     size_t filled = 0;
     for (size_t i = 0; i < num_chunks; ++i) {
-      qm::kv_entry_ptr chunk = reader.next();
+      const s_value chunk = reader.next();
       if (!chunk) return -1;
-      const size_t len = static_cast<size_t>(std::max(kvEntry_ValueLen(chunk.get()), 0));
+      const size_t len = chunk.size();
       if (len > size - filled) return -1;
-      if (len > 0) memcpy(buffer.get() + filled, kvEntry_Value(chunk.get()), len);
+      if (len > 0) memcpy(buffer.get() + filled, chunk.data(), len);
       filled += len;
     }
     *out_data = buffer.release();
@@ -878,7 +923,7 @@ void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, siz
 
 void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key) {
   if (kv == nullptr || key == nullptr) return;
-  const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
+  const std::optional<s_manifest> manifest = s_read_manifest(nc, kv, key);
   const bool trusted = manifest && manifest->chunks > 0 && manifest->chunks <= kMaxChunks;
   kvstore_delete_chunks(nc, kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
 }

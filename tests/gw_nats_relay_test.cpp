@@ -441,10 +441,10 @@ TEST_F(RelayTest, CreateSettlesItsBoundsAndRefusesWhatItCannotUse) {
 // ---- The chunked store ---------------------------------------------------------------------------
 
 // The payload under key as read back, "<unreadable>" when kvstore_get_chunked refuses it.
-std::string read_back(kvStore* kv, const char* key, size_t max_len = 0) {
+std::string read_back(natsConnection* nc, kvStore* kv, const char* key, size_t max_len = 0) {
   char* data = nullptr;
   size_t len = 0;
-  if (kvstore_get_chunked(kv, key, max_len, &data, &len) != 0) return "<unreadable>";
+  if (kvstore_get_chunked(nc, kv, key, max_len, &data, &len) != 0) return "<unreadable>";
   qm::malloc_ptr<char> owned(data);
   return std::string(data, len);
 }
@@ -458,7 +458,7 @@ TEST_F(RelayTest, ChunksSplitAtExactly512KiBAndGoByTheirManifest) {
     std::vector<std::string> keys = {"split", "split-0"};
     if (size > kChunk) keys.emplace_back("split-1");
     EXPECT_EQ(e.bucket_keys(), keys);
-    EXPECT_TRUE(read_back(e.kv(), "split") == payload);
+    EXPECT_TRUE(read_back(e.nc(), e.kv(), "split") == payload);
     kvEntry* raw = nullptr;
     kvStore_Get(&raw, e.kv(), keys.back().c_str());
     qm::kv_entry_ptr last(raw);
@@ -497,15 +497,19 @@ TEST_F(RelayTest, ManifestsThatDisagreeWithTheirChunksReadAsMissing) {
     uint64_t rev = 0;
     if (c.chunk0 != nullptr) kvStore_PutString(&rev, e.kv(), "bad-0", c.chunk0);
     kvStore_PutString(&rev, e.kv(), "bad", c.manifest);
-    EXPECT_EQ(read_back(e.kv(), "bad", c.max_len), c.read) << c.manifest;
+    EXPECT_EQ(read_back(e.nc(), e.kv(), "bad", c.max_len), c.read) << c.manifest;
     kvstore_delete_chunks(e.nc(), e.kv(), "bad", 2);
   }
   char poison = 'p';
   char* data = &poison;
   size_t len = 9;
-  EXPECT_EQ(kvstore_get_chunked(e.kv(), "never-written", 0, &data, &len), -1);
+  EXPECT_EQ(kvstore_get_chunked(e.nc(), e.kv(), "never-written", 0, &data, &len), -1);
   EXPECT_EQ(data, nullptr);
   EXPECT_EQ(len, 0u);
+  // The leader's copy of a deleted payload is its delete marker: still not readable.
+  ASSERT_EQ(kvstore_put_chunked(e.nc(), e.kv(), "gone", "x", 1, 0), 0);
+  kvstore_delete_chunked(e.nc(), e.kv(), "gone");
+  EXPECT_EQ(read_back(e.nc(), e.kv(), "gone"), "<unreadable>");
 }
 
 TEST_F(RelayTest, PerMessageTtlRemovesWhatIsLeftBehind) {
@@ -530,7 +534,7 @@ TEST_F(RelayTest, ServerRefusingPerMessageTtlTurnsItOffForTheProcess) {
   const std::string payload = test_payload(kChunk + 10);
   for (const char* key : {"first", "second"}) {
     ASSERT_EQ(kvstore_put_chunked(e.nc(), plain.get(), key, payload.data(), payload.size(), 5000), 0);
-    EXPECT_TRUE(read_back(plain.get(), key) == payload);
+    EXPECT_TRUE(read_back(e.nc(), plain.get(), key) == payload);
   }
   EXPECT_TRUE(gw_nats_relay_msg_ttl_unsupported());
   EXPECT_EQ(log.count("nats_relay: per-message TTL write for key=first failed; falling back to bucket TTL. Ensure "

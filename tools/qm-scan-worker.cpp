@@ -316,7 +316,7 @@ std::string scan_worker::answer(json_object* request) {
   size_t size = 0;
   if (const char* key = s_string_field(request, "_kv_key")) {
     char* raw = nullptr;
-    if (kvstore_get_chunked(kv_.get(), key, 0, &raw, &size) != 0) return s_error_reply("payload '" + std::string(key) + "' not readable");
+    if (kvstore_get_chunked(nc_.get(), kv_.get(), key, 0, &raw, &size) != 0) return s_error_reply("payload '" + std::string(key) + "' not readable");
     payload.reset(raw);
   }
   const std::string_view bytes(payload.get(), size);
