@@ -37,6 +37,8 @@ struct gw_nats_relay {
   uint64_t relay_max_timeout_ms = 0;
   uint64_t js_ackwait_ms = 0;
   size_t max_payload_bytes = 0;  // the largest reply payload read back; 0: no cap
+  std::atomic<void (*)(void*)> on_reconnected{nullptr};
+  std::atomic<void*> on_reconnected_arg{nullptr};
 };
 
 namespace {
@@ -721,13 +723,19 @@ void s_set_wait_bounds(gw_nats_relay& relay, const gw_config_t& cfg) {
            static_cast<unsigned long>(relay.relay_timeout_ms), static_cast<unsigned long>(relay.relay_max_timeout_ms));
 }
 
+void s_on_reconnected(natsConnection*, void* closure) {
+  const auto* relay = static_cast<const gw_nats_relay*>(closure);
+  void* arg = relay->on_reconnected_arg.load();
+  if (void (*fn)(void*) = relay->on_reconnected.load()) fn(arg);
+}
+
 std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
   auto relay = std::make_unique<gw_nats_relay>();
   if (qm::has_text(cfg.js_services)) relay->js_services = cfg.js_services;
   relay->max_payload_bytes = cfg.max_msg_size_bytes;
   s_set_wait_bounds(*relay, cfg);
   qm::nats_options_ptr opts = s_build_options(cfg);
-  if (!opts) return nullptr;
+  if (!opts || natsOptions_SetReconnectedCB(opts.get(), s_on_reconnected, relay.get()) != NATS_OK) return nullptr;
   const char* url = s_or(qm::cstr(cfg.nats_url), "(default)");
   natsConnection* raw_conn = nullptr;
   natsStatus s = natsConnection_Connect(&raw_conn, opts.get());
@@ -992,6 +1000,14 @@ int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const c
 bool gw_nats_relay_connected(const gw_nats_relay_t* relay) {
   return relay != nullptr && relay->conn && natsConnection_Status(relay->conn.get()) == NATS_CONN_STATUS_CONNECTED;
 }
+
+void gw_nats_relay_on_reconnected(gw_nats_relay_t* relay, void (*fn)(void*), void* arg) {
+  if (relay == nullptr) return;
+  relay->on_reconnected_arg.store(arg);
+  relay->on_reconnected.store(fn);
+}
+
+void gw_nats_relay_retry_msg_ttl() { s_gw_msg_ttl_unsupported.store(false); }
 
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service) {
   return relay != nullptr && qm_nats_wq_service_in_csv(qm::cstr(relay->js_services), service) == 1;
