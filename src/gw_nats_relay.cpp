@@ -23,6 +23,7 @@
 #include "broker_metrics.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
+#include "qm_cpp.hpp"
 #include "qm_handles.hpp"
 #include "qm_nats_conn.hpp"
 #include "qm_nats_nr_backoff.hpp"
@@ -481,17 +482,99 @@ std::optional<std::string> s_with_kv_key(const char* request_json, const char* k
   return s_serialise(doc.get());
 }
 
+// ---- Waiting for a reply past a lost worker ----------------------------------------------
+// A worker that scans for a while says so: messages with the progress header on the reply
+// subject, about every second. One that has said so and then falls silent for
+// kWorkerSilenceMs is taken as lost (killed, or cut off with its node), and the request
+// goes out once more within what is left of the wait, instead of the caller waiting it all.
+constexpr const char* kProgressHeader = "QM-Progress";
+constexpr int64_t kWorkerSilenceMs = 3000;
+constexpr int kLostWorkerResends = 1;
+
+// The reply on sub before deadline_ms (monotonic), progress messages skipped.
+// worker_lost: the time-out came from a worker that fell silent, not from the deadline.
+natsStatus s_await_reply(natsSubscription* sub, int64_t deadline_ms, qm::nats_msg_ptr& reply, bool& worker_lost) {
+  worker_lost = false;
+  bool heard_progress = false;
+  for (;;) {
+    const int64_t left = deadline_ms - qm::monotonic_ms();
+    if (left <= 0) return NATS_TIMEOUT;
+    natsMsg* raw = nullptr;
+    const natsStatus s = natsSubscription_NextMsg(&raw, sub, heard_progress ? std::min(left, kWorkerSilenceMs) : left);
+    qm::nats_msg_ptr msg(raw);
+    if (s == NATS_TIMEOUT) {
+      worker_lost = heard_progress && qm::monotonic_ms() < deadline_ms;
+      if (worker_lost) return s;
+      continue;
+    }
+    if (s != NATS_OK) return s;
+    if (natsMsg_IsNoResponders(msg.get())) return NATS_NO_RESPONDERS;
+    const char* progress = nullptr;
+    if (natsMsgHeader_Get(msg.get(), kProgressHeader, &progress) == NATS_OK) {
+      heard_progress = true;
+      continue;
+    }
+    reply = std::move(msg);
+    return NATS_OK;
+  }
+}
+
+// A reply subject below the gateway's own prefix, which no client grant may read.
+std::string s_gateway_inbox() {
+  natsInbox* raw = nullptr;
+  if (natsInbox_Create(&raw) != NATS_OK) return {};
+  const qm::c_ptr<natsInbox, natsInbox_Destroy> inbox(raw);
+  const std::string text(inbox.get());
+  const size_t dot = text.find('.');
+  return std::string(AUTH_GATEWAY_INBOX_PREFIX) + (dot == std::string::npos ? "." + text : text.substr(dot));
+}
+
+// One core request: the inbox subscribed before the request goes out.
+natsStatus s_core_attempt(gw_nats_relay& relay, const char* subject, const std::string& json, int64_t timeout_ms,
+                          qm::nats_msg_ptr& reply, bool& worker_lost) {
+  worker_lost = false;
+  const std::string inbox = s_gateway_inbox();
+  if (inbox.empty()) return NATS_NO_MEMORY;
+  natsSubscription* raw_sub = nullptr;
+  natsStatus s = natsConnection_SubscribeSync(&raw_sub, relay.conn.get(), inbox.c_str());
+  qm::nats_subscription_ptr sub(raw_sub);
+  if (s != NATS_OK) return s;
+  s = natsConnection_PublishRequest(relay.conn.get(), subject, inbox.c_str(), json.data(), static_cast<int>(json.size()));
+  if (s == NATS_OK) s = s_await_reply(sub.get(), qm::monotonic_ms() + timeout_ms, reply, worker_lost);
+  natsSubscription_Unsubscribe(sub.get());
+  return s;
+}
+
+void s_log_lost_worker(const char* subject, unsigned long left_ms) {
+  log_warn("nats_relay: the worker serving %s fell silent for %lldms \u2014 sending the request once more (%lums of "
+           "the wait left)",
+           log_safe(subject).c_str(), static_cast<long long>(kWorkerSilenceMs), left_ms);
+}
+
+unsigned long s_wait_left(int64_t started_ms, unsigned long wait_ms) {
+  const int64_t used = qm::monotonic_ms() - started_ms;
+  return used >= static_cast<int64_t>(wait_ms) ? 0 : wait_ms - static_cast<unsigned long>(used);
+}
+
 natsStatus gw_core_request(gw_nats_relay& relay, const char* subject, const std::string& json, unsigned long wait_ms,
                            qm::nats_msg_ptr& reply) {
   if (json.size() > INT_MAX) return NATS_INVALID_ARG;
+  const int64_t started_ms = qm::monotonic_ms();
+  int resends = 0;
   qm_nats_nr_state_t retry;
   qm_nats_nr_init(&retry);
   for (;;) {
-    natsMsg* raw = nullptr;
-    const natsStatus s = natsConnection_Request(&raw, relay.conn.get(), subject, json.data(),
-                                                static_cast<int>(json.size()),
-                                                qm_nats_nr_attempt_timeout_ms(&retry, wait_ms));
-    reply.reset(raw);
+    const unsigned long left = s_wait_left(started_ms, wait_ms);
+    bool worker_lost = false;
+    const natsStatus s =
+        s_core_attempt(relay, subject, json, std::min<int64_t>(qm_nats_nr_attempt_timeout_ms(&retry, wait_ms), left),
+                       reply, worker_lost);
+    if (worker_lost && resends < kLostWorkerResends && s_wait_left(started_ms, wait_ms) > 0) {
+      ++resends;
+      s_log_lost_worker(subject, s_wait_left(started_ms, wait_ms));
+      reply.reset();
+      continue;
+    }
     if (s == NATS_OK || !gw_status_is_transient(s) || !qm_nats_nr_should_retry(&retry, wait_ms, subject)) return s;
     reply.reset();
   }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -338,6 +339,39 @@ TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
           R"(qm_av_broker_relay_requests_total{route=")" + route + R"(",result=")" + result + "\"}";
       EXPECT_EQ(metric_delta(before, after, sample), std::string(result) == "timeout" ? 1 : 0) << sample;
     }
+  }
+}
+
+// Two workers per service: the one holding the request is killed mid-scan. A core request
+// goes out again once its worker falls silent; a job is redelivered once its AckWait (shorter
+// than the wait) runs out. Either way the caller gets the survivor's answer well inside the wait.
+TEST_F(RelayTest, WorkerKilledMidScanCostsABoundedRetryOnTheSurvivor) {
+  ScanEnv& e = env({.work_services = "scanjs", .ackwait_ms = 2000});
+  qmtest::relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = 30000; });
+  for (const char* service : {"scan", "scanjs"}) {
+    SCOPED_TRACE(service);
+    const bool work_queue = std::string(service) == "scanjs";
+    std::array<qmtest::ScanWorker*, 2> workers{&e.start_worker(service, work_queue),
+                                               &e.start_worker(service, work_queue)};
+    const auto start = steady::now();
+    auto pending = std::async(std::launch::async, [&] {
+      return relay_request(relay.get(), service, R"({"SCANTIMEOUT":500,"delay_ms":1500})", test_payload(kChunk + 1));
+    });
+    // A core request's worker is killed once the gateway knows it holds the request.
+    const char* received = work_queue ? "job received" : "told the gateway it holds";
+    qmtest::ScanWorker* holder = nullptr;
+    ASSERT_TRUE(qmtest::wait_until(
+        [&] {
+          for (qmtest::ScanWorker* w : workers)
+            if (w->log().find(received) != std::string::npos) holder = w;
+          return holder != nullptr;
+        },
+        10s));
+    holder->child().signal(SIGKILL);
+    const RelayReply r = pending.get();
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(qmtest::json_member(r.json, "size"), std::to_string(kChunk + 1));
+    EXPECT_LT(steady::now() - start, 15s);
   }
 }
 

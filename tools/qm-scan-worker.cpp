@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "auth_profile.hpp"
 #include "broker_kv_bootstrap.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
@@ -37,6 +38,11 @@ constexpr const char* kQueueGroup = "qm-scan-workers";
 constexpr int kHandlerThreads = 8;
 constexpr int kQueuePullers = 4;
 constexpr int64_t kFetchWaitMs = 500;
+// While a request is scanned, the worker tells it is alive this often: a progress message
+// on the reply subject of a core request from the gateway (which resends a request whose
+// worker falls silent), an in-progress acknowledgement for a work-queue job (so that a short AckWait
+// redelivers only the jobs of a lost worker).
+constexpr int64_t kProgressIntervalMs = 1000;
 // Echoed payloads are read by the relay at once; the TTL only clears what a relay that
 // went away leaves behind.
 constexpr uint64_t kEchoLifetimeMs = 60000;
@@ -339,6 +345,58 @@ std::string scan_worker::answer(json_object* request) {
   return json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
 }
 
+// Sends progress for one request until it goes out of scope.
+class progress_ticker {
+ public:
+  progress_ticker(natsConnection* nc, natsMsg* msg, bool from_queue, const char* reply_to)
+      : nc_(nc), msg_(msg), from_queue_(from_queue), reply_to_(reply_to != nullptr ? reply_to : "") {
+    // Only the gateway reads progress messages; any other requester takes the first
+    // message as the reply.
+    const bool gateway_waits = reply_to_.starts_with(std::string(AUTH_GATEWAY_INBOX_PREFIX) + ".");
+    if (from_queue_ || gateway_waits) thread_ = std::thread([this] { run(); });
+  }
+  ~progress_ticker() {
+    {
+      std::lock_guard<std::mutex> guard(mu_);
+      done_ = true;
+    }
+    cv_.notify_all();
+    if (thread_.joinable()) thread_.join();
+  }
+  progress_ticker(const progress_ticker&) = delete;
+  progress_ticker& operator=(const progress_ticker&) = delete;
+
+ private:
+  // The first at once: the gateway learns that a live worker holds the request.
+  void run() {
+    std::unique_lock<std::mutex> lock(mu_);
+    do {
+      if (from_queue_) {
+        natsMsg_InProgress(msg_, nullptr);
+        continue;
+      }
+      natsMsg* raw = nullptr;
+      if (natsMsg_Create(&raw, reply_to_.c_str(), nullptr, nullptr, 0) != NATS_OK) continue;
+      qm::nats_msg_ptr progress(raw);
+      natsMsgHeader_Set(progress.get(), "QM-Progress", "scanning");
+      if (natsConnection_PublishMsg(nc_, progress.get()) != NATS_OK || claimed_) continue;
+      // The first one goes out at once, not when the library's flusher next runs.
+      claimed_ = natsConnection_FlushTimeout(nc_, kProgressIntervalMs) == NATS_OK;
+      if (claimed_) log_debug("qm-scan-worker: told the gateway it holds %s", log_safe(reply_to_).c_str());
+    } while (!cv_.wait_for(lock, std::chrono::milliseconds(kProgressIntervalMs), [&] { return done_; }));
+  }
+
+  natsConnection* nc_;
+  natsMsg* msg_;
+  const bool from_queue_;
+  const std::string reply_to_;
+  bool claimed_ = false;  // the first progress message reached the server
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool done_ = false;
+  std::thread thread_;
+};
+
 void scan_worker::handle(natsMsg* msg, bool from_queue) {
   const std::string body(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
   log_debug("qm-scan-worker: %s received: %s", from_queue ? "job" : "request", log_safe(body).c_str());
@@ -355,7 +413,11 @@ void scan_worker::handle(natsMsg* msg, bool from_queue) {
       jsMsgMetaData_Destroy(raw_meta);
     }
   }
-  const std::string reply = request ? answer(request.get()) : s_error_reply("request is not a JSON object");
+  std::string reply;
+  {
+    const progress_ticker ticker(nc_.get(), msg, from_queue, reply_to);
+    reply = request ? answer(request.get()) : s_error_reply("request is not a JSON object");
+  }
   if (reply.empty()) return;  // stopping mid-request: a queued job goes to another worker
   if (reply_to != nullptr && reply_to[0] != '\0') {
     natsConnection_Publish(nc_.get(), reply_to, reply.data(), static_cast<int>(reply.size()));
