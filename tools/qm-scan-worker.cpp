@@ -43,6 +43,7 @@ constexpr int64_t kFetchWaitMs = 500;
 // worker falls silent), an in-progress acknowledgement for a work-queue job (so that a short AckWait
 // redelivers only the jobs of a lost worker).
 constexpr int64_t kProgressIntervalMs = 1000;
+constexpr int64_t kMinProgressIntervalMs = 100;
 // Echoed payloads are read by the relay at once; the TTL only clears what a relay that
 // went away leaves behind.
 constexpr uint64_t kEchoLifetimeMs = 60000;
@@ -160,6 +161,7 @@ class scan_worker {
   std::deque<qm::nats_msg_ptr> requests_;
   bool stopping_ = false;
   bool core_handler_done_ = false;  // the library will not call s_on_request again
+  int64_t job_progress_ms_ = kProgressIntervalMs;
 };
 
 bool scan_worker::connect() {
@@ -220,6 +222,17 @@ bool scan_worker::subscribe_work_queue() {
       return false;
     }
   }
+  // A job's in-progress acks come three times per AckWait, so that a live job is never redelivered.
+  jsConsumerInfo* raw_info = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  const natsStatus got = js_GetConsumerInfo(&raw_info, js_.get(), stream, durable, nullptr, &jerr);
+  if (got != NATS_OK) log_debug("qm-scan-worker: no consumer information: %s", natsStatus_GetText(got));
+  if (got == NATS_OK) {
+    const qm::js_consumer_info_ptr info(raw_info);
+    const int64_t third_ms = info->Config->AckWait / 3000000;
+    job_progress_ms_ = std::clamp<int64_t>(third_ms, kMinProgressIntervalMs, kProgressIntervalMs);
+  }
+  log_debug("qm-scan-worker: in-progress acks every %lldms", static_cast<long long>(job_progress_ms_));
   return true;
 }
 
@@ -348,8 +361,9 @@ std::string scan_worker::answer(json_object* request) {
 // Sends progress for one request until it goes out of scope.
 class progress_ticker {
  public:
-  progress_ticker(natsConnection* nc, natsMsg* msg, bool from_queue, const char* reply_to)
-      : nc_(nc), msg_(msg), from_queue_(from_queue), reply_to_(reply_to != nullptr ? reply_to : "") {
+  progress_ticker(natsConnection* nc, natsMsg* msg, bool from_queue, const char* reply_to, int64_t interval_ms)
+      : nc_(nc), msg_(msg), from_queue_(from_queue), reply_to_(reply_to != nullptr ? reply_to : ""),
+        interval_ms_(interval_ms) {
     // Only the gateway reads progress messages; any other requester takes the first
     // message as the reply.
     const bool gateway_waits = reply_to_.starts_with(std::string(AUTH_GATEWAY_INBOX_PREFIX) + ".");
@@ -372,7 +386,8 @@ class progress_ticker {
     std::unique_lock<std::mutex> lock(mu_);
     do {
       if (from_queue_) {
-        natsMsg_InProgress(msg_, nullptr);
+        const natsStatus s = natsMsg_InProgress(msg_, nullptr);
+        if (s != NATS_OK) log_debug("qm-scan-worker: in-progress ack failed: %s", natsStatus_GetText(s));
         continue;
       }
       natsMsg* raw = nullptr;
@@ -383,13 +398,14 @@ class progress_ticker {
       // The first one goes out at once, not when the library's flusher next runs.
       claimed_ = natsConnection_FlushTimeout(nc_, kProgressIntervalMs) == NATS_OK;
       if (claimed_) log_debug("qm-scan-worker: told the gateway it holds %s", log_safe(reply_to_).c_str());
-    } while (!cv_.wait_for(lock, std::chrono::milliseconds(kProgressIntervalMs), [&] { return done_; }));
+    } while (!cv_.wait_for(lock, std::chrono::milliseconds(interval_ms_), [&] { return done_; }));
   }
 
   natsConnection* nc_;
   natsMsg* msg_;
   const bool from_queue_;
   const std::string reply_to_;
+  const int64_t interval_ms_;
   bool claimed_ = false;  // the first progress message reached the server
   std::mutex mu_;
   std::condition_variable cv_;
@@ -415,7 +431,8 @@ void scan_worker::handle(natsMsg* msg, bool from_queue) {
   }
   std::string reply;
   {
-    const progress_ticker ticker(nc_.get(), msg, from_queue, reply_to);
+    const progress_ticker ticker(nc_.get(), msg, from_queue, reply_to,
+                                 from_queue ? job_progress_ms_ : kProgressIntervalMs);
     reply = request ? answer(request.get()) : s_error_reply("request is not a JSON object");
   }
   if (reply.empty()) return;  // stopping mid-request: a queued job goes to another worker
