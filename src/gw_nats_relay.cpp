@@ -5,17 +5,20 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "auth_profile.hpp"
@@ -28,8 +31,111 @@
 #include "qm_nats_conn.hpp"
 #include "qm_nats_nr_backoff.hpp"
 
+// Replies to the relay's core requests, all on one subscription below the gateway's inbox
+// prefix, as the client library's own request multiplexer does: a request costs no
+// subscription of its own, and every message on its reply subject (progress, then the
+// reply) reaches it.
+class gw_reply_mux {
+ public:
+  struct waiter {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::deque<qm::nats_msg_ptr> msgs;
+  };
+
+  gw_reply_mux() = default;
+  ~gw_reply_mux() { close(); }
+  gw_reply_mux(const gw_reply_mux&) = delete;
+  gw_reply_mux& operator=(const gw_reply_mux&) = delete;
+
+  // Subscribes "<prefix>.*" for replies; prefix is "<gateway inbox prefix>.<unique>".
+  natsStatus open(natsConnection* nc, const std::string& prefix) {
+    prefix_ = prefix;
+    natsSubscription* raw = nullptr;
+    natsStatus s = natsConnection_Subscribe(&raw, nc, (prefix_ + ".*").c_str(), s_on_msg, this);
+    sub_.reset(raw);
+    if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(raw, s_on_complete, this);
+    if (s == NATS_OK) s = natsSubscription_SetPendingLimits(raw, -1, -1);
+    return s;
+  }
+
+  // Unsubscribes and waits until no delivery is under way any more.
+  void close() {
+    if (!sub_) return;
+    if (natsSubscription_Unsubscribe(sub_.get()) == NATS_OK) {
+      std::unique_lock<std::mutex> lock(mu_);
+      cv_.wait_for(lock, std::chrono::seconds(5), [&] { return completed_; });
+    }
+    sub_.reset();
+  }
+
+  // A new reply subject and the waiter its messages go to, until release.
+  std::pair<std::string, std::shared_ptr<waiter>> add() {
+    const uint64_t token = next_.fetch_add(1) + 1;
+    auto w = std::make_shared<waiter>();
+    std::lock_guard<std::mutex> guard(mu_);
+    waiters_[token] = w;
+    return {prefix_ + "." + std::to_string(token), w};
+  }
+  void release(const std::string& subject) {
+    const uint64_t token = s_token(subject.c_str());
+    std::lock_guard<std::mutex> guard(mu_);
+    waiters_.erase(token);
+  }
+
+  // The next message for w, waiting up to timeout_ms.
+  static natsStatus next(waiter& w, int64_t timeout_ms, qm::nats_msg_ptr& out) {
+    std::unique_lock<std::mutex> lock(w.mu);
+    if (!w.cv.wait_for(lock, std::chrono::milliseconds(std::max<int64_t>(timeout_ms, 0)),
+                       [&] { return !w.msgs.empty(); }))
+      return NATS_TIMEOUT;
+    out = std::move(w.msgs.front());
+    w.msgs.pop_front();
+    return NATS_OK;
+  }
+
+ private:
+  static uint64_t s_token(const char* subject) {
+    const char* dot = subject != nullptr ? strrchr(subject, '.') : nullptr;
+    return dot != nullptr ? strtoull(dot + 1, nullptr, 10) : 0;
+  }
+  static void s_on_msg(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) noexcept {
+    qm::nats_msg_ptr owned(msg);
+    auto* self = static_cast<gw_reply_mux*>(closure);
+    std::shared_ptr<waiter> w;
+    {
+      std::lock_guard<std::mutex> guard(self->mu_);
+      const auto found = self->waiters_.find(s_token(natsMsg_GetSubject(msg)));
+      if (found == self->waiters_.end()) return;  // its request has ended
+      w = found->second;
+    }
+    {
+      std::lock_guard<std::mutex> guard(w->mu);
+      w->msgs.push_back(std::move(owned));
+    }
+    w->cv.notify_one();
+  }
+  static void s_on_complete(void* closure) noexcept {
+    auto* self = static_cast<gw_reply_mux*>(closure);
+    {
+      std::lock_guard<std::mutex> guard(self->mu_);
+      self->completed_ = true;
+    }
+    self->cv_.notify_all();
+  }
+
+  std::string prefix_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool completed_ = false;
+  std::unordered_map<uint64_t, std::shared_ptr<waiter>> waiters_;
+  std::atomic<uint64_t> next_{0};
+  qm::nats_subscription_ptr sub_;
+};
+
 struct gw_nats_relay {
-  // Declared in the reverse of the order they are destroyed in: bucket, context, connection.
+  // Declared in the reverse of the order they are destroyed in: reply subscription,
+  // bucket, context, connection.
   qm::nats_connection_ptr conn;
   qm::js_ctx_ptr js;
   qm::kv_store_ptr kv;
@@ -40,6 +146,7 @@ struct gw_nats_relay {
   size_t max_payload_bytes = 0;  // the largest reply payload read back; 0: no cap
   std::atomic<void (*)(void*)> on_reconnected{nullptr};
   std::atomic<void*> on_reconnected_arg{nullptr};
+  gw_reply_mux replies;
 };
 
 namespace {
@@ -491,23 +598,21 @@ constexpr const char* kProgressHeader = "QM-Progress";
 constexpr int64_t kWorkerSilenceMs = 3000;
 constexpr int kLostWorkerResends = 1;
 
-// The reply on sub before deadline_ms (monotonic), progress messages skipped.
+// The reply for w before deadline_ms (monotonic), progress messages skipped.
 // worker_lost: the time-out came from a worker that fell silent, not from the deadline.
-natsStatus s_await_reply(natsSubscription* sub, int64_t deadline_ms, qm::nats_msg_ptr& reply, bool& worker_lost) {
+natsStatus s_await_reply(gw_reply_mux::waiter& w, int64_t deadline_ms, qm::nats_msg_ptr& reply, bool& worker_lost) {
   worker_lost = false;
   bool heard_progress = false;
   for (;;) {
     const int64_t left = deadline_ms - qm::monotonic_ms();
     if (left <= 0) return NATS_TIMEOUT;
-    natsMsg* raw = nullptr;
-    const natsStatus s = natsSubscription_NextMsg(&raw, sub, heard_progress ? std::min(left, kWorkerSilenceMs) : left);
-    qm::nats_msg_ptr msg(raw);
+    qm::nats_msg_ptr msg;
+    const natsStatus s = gw_reply_mux::next(w, heard_progress ? std::min(left, kWorkerSilenceMs) : left, msg);
     if (s == NATS_TIMEOUT) {
       worker_lost = heard_progress && qm::monotonic_ms() < deadline_ms;
       if (worker_lost) return s;
       continue;
     }
-    if (s != NATS_OK) return s;
     if (natsMsg_IsNoResponders(msg.get())) return NATS_NO_RESPONDERS;
     const char* progress = nullptr;
     if (natsMsgHeader_Get(msg.get(), kProgressHeader, &progress) == NATS_OK) {
@@ -529,19 +634,15 @@ std::string s_gateway_inbox() {
   return std::string(AUTH_GATEWAY_INBOX_PREFIX) + (dot == std::string::npos ? "." + text : text.substr(dot));
 }
 
-// One core request: the inbox subscribed before the request goes out.
+// One core request; its reply subject is registered before the request goes out.
 natsStatus s_core_attempt(gw_nats_relay& relay, const char* subject, const std::string& json, int64_t timeout_ms,
                           qm::nats_msg_ptr& reply, bool& worker_lost) {
   worker_lost = false;
-  const std::string inbox = s_gateway_inbox();
-  if (inbox.empty()) return NATS_NO_MEMORY;
-  natsSubscription* raw_sub = nullptr;
-  natsStatus s = natsConnection_SubscribeSync(&raw_sub, relay.conn.get(), inbox.c_str());
-  qm::nats_subscription_ptr sub(raw_sub);
-  if (s != NATS_OK) return s;
-  s = natsConnection_PublishRequest(relay.conn.get(), subject, inbox.c_str(), json.data(), static_cast<int>(json.size()));
-  if (s == NATS_OK) s = s_await_reply(sub.get(), qm::monotonic_ms() + timeout_ms, reply, worker_lost);
-  natsSubscription_Unsubscribe(sub.get());
+  auto [reply_subject, waiter] = relay.replies.add();
+  natsStatus s = natsConnection_PublishRequest(relay.conn.get(), subject, reply_subject.c_str(), json.data(),
+                                               static_cast<int>(json.size()));
+  if (s == NATS_OK) s = s_await_reply(*waiter, qm::monotonic_ms() + timeout_ms, reply, worker_lost);
+  relay.replies.release(reply_subject);
   return s;
 }
 
@@ -840,6 +941,12 @@ std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
   if (s != NATS_OK) {
     log_error("nats_relay: KV bucket '%s' bind failed (%s) \u2014 is qm-av-control running and reachable on this NATS?",
               GW_SCAN_DATA_BUCKET, natsStatus_GetText(s));
+    return nullptr;
+  }
+  const std::string reply_prefix = s_gateway_inbox();
+  s = reply_prefix.empty() ? NATS_NO_MEMORY : relay->replies.open(relay->conn.get(), reply_prefix);
+  if (s != NATS_OK) {
+    log_error("nats_relay: reply subscription failed: %s", natsStatus_GetText(s));
     return nullptr;
   }
   log_debug("nats_relay: bound KV bucket '%s'", GW_SCAN_DATA_BUCKET);

@@ -44,6 +44,7 @@ constexpr int64_t kFetchWaitMs = 500;
 // redelivers only the jobs of a lost worker).
 constexpr int64_t kProgressIntervalMs = 1000;
 constexpr int64_t kMinProgressIntervalMs = 100;
+constexpr int64_t kFirstProgressMs = 250;
 // Echoed payloads are read by the relay at once; the TTL only clears what a relay that
 // went away leaves behind.
 constexpr uint64_t kEchoLifetimeMs = 60000;
@@ -381,10 +382,13 @@ class progress_ticker {
   progress_ticker& operator=(const progress_ticker&) = delete;
 
  private:
-  // The first at once: the gateway learns that a live worker holds the request.
+  // The first comes after kFirstProgressMs: a quick answer needs none, a longer scan
+  // then tells the gateway that a live worker holds the request.
   void run() {
     std::unique_lock<std::mutex> lock(mu_);
-    do {
+    int64_t pause_ms = std::min(kFirstProgressMs, interval_ms_);
+    while (!cv_.wait_for(lock, std::chrono::milliseconds(pause_ms), [&] { return done_; })) {
+      pause_ms = interval_ms_;
       if (from_queue_) {
         const natsStatus s = natsMsg_InProgress(msg_, nullptr);
         if (s != NATS_OK) log_debug("qm-scan-worker: in-progress ack failed: %s", natsStatus_GetText(s));
@@ -398,7 +402,7 @@ class progress_ticker {
       // The first one goes out at once, not when the library's flusher next runs.
       claimed_ = natsConnection_FlushTimeout(nc_, kProgressIntervalMs) == NATS_OK;
       if (claimed_) log_debug("qm-scan-worker: told the gateway it holds %s", log_safe(reply_to_).c_str());
-    } while (!cv_.wait_for(lock, std::chrono::milliseconds(interval_ms_), [&] { return done_; }));
+    }
   }
 
   natsConnection* nc_;
