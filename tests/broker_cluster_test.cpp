@@ -29,6 +29,8 @@ constexpr const char* kClientPassword = "alice-secret";
 constexpr const char* kWorkerPassword = "worker-secret";
 // The doors' reply wait: a scan that cannot be answered fails with 502 after this.
 constexpr int kRelayWaitMs = 8000;
+// The longest a chunk put waits for the stream's acknowledgements.
+constexpr int kStagingAckWaitMs = 30000;
 
 class Cluster {
  public:
@@ -165,7 +167,10 @@ TEST(BrokerCluster, ThreeNodesServeEachOtherLoseOneUnderLoadAndTakeItBack) {
   EXPECT_EQ(unclear.load(), 0);
   // Only what was in flight when the node went may fail.
   EXPECT_LE(failed.load(), kClients);
-  EXPECT_LE(slowest_ms.load(), kRelayWaitMs + 3000);
+  // None hangs: a reply comes within its wait, but staging that meets a stream whose
+  // leader was on the lost node waits for the new leader's acknowledgements first (up to
+  // the chunk writer's 30 s; nats-server 2.10 elects more slowly than 2.15).
+  EXPECT_LE(slowest_ms.load(), kRelayWaitMs + kStagingAckWaitMs + 3000);
 
   // Back as a replacement: the moment it says ready, its logins are decided.
   cluster.start(1);
