@@ -114,7 +114,7 @@ bool s_store_round(store_report& report, qmtest::ScanEnv& env, jsCtx* raw_js, co
   began = steady::now();
   char* data = nullptr;
   size_t len = 0;
-  const bool read = kvstore_get_chunked(env.kv(), key.c_str(), 0, &data, &len) == 0;
+  const bool read = kvstore_get_chunked(env.nc(), env.kv(), key.c_str(), 0, &data, &len) == 0;
   qm::malloc_ptr<char> owned(data);
   const double get = s_seconds_since(began);
   if (!read || len != payload.size() || memcmp(data, payload.data(), len) != 0) return false;

@@ -3,8 +3,14 @@
 # default: a supervised nats-server with JetStream on 127.0.0.1, its state under .state/,
 # two demo scan workers (service "scan", and the work queue of service "scanjs"), the
 # AMQP front door on 127.0.0.1 and the REST front door in plain HTTP on a free port from 8080.
-# Ctrl-C (or SIGTERM) stops the broker, its nats-server and the workers.
+# Ctrl-C (or SIGTERM) stops the broker, its nats-server and the workers. With --nodes 3 it
+# runs a local cluster of three brokers instead (scripts/quickstart-cluster.sh).
 set -euo pipefail
+# --nodes N (3 or more): a local cluster instead, see quickstart-cluster.sh.
+if [ "${1:-}" = "--nodes" ]; then
+  [ "${2:-1}" = 1 ] || exec bash "$(dirname "${BASH_SOURCE[0]}")/quickstart-cluster.sh" "${2:-}"
+  shift 2
+fi
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh

@@ -42,13 +42,17 @@ std::string s_sign_deny(const auth_signer& signer, const auth_request_t& req, co
   return s_hand_over(rc, token);
 }
 
+// A profile with allow_responses may answer each request it receives with its reply plus
+// progress messages, one a second, for as long as the gateway's longest wait (300 s).
+constexpr int kResponsesPerRequest = 400;
+
 std::string s_sign_grant(const auth_signer& signer, const auth_request_t& req, const auth_grant& grant) {
   const c_list pub_allow(grant.pub_allow), pub_deny(grant.pub_deny), sub_allow(grant.sub_allow),
       sub_deny(grant.sub_deny);
   char* token = nullptr;
   const int rc = auth_jwt_sign_grant_ex(signer.jwt, req.server_id.c_str(), req.user_nkey.c_str(),
                                         signer.account.c_str(), pub_allow.get(), pub_deny.get(), sub_allow.get(),
-                                        sub_deny.get(), grant.allow_responses ? 1 : 0, &token);
+                                        sub_deny.get(), grant.allow_responses ? kResponsesPerRequest : 0, &token);
   return s_hand_over(rc, token);
 }
 

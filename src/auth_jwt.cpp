@@ -22,6 +22,9 @@
 #include "qm_json.hpp"
 
 namespace {
+
+// How long a granted reply permission lasts: the gateway's longest wait and a margin.
+constexpr int64_t kResponseWindowNs = 310LL * 1000000000LL;
 constexpr size_t s_key_size = crypto_sign_SEEDBYTES;
 }
 
@@ -390,7 +393,9 @@ int auth_jwt_sign_grant_ex(const auth_jwt_ctx_t* ctx, const char* server_id, con
     if (responses > 0) {
       json_object* resp = json_object_new_object();
       s_add(resp, "max", json_object_new_int(responses));
-      s_add(resp, "ttl", json_object_new_int64(0));
+      // Bounded in time too, so that the server forgets the permission of every request
+      // whose answer used fewer than `responses` messages.
+      s_add(resp, "ttl", json_object_new_int64(kResponseWindowNs));
       s_add(user_nats, "resp", resp);
     }
     s_add(user.get(), "nats", user_nats);

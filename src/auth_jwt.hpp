@@ -50,7 +50,7 @@ int auth_jwt_sign_grant(const auth_jwt_ctx_t* ctx, const char* server_id, const 
                         const char* const* sub_deny, char** out_jwt);
 
 // The same; responses > 0 also lets the user publish that many replies to each request it
-// receives, whatever its publish lists say (the user JWT's "resp").
+// receives, within 310 s of it, whatever its publish lists say (the user JWT's "resp").
 int auth_jwt_sign_grant_ex(const auth_jwt_ctx_t* ctx, const char* server_id, const char* user_nkey,
                            const char* account, const char* const* pub_allow, const char* const* pub_deny,
                            const char* const* sub_allow, const char* const* sub_deny, int responses, char** out_jwt);

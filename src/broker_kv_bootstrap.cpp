@@ -5,13 +5,18 @@
 #include <nats/version.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <memory>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gw_subject_policy.hpp"
@@ -249,10 +254,48 @@ struct s_bootstrap_params {
   broker_kv_bootstrap_timing timing;
 };
 
+// A bucket someone else created is taken over as it is; what differs from this broker's
+// settings is told, as for the work queues. max_age is left out where an adjustment
+// sets it anyway.
+void s_warn_bucket_differences(natsConnection* nc, const s_bucket_def& bucket, const s_bootstrap_params& params) {
+  const std::string stream = s_kv_stream_name(bucket.name);
+  std::string error;
+  auto info = s_read_stream(nc, stream, error);
+  if (!info) return;
+  json_object* config = s_config_of(*info);
+  json_object* storage = nullptr;
+  const bool have_memory = json_object_object_get_ex(config, "storage", &storage) &&
+                           strcmp(json_object_get_string(storage), "memory") == 0;
+  const bool want_memory = bucket.memory_storage || params.memory;
+  struct difference {
+    const char* setting;
+    std::string have;
+    std::string want;
+  };
+  std::vector<difference> differences;
+  if (have_memory != want_memory)
+    differences.push_back({"storage", s_storage_word(have_memory), s_storage_word(want_memory)});
+  const int64_t have_replicas = std::max<int64_t>(s_int_field(config, "num_replicas"), 1);
+  if (have_replicas != s_replicas_shown(params.replicas))
+    differences.push_back({"replicas", std::to_string(have_replicas), std::to_string(s_replicas_shown(params.replicas))});
+  if (bucket.adjustment != s_adjustment::max_age && s_int_field(config, "max_age") != bucket.ttl_ns)
+    differences.push_back({"TTL", std::to_string(s_int_field(config, "max_age") / kNanosPerMs) + "ms",
+                           std::to_string(bucket.ttl_ns / kNanosPerMs) + "ms"});
+  if (bucket.history_one && s_int_field(config, "max_msgs_per_subject") != 1)
+    differences.push_back({"history", std::to_string(s_int_field(config, "max_msgs_per_subject")), "1"});
+  for (const difference& d : differences) {
+    log_warn("KV bootstrap: bucket '%s' runs with %s=%s but this broker is configured for %s — the existing bucket "
+             "keeps its own value. Delete it ('nats kv del %s') while nothing is staged and let the next broker start "
+             "recreate it.",
+             bucket.name, d.setting, d.have.c_str(), d.want.c_str(), bucket.name);
+  }
+}
+
 int s_ensure_kv_bucket(natsConnection* nc, jsCtx* js, const s_bucket_def& bucket, const s_bootstrap_params& params) {
   kvStore* raw = nullptr;
   if (js_KeyValue(&raw, js, bucket.name) == NATS_OK) {
     log_info("KV bootstrap: bucket '%s' already existed — bound to it", bucket.name);
+    s_warn_bucket_differences(nc, bucket, params);
   } else {
     kvConfig cfg;
     kvConfig_Init(&cfg);
@@ -505,6 +548,101 @@ int broker_kv_bootstrap(const char* nats_url, const char* user, const char* pass
     log_error("KV bootstrap: %s", e.what());
     return -1;
   }
+}
+
+// ---- Reprovisioning ---------------------------------------------------------------------
+
+struct broker_kv_reprovisioner {
+  std::string url;
+  qm::opt_string user;
+  qm::opt_string password;
+  qm::opt_string cert_path;
+  qm::opt_string work_services;
+  broker_kv_reprovision_params params;  // its strings point into the copies above
+  qm::stop_flag stop;
+  std::mutex mu;
+  std::condition_variable wake;
+  bool pending = false;
+  bool ending = false;
+  std::atomic<int> runs{0};
+  std::thread thread;
+};
+
+namespace {
+
+// One provisioning after a restart or a reconnect, with the start-up's checks and logs.
+void s_reprovision(broker_kv_reprovisioner& r) {
+  const broker_kv_reprovision_params& p = r.params;
+  log_info("KV bootstrap: provisioning buckets and work queues again (the server may have lost them)");
+  const int rc = broker_kv_bootstrap(p.nats_url, p.user, p.password, p.cert_path, p.kv_replicas,
+                                     p.kv_scandata_allow_direct, p.js_transient_memory, &p.wq, &r.stop, &p.timing);
+  r.runs.fetch_add(1);
+  if (rc != 0) {
+    if (!r.stop.requested()) log_error("KV bootstrap: provisioning again failed; the next restart or reconnect retries");
+    return;
+  }
+  if (p.after_reprovision != nullptr) p.after_reprovision(p.after_reprovision_arg);
+}
+
+void s_reprovision_loop(broker_kv_reprovisioner& r) {
+  std::unique_lock<std::mutex> lock(r.mu);
+  for (;;) {
+    r.wake.wait(lock, [&r] { return r.pending || r.ending; });
+    if (r.ending) return;
+    r.pending = false;
+    lock.unlock();
+    s_reprovision(r);
+    lock.lock();
+  }
+}
+
+}  // namespace
+
+broker_kv_reprovisioner_t* broker_kv_reprovisioner_create(const broker_kv_reprovision_params* params) {
+  if (params == nullptr || params->nats_url == nullptr) return nullptr;
+  try {
+    auto r = std::make_unique<broker_kv_reprovisioner>();
+    r->params = *params;
+    r->url = params->nats_url;
+    r->user = qm::from_cstr(params->user);
+    r->password = qm::from_cstr(params->password);
+    r->cert_path = qm::from_cstr(params->cert_path);
+    r->work_services = qm::from_cstr(params->wq.work_services);
+    r->params.nats_url = r->url.c_str();
+    r->params.user = qm::cstr(r->user);
+    r->params.password = qm::cstr(r->password);
+    r->params.cert_path = qm::cstr(r->cert_path);
+    r->params.wq.work_services = qm::cstr(r->work_services);
+    broker_kv_reprovisioner* raw = r.get();
+    r->thread = std::thread([raw] { s_reprovision_loop(*raw); });
+    return r.release();
+  } catch (const std::exception& e) {
+    log_error("KV bootstrap: cannot start reprovisioning: %s", e.what());
+    return nullptr;
+  }
+}
+
+void broker_kv_reprovisioner_request(broker_kv_reprovisioner_t* r) {
+  if (r == nullptr) return;
+  {
+    std::lock_guard<std::mutex> guard(r->mu);
+    r->pending = true;
+  }
+  r->wake.notify_one();
+}
+
+int broker_kv_reprovisioner_runs(const broker_kv_reprovisioner_t* r) { return r != nullptr ? r->runs.load() : 0; }
+
+void broker_kv_reprovisioner_destroy(broker_kv_reprovisioner_t* r) {
+  if (r == nullptr) return;
+  std::unique_ptr<broker_kv_reprovisioner> owned(r);
+  r->stop.request();
+  {
+    std::lock_guard<std::mutex> guard(r->mu);
+    r->ending = true;
+  }
+  r->wake.notify_one();
+  if (r->thread.joinable()) r->thread.join();
 }
 
 void qm_nats_wq_subject(const char* service, char* buf, size_t n) {

@@ -46,6 +46,40 @@ int broker_kv_bootstrap(const char* nats_url, const char* user, const char* pass
 // TTL header). 1 yes, 0 no, -1 (logged) when the stream could not be read.
 int broker_kv_msg_ttl_supported(natsConnection* nc, const char* bucket);
 
+// What a reprovisioner provisions with: broker_kv_bootstrap's arguments, copied.
+struct broker_kv_reprovision_params {
+  const char* nats_url = nullptr;
+  const char* user = nullptr;
+  const char* password = nullptr;
+  const char* cert_path = nullptr;
+  int kv_replicas = 1;
+  bool kv_scandata_allow_direct = true;
+  bool js_transient_memory = true;
+  broker_workqueue_opts wq;  // its service list is copied too
+  broker_kv_bootstrap_timing timing;
+  // Called on the reprovisioner's thread after each provisioning that succeeded (the
+  // relay's one-way per-message TTL fallback is undone there); NULL: nothing.
+  void (*after_reprovision)(void* arg) = nullptr;
+  void* after_reprovision_arg = nullptr;
+};
+
+// Provisions the buckets and work queues again, on a thread of its own, each time it is
+// asked: a nats-server that restarted has lost what it kept in memory, and a relay that
+// reconnects may have reached such a server. Requests that come while one provisioning
+// runs are folded into one more run.
+struct broker_kv_reprovisioner;
+using broker_kv_reprovisioner_t = broker_kv_reprovisioner;
+
+// Starts the thread; NULL when params or its URL is missing or the thread cannot start.
+broker_kv_reprovisioner_t* broker_kv_reprovisioner_create(const broker_kv_reprovision_params* params);
+// Asks for one more provisioning. Cheap, never blocks on the provisioning itself; any
+// thread (NATS callbacks included). Accepts NULL.
+void broker_kv_reprovisioner_request(broker_kv_reprovisioner_t* reprovisioner);
+// Provisionings finished so far, successful or not.
+int broker_kv_reprovisioner_runs(const broker_kv_reprovisioner_t* reprovisioner);
+// Ends a provisioning under way at its next pause, joins the thread, frees. Accepts NULL.
+void broker_kv_reprovisioner_destroy(broker_kv_reprovisioner_t* reprovisioner);
+
 // Names, written into buf (size n) and truncated silently to fit:
 // "jobs.<service>" with the name as given.
 void qm_nats_wq_subject(const char* service, char* buf, size_t n);

@@ -74,6 +74,7 @@ struct registry {
   std::array<histogram, kRoutes.size()> relay_duration;
   counter staged_bytes;
   counter fetched_bytes;
+  counter leader_reads;
   gauge relay_queue_depth;
   counter natsd_restarts;
   std::array<counter, 2> credentials_reloads;  // ok, error
@@ -229,6 +230,9 @@ void s_render_relay(writer& w, const registry& r) {
   w.sample("relay_staged_bytes_total", "", r.staged_bytes.get());
   w.family("relay_fetched_bytes_total", "counter", "Reply payload bytes fetched from the scan-data bucket.");
   w.sample("relay_fetched_bytes_total", "", r.fetched_bytes.get());
+  w.family("relay_leader_reads_total", "counter",
+           "Staged entries a replica did not have yet, read again from the stream leader.");
+  w.sample("relay_leader_reads_total", "", r.leader_reads.get());
   w.family("relay_queue_depth", "gauge", "AMQP jobs waiting for a relay worker.");
   w.sample_signed("relay_queue_depth", "", r.relay_queue_depth.get());
 }
@@ -280,6 +284,8 @@ void broker_metrics_count_relay(broker_metrics_relay_route_t route, broker_metri
 
 void broker_metrics_count_staged_bytes(uint64_t bytes) { s_registry().staged_bytes.add(bytes); }
 void broker_metrics_count_fetched_bytes(uint64_t bytes) { s_registry().fetched_bytes.add(bytes); }
+void broker_metrics_count_leader_read() { s_registry().leader_reads.add(1); }
+uint64_t broker_metrics_leader_reads() { return s_registry().leader_reads.get(); }
 void broker_metrics_relay_queue(int delta) { s_registry().relay_queue_depth.add(delta); }
 void broker_metrics_count_natsd_restart() { s_registry().natsd_restarts.add(); }
 void broker_metrics_count_credentials_reload(bool ok) { s_registry().credentials_reloads[ok ? 0 : 1].add(); }

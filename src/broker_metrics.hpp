@@ -68,6 +68,9 @@ void broker_metrics_count_relay(broker_metrics_relay_route_t route, broker_metri
 // Payload bytes the relay staged in, and fetched from, the scan-data bucket.
 void broker_metrics_count_staged_bytes(uint64_t bytes);
 void broker_metrics_count_fetched_bytes(uint64_t bytes);
+// A staged entry a direct read did not find and the stream leader then gave.
+void broker_metrics_count_leader_read();
+uint64_t broker_metrics_leader_reads();
 // The relay worker pool's queue: one job queued (+1) or taken (-1).
 void broker_metrics_relay_queue(int delta);
 // A supervised nats-server child respawned after it ended.

@@ -63,6 +63,8 @@ struct broker_natsd {
   void (*before_respawn)(broker_natsd*) = nullptr;
   void (*on_give_up)(void*) = nullptr;
   void* on_give_up_arg = nullptr;
+  void (*on_restarted)(void*) = nullptr;
+  void* on_restarted_arg = nullptr;
 
   // Written under `lock`, together with the stop check; atomic so that readers need no lock.
   std::atomic<pid_t> child_pid{-1};
@@ -388,6 +390,7 @@ s_restart_result s_restart(broker_natsd_t& natsd, s_crash_budget& budget) {
   const s_probe_result probed = s_probe_child(natsd, pid, nullptr);
   if (probed == s_probe_result::timed_out) log_fatal("nats-server: post-restart readiness probe failed");
   natsd.child_ready.store(probed == s_probe_result::ready && natsd.child_pid.load() == pid);
+  if (natsd.child_ready.load() && natsd.on_restarted != nullptr) natsd.on_restarted(natsd.on_restarted_arg);
   return s_restart_result::restarted;
 }
 
@@ -475,6 +478,8 @@ broker_natsd_t* broker_natsd_create(const broker_natsd_options_t* opts) {
     natsd->before_respawn = opts->before_respawn;
     natsd->on_give_up = opts->on_give_up;
     natsd->on_give_up_arg = opts->on_give_up_arg;
+    natsd->on_restarted = opts->on_restarted;
+    natsd->on_restarted_arg = opts->on_restarted_arg;
     return natsd.release();
   } catch (...) {
     return nullptr;

@@ -35,6 +35,10 @@ struct broker_natsd_options {
   // waited for. The broker has no server from then on; main starts its shutdown here.
   void (*on_give_up)(void* arg) = nullptr;
   void* on_give_up_arg = nullptr;
+  // Called on the supervisor thread each time a restarted child has passed its readiness
+  // probe: what the old one kept in memory (transient buckets, work queues) is gone.
+  void (*on_restarted)(void* arg) = nullptr;
+  void* on_restarted_arg = nullptr;
 };
 using broker_natsd_options_t = broker_natsd_options;
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdio>
@@ -12,11 +13,13 @@
 #include <cstring>
 #include <functional>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "auth_profile.hpp"
@@ -24,12 +27,116 @@
 #include "broker_metrics.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
+#include "qm_cpp.hpp"
 #include "qm_handles.hpp"
 #include "qm_nats_conn.hpp"
 #include "qm_nats_nr_backoff.hpp"
 
+// Replies to the relay's core requests, all on one subscription below the gateway's inbox
+// prefix, as the client library's own request multiplexer does: a request costs no
+// subscription of its own, and every message on its reply subject (progress, then the
+// reply) reaches it.
+class gw_reply_mux {
+ public:
+  struct waiter {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::deque<qm::nats_msg_ptr> msgs;
+  };
+
+  gw_reply_mux() = default;
+  ~gw_reply_mux() { close(); }
+  gw_reply_mux(const gw_reply_mux&) = delete;
+  gw_reply_mux& operator=(const gw_reply_mux&) = delete;
+
+  // Subscribes "<prefix>.*" for replies; prefix is "<gateway inbox prefix>.<unique>".
+  natsStatus open(natsConnection* nc, const std::string& prefix) {
+    prefix_ = prefix;
+    natsSubscription* raw = nullptr;
+    natsStatus s = natsConnection_Subscribe(&raw, nc, (prefix_ + ".*").c_str(), s_on_msg, this);
+    sub_.reset(raw);
+    if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(raw, s_on_complete, this);
+    if (s == NATS_OK) s = natsSubscription_SetPendingLimits(raw, -1, -1);
+    return s;
+  }
+
+  // Unsubscribes and waits until no delivery is under way any more.
+  void close() {
+    if (!sub_) return;
+    if (natsSubscription_Unsubscribe(sub_.get()) == NATS_OK) {
+      std::unique_lock<std::mutex> lock(mu_);
+      cv_.wait_for(lock, std::chrono::seconds(5), [&] { return completed_; });
+    }
+    sub_.reset();
+  }
+
+  // A new reply subject and the waiter its messages go to, until release.
+  std::pair<std::string, std::shared_ptr<waiter>> add() {
+    const uint64_t token = next_.fetch_add(1) + 1;
+    auto w = std::make_shared<waiter>();
+    std::lock_guard<std::mutex> guard(mu_);
+    waiters_[token] = w;
+    return {prefix_ + "." + std::to_string(token), w};
+  }
+  void release(const std::string& subject) {
+    const uint64_t token = s_token(subject.c_str());
+    std::lock_guard<std::mutex> guard(mu_);
+    waiters_.erase(token);
+  }
+
+  // The next message for w, waiting up to timeout_ms.
+  static natsStatus next(waiter& w, int64_t timeout_ms, qm::nats_msg_ptr& out) {
+    std::unique_lock<std::mutex> lock(w.mu);
+    if (!w.cv.wait_for(lock, std::chrono::milliseconds(std::max<int64_t>(timeout_ms, 0)),
+                       [&] { return !w.msgs.empty(); }))
+      return NATS_TIMEOUT;
+    out = std::move(w.msgs.front());
+    w.msgs.pop_front();
+    return NATS_OK;
+  }
+
+ private:
+  static uint64_t s_token(const char* subject) {
+    const char* dot = subject != nullptr ? strrchr(subject, '.') : nullptr;
+    return dot != nullptr ? strtoull(dot + 1, nullptr, 10) : 0;
+  }
+  static void s_on_msg(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) noexcept {
+    qm::nats_msg_ptr owned(msg);
+    auto* self = static_cast<gw_reply_mux*>(closure);
+    std::shared_ptr<waiter> w;
+    {
+      std::lock_guard<std::mutex> guard(self->mu_);
+      const auto found = self->waiters_.find(s_token(natsMsg_GetSubject(msg)));
+      if (found == self->waiters_.end()) return;  // its request has ended
+      w = found->second;
+    }
+    {
+      std::lock_guard<std::mutex> guard(w->mu);
+      w->msgs.push_back(std::move(owned));
+    }
+    w->cv.notify_one();
+  }
+  static void s_on_complete(void* closure) noexcept {
+    auto* self = static_cast<gw_reply_mux*>(closure);
+    {
+      std::lock_guard<std::mutex> guard(self->mu_);
+      self->completed_ = true;
+    }
+    self->cv_.notify_all();
+  }
+
+  std::string prefix_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool completed_ = false;
+  std::unordered_map<uint64_t, std::shared_ptr<waiter>> waiters_;
+  std::atomic<uint64_t> next_{0};
+  qm::nats_subscription_ptr sub_;
+};
+
 struct gw_nats_relay {
-  // Declared in the reverse of the order they are destroyed in: bucket, context, connection.
+  // Declared in the reverse of the order they are destroyed in: reply subscription,
+  // bucket, context, connection.
   qm::nats_connection_ptr conn;
   qm::js_ctx_ptr js;
   qm::kv_store_ptr kv;
@@ -38,6 +145,9 @@ struct gw_nats_relay {
   uint64_t relay_max_timeout_ms = 0;
   uint64_t js_ackwait_ms = 0;
   size_t max_payload_bytes = 0;  // the largest reply payload read back; 0: no cap
+  std::atomic<void (*)(void*)> on_reconnected{nullptr};
+  std::atomic<void*> on_reconnected_arg{nullptr};
+  gw_reply_mux replies;
 };
 
 namespace {
@@ -261,12 +371,61 @@ struct s_manifest {
   int64_t size = 0;
 };
 
-std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
+// One stored value, as a replica answered it or as the stream leader did.
+class s_value {
+ public:
+  s_value() = default;
+  explicit s_value(qm::kv_entry_ptr entry) : entry_(std::move(entry)) {}
+  explicit s_value(qm::nats_msg_ptr msg) : msg_(std::move(msg)) {}
+  explicit operator bool() const { return entry_ || msg_; }
+  const char* data() const {
+    return entry_ ? static_cast<const char*>(kvEntry_Value(entry_.get())) : natsMsg_GetData(msg_.get());
+  }
+  size_t size() const {
+    const int len = entry_ ? kvEntry_ValueLen(entry_.get()) : natsMsg_GetDataLength(msg_.get());
+    return static_cast<size_t>(std::max(len, 0));
+  }
+
+ private:
+  qm::kv_entry_ptr entry_;
+  qm::nats_msg_ptr msg_;
+};
+
+// The last message of the key's subject as the stream leader has it: a read that sees
+// every write the leader acknowledged, whichever node it came through. Null when the
+// key is absent or deleted.
+qm::nats_msg_ptr s_leader_get(natsConnection* nc, kvStore* kv, const std::string& key) {
+  jsCtx* raw_js = nullptr;
+  if (nc == nullptr || natsConnection_JetStream(&raw_js, nc, nullptr) != NATS_OK) return nullptr;
+  const qm::js_ctx_ptr js(raw_js);
+  const std::string stream = std::string("KV_") + kvStore_Bucket(kv);
+  natsMsg* raw = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  if (js_GetLastMsg(&raw, js.get(), stream.c_str(), s_kv_subject(kv, key).c_str(), nullptr, &jerr) != NATS_OK)
+    return nullptr;
+  qm::nats_msg_ptr msg(raw);
+  const char* operation = nullptr;
+  if (natsMsgHeader_Get(msg.get(), "KV-Operation", &operation) == NATS_OK && operation != nullptr) return nullptr;
+  return msg;
+}
+
+// A staged entry, read consistently across replicas: the bucket's own read first (a
+// direct read may be answered by a replica that has not yet stored what another node
+// just wrote), then, when that finds nothing, the leader. Entries are written once under
+// fresh keys, so a value a replica has is never stale; only a miss needs the leader.
+s_value s_get_entry(natsConnection* nc, kvStore* kv, const std::string& key) {
   kvEntry* raw = nullptr;
-  if (kvStore_Get(&raw, kv, key) != NATS_OK) return std::nullopt;
-  qm::kv_entry_ptr entry(raw);
-  const char* text = static_cast<const char*>(kvEntry_Value(entry.get()));
-  qm::json_ptr doc = s_parse_object(text, static_cast<size_t>(std::max(kvEntry_ValueLen(entry.get()), 0)));
+  if (kvStore_Get(&raw, kv, key.c_str()) == NATS_OK) return s_value(qm::kv_entry_ptr(raw));
+  qm::nats_msg_ptr from_leader = s_leader_get(nc, kv, key);
+  if (!from_leader) return {};
+  broker_metrics_count_leader_read();
+  return s_value(std::move(from_leader));
+}
+
+std::optional<s_manifest> s_read_manifest(natsConnection* nc, kvStore* kv, const char* key) {
+  const s_value entry = s_get_entry(nc, kv, key);
+  if (!entry) return std::nullopt;
+  qm::json_ptr doc = s_parse_object(entry.data(), entry.size());
   json_object* chunks = nullptr;
   if (!doc || !json_object_object_get_ex(doc.get(), "chunks", &chunks)) return std::nullopt;
   json_object* size = nullptr;
@@ -276,17 +435,11 @@ std::optional<s_manifest> s_read_manifest(kvStore* kv, const char* key) {
   return manifest;
 }
 
-qm::kv_entry_ptr s_get_entry(kvStore* kv, const std::string& key) {
-  kvEntry* raw = nullptr;
-  if (kvStore_Get(&raw, kv, key.c_str()) != NATS_OK) return nullptr;
-  return qm::kv_entry_ptr(raw);
-}
-
 // Whether a manifest may be read back: within max_len (0: no cap), in exactly the chunks
 // a writer makes for its size, and with a last chunk that exists and holds the rest. A
 // manifest is only a claim, checked against what is stored before anything is allocated
 // for it; a refusal is logged.
-bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, size_t max_len) {
+bool s_manifest_fits(natsConnection* nc, kvStore* kv, const char* key, const s_manifest& manifest, size_t max_len) {
   const char* why = nullptr;
   if (manifest.size <= 0 || manifest.chunks < 1 || manifest.chunks > kMaxChunks) {
     why = "out of range";
@@ -296,9 +449,9 @@ bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, s
     why = "not the chunk count of its size";
   } else {
     const size_t last = static_cast<size_t>(manifest.chunks) - 1;
-    const qm::kv_entry_ptr entry = s_get_entry(kv, s_chunk_key(key, last));
+    const s_value entry = s_get_entry(nc, kv, s_chunk_key(key, last));
     const size_t expected = static_cast<size_t>(manifest.size) - last * GW_KV_CHUNK_SIZE;
-    if (!entry || static_cast<size_t>(std::max(kvEntry_ValueLen(entry.get()), 0)) != expected)
+    if (!entry || entry.size() != expected)
       why = "its last chunk is missing or of another size";
   }
   if (why == nullptr) return true;
@@ -312,8 +465,8 @@ bool s_manifest_fits(kvStore* kv, const char* key, const s_manifest& manifest, s
 // A payload of one chunk is read on the caller's thread.
 class s_chunk_reader {
  public:
-  s_chunk_reader(kvStore* kv, const std::string& key, size_t num_chunks)
-      : kv_(kv), key_(key), chunks_(num_chunks), entries_(num_chunks), fetched_(num_chunks, false) {
+  s_chunk_reader(natsConnection* nc, kvStore* kv, const std::string& key, size_t num_chunks)
+      : nc_(nc), kv_(kv), key_(key), chunks_(num_chunks), entries_(num_chunks), fetched_(num_chunks, false) {
     if (num_chunks < 2) return;
     try {
       for (size_t i = 0; i < std::min(kReaders, num_chunks); ++i) threads_.emplace_back(&s_chunk_reader::fetch_loop, this);
@@ -327,11 +480,11 @@ class s_chunk_reader {
   s_chunk_reader& operator=(const s_chunk_reader&) = delete;
 
   // The next chunk, or null when it cannot be read.
-  qm::kv_entry_ptr next() {
+  s_value next() {
     if (threads_.empty()) return s_get(next_to_take_++);
     std::unique_lock<std::mutex> lock(mu_);
     cv_.wait(lock, [&] { return fetched_[next_to_take_]; });
-    qm::kv_entry_ptr entry = std::move(entries_[next_to_take_++]);
+    s_value entry = std::move(entries_[next_to_take_++]);
     lock.unlock();
     cv_.notify_all();
     return entry;
@@ -341,7 +494,7 @@ class s_chunk_reader {
   static constexpr size_t kReaders = 4;
   static constexpr size_t kReadAhead = 8;
 
-  qm::kv_entry_ptr s_get(size_t index) const { return s_get_entry(kv_, s_chunk_key(key_, index)); }
+  s_value s_get(size_t index) const { return s_get_entry(nc_, kv_, s_chunk_key(key_, index)); }
 
   void fetch_loop() {
     for (;;) {
@@ -352,7 +505,7 @@ class s_chunk_reader {
         if (stop_ || next_to_fetch_ >= chunks_) return;
         index = next_to_fetch_++;
       }
-      qm::kv_entry_ptr entry = s_get(index);
+      s_value entry = s_get(index);
       {
         std::lock_guard<std::mutex> guard(mu_);
         entries_[index] = std::move(entry);
@@ -372,12 +525,13 @@ class s_chunk_reader {
     threads_.clear();
   }
 
+  natsConnection* nc_;
   kvStore* kv_;
   const std::string key_;
   const size_t chunks_;
   std::mutex mu_;
   std::condition_variable cv_;
-  std::vector<qm::kv_entry_ptr> entries_;
+  std::vector<s_value> entries_;
   std::vector<bool> fetched_;
   size_t next_to_fetch_ = 0;
   size_t next_to_take_ = 0;
@@ -552,17 +706,93 @@ std::optional<std::string> s_with_kv_key(const char* request_json, const char* k
   return s_serialise(doc.get());
 }
 
+// ---- Waiting for a reply past a lost worker ----------------------------------------------
+// A worker that scans for a while says so: messages with the progress header on the reply
+// subject, about every second. One that has said so and then falls silent for
+// kWorkerSilenceMs is taken as lost (killed, or cut off with its node), and the request
+// goes out once more within what is left of the wait, instead of the caller waiting it all.
+constexpr const char* kProgressHeader = "QM-Progress";
+constexpr int64_t kWorkerSilenceMs = 3000;
+constexpr int kLostWorkerResends = 1;
+
+// The reply for w before deadline_ms (monotonic), progress messages skipped.
+// worker_lost: the time-out came from a worker that fell silent, not from the deadline.
+natsStatus s_await_reply(gw_reply_mux::waiter& w, int64_t deadline_ms, qm::nats_msg_ptr& reply, bool& worker_lost) {
+  worker_lost = false;
+  bool heard_progress = false;
+  for (;;) {
+    const int64_t left = deadline_ms - qm::monotonic_ms();
+    if (left <= 0) return NATS_TIMEOUT;
+    qm::nats_msg_ptr msg;
+    const natsStatus s = gw_reply_mux::next(w, heard_progress ? std::min(left, kWorkerSilenceMs) : left, msg);
+    if (s == NATS_TIMEOUT) {
+      worker_lost = heard_progress && qm::monotonic_ms() < deadline_ms;
+      if (worker_lost) return s;
+      continue;
+    }
+    if (natsMsg_IsNoResponders(msg.get())) return NATS_NO_RESPONDERS;
+    const char* progress = nullptr;
+    if (natsMsgHeader_Get(msg.get(), kProgressHeader, &progress) == NATS_OK) {
+      heard_progress = true;
+      continue;
+    }
+    reply = std::move(msg);
+    return NATS_OK;
+  }
+}
+
+// A reply subject below the gateway's own prefix, which no client grant may read.
+std::string s_gateway_inbox() {
+  natsInbox* raw = nullptr;
+  if (natsInbox_Create(&raw) != NATS_OK) return {};
+  const qm::c_ptr<natsInbox, natsInbox_Destroy> inbox(raw);
+  const std::string text(inbox.get());
+  const size_t dot = text.find('.');
+  return std::string(AUTH_GATEWAY_INBOX_PREFIX) + (dot == std::string::npos ? "." + text : text.substr(dot));
+}
+
+// One core request; its reply subject is registered before the request goes out.
+natsStatus s_core_attempt(gw_nats_relay& relay, const char* subject, const std::string& json, int64_t timeout_ms,
+                          qm::nats_msg_ptr& reply, bool& worker_lost) {
+  worker_lost = false;
+  auto [reply_subject, waiter] = relay.replies.add();
+  natsStatus s = natsConnection_PublishRequest(relay.conn.get(), subject, reply_subject.c_str(), json.data(),
+                                               static_cast<int>(json.size()));
+  if (s == NATS_OK) s = s_await_reply(*waiter, qm::monotonic_ms() + timeout_ms, reply, worker_lost);
+  relay.replies.release(reply_subject);
+  return s;
+}
+
+void s_log_lost_worker(const char* subject, unsigned long left_ms) {
+  log_warn("nats_relay: the worker serving %s fell silent for %lldms \u2014 sending the request once more (%lums of "
+           "the wait left)",
+           log_safe(subject).c_str(), static_cast<long long>(kWorkerSilenceMs), left_ms);
+}
+
+unsigned long s_wait_left(int64_t started_ms, unsigned long wait_ms) {
+  const int64_t used = qm::monotonic_ms() - started_ms;
+  return used >= static_cast<int64_t>(wait_ms) ? 0 : wait_ms - static_cast<unsigned long>(used);
+}
+
 natsStatus gw_core_request(gw_nats_relay& relay, const char* subject, const std::string& json, unsigned long wait_ms,
                            qm::nats_msg_ptr& reply) {
   if (json.size() > INT_MAX) return NATS_INVALID_ARG;
+  const int64_t started_ms = qm::monotonic_ms();
+  int resends = 0;
   qm_nats_nr_state_t retry;
   qm_nats_nr_init(&retry);
   for (;;) {
-    natsMsg* raw = nullptr;
-    const natsStatus s = natsConnection_Request(&raw, relay.conn.get(), subject, json.data(),
-                                                static_cast<int>(json.size()),
-                                                qm_nats_nr_attempt_timeout_ms(&retry, wait_ms));
-    reply.reset(raw);
+    const unsigned long left = s_wait_left(started_ms, wait_ms);
+    bool worker_lost = false;
+    const natsStatus s =
+        s_core_attempt(relay, subject, json, std::min<int64_t>(qm_nats_nr_attempt_timeout_ms(&retry, wait_ms), left),
+                       reply, worker_lost);
+    if (worker_lost && resends < kLostWorkerResends && s_wait_left(started_ms, wait_ms) > 0) {
+      ++resends;
+      s_log_lost_worker(subject, s_wait_left(started_ms, wait_ms));
+      reply.reset();
+      continue;
+    }
     if (s == NATS_OK || !gw_status_is_transient(s) || !qm_nats_nr_should_retry(&retry, wait_ms, subject)) return s;
     reply.reset();
   }
@@ -703,7 +933,7 @@ bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** r
     log_warn("nats_relay: reply names an invalid payload key '%s' \u2014 refusing the reply", log_safe(key).c_str());
     return false;
   }
-  const int rc = kvstore_get_chunked(relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
+  const int rc = kvstore_get_chunked(relay.conn.get(), relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
   if (rc == -1) log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
   if (rc == 0) broker_metrics_count_fetched_bytes(*reply_data_len);
   // A refused manifest's chunk count is not trusted for deleting either: only the
@@ -809,13 +1039,19 @@ void s_set_wait_bounds(gw_nats_relay& relay, const gw_config_t& cfg) {
            static_cast<unsigned long>(relay.relay_timeout_ms), static_cast<unsigned long>(relay.relay_max_timeout_ms));
 }
 
+void s_on_reconnected(natsConnection*, void* closure) {
+  const auto* relay = static_cast<const gw_nats_relay*>(closure);
+  void* arg = relay->on_reconnected_arg.load();
+  if (void (*fn)(void*) = relay->on_reconnected.load()) fn(arg);
+}
+
 std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
   auto relay = std::make_unique<gw_nats_relay>();
   if (qm::has_text(cfg.js_services)) relay->js_services = cfg.js_services;
   relay->max_payload_bytes = cfg.max_msg_size_bytes;
   s_set_wait_bounds(*relay, cfg);
   qm::nats_options_ptr opts = s_build_options(cfg);
-  if (!opts) return nullptr;
+  if (!opts || natsOptions_SetReconnectedCB(opts.get(), s_on_reconnected, relay.get()) != NATS_OK) return nullptr;
   const char* url = s_or(qm::cstr(cfg.nats_url), "(default)");
   natsConnection* raw_conn = nullptr;
   natsStatus s = natsConnection_Connect(&raw_conn, opts.get());
@@ -837,6 +1073,12 @@ std::unique_ptr<gw_nats_relay> s_create(const gw_config_t& cfg) {
   if (s != NATS_OK) {
     log_error("nats_relay: KV bucket '%s' bind failed (%s) \u2014 is qm-av-control running and reachable on this NATS?",
               GW_SCAN_DATA_BUCKET, natsStatus_GetText(s));
+    return nullptr;
+  }
+  const std::string reply_prefix = s_gateway_inbox();
+  s = reply_prefix.empty() ? NATS_NO_MEMORY : relay->replies.open(relay->conn.get(), reply_prefix);
+  if (s != NATS_OK) {
+    log_error("nats_relay: reply subscription failed: %s", natsStatus_GetText(s));
     return nullptr;
   }
   log_debug("nats_relay: bound KV bucket '%s'", GW_SCAN_DATA_BUCKET);
@@ -967,26 +1209,27 @@ int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const 
   return 0;
 }
 
-int kvstore_get_chunked(kvStore* kv, const char* key, size_t max_len, char** out_data, size_t* out_len) {
+int kvstore_get_chunked(natsConnection* nc, kvStore* kv, const char* key, size_t max_len, char** out_data,
+                        size_t* out_len) {
   if (out_data != nullptr) *out_data = nullptr;
   if (out_len != nullptr) *out_len = 0;
   if (kv == nullptr || key == nullptr || out_data == nullptr || out_len == nullptr) return -1;
-  const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
+  const std::optional<s_manifest> manifest = s_read_manifest(nc, kv, key);
   if (!manifest) return -1;
-  if (!s_manifest_fits(kv, key, *manifest, max_len)) return -2;
+  if (!s_manifest_fits(nc, kv, key, *manifest, max_len)) return -2;
   const size_t size = static_cast<size_t>(manifest->size);
   const size_t num_chunks = static_cast<size_t>(manifest->chunks);
   try {
     qm::malloc_ptr<char> buffer(static_cast<char*>(calloc(size, 1)));
     if (!buffer) return -1;
-    s_chunk_reader reader(kv, key, num_chunks);
+    s_chunk_reader reader(nc, kv, key, num_chunks);
     size_t filled = 0;
     for (size_t i = 0; i < num_chunks; ++i) {
-      qm::kv_entry_ptr chunk = reader.next();
+      const s_value chunk = reader.next();
       if (!chunk) return -1;
-      const size_t len = static_cast<size_t>(std::max(kvEntry_ValueLen(chunk.get()), 0));
+      const size_t len = chunk.size();
       if (len > size - filled) return -1;
-      if (len > 0) memcpy(buffer.get() + filled, kvEntry_Value(chunk.get()), len);
+      if (len > 0) memcpy(buffer.get() + filled, chunk.data(), len);
       filled += len;
     }
     *out_data = buffer.release();
@@ -1013,7 +1256,7 @@ void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, siz
 
 void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key) {
   if (kv == nullptr || key == nullptr) return;
-  const std::optional<s_manifest> manifest = s_read_manifest(kv, key);
+  const std::optional<s_manifest> manifest = s_read_manifest(nc, kv, key);
   const bool trusted = manifest && manifest->chunks > 0 && manifest->chunks <= kMaxChunks;
   kvstore_delete_chunks(nc, kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
 }
@@ -1102,6 +1345,14 @@ int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const c
 bool gw_nats_relay_connected(const gw_nats_relay_t* relay) {
   return relay != nullptr && relay->conn && natsConnection_Status(relay->conn.get()) == NATS_CONN_STATUS_CONNECTED;
 }
+
+void gw_nats_relay_on_reconnected(gw_nats_relay_t* relay, void (*fn)(void*), void* arg) {
+  if (relay == nullptr) return;
+  relay->on_reconnected_arg.store(arg);
+  relay->on_reconnected.store(fn);
+}
+
+void gw_nats_relay_retry_msg_ttl() { s_gw_msg_ttl_unsupported.store(false); }
 
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service) {
   return relay != nullptr && qm_nats_wq_service_in_csv(qm::cstr(relay->js_services), service) == 1;

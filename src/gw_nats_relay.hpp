@@ -79,6 +79,16 @@ int gw_nats_relay_request_upload(gw_nats_relay_t* relay, const char* subject, co
 // True while the relay's NATS connection is up (false while it reconnects).
 bool gw_nats_relay_connected(const gw_nats_relay_t* relay);
 
+// Calls fn(arg) on the NATS library's thread each time the relay's connection is
+// re-established after a loss: the server it now reaches may have lost the buckets and
+// work queues. Set once, before the relay is used; fn must not block. Accepts NULL.
+void gw_nats_relay_on_reconnected(gw_nats_relay_t* relay, void (*fn)(void* arg), void* arg);
+
+// Undoes the one-way fallback to the bucket TTL: the next staging asks for per-message
+// TTLs again, and falls back again if the server still refuses them. For after the
+// buckets were provisioned anew.
+void gw_nats_relay_retry_msg_ttl();
+
 // True when `service` is one of the relay's JetStream work-queue services.
 bool gw_service_uses_js(const gw_nats_relay_t* relay, const char* service);
 

@@ -60,11 +60,14 @@ int64_t gw_kv_ttl_ms_for(uint64_t timeout_ms);
 int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const char* data, size_t data_len,
                         int64_t ttl_ms);
 
-// The payload under `key`, newly allocated (release with free()). -1 when the manifest
+// The payload under `key`, newly allocated (release with free()). Consistent across the
+// bucket's replicas: an entry a direct read does not find is read again from the stream
+// leader through nc, so a payload written through another node is always found. -1 when the manifest
 // or a chunk is missing or they disagree; -2 (logged) when the manifest is refused
 // before anything is allocated: larger than max_len (0: no cap), not the chunk count a
 // writer makes for its size, or its last chunk missing or of another size.
-int kvstore_get_chunked(kvStore* kv, const char* key, size_t max_len, char** out_data, size_t* out_len);
+int kvstore_get_chunked(natsConnection* nc, kvStore* kv, const char* key, size_t max_len, char** out_data,
+                        size_t* out_len);
 
 // Deletes the chunks the manifest names, then the manifest, pipelined on a JetStream
 // context of its own made from nc; errors are ignored.

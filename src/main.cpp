@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <system_error>
@@ -72,6 +73,13 @@ struct broker_app {
   broker_admin_t* admin = nullptr;
 
   std::atomic<broker_natsd_t*> natsd{nullptr};
+  // Provisions the buckets and work queues again after a restart of the child or a
+  // reconnect of the relay; the mutex keeps a request from racing its destruction.
+  std::mutex reprovision_mu;
+  broker_kv_reprovisioner_t* reprovisioner = nullptr;
+  // The relay as the reprovisioner may use it (under reprovision_mu): set once it is
+  // connected, cleared before it is destroyed.
+  gw_nats_relay_t* reprovision_relay = nullptr;
   gw_credential_store_t* credentials = nullptr;
   // The permission profiles, loaded once for the auth service and both front doors, so
   // that a profile the auth service names is the one the doors enforce. NULL: none.
@@ -308,6 +316,13 @@ bool s_probe_external_server(broker_app& app) {
   return false;
 }
 
+// A restarted child, or a relay that reconnected: the server may have lost what it kept.
+void s_request_reprovision(void* arg) {
+  auto& app = *static_cast<broker_app*>(arg);
+  std::lock_guard<std::mutex> guard(app.reprovision_mu);
+  broker_kv_reprovisioner_request(app.reprovisioner);
+}
+
 // The managed child, started and probed until ready, or an external server, probed.
 bool s_start_nats_server(broker_app& app) {
   const broker_config_t& cfg = *app.cfg;
@@ -326,6 +341,8 @@ bool s_start_nats_server(broker_app& app) {
   opts.restart_backoff_ms_max = 30000;
   opts.on_give_up = s_on_supervision_gave_up;
   opts.on_give_up_arg = &app;
+  opts.on_restarted = s_request_reprovision;
+  opts.on_restarted_arg = &app;
   broker_natsd_t* natsd = broker_natsd_create(&opts);
   if (natsd == nullptr) {
     log_fatal("failed to allocate nats-server supervisor");
@@ -341,10 +358,7 @@ bool s_start_nats_server(broker_app& app) {
   return true;
 }
 
-// Buckets and work queues exist before any front door opens; runs with or without work
-// services.
-bool s_provision_jetstream(broker_app& app) {
-  const broker_config_t& cfg = *app.cfg;
+broker_workqueue_opts s_workqueue_opts(const broker_config_t& cfg) {
   broker_workqueue_opts opts;
   opts.work_services = qm::cstr(cfg.js_work_services);
   opts.ackwait_ns = static_cast<int64_t>(cfg.js_ackwait_ms) * 1000000;
@@ -352,12 +366,63 @@ bool s_provision_jetstream(broker_app& app) {
   opts.maxackpending = cfg.js_maxackpending;
   opts.stream_maxage_ns = static_cast<int64_t>(cfg.js_stream_maxage_ms) * 1000000;
   opts.maxwaiting = cfg.js_maxwaiting;
+  return opts;
+}
+
+// Provisioning anew ends with per-message TTL support learnt again: the server that
+// lacked it may have been replaced by one that has it, or the other way round.
+void s_after_reprovision(void* arg) {
+  auto& app = *static_cast<broker_app*>(arg);
+  std::lock_guard<std::mutex> guard(app.reprovision_mu);
+  if (app.reprovision_relay != nullptr)
+    gw_nats_relay_detect_msg_ttl(app.reprovision_relay);
+  else
+    gw_nats_relay_retry_msg_ttl();
+}
+
+// Not fatal: without it the broker still serves until the server loses its state.
+void s_start_reprovisioner(broker_app& app, const broker_workqueue_opts& wq) {
+  const broker_config_t& cfg = *app.cfg;
+  broker_kv_reprovision_params params;
+  params.nats_url = qm::cstr(cfg.nats_url);
+  params.user = qm::cstr(cfg.gw->nats_user);
+  params.password = qm::cstr(cfg.gw->nats_password);
+  params.cert_path = qm::cstr(cfg.nats_cert_path);
+  params.kv_replicas = cfg.kv_replicas;
+  params.kv_scandata_allow_direct = cfg.kv_scandata_allow_direct;
+  params.js_transient_memory = cfg.js_transient_memory;
+  params.wq = wq;
+  params.timing.budget_ms = 120000;  // a restarted cluster node may wait for its meta leader
+  params.after_reprovision = s_after_reprovision;
+  params.after_reprovision_arg = &app;
+  broker_kv_reprovisioner_t* made = broker_kv_reprovisioner_create(&params);
+  if (made == nullptr) log_warn("KV bootstrap: no reprovisioning after a restart of nats-server");
+  std::lock_guard<std::mutex> guard(app.reprovision_mu);
+  app.reprovisioner = made;
+}
+
+// Buckets and work queues exist before any front door opens; runs with or without work
+// services.
+bool s_provision_jetstream(broker_app& app) {
+  const broker_config_t& cfg = *app.cfg;
+  const broker_workqueue_opts opts = s_workqueue_opts(cfg);
   if (broker_kv_bootstrap(qm::cstr(cfg.nats_url), qm::cstr(cfg.gw->nats_user), qm::cstr(cfg.gw->nats_password),
                           qm::cstr(cfg.nats_cert_path), cfg.kv_replicas, cfg.kv_scandata_allow_direct,
-                          cfg.js_transient_memory, &opts, &app.startup_stop) == 0)
+                          cfg.js_transient_memory, &opts, &app.startup_stop) == 0) {
+    s_start_reprovisioner(app, opts);
     return true;
+  }
   if (!s_stopping(app)) log_fatal("KV bootstrap failed — refusing to open front doors");
   return false;
+}
+
+void s_stop_reprovisioner(broker_app& app) {
+  broker_kv_reprovisioner_t* going = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(app.reprovision_mu);
+    going = std::exchange(app.reprovisioner, nullptr);
+  }
+  broker_kv_reprovisioner_destroy(going);
 }
 
 bool s_load_credentials(broker_app& app) {
@@ -395,6 +460,11 @@ bool s_connect_relay(broker_app& app) {
     return false;
   }
   log_info("NATS relay connected");
+  gw_nats_relay_on_reconnected(app.relay, s_request_reprovision, &app);
+  {
+    std::lock_guard<std::mutex> guard(app.reprovision_mu);
+    app.reprovision_relay = app.relay;
+  }
   broker_admin_set_check(app.admin, kCheckRelay, s_probe_relay, app.relay);
   // An external server counts as up while the relay reaches it.
   if (!app.cfg->nats_server_managed) broker_admin_set_check(app.admin, kCheckNatsd, s_probe_relay, app.relay);
@@ -626,6 +696,10 @@ void s_stop_relay(broker_app& app) {
   if (app.relay == nullptr) return;
   broker_admin_set_check(app.admin, kCheckRelay, nullptr, nullptr);
   if (!app.cfg->nats_server_managed) broker_admin_set_check(app.admin, kCheckNatsd, nullptr, nullptr);
+  {
+    std::lock_guard<std::mutex> guard(app.reprovision_mu);
+    app.reprovision_relay = nullptr;
+  }
   log_debug("Tearing down NATS relay");
   gw_nats_relay_destroy(app.relay);
   app.relay = nullptr;
@@ -687,7 +761,7 @@ struct subsystem {
 // nats-server child.
 constexpr subsystem kSubsystems[] = {
     {s_start_nats_server, s_stop_nats_server},
-    {s_provision_jetstream, nullptr},
+    {s_provision_jetstream, s_stop_reprovisioner},
     {s_load_credentials, s_free_credentials},
     {s_load_permissions, s_free_permissions},
     {s_start_auth_watcher, s_stop_auth_watcher},

@@ -193,8 +193,13 @@ TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
 
 // Existing objects with other settings are bound, never changed, and the operator is
 // told what to do about storage, AckWait and MaxWaiting only.
-TEST_F(KvBootstrap, MismatchedExistingWorkQueueIsBoundWithWarnings) {
+TEST_F(KvBootstrap, MismatchedExistingWorkQueueAndBucketAreBoundWithWarnings) {
   JsClient client(server_.url());
+  const std::string bucket = client.api(
+      "$JS.API.STREAM.CREATE.KV_qm-av-config",
+      R"({"name":"KV_qm-av-config","subjects":["$KV.qm-av-config.>"],"storage":"file","max_msgs_per_subject":5,)"
+      R"("allow_rollup_hdrs":true,"deny_delete":true,"allow_direct":true})");
+  ASSERT_EQ(json_member(bucket, "error"), "<absent>") << bucket;
   const std::string stream = client.api(
       "$JS.API.STREAM.CREATE.JOBS_scan_proxy",
       R"({"name":"JOBS_scan_proxy","subjects":["jobs.scan.proxy"],"retention":"workqueue","storage":"file"})");
@@ -219,9 +224,15 @@ TEST_F(KvBootstrap, MismatchedExistingWorkQueueIsBoundWithWarnings) {
         "WQ bootstrap: 'WORK_scan_proxy' runs with MaxWaiting=100 but this broker is configured for 200. This field "
         "cannot be updated in place — delete the consumer ('nats consumer rm JOBS_scan_proxy WORK_scan_proxy') and let "
         "the next broker start recreate it, or the fleet's puller threads will keep being rejected once they exceed "
-        "100."}) {
+        "100.",
+        "KV bootstrap: bucket 'qm-av-config' runs with storage=file but this broker is configured for memory — the "
+        "existing bucket keeps its own value. Delete it ('nats kv del qm-av-config') while nothing is staged and let "
+        "the next broker start recreate it.",
+        "KV bootstrap: bucket 'qm-av-config' runs with history=5 but this broker is configured for 1"}) {
     EXPECT_EQ(log.count(warning), 1u) << warning;
   }
+  EXPECT_EQ(log.count("KV bootstrap: bucket 'qm-av-config' runs with"), 2u);
+  EXPECT_EQ(log.count("KV bootstrap: bucket 'qm-av-scan-data' runs with"), 0u);
   // MaxDeliver and MaxAckPending differ too, but are not compared.
   EXPECT_EQ(log.count("WQ bootstrap: 'WORK_scan_proxy' runs with"), 2u);
   EXPECT_EQ(log.count("WQ bootstrap: 'JOBS_scan_proxy' is "), 1u);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "admin_client.hpp"
+#include "callout_fixture.hpp"
 #include "nats_server_fixture.hpp"
 #include "qm_handles.hpp"
 #include "test_support.hpp"
@@ -111,6 +112,17 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
 
   EXPECT_TRUE(qmtest::wait_until([&] { return readyz().status == 200; }, 20s)) << readyz().body;
   EXPECT_EQ(qmtest::metric_value(qmtest::scrape(admin_port), "qm_av_broker_natsd_restarts_total"), 1);
+  // The new child started empty (memory storage): the buckets and the work queue are
+  // provisioned again without a restart of the broker.
+  std::string streams;
+  EXPECT_TRUE(qmtest::wait_until(
+      [&] {
+        qmtest::NatsLogin client = qmtest::nats_login(url, "", "", 1000);
+        streams = client.conn ? qmtest::request(client.conn, "$JS.API.STREAM.NAMES", "", 1000) : "";
+        return streams.find("KV_qm-av-scan-data") != std::string::npos && streams.find("JOBS_scan_a") != std::string::npos;
+      },
+      30s))
+      << streams << broker.err();
   const std::set<std::string> broker_fds = fd_targets(broker.pid());
   EXPECT_TRUE(broker_fds.contains(marker));
   for (const std::string& target : fd_targets(second)) EXPECT_FALSE(broker_fds.contains(target)) << target;

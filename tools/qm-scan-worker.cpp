@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "auth_profile.hpp"
 #include "broker_kv_bootstrap.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "log.hpp"
@@ -37,6 +38,13 @@ constexpr const char* kQueueGroup = "qm-scan-workers";
 constexpr int kHandlerThreads = 8;
 constexpr int kQueuePullers = 4;
 constexpr int64_t kFetchWaitMs = 500;
+// While a request is scanned, the worker tells it is alive this often: a progress message
+// on the reply subject of a core request from the gateway (which resends a request whose
+// worker falls silent), an in-progress acknowledgement for a work-queue job (so that a short AckWait
+// redelivers only the jobs of a lost worker).
+constexpr int64_t kProgressIntervalMs = 1000;
+constexpr int64_t kMinProgressIntervalMs = 100;
+constexpr int64_t kFirstProgressMs = 250;
 // Echoed payloads are read by the relay at once; the TTL only clears what a relay that
 // went away leaves behind.
 constexpr uint64_t kEchoLifetimeMs = 60000;
@@ -154,6 +162,7 @@ class scan_worker {
   std::deque<qm::nats_msg_ptr> requests_;
   bool stopping_ = false;
   bool core_handler_done_ = false;  // the library will not call s_on_request again
+  int64_t job_progress_ms_ = kProgressIntervalMs;
 };
 
 bool scan_worker::connect() {
@@ -214,6 +223,17 @@ bool scan_worker::subscribe_work_queue() {
       return false;
     }
   }
+  // A job's in-progress acks come three times per AckWait, so that a live job is never redelivered.
+  jsConsumerInfo* raw_info = nullptr;
+  jsErrCode jerr = static_cast<jsErrCode>(0);
+  const natsStatus got = js_GetConsumerInfo(&raw_info, js_.get(), stream, durable, nullptr, &jerr);
+  if (got != NATS_OK) log_debug("qm-scan-worker: no consumer information: %s", natsStatus_GetText(got));
+  if (got == NATS_OK) {
+    const qm::js_consumer_info_ptr info(raw_info);
+    const int64_t third_ms = info->Config->AckWait / 3000000;
+    job_progress_ms_ = std::clamp<int64_t>(third_ms, kMinProgressIntervalMs, kProgressIntervalMs);
+  }
+  log_debug("qm-scan-worker: in-progress acks every %lldms", static_cast<long long>(job_progress_ms_));
   return true;
 }
 
@@ -316,7 +336,7 @@ std::string scan_worker::answer(json_object* request) {
   size_t size = 0;
   if (const char* key = s_string_field(request, "_kv_key")) {
     char* raw = nullptr;
-    if (kvstore_get_chunked(kv_.get(), key, 0, &raw, &size) != 0) return s_error_reply("payload '" + std::string(key) + "' not readable");
+    if (kvstore_get_chunked(nc_.get(), kv_.get(), key, 0, &raw, &size) != 0) return s_error_reply("payload '" + std::string(key) + "' not readable");
     payload.reset(raw);
   }
   const std::string_view bytes(payload.get(), size);
@@ -339,6 +359,64 @@ std::string scan_worker::answer(json_object* request) {
   return json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
 }
 
+// Sends progress for one request until it goes out of scope.
+class progress_ticker {
+ public:
+  progress_ticker(natsConnection* nc, natsMsg* msg, bool from_queue, const char* reply_to, int64_t interval_ms)
+      : nc_(nc), msg_(msg), from_queue_(from_queue), reply_to_(reply_to != nullptr ? reply_to : ""),
+        interval_ms_(interval_ms) {
+    // Only the gateway reads progress messages; any other requester takes the first
+    // message as the reply.
+    const bool gateway_waits = reply_to_.starts_with(std::string(AUTH_GATEWAY_INBOX_PREFIX) + ".");
+    if (from_queue_ || gateway_waits) thread_ = std::thread([this] { run(); });
+  }
+  ~progress_ticker() {
+    {
+      std::lock_guard<std::mutex> guard(mu_);
+      done_ = true;
+    }
+    cv_.notify_all();
+    if (thread_.joinable()) thread_.join();
+  }
+  progress_ticker(const progress_ticker&) = delete;
+  progress_ticker& operator=(const progress_ticker&) = delete;
+
+ private:
+  // The first comes after kFirstProgressMs: a quick answer needs none, a longer scan
+  // then tells the gateway that a live worker holds the request.
+  void run() {
+    std::unique_lock<std::mutex> lock(mu_);
+    int64_t pause_ms = std::min(kFirstProgressMs, interval_ms_);
+    while (!cv_.wait_for(lock, std::chrono::milliseconds(pause_ms), [&] { return done_; })) {
+      pause_ms = interval_ms_;
+      if (from_queue_) {
+        const natsStatus s = natsMsg_InProgress(msg_, nullptr);
+        if (s != NATS_OK) log_debug("qm-scan-worker: in-progress ack failed: %s", natsStatus_GetText(s));
+        continue;
+      }
+      natsMsg* raw = nullptr;
+      if (natsMsg_Create(&raw, reply_to_.c_str(), nullptr, nullptr, 0) != NATS_OK) continue;
+      qm::nats_msg_ptr progress(raw);
+      natsMsgHeader_Set(progress.get(), "QM-Progress", "scanning");
+      if (natsConnection_PublishMsg(nc_, progress.get()) != NATS_OK || claimed_) continue;
+      // The first one goes out at once, not when the library's flusher next runs.
+      claimed_ = natsConnection_FlushTimeout(nc_, kProgressIntervalMs) == NATS_OK;
+      if (claimed_) log_debug("qm-scan-worker: told the gateway it holds %s", log_safe(reply_to_).c_str());
+    }
+  }
+
+  natsConnection* nc_;
+  natsMsg* msg_;
+  const bool from_queue_;
+  const std::string reply_to_;
+  const int64_t interval_ms_;
+  bool claimed_ = false;  // the first progress message reached the server
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool done_ = false;
+  std::thread thread_;
+};
+
 void scan_worker::handle(natsMsg* msg, bool from_queue) {
   const std::string body(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)));
   log_debug("qm-scan-worker: %s received: %s", from_queue ? "job" : "request", log_safe(body).c_str());
@@ -355,7 +433,12 @@ void scan_worker::handle(natsMsg* msg, bool from_queue) {
       jsMsgMetaData_Destroy(raw_meta);
     }
   }
-  const std::string reply = request ? answer(request.get()) : s_error_reply("request is not a JSON object");
+  std::string reply;
+  {
+    const progress_ticker ticker(nc_.get(), msg, from_queue, reply_to,
+                                 from_queue ? job_progress_ms_ : kProgressIntervalMs);
+    reply = request ? answer(request.get()) : s_error_reply("request is not a JSON object");
+  }
   if (reply.empty()) return;  // stopping mid-request: a queued job goes to another worker
   if (reply_to != nullptr && reply_to[0] != '\0') {
     natsConnection_Publish(nc_.get(), reply_to, reply.data(), static_cast<int>(reply.size()));

@@ -18,14 +18,13 @@ namespace qmtest {
 
 using namespace std::chrono_literals;
 
-namespace {
-
-// The issuer NKey and xkey of the seed at seed_path (made when missing).
 std::pair<std::string, std::string> issuer_keys(const std::string& seed_path) {
   const qm::c_ptr<auth_jwt_ctx_t, auth_jwt_destroy> ctx(auth_jwt_init(seed_path.c_str()));
   if (ctx == nullptr) throw std::runtime_error("cannot make the issuer key");
   return {auth_jwt_public_key(ctx.get()), auth_jwt_xkey(ctx.get())};
 }
+
+namespace {
 
 // Below this level the broker logs neither its readiness nor its subscriptions.
 constexpr int kInfoLevel = 4;

@@ -87,6 +87,9 @@ class CalloutEnv {
   std::unique_ptr<Child> broker_;
 };
 
+// The issuer NKey and xkey of the signing seed at seed_path (made when missing).
+std::pair<std::string, std::string> issuer_keys(const std::string& seed_path);
+
 // A client login as user/password: NATS_OK and a connection, or the failure.
 struct NatsLogin {
   natsStatus status = NATS_ERR;

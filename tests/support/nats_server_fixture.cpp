@@ -27,6 +27,13 @@ void write_nats_server_config(const std::string& path, int port, const std::stri
   write_file(path, text);
 }
 
+std::string cluster_config(const std::string& server_name, int route_port, const std::vector<int>& peer_route_ports) {
+  std::string text = "server_name: \"" + server_name + "\"\ncluster {\n  name: \"qm-test\"\n  listen: \"127.0.0.1:" +
+                     std::to_string(route_port) + "\"\n  routes: [\n";
+  for (int port : peer_route_ports) text += "    \"nats-route://127.0.0.1:" + std::to_string(port) + "\"\n";
+  return text + "  ]\n}\n";
+}
+
 bool nats_accepts_connections(const std::string& url, int timeout_ms) {
   natsOptions* raw_opts = nullptr;
   if (natsOptions_Create(&raw_opts) != NATS_OK) return false;

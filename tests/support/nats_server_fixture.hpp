@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "test_support.hpp"
 
@@ -28,6 +29,10 @@ struct NatsServerOptions {
 // extra_config. Good for the broker's managed child as well.
 void write_nats_server_config(const std::string& path, int port, const std::string& store_dir,
                               const std::string& extra_config = "", const std::string& log_file = "");
+
+// Configuration lines (for extra_config) that name a server and join it to a cluster
+// of loopback nodes: its routes listener on route_port, routes to the others' ports.
+std::string cluster_config(const std::string& server_name, int route_port, const std::vector<int>& peer_route_ports);
 
 class NatsServer {
  public:
