@@ -73,6 +73,10 @@ def run_one(record, build_dir):
         if build.returncode != 0:
             return "build failed"
         binary = os.path.join(build_dir, "tests", record["test"])
+        listed = subprocess.run([binary, "--gtest_list_tests", f"--gtest_filter={record['filter']}"],
+                                capture_output=True, text=True)
+        if not any(line.startswith("  ") for line in listed.stdout.splitlines()):
+            return "filter matches no test"
         try:
             test = subprocess.run([binary, f"--gtest_filter={record['filter']}"], cwd=os.path.join(build_dir, "tests"),
                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=TEST_TIMEOUT_S)
