@@ -93,7 +93,7 @@ def main():
     parser.add_argument("--list", default=os.path.join(ROOT, "scripts", "mutations.txt"))
     parser.add_argument("--check", action="store_true")
     parser.add_argument("names", nargs="*")
-    args = parser.parse_args()
+    args = parser.parse_intermixed_args()
     records = [r for r in parse(args.list) if not args.names or any(n in r["name"] for n in args.names)]
     build_dir = os.path.abspath(args.build_dir)
     width = max((len(r["name"]) for r in records), default=8)
