@@ -473,6 +473,7 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
       {unsigned_request(R"j({"sub":"x"})j"), malformed},
       {unsigned_request(R"j({"nats":{"server_id":{"id":"S1"},"user_nkey":"UABC","connect_opts":{"user":"alice"}}})j"),
        malformed},
+      {unsigned_request(R"j({"nats":{"connect_opts":{"user":"alice","pass":123}}})j"), malformed},
       {unsigned_request(R"j({"nats":{"connect_opts":{"user":"alice","pass":"nope"}}})j"), "invalid credentials"},
       {unsigned_request("{\"nats\":{\"connect_opts\":{\"user\":\"" + std::string(300000, 'u') + "\",\"pass\":\"x\"}}}"),
        "invalid credentials"},
