@@ -486,7 +486,7 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
   EXPECT_EQ(refusal_reason(grant), "(no refusal)");
   EXPECT_NE(grant, "");
   EXPECT_TRUE(broker.running());
-  EXPECT_EQ(LogCapture::count_in(broker.err(), "auth_callout: malformed auth request"), 5u);
+  EXPECT_EQ(LogCapture::count_in(broker.err(), "auth_callout: malformed auth request"), 6u);
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0);
 }
