@@ -110,25 +110,7 @@ bool s_hexstring_to_bytearray(std::string_view hex, unsigned char* out, size_t l
 // package; names are matched in exactly this spelling.
 size_t s_header_callback(char* buffer, size_t size, size_t nitems, void* userdata) noexcept {
   const size_t len = size * nitems;
-  auto* pkg_info = static_cast<qm_upd_pkg_info_t*>(userdata);
-  const std::string_view line(buffer, len);
-  if (line.starts_with("HTTP/")) {
-    memset(pkg_info->md5, 0, sizeof pkg_info->md5);
-    pkg_info->size = 0;
-    pkg_info->signature.clear();
-  } else if (line.starts_with(kSignatureHeader)) {
-    std::string_view value = line.substr(strlen(kSignatureHeader));
-    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.remove_suffix(1);
-    if (value.size() <= kMaxSignatureText) pkg_info->signature = std::string(value);
-  } else if (len > kMd5HeaderMinLength && line.starts_with(kMd5Header)) {
-    memset(pkg_info->md5, 0, sizeof pkg_info->md5);
-    s_hexstring_to_bytearray(line.substr(strlen(kMd5Header)), pkg_info->md5, sizeof pkg_info->md5);
-  } else if (len >= kLengthHeaderMinLength && line.starts_with(kLengthHeader)) {
-    const std::string_view digits = line.substr(strlen(kLengthHeader));
-    size_t value = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    pkg_info->size = value;
-  }
+  qm_update_read_header_line(buffer, len, static_cast<qm_upd_pkg_info_t*>(userdata));
   return len;
 }
 
@@ -796,7 +778,7 @@ int s_install_package(const s_install_paths& paths, const char* content_subdir, 
   const qm::opt_string extract_dir = s_prepare_extract_dir(paths.extract_dir);
   if (!extract_dir) return -1;
   log_trace("Extracting update to %s", paths.extract_dir.c_str());
-  if (s_la_extract(paths.package, s_make_budget(*extract_dir, limits)) != 0) {
+  if (qm_update_extract_package(paths.package.c_str(), extract_dir->c_str(), &limits) != 0) {
     log_error("Failed to extract update package");
     return -1;
   }
@@ -866,6 +848,34 @@ int s_try_lock(qm_update_lockfile_t* lockfile, int* error) {
 }
 
 }  // namespace
+
+void qm_update_read_header_line(const char* buffer, size_t len, qm_upd_pkg_info_t* pkg_info) {
+  if (buffer == nullptr || pkg_info == nullptr) return;
+  const std::string_view line(buffer, len);
+  if (line.starts_with("HTTP/")) {
+    memset(pkg_info->md5, 0, sizeof pkg_info->md5);
+    pkg_info->size = 0;
+    pkg_info->signature.clear();
+  } else if (line.starts_with(kSignatureHeader)) {
+    std::string_view value = line.substr(strlen(kSignatureHeader));
+    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.remove_suffix(1);
+    if (value.size() <= kMaxSignatureText) pkg_info->signature = std::string(value);
+  } else if (len > kMd5HeaderMinLength && line.starts_with(kMd5Header)) {
+    memset(pkg_info->md5, 0, sizeof pkg_info->md5);
+    s_hexstring_to_bytearray(line.substr(strlen(kMd5Header)), pkg_info->md5, sizeof pkg_info->md5);
+  } else if (len >= kLengthHeaderMinLength && line.starts_with(kLengthHeader)) {
+    const std::string_view digits = line.substr(strlen(kLengthHeader));
+    size_t value = 0;
+    std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    pkg_info->size = value;
+  }
+}
+
+int qm_update_extract_package(const char* package, const char* dir, const qm_update_install_limits_t* limits) {
+  if (package == nullptr || dir == nullptr) return -1;
+  const qm_update_install_limits_t bounds = limits != nullptr ? *limits : qm_update_install_limits_t{};
+  return s_la_extract(package, s_make_budget(dir, bounds));
+}
 
 void pkg_info_init(qm_upd_pkg_info_t* pkg_info) {
   if (pkg_info != nullptr) *pkg_info = qm_upd_pkg_info{};

@@ -98,6 +98,17 @@ struct qm_update_install_limits {
 };
 using qm_update_install_limits_t = qm_update_install_limits;
 
+// Reads one response header line (with its line end) of the update server into
+// pkg_info: a status line starts a response afresh; "X-Content-Md5" (32 hex digits),
+// "Content-Length" and "X-Content-Signature" are taken in exactly this spelling.
+void qm_update_read_header_line(const char* line, size_t len, qm_upd_pkg_info_t* pkg_info);
+
+// Unpacks the package file into `dir`, whose path holds no symbolic link, within
+// `limits` (NULL: the defaults) and the free space of its file system. An entry that
+// would land outside `dir` ("..", an absolute path, through a symbolic link) fails the
+// whole package. 0 or -1 (logged); a failure may leave part of the package in `dir`.
+int qm_update_extract_package(const char* package, const char* dir, const qm_update_install_limits_t* limits);
+
 // Resets every field. pkg_info_free forgets the package (the file itself stays).
 void pkg_info_init(qm_upd_pkg_info_t* pkg_info);
 void pkg_info_free(qm_upd_pkg_info_t* pkg_info);

@@ -480,35 +480,6 @@ const char* s_refusal_condition(gw_target_verdict_t verdict) {
   }
 }
 
-// The request JSON and the optional payload of a body: a string or binary value (JSON
-// only), or a list or array whose first element is a string or binary (the JSON) and
-// whose optional second one is a string or binary (the payload).
-bool s_body_parts(pn_message_t* msg, std::string& json, pn_bytes_t& payload) {
-  const auto text_of = [](pn_data_t* data, pn_bytes_t& out) {
-    const pn_type_t type = pn_data_type(data);
-    if (type == PN_STRING) out = pn_data_get_string(data);
-    else if (type == PN_BINARY) out = pn_data_get_binary(data);
-    else return false;
-    return true;
-  };
-  pn_data_t* body = pn_message_body(msg);
-  pn_data_rewind(body);
-  if (!pn_data_next(body)) return false;
-  pn_bytes_t json_bytes{};
-  payload = pn_bytes(0, nullptr);
-  const pn_type_t type = pn_data_type(body);
-  if (type == PN_LIST || type == PN_ARRAY) {
-    pn_data_enter(body);
-    if (!pn_data_next(body) || !text_of(body, json_bytes)) return false;
-    if (pn_data_next(body) && !text_of(body, payload)) payload = pn_bytes(0, nullptr);
-    pn_data_exit(body);
-  } else if (!text_of(body, json_bytes)) {
-    return false;
-  }
-  json = s_bytes_text(json_bytes);
-  return true;
-}
-
 // The subject policy's verdict, kept for the connection's last address: a client's
 // profile and the allow-list stay as they are while it is connected, and most clients
 // send every request to one service.
@@ -672,7 +643,7 @@ void handle_delivery(conn_context_t& ctx, pn_delivery_t* d) {
 
   std::string json;
   pn_bytes_t payload{};
-  if (!s_body_parts(msg.get(), json, payload)) {
+  if (!gw_amqp_body_parts(msg.get(), json, payload)) {
     log_warn("amqp_acceptor: could not extract JSON body from delivery on '%s' \u2014 rejecting",
              log_safe(address).c_str());
     s_settle(d, PN_REJECTED);
@@ -1108,6 +1079,35 @@ bool s_process_batch(gw_amqp_acceptor& acc) {
 uint64_t g_unique_counter = 0;
 
 }  // namespace
+
+// The request JSON and the optional payload of a body: a string or binary value (JSON
+// only), or a list or array whose first element is a string or binary (the JSON) and
+// whose optional second one is a string or binary (the payload).
+bool gw_amqp_body_parts(pn_message_t* msg, std::string& json, pn_bytes_t& payload) {
+  const auto text_of = [](pn_data_t* data, pn_bytes_t& out) {
+    const pn_type_t type = pn_data_type(data);
+    if (type == PN_STRING) out = pn_data_get_string(data);
+    else if (type == PN_BINARY) out = pn_data_get_binary(data);
+    else return false;
+    return true;
+  };
+  pn_data_t* body = pn_message_body(msg);
+  pn_data_rewind(body);
+  if (!pn_data_next(body)) return false;
+  pn_bytes_t json_bytes{};
+  payload = pn_bytes(0, nullptr);
+  const pn_type_t type = pn_data_type(body);
+  if (type == PN_LIST || type == PN_ARRAY) {
+    pn_data_enter(body);
+    if (!pn_data_next(body) || !text_of(body, json_bytes)) return false;
+    if (pn_data_next(body) && !text_of(body, payload)) payload = pn_bytes(0, nullptr);
+    pn_data_exit(body);
+  } else if (!text_of(body, json_bytes)) {
+    return false;
+  }
+  json = s_bytes_text(json_bytes);
+  return true;
+}
 
 void gw_unique_id(const char* prefix, char* buffer, size_t size) {
   snprintf(buffer, size, "%s.%ld.%llu", prefix, static_cast<long>(getpid()),

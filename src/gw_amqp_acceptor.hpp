@@ -6,7 +6,11 @@
 // rejected before anything reaches NATS.
 #pragma once
 
+#include <proton/codec.h>
+#include <proton/message.h>
+
 #include <cstddef>
+#include <string>
 
 #include "auth_profile.hpp"
 #include "gw_config.hpp"
@@ -50,3 +54,9 @@ void gw_amqp_acceptor_destroy(gw_amqp_acceptor_t* acc);
 // Writes "<prefix>.<pid>.<n>" to buffer, n counting the calls of this process from 0.
 // For the event-loop thread only.
 void gw_unique_id(const char* prefix, char* buffer, size_t size);
+
+// The request JSON and the optional payload of a decoded message's body: a string or
+// binary value (the JSON only), or a list or array whose first element is a string or
+// binary (the JSON) and whose optional second one is a string or binary (the payload,
+// pointing into msg; empty otherwise). False when the body has no such JSON.
+bool gw_amqp_body_parts(pn_message_t* msg, std::string& json, pn_bytes_t& payload);

@@ -262,24 +262,6 @@ MHD_Result queue_auth_required(MHD_Connection* conn) {
 
 // ---- authentication ----
 
-// libmicrohttpd hands Basic credentials out as C strings, which end at a NUL byte the
-// decoded header may carry: "pw\0junk" would be checked as "pw". No credential holds one.
-bool s_basic_credentials_hold_nul(MHD_Connection* conn) {
-  const char* header = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION);
-  if (header == nullptr || strncasecmp(header, "Basic ", 6) != 0) return false;
-  const char* encoded = header + 6;
-  while (*encoded == ' ') ++encoded;
-  size_t len = strlen(encoded);
-  while (len > 0 && encoded[len - 1] == ' ') --len;
-  if (len == 0 || len % 4 != 0 || len > INT_MAX) return false;  // not Base64: libmicrohttpd refuses it too
-  qm::secret_bytes decoded(len / 4 * 3);
-  const int n = EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char*>(encoded), static_cast<int>(len));
-  if (n < 0) return false;
-  // The padding decodes to zero bytes that belong to no credential.
-  const size_t padding = encoded[len - 1] != '=' ? 0 : encoded[len - 2] != '=' ? 1 : 2;
-  return memchr(decoded.data(), '\0', static_cast<size_t>(n) - padding) != nullptr;
-}
-
 // Who a request acts for once the credentials are checked: the caller's permission
 // profile (NULL: the built-in permissions). nullopt: not admitted.
 using admitted_profile = std::optional<const auth_profile_t*>;
@@ -728,7 +710,7 @@ uint64_t s_bytes_to_hold(const std::optional<uint64_t>& body_len) {
 MHD_Result s_admit_caller(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx, bool* admitted) {
   *admitted = false;
   const int64_t auth_started = broker_metrics_now();
-  if (s_basic_credentials_hold_nul(conn)) {
+  if (gw_http_basic_credentials_hold_nul(MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION))) {
     log_warn("http_frontend: refusing Basic credentials that hold a NUL byte");
     broker_metrics_count_auth(BROKER_METRICS_AUTH_HTTP, BROKER_METRICS_DENY, auth_started);
     return queue_auth_required(conn);
@@ -1077,6 +1059,23 @@ int s_bound_port(const gw_http_frontend& fe) {
 }
 
 }  // namespace
+
+// libmicrohttpd hands Basic credentials out as C strings, which end at a NUL byte the
+// decoded header may carry: "pw\0junk" would be checked as "pw". No credential holds one.
+bool gw_http_basic_credentials_hold_nul(const char* header) {
+  if (header == nullptr || strncasecmp(header, "Basic ", 6) != 0) return false;
+  const char* encoded = header + 6;
+  while (*encoded == ' ') ++encoded;
+  size_t len = strlen(encoded);
+  while (len > 0 && encoded[len - 1] == ' ') --len;
+  if (len == 0 || len % 4 != 0 || len > INT_MAX) return false;  // not Base64: libmicrohttpd refuses it too
+  qm::secret_bytes decoded(len / 4 * 3);
+  const int n = EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char*>(encoded), static_cast<int>(len));
+  if (n < 0) return false;
+  // The padding decodes to zero bytes that belong to no credential.
+  const size_t padding = encoded[len - 1] != '=' ? 0 : encoded[len - 2] != '=' ? 1 : 2;
+  return memchr(decoded.data(), '\0', static_cast<size_t>(n) - padding) != nullptr;
+}
 
 int gw_http_frontend_start(gw_http_frontend_t* fe) {
   if (fe == nullptr) return -1;

@@ -60,3 +60,8 @@ void gw_http_frontend_stop(gw_http_frontend_t* fe);
 
 // Stops (see above) and frees the frontend (not the cache). Accepts NULL.
 void gw_http_frontend_destroy(gw_http_frontend_t* fe);
+
+// Whether an Authorization header's Basic credentials decode to bytes holding a NUL
+// (NULL, another scheme or no Base64: no). libmicrohttpd hands the credentials out as C
+// strings, so "pw\0junk" would be checked as "pw": such a request is refused.
+bool gw_http_basic_credentials_hold_nul(const char* header);

@@ -366,11 +366,6 @@ int gw_kv_put_chunks(natsConnection* nc, kvStore* kv, const char* key, const cha
   return 0;
 }
 
-struct s_manifest {
-  int64_t chunks = 0;
-  int64_t size = 0;
-};
-
 // One stored value, as a replica answered it or as the stream leader did.
 class s_value {
  public:
@@ -422,32 +417,19 @@ s_value s_get_entry(natsConnection* nc, kvStore* kv, const std::string& key) {
   return s_value(std::move(from_leader));
 }
 
-std::optional<s_manifest> s_read_manifest(natsConnection* nc, kvStore* kv, const char* key) {
+std::optional<gw_kv_manifest> s_read_manifest(natsConnection* nc, kvStore* kv, const char* key) {
   const s_value entry = s_get_entry(nc, kv, key);
   if (!entry) return std::nullopt;
-  qm::json_ptr doc = s_parse_object(entry.data(), entry.size());
-  json_object* chunks = nullptr;
-  if (!doc || !json_object_object_get_ex(doc.get(), "chunks", &chunks)) return std::nullopt;
-  json_object* size = nullptr;
-  s_manifest manifest;
-  manifest.chunks = json_object_get_int(chunks);
-  if (json_object_object_get_ex(doc.get(), "size", &size)) manifest.size = json_object_get_int64(size);
-  return manifest;
+  return gw_kv_manifest_parse(entry.data(), entry.size());
 }
 
 // Whether a manifest may be read back: within max_len (0: no cap), in exactly the chunks
 // a writer makes for its size, and with a last chunk that exists and holds the rest. A
 // manifest is only a claim, checked against what is stored before anything is allocated
 // for it; a refusal is logged.
-bool s_manifest_fits(natsConnection* nc, kvStore* kv, const char* key, const s_manifest& manifest, size_t max_len) {
-  const char* why = nullptr;
-  if (manifest.size <= 0 || manifest.chunks < 1 || manifest.chunks > kMaxChunks) {
-    why = "out of range";
-  } else if (max_len != 0 && static_cast<uint64_t>(manifest.size) > max_len) {
-    why = "larger than --max-msg-size-mb";
-  } else if (gw_kv_num_chunks(static_cast<size_t>(manifest.size)) != static_cast<size_t>(manifest.chunks)) {
-    why = "not the chunk count of its size";
-  } else {
+bool s_manifest_fits(natsConnection* nc, kvStore* kv, const char* key, const gw_kv_manifest& manifest, size_t max_len) {
+  const char* why = gw_kv_manifest_refusal(manifest, max_len);
+  if (why == nullptr) {
     const size_t last = static_cast<size_t>(manifest.chunks) - 1;
     const s_value entry = s_get_entry(nc, kv, s_chunk_key(key, last));
     const size_t expected = static_cast<size_t>(manifest.size) - last * GW_KV_CHUNK_SIZE;
@@ -926,13 +908,14 @@ bool s_may_hold_key(const char* json, const char* key) {
 // whole is then not trusted.
 bool s_take_reply_payload(gw_nats_relay& relay, const char* reply_json, char** reply_data, size_t* reply_data_len) {
   if (!s_may_hold_key(reply_json, "\"_kv_key\"")) return true;
-  qm::json_ptr doc = s_parse_object(reply_json);
-  const char* key = doc ? s_string_field(doc.get(), "_kv_key") : nullptr;
-  if (key == nullptr) return true;
-  if (!gw_subject_is_publishable((std::string("$KV.") + GW_SCAN_DATA_BUCKET + "." + key).c_str())) {
-    log_warn("nats_relay: reply names an invalid payload key '%s' \u2014 refusing the reply", log_safe(key).c_str());
+  std::string named;
+  const int named_rc = gw_reply_payload_key(reply_json, named);
+  if (named_rc == 0) return true;
+  if (named_rc < 0) {
+    log_warn("nats_relay: reply names an invalid payload key '%s' \u2014 refusing the reply", log_safe(named).c_str());
     return false;
   }
+  const char* key = named.c_str();
   const int rc = kvstore_get_chunked(relay.conn.get(), relay.kv.get(), key, relay.max_payload_bytes, reply_data, reply_data_len);
   if (rc == -1) log_debug("nats_relay: reply payload '%s' unreadable \u2014 returning the reply without it", key);
   if (rc == 0) broker_metrics_count_fetched_bytes(*reply_data_len);
@@ -1188,6 +1171,33 @@ size_t gw_kv_num_chunks(size_t data_len) {
   return data_len == 0 ? 1 : (data_len + GW_KV_CHUNK_SIZE - 1) / GW_KV_CHUNK_SIZE;
 }
 
+std::optional<gw_kv_manifest> gw_kv_manifest_parse(const char* text, size_t len) {
+  qm::json_ptr doc = text != nullptr ? s_parse_object(text, len) : nullptr;
+  json_object* chunks = nullptr;
+  if (!doc || !json_object_object_get_ex(doc.get(), "chunks", &chunks)) return std::nullopt;
+  json_object* size = nullptr;
+  gw_kv_manifest manifest;
+  manifest.chunks = json_object_get_int(chunks);
+  if (json_object_object_get_ex(doc.get(), "size", &size)) manifest.size = json_object_get_int64(size);
+  return manifest;
+}
+
+const char* gw_kv_manifest_refusal(const gw_kv_manifest& manifest, size_t max_len) {
+  if (manifest.size <= 0 || manifest.chunks < 1 || manifest.chunks > kMaxChunks) return "out of range";
+  if (max_len != 0 && static_cast<uint64_t>(manifest.size) > max_len) return "larger than --max-msg-size-mb";
+  if (gw_kv_num_chunks(static_cast<size_t>(manifest.size)) != static_cast<size_t>(manifest.chunks))
+    return "not the chunk count of its size";
+  return nullptr;
+}
+
+int gw_reply_payload_key(const char* reply_json, std::string& key) {
+  qm::json_ptr doc = s_parse_object(reply_json);
+  const char* named = doc ? s_string_field(doc.get(), "_kv_key") : nullptr;
+  if (named == nullptr) return 0;
+  key = named;
+  return gw_subject_is_publishable((std::string("$KV.") + GW_SCAN_DATA_BUCKET + "." + key).c_str()) ? 1 : -1;
+}
+
 int kvstore_put_chunked(natsConnection* nc, kvStore* kv, const char* key, const char* data, size_t data_len,
                         int64_t ttl_ms) {
   if (nc == nullptr || kv == nullptr || key == nullptr || (data == nullptr && data_len > 0)) return -1;
@@ -1214,7 +1224,7 @@ int kvstore_get_chunked(natsConnection* nc, kvStore* kv, const char* key, size_t
   if (out_data != nullptr) *out_data = nullptr;
   if (out_len != nullptr) *out_len = 0;
   if (kv == nullptr || key == nullptr || out_data == nullptr || out_len == nullptr) return -1;
-  const std::optional<s_manifest> manifest = s_read_manifest(nc, kv, key);
+  const std::optional<gw_kv_manifest> manifest = s_read_manifest(nc, kv, key);
   if (!manifest) return -1;
   if (!s_manifest_fits(nc, kv, key, *manifest, max_len)) return -2;
   const size_t size = static_cast<size_t>(manifest->size);
@@ -1256,7 +1266,7 @@ void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, siz
 
 void kvstore_delete_chunked(natsConnection* nc, kvStore* kv, const char* key) {
   if (kv == nullptr || key == nullptr) return;
-  const std::optional<s_manifest> manifest = s_read_manifest(nc, kv, key);
+  const std::optional<gw_kv_manifest> manifest = s_read_manifest(nc, kv, key);
   const bool trusted = manifest && manifest->chunks > 0 && manifest->chunks <= kMaxChunks;
   kvstore_delete_chunks(nc, kv, key, trusted ? static_cast<size_t>(manifest->chunks) : 0);
 }

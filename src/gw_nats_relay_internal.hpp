@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "gw_nats_relay.hpp"
@@ -79,6 +80,25 @@ void kvstore_delete_chunks(natsConnection* nc, kvStore* kv, const char* key, siz
 
 // How many chunks a payload of data_len bytes takes (at least 1).
 size_t gw_kv_num_chunks(size_t data_len);
+
+// A payload's manifest {"chunks":n,"size":len} as a reader finds it: only a claim.
+struct gw_kv_manifest {
+  int64_t chunks = 0;
+  int64_t size = 0;  // 0 when absent
+};
+
+// The manifest in text (len bytes, one JSON object with "chunks"); nullopt otherwise.
+std::optional<gw_kv_manifest> gw_kv_manifest_parse(const char* text, size_t len);
+
+// Why a manifest may not be read back before anything is allocated for it (out of
+// range, above max_len when that is not 0, or not the chunk count a writer makes for its
+// size); NULL when it may, pending the check of its last chunk.
+const char* gw_kv_manifest_refusal(const gw_kv_manifest& manifest, size_t max_len);
+
+// The payload key a worker's reply names by "_kv_key" into `key`: 0 when it names none
+// (or is no JSON object), 1 when it names one, -1 when the key could not be part of a
+// subject, which no worker's honest key is (the reply is then refused).
+int gw_reply_payload_key(const char* reply_json, std::string& key);
 
 // Tests only: whether this process has given up on per-message TTLs, and a reset of
 // that and of the once-per-process warnings.

@@ -14,5 +14,5 @@ struct gw_verify_reply {
 };
 
 // The fields of a reply (each only when it is a JSON string, "ok" only when a JSON
-// boolean); nullopt when the text is not JSON at all, which no deliberate answer is.
+// boolean); nullopt when the text is not strictly JSON, which no deliberate answer is.
 std::optional<gw_verify_reply> gw_verify_reply_parse(const char* json);

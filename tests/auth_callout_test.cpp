@@ -473,6 +473,7 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
       {unsigned_request(R"j({"sub":"x"})j"), malformed},
       {unsigned_request(R"j({"nats":{"server_id":{"id":"S1"},"user_nkey":"UABC","connect_opts":{"user":"alice"}}})j"),
        malformed},
+      {unsigned_request(R"j({"nats":{"connect_opts":{"user":"alice","pass":123}}})j"), malformed},
       {unsigned_request(R"j({"nats":{"connect_opts":{"user":"alice","pass":"nope"}}})j"), "invalid credentials"},
       {unsigned_request("{\"nats\":{\"connect_opts\":{\"user\":\"" + std::string(300000, 'u') + "\",\"pass\":\"x\"}}}"),
        "invalid credentials"},
@@ -485,7 +486,7 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
   EXPECT_EQ(refusal_reason(grant), "(no refusal)");
   EXPECT_NE(grant, "");
   EXPECT_TRUE(broker.running());
-  EXPECT_EQ(LogCapture::count_in(broker.err(), "auth_callout: malformed auth request"), 5u);
+  EXPECT_EQ(LogCapture::count_in(broker.err(), "auth_callout: malformed auth request"), 6u);
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0);
 }

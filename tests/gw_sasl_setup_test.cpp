@@ -231,6 +231,7 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
       {"{\"ok\":false,\"backend\":\"file\"}", SASL_BADAUTH, "sasl_checkpass: DENY user='alice' backend=file"},
       {"{\"backend\":\"file\"}", SASL_BADAUTH, "sasl_checkpass: DENY user='alice' backend=file"},
       {"{\"ok\":\"true\"}", SASL_BADAUTH, "sasl_checkpass: DENY user='alice' backend=(unknown)"},
+      {"{\"ok\":truE}", SASL_TRYAGAIN, "malformed qm.auth.verify reply"},
       {"not json", SASL_TRYAGAIN,
        "sasl_checkpass: malformed qm.auth.verify reply for user='alice' \xE2\x80\x94 treating as transient and asking "
        "client to retry"},
