@@ -145,9 +145,8 @@ TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
 
   log.clear();
   ASSERT_EQ(bootstrap(server_, false, &wq), 0);
-  for (const char* b : kBuckets) {
+  for (const char* b : kBuckets)
     EXPECT_LOGGED(log, std::string("KV bootstrap: bucket '") + b + "' already existed — bound to it");
-  }
   EXPECT_LOGGED(log, "WQ bootstrap: stream 'JOBS_svc_a' already existed — bound to it");
   EXPECT_TRUE(log.contains("WQ bootstrap: durable consumer 'WORK_svc_a' on 'JOBS_svc_a' already existed "
                            "(AckWait=35000ms, MaxDeliver=3, MaxAckPending=10, MaxWaiting=64)"));

@@ -133,14 +133,13 @@ TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectoryAndIdlesWithoutUpdateBinary)
   LogCapture log(QMLOG_INFO);
   ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("broker_update: lockfile init failed; thread exiting", 20s)) << log.text();
-  EXPECT_LOGGED(log, "broker_update: failed to derive basedir from /x/y/nats-server");
   ASSERT_TRUE(join_within(20s));
 
   cfg.update_config.update_binary = false;
   ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("broker_update: update_binary=false, polling thread will idle", 20s));
   ASSERT_TRUE(join_within(20s));
-  EXPECT_EQ(log.count("failed to derive basedir"), 1u) << log.text();
+  EXPECT_EQ(log.count("broker_update: failed to derive basedir from /x/y/nats-server"), 1u) << log.text();
 }
 
 // The first request comes a whole interval after the start, with the active version; an
@@ -160,7 +159,6 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
   EXPECT_NE(server.requests().find(std::string("&have=") + kVersionA + "\n"), std::string::npos);
   ASSERT_TRUE(log.wait_for("broker_update: failed to install bin update", 30s, 2)) << log.text();
   EXPECT_GE(qm::monotonic_ms() - started_ms, 2 * interval_ms());
-  EXPECT_LOGGED(log, "exit status 1");
 
   const std::string pids = tmp.file("pids");
   params.install_limits.install_time_limit_ms = 1000;
