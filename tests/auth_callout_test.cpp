@@ -1,31 +1,11 @@
 // Logins to a real nats-server decided by the broker's auth callout, and the verify
 // endpoint, end to end: real nats-server, real broker binary, real NATS clients.
-#include <gtest/gtest.h>
-#include <nats/nats.h>
-#include <signal.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
+#include "test_prelude.hpp"
 
 #include "auth_jwt.hpp"
 #include "admin_client.hpp"
 #include "callout_fixture.hpp"
-#include "log_capture.hpp"
-#include "qm_handles.hpp"
 #include "slapd_fixture.hpp"
-#include "test_support.hpp"
-
-using namespace std::chrono_literals;
-using qmtest::CalloutEnv;
-using qmtest::CalloutOptions;
-using qmtest::LogCapture;
-using qmtest::nats_login;
 
 namespace {
 
@@ -63,16 +43,16 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     },
     "file_user_map": [{"user": "alice", "profile": "scanner"}, {"user": "carl.os", "profile": "own"}]
   })j";
-  const int admin_port = qmtest::free_port();
-  options.broker_args = qmtest::admin_args(admin_port);
+  const int admin_port = free_port();
+  options.broker_args = admin_args(admin_port);
   CalloutEnv env(options);
-  const std::string before = qmtest::scrape(admin_port);
+  const std::string before = scrape(admin_port);
   {
     SCOPED_TRACE("a name that would widen a templated grant is refused");
     EXPECT_NE(nats_login(env.url(), "carl.os", "dotted").status, NATS_OK);
     EXPECT_TRUE(env.broker().wait_for_err(
         "auth_callout: DENY user=carl.os profile=own reason=user-name-unfit-for-templated-grant", 5s));
-    EXPECT_EQ(env.broker().err().find("GRANT user=carl.os"), std::string::npos);
+    EXPECT_NOT_LOGGED(env.broker().err(), "GRANT user=carl.os");
   }
   {
     SCOPED_TRACE("an empty password");
@@ -81,8 +61,8 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     // arrives without one: refused as malformed, never looked up, cached or coalesced.
     const std::string log = env.broker().err();
     EXPECT_EQ(LogCapture::count_in(log, "auth_callout: malformed auth request"), 2u) << log;
-    EXPECT_EQ(log.find("via="), std::string::npos);
-    EXPECT_TRUE(qmtest::wait_until(
+    EXPECT_NOT_LOGGED(log, "via=");
+    EXPECT_TRUE(wait_until(
         [&] { return env.server_log().find("malformed auth request") != std::string::npos; }, 5s));
   }
   {
@@ -97,18 +77,18 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     // Ready only once nats-server routes logins to the service.
     EXPECT_LT(log.find("(generic verify endpoint)"), log.find("qm-av-broker ready"));
     EXPECT_EQ(LogCapture::count_in(log, "auth_callout: DENY user=alice backend=none reason=invalid-credentials"), 2u);
-    EXPECT_NE(log.find("auth_callout: DENY user=mallory backend=none reason=invalid-credentials"), std::string::npos);
-    EXPECT_EQ(log.find("via=neg-cache"), std::string::npos);
-    EXPECT_NE(log.find("auth_callout: GRANT user=alice backend=file profile=scanner groups=0"), std::string::npos);
+    EXPECT_LOGGED(log, "auth_callout: DENY user=mallory backend=none reason=invalid-credentials");
+    EXPECT_NOT_LOGGED(log, "via=neg-cache");
+    EXPECT_LOGGED(log, "auth_callout: GRANT user=alice backend=file profile=scanner groups=0");
     // The server seals every request to the broker's xkey, and opens the sealed answers.
-    EXPECT_NE(log.find("sealed=yes"), std::string::npos);
-    EXPECT_EQ(log.find("sealed=no"), std::string::npos);
+    EXPECT_LOGGED(log, "sealed=yes");
+    EXPECT_NOT_LOGGED(log, "sealed=no");
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache profile=scanner", 5s));
   }
   {
     SCOPED_TRACE("each verdict counted once, the malformed ones as errors; only the second grant came from the cache");
-    const std::string after = qmtest::scrape(admin_port);
-    const auto moved = [&](const std::string& sample) { return qmtest::metric_delta(before, after, sample); };
+    const std::string after = scrape(admin_port);
+    const auto moved = [&](const std::string& sample) { return metric_delta(before, after, sample); };
     EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="error"})"), 2);
     // carl.os's refused templated grant is a deny too
     EXPECT_EQ(moved(R"(qm_av_broker_auth_requests_total{source="callout",verdict="deny"})"), 4);
@@ -120,7 +100,7 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
   }
   {
     SCOPED_TRACE("the server enforces the profile");
-    qmtest::AsyncErrors errors;
+    AsyncErrors errors;
     auto alice = nats_login(env.url(), "alice", "wonder", 5000, &errors);
     auto bob = nats_login(env.url(), "bob", "builder", 5000, &errors);
     ASSERT_TRUE(alice.conn && bob.conn);
@@ -128,7 +108,7 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     EXPECT_FALSE(delivered(alice.conn, bob.conn, "forbidden.subject", 300));
     EXPECT_FALSE(delivered(alice.conn, bob.conn, "scan.secret", 300));
     ASSERT_TRUE(
-        qmtest::wait_until([&] { return LogCapture::count_in(errors.text(), "Permissions Violation") >= 2; }, 5s));
+        wait_until([&] { return LogCapture::count_in(errors.text(), "Permissions Violation") >= 2; }, 5s));
     EXPECT_NE(errors.text().find("Permissions Violation for Publish to \"forbidden.subject\""), std::string::npos)
         << errors.text();
     // bob publishes and subscribes anywhere.
@@ -140,17 +120,14 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     SCOPED_TRACE("a verify reply names the profile a door checks the caller's subjects against");
     auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
     ASSERT_EQ(gateway.status, NATS_OK) << gateway.error;
-    EXPECT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"alice","password":"wonder","revalidate":true})j"),
+    EXPECT_EQ(verify_request(gateway.conn, R"j({"user":"alice","password":"wonder","revalidate":true})j"),
               R"j({"ok":true,"reason":"valid credentials","backend":"file","profile":"scanner"})j");
-    EXPECT_EQ(qmtest::verify_request(gateway.conn, R"j({"user":"bob","password":"builder","revalidate":true})j"),
+    EXPECT_EQ(verify_request(gateway.conn, R"j({"user":"bob","password":"builder","revalidate":true})j"),
               R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
   }
 }
 
 // ---- LDAP users ----
-
-using qmtest::kReaderDn;
-using qmtest::start_directory;
 
 std::vector<std::string> ldap_args(const std::string& url) {
   return {"--auth-backend", "file+ldap", "--ldap-url", url, "--ldap-base-dn", "dc=qm,dc=test", "--ldap-bind-dn",
@@ -159,7 +136,7 @@ std::vector<std::string> ldap_args(const std::string& url) {
 
 // Asks `body` twice at once while the directory is held: the second asker waits for the
 // first one's verdict instead of checking again. The two answers, sorted.
-std::vector<std::string> concurrent_verifies(CalloutEnv& env, qmtest::Slapd& directory, const std::string& body) {
+std::vector<std::string> concurrent_verifies(CalloutEnv& env, Slapd& directory, const std::string& body) {
   auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
   if (gateway.status != NATS_OK) return {};
   const size_t seen = LogCapture::count_in(env.broker().err(), "auth_verify: request user=leo");
@@ -168,8 +145,8 @@ std::vector<std::string> concurrent_verifies(CalloutEnv& env, qmtest::Slapd& dir
   std::vector<std::thread> askers;
   bool both_asked = true;
   for (size_t i = 0; i < 2; ++i) {
-    askers.emplace_back([&, i] { answers[i] = qmtest::verify_request(gateway.conn, body, 60'000); });
-    both_asked = both_asked && qmtest::wait_until(
+    askers.emplace_back([&, i] { answers[i] = verify_request(gateway.conn, body, 60'000); });
+    both_asked = both_asked && wait_until(
         [&] { return LogCapture::count_in(env.broker().err(), "auth_verify: request user=leo") >= seen + i + 1; },
         30s);
   }
@@ -188,8 +165,8 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   CalloutOptions options = file_users();
   options.users.emplace_back("carol", "chisel");  // a file user first seen while the workers wait
   options.broker_args = ldap_args(directory->url());
-  const int admin_port = qmtest::free_port();
-  for (const std::string& arg : qmtest::admin_args(admin_port)) options.broker_args.push_back(arg);
+  const int admin_port = free_port();
+  for (const std::string& arg : admin_args(admin_port)) options.broker_args.push_back(arg);
   options.permissions_json =
       R"j({"profiles": {"scanner": {"publish": {"allow": ["scan.>"]},
                                     "subscribe": {"allow": ["_INBOX.>", "scan.>"]}}},
@@ -197,7 +174,7 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   CalloutEnv env(options);
   // Settles the service's connections, then holds the directory so both checks overlap.
   ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
-  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::admin_get(admin_port, "/readyz").status == 200; }, 10s));
+  EXPECT_TRUE(wait_until([&] { return admin_get(admin_port, "/readyz").status == 200; }, 10s));
   {
     SCOPED_TRACE("two concurrent logins of one user make one live check");
     directory->pause();
@@ -205,7 +182,7 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     std::vector<std::thread> clients;
     for (int i = 0; i < 2; ++i)
       clients.emplace_back([&] { admitted += nats_login(env.url(), "lara", "lara-pw").status == NATS_OK; });
-    const bool both_waiting = qmtest::wait_until(
+    const bool both_waiting = wait_until(
         [&] { return LogCapture::count_in(env.broker().err(), "auth_callout: request user=lara") >= 2; }, 1500ms);
     directory->resume();
     for (auto& t : clients) t.join();
@@ -218,14 +195,14 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
   }
   {
     SCOPED_TRACE("a user in a mapped group gets the group's profile");
-    qmtest::AsyncErrors errors;
+    AsyncErrors errors;
     auto lara = nats_login(env.url(), "lara", "lara-pw", 5000, &errors);
     auto bob = nats_login(env.url(), "bob", "builder", 5000, &errors);
     ASSERT_TRUE(lara.conn && bob.conn) << env.broker().err();
     EXPECT_TRUE(delivered(lara.conn, bob.conn, "scan.job"));
     EXPECT_FALSE(delivered(lara.conn, bob.conn, "elsewhere", 300));
     EXPECT_TRUE(
-        qmtest::wait_until([&] { return errors.text().find("Permissions Violation") != std::string::npos; }, 5s));
+        wait_until([&] { return errors.text().find("Permissions Violation") != std::string::npos; }, 5s));
     EXPECT_NE(nats_login(env.url(), "lara", "wrong").status, NATS_OK);
   }
   {
@@ -239,8 +216,8 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
                   R"j({"ok":false,"reason":"invalid credentials (coalesced)","backend":"coalesced-neg"})j",
                   R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j"}));
     const std::string log = env.broker().err();
-    EXPECT_NE(log.find("auth_verify: GRANT user='leo' via=coalesced method=plain"), std::string::npos);
-    EXPECT_NE(log.find("auth_verify: DENY user='leo' via=coalesced method=plain"), std::string::npos);
+    EXPECT_LOGGED(log, "auth_verify: GRANT user='leo' via=coalesced method=plain");
+    EXPECT_LOGGED(log, "auth_verify: DENY user='leo' via=coalesced method=plain");
   }
   {
     // Every request worker waits on a stopped directory (nats-server gives the callout
@@ -258,9 +235,9 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     natsConnection_Flush(gateway.conn);
     // Only the workers talk to the directory: eight waiting connections mean eight busy workers.
     const bool all_busy =
-        qmtest::wait_until([&] { return directory->connections_with_unread_requests() >= 8; }, 10s);
+        wait_until([&] { return directory->connections_with_unread_requests() >= 8; }, 10s);
     auto alice = nats_login(env.url(), "alice", "wonder");
-    const std::string carol = qmtest::verify_request(gateway.conn, R"j({"user":"carol","password":"chisel"})j", 1500);
+    const std::string carol = verify_request(gateway.conn, R"j({"user":"carol","password":"chisel"})j", 1500);
     directory->resume();
     ASSERT_TRUE(all_busy) << env.broker().err();
     EXPECT_EQ(alice.status, NATS_OK) << alice.error;
@@ -273,7 +250,7 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     // leo's right password is cached (by the verify answers above); another one is checked live.
     EXPECT_NE(nats_login(env.url(), "leo", "leo-guess").status, NATS_OK);
     EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=leo backend=none reason=invalid-credentials", 5s));
-    const qmtest::HttpResponse ready = qmtest::admin_get(admin_port, "/readyz");
+    const HttpResponse ready = admin_get(admin_port, "/readyz");
     EXPECT_EQ(ready.status, 503);
     EXPECT_NE(ready.body.find(R"("ldap":{"ready":false,"state":"unreachable"})"), std::string::npos) << ready.body;
   }
@@ -287,17 +264,15 @@ TEST(CalloutLdap, FileThenLdapWithoutAUsableDirectoryStartsDegradedAndFileUsersL
                          "0", "--auth-cache-max-entries", "-4"};
   CalloutEnv env(options);
   const std::string log = env.broker().err();
-  EXPECT_NE(log.find("auth_service: LDAP backend init failed \u2014 running in degraded file-only mode."),
-            std::string::npos);
-  EXPECT_NE(log.find("auth_cache: enabled (capacity=1024, grant_ttl=0s, deny_ttl=10s, refresh_threshold=0%"),
-            std::string::npos);
+  EXPECT_LOGGED(log, "auth_service: LDAP backend init failed \u2014 running in degraded file-only mode.");
+  EXPECT_LOGGED(log, "auth_cache: enabled (capacity=1024, grant_ttl=0s, deny_ttl=10s, refresh_threshold=0%");
   EXPECT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
 }
 
 // A broker for the file users, beside a server that runs no callout of its own.
-std::vector<std::string> plain_broker_args(const qmtest::NatsServer& server, const qmtest::TempDir& dir) {
-  qmtest::write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
-  return {qmtest::broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
+std::vector<std::string> plain_broker_args(const NatsServer& server, const TempDir& dir) {
+  write_file(dir.file("credentials.conf"), CalloutEnv::credentials_text(file_users().users));
+  return {broker_binary(), "--nats-url", server.url(), "--nats-server-managed", "false",
           "--auth-file", dir.file("credentials.conf"), "--auth-signing-key", dir.file("issuer.seed"),
           "--amqp-enabled", "false", "--update-binary", "false"};
 }
@@ -311,9 +286,9 @@ TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
     std::string logged;
     std::string stage;
   };
-  qmtest::TempDir dir;
+  TempDir dir;
   std::filesystem::create_directory(dir.file("key-dir"));
-  qmtest::write_file(dir.file("bad.json"), "{\"profiles\": [");
+  write_file(dir.file("bad.json"), "{\"profiles\": [");
   const std::string missing = dir.file("missing.conf");
   const std::string service = "Failed to start auth-callout thread";
   const failure failures[] = {
@@ -327,26 +302,26 @@ TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
       {"unreadable signing key", {"--auth-signing-key", dir.file("key-dir")},
        "auth_service: failed to initialize JWT signing", service},
   };
-  qmtest::NatsServer server;
+  NatsServer server;
   for (const failure& f : failures) {
     SCOPED_TRACE(f.name);
     std::vector<std::string> args = plain_broker_args(server, dir);
     args.insert(args.end(), f.args.begin(), f.args.end());
-    qmtest::Child broker(args);
+    Child broker(args);
     ASSERT_EQ(broker.wait(30s), 1) << broker.err();
     const std::string log = broker.err();
-    EXPECT_NE(log.find(f.logged), std::string::npos) << log;
-    EXPECT_NE(log.find(f.stage), std::string::npos) << log;
-    EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos) << log;
+    EXPECT_LOGGED(log, f.logged);
+    EXPECT_LOGGED(log, f.stage);
+    EXPECT_NOT_LOGGED(log, "qm-av-broker ready");
   }
 }
 
 // --print-issuer-nkey makes the seed once and prints the same account key every time.
 TEST(CalloutStartup, PrintIssuerNkeyCreatesTheSeedOnceAndPrintsAStableAccountKey) {
-  qmtest::TempDir dir;
+  TempDir dir;
   std::string first;
   for (int run = 0; run < 2; ++run) {
-    qmtest::Child broker({qmtest::broker_binary(), "--print-issuer-nkey", "--auth-signing-key", dir.file("seed")});
+    Child broker({broker_binary(), "--print-issuer-nkey", "--auth-signing-key", dir.file("seed")});
     ASSERT_EQ(broker.wait(30s), 0) << broker.err();
     const std::string out = broker.out();
     ASSERT_EQ(out.size(), 57u) << out;
@@ -364,7 +339,7 @@ TEST(VerifyEndpoint, VerdictsMalformedRequestsAndHostileStrings) {
   CalloutEnv env(file_users());
   auto gateway = nats_login(env.url(), CalloutEnv::kGatewayUser, CalloutEnv::kGatewayPassword);
   ASSERT_EQ(gateway.status, NATS_OK) << gateway.error;
-  auto ask = [&](const std::string& body) { return qmtest::verify_request(gateway.conn, body); };
+  auto ask = [&](const std::string& body) { return verify_request(gateway.conn, body); };
   const std::string refused = R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j";
   {
     SCOPED_TRACE("live, cached and revalidated verdicts");
@@ -376,10 +351,10 @@ TEST(VerifyEndpoint, VerdictsMalformedRequestsAndHostileStrings) {
               R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
     EXPECT_EQ(ask(R"j({"user":"alice","password":"bad","method":"basic"})j"), refused);
     const std::string log = env.broker().err();
-    EXPECT_NE(log.find("auth_verify: GRANT user='alice' backend=file method=plain"), std::string::npos);
-    EXPECT_NE(log.find("auth_verify: GRANT user='alice' via=cache method=plain"), std::string::npos);
-    EXPECT_NE(log.find("auth_verify: revalidate requested user='alice'"), std::string::npos);
-    EXPECT_NE(log.find("auth_verify: DENY user='alice' backend=none method=basic"), std::string::npos);
+    EXPECT_LOGGED(log, "auth_verify: GRANT user='alice' backend=file method=plain");
+    EXPECT_LOGGED(log, "auth_verify: GRANT user='alice' via=cache method=plain");
+    EXPECT_LOGGED(log, "auth_verify: revalidate requested user='alice'");
+    EXPECT_LOGGED(log, "auth_verify: DENY user='alice' backend=none method=basic");
   }
   {
     SCOPED_TRACE("malformed requests are answered, and one without a reply subject is dropped");
@@ -388,9 +363,7 @@ TEST(VerifyEndpoint, VerdictsMalformedRequestsAndHostileStrings) {
                              R"j({"user":7,"password":"wonder"})j", "[1,2,3]",
                              R"j({"user":"alice","password":null})j"})
       EXPECT_EQ(ask(body), missing) << body;
-    EXPECT_NE(env.broker().err().find("auth_verify: malformed request (user=alice password=(absent) "
-                                      "method=(absent))"),
-              std::string::npos);
+    EXPECT_LOGGED(env.broker().err(), "auth_verify: malformed request (user=alice password=(absent) method=(absent))");
     natsConnection_PublishString(gateway.conn, "qm.auth.verify", R"j({"user":"bob","password":"builder"})j");
     EXPECT_TRUE(env.broker().wait_for_err("auth_verify: message on qm.auth.verify has no reply-to", 5s));
     EXPECT_EQ(ask(R"j({"user":"bob","password":"builder"})j"),
@@ -400,31 +373,30 @@ TEST(VerifyEndpoint, VerdictsMalformedRequestsAndHostileStrings) {
     // A NUL byte ends a C string: "wonder\0junk" must never be checked as "wonder", neither
     // live nor against the grant the cache holds for the right password.
     SCOPED_TRACE("a NUL byte in user or password is refused, not cut short");
-    EXPECT_EQ(qmtest::raw_login(env.url(), R"j({"user":"alice","pass":"wonder","verbose":false})j"), "PONG");
+    EXPECT_EQ(raw_login(env.url(), R"j({"user":"alice","pass":"wonder","verbose":false})j"), "PONG");
     for (const char* connect : {R"j({"user":"alice","pass":"wonder\u0000junk","verbose":false})j",
                                 R"j({"user":"alice\u0000junk","pass":"wonder","verbose":false})j"}) {
-      EXPECT_EQ(qmtest::raw_login(env.url(), connect), "-ERR 'Authorization Violation'") << connect;
+      EXPECT_EQ(raw_login(env.url(), connect), "-ERR 'Authorization Violation'") << connect;
     }
     EXPECT_EQ(ask(R"j({"user":"bob","password":"builder\u0000junk"})j"), refused);
     EXPECT_EQ(ask(R"j({"user":"alice","password":"wonder\u0000"})j"), refused);  // alice/wonder is cached
     EXPECT_EQ(ask(R"j({"user":"alice\u0000","password":"wonder"})j"), refused);
-    EXPECT_NE(env.broker().err().find("auth_verify: DENY user='alice\\x00' backend=none"), std::string::npos);
+    EXPECT_LOGGED(env.broker().err(), "auth_verify: DENY user='alice\\x00' backend=none");
   }
   {
     // A client's user name reaches the log escaped and capped: a line feed in it cannot
     // make a line of its own, and a huge name cannot make a huge line.
     SCOPED_TRACE("client strings cannot forge or flood log lines");
     const std::string forged = "[2030-01-01 00:00:00.000] INFO  forged line";
-    EXPECT_EQ(qmtest::raw_login(env.url(), R"j({"user":"mallory\n)j" + forged + R"j(","pass":"x"})j"),
+    EXPECT_EQ(raw_login(env.url(), R"j({"user":"mallory\n)j" + forged + R"j(","pass":"x"})j"),
               "-ERR 'Authorization Violation'");
     EXPECT_EQ(ask(R"j({"user":"eve\r\n)j" + forged + R"j(","password":"x","method":"plain\u001b[31m"})j"), refused);
     EXPECT_EQ(ask(R"j({"user":")j" + std::string(1000000, 'u') + R"j(","password":"x"})j"), refused);
     const std::string log = env.broker().err();
-    EXPECT_NE(log.find("auth_callout: DENY user=mallory\\n" + forged + " backend=none"), std::string::npos) << log;
-    EXPECT_NE(log.find("auth_verify: DENY user='eve\\r\\n" + forged + "' backend=none method=plain\\x1b[31m"),
-              std::string::npos);
-    EXPECT_NE(log.find("uuu...(1000000 bytes)' backend=none"), std::string::npos);
-    EXPECT_EQ(log.find("\n" + forged), std::string::npos);
+    EXPECT_LOGGED(log, "auth_callout: DENY user=mallory\\n" + forged + " backend=none");
+    EXPECT_LOGGED(log, "auth_verify: DENY user='eve\\r\\n" + forged + "' backend=none method=plain\\x1b[31m");
+    EXPECT_LOGGED(log, "uuu...(1000000 bytes)' backend=none");
+    EXPECT_NOT_LOGGED(log, "\n" + forged);
     size_t longest = 0;
     for (size_t from = 0, end; (end = log.find('\n', from)) != std::string::npos; from = end + 1)
       longest = std::max(longest, end - from);
@@ -455,9 +427,9 @@ std::string unsigned_request(const std::string& claims_json) {
 // nats-server keeps clients off the callout subject once it runs a callout itself, so
 // raw requests go to a broker that serves a plain server (no authorization at all).
 TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
-  qmtest::NatsServer server;
-  qmtest::TempDir dir;
-  qmtest::Child broker(plain_broker_args(server, dir));
+  NatsServer server;
+  TempDir dir;
+  Child broker(plain_broker_args(server, dir));
   ASSERT_TRUE(broker.wait_for_err("(generic verify endpoint)", 30s)) << broker.err();
   auto client = nats_login(server.url(), "", "");
   ASSERT_EQ(client.status, NATS_OK) << client.error;
@@ -467,9 +439,7 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
   EXPECT_EQ(callout_reply(""), "");  // no data: no answer at all
   const char* const malformed = "malformed auth request";
   const std::pair<std::string, const char*> rows[] = {
-      {"not a jwt", malformed},
-      {"a.@@@###.c", malformed},
-      {unsigned_request("[1,2]"), malformed},
+      // Tokens that do not decode, or decode to no object, are the fuzz target's seeds.
       {unsigned_request(R"j({"sub":"x"})j"), malformed},
       {unsigned_request(R"j({"nats":{"server_id":{"id":"S1"},"user_nkey":"UABC","connect_opts":{"user":"alice"}}})j"),
        malformed},
@@ -486,7 +456,7 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
   EXPECT_EQ(refusal_reason(grant), "(no refusal)");
   EXPECT_NE(grant, "");
   EXPECT_TRUE(broker.running());
-  EXPECT_EQ(LogCapture::count_in(broker.err(), "auth_callout: malformed auth request"), 6u);
+  EXPECT_EQ(LogCapture::count_in(broker.err(), "auth_callout: malformed auth request"), 3u);
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0);
 }
@@ -499,17 +469,17 @@ TEST(CalloutBroker, RenamedCredentialsFileAdmitsANewUserAndSighupReachesTheChild
   options.managed = true;
   options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
   CalloutEnv env(options);
-  EXPECT_NE(env.broker().err().find("auth_cache: disabled by config (both TTLs == 0)"), std::string::npos);
+  EXPECT_LOGGED(env.broker().err(), "auth_cache: disabled by config (both TTLs == 0)");
   EXPECT_NE(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
   const std::string next = env.credentials_path() + ".new";
-  qmtest::write_file(next, CalloutEnv::credentials_text({{"alice", "wonder"}, {"carol", "fresh"}}));
+  write_file(next, CalloutEnv::credentials_text({{"alice", "wonder"}, {"carol", "fresh"}}));
   ASSERT_EQ(rename(next.c_str(), env.credentials_path().c_str()), 0);
   ASSERT_TRUE(env.broker().wait_for_err("credential_store: reloaded 4 credentials", 15s)) << env.broker().err();
-  EXPECT_TRUE(qmtest::wait_until(
+  EXPECT_TRUE(wait_until(
       [&] { return env.server_log().find("Reloaded server configuration") != std::string::npos; }, 10s));
   // The server reloads its own configuration meanwhile, which may refuse a login or two
   // on its way: the new user must be admitted before the deadline.
-  EXPECT_TRUE(qmtest::wait_until([&] { return nats_login(env.url(), "carol", "fresh").status == NATS_OK; }, 15s))
+  EXPECT_TRUE(wait_until([&] { return nats_login(env.url(), "carol", "fresh").status == NATS_OK; }, 15s))
       << env.broker().err();
 }
 
@@ -520,15 +490,14 @@ TEST(CalloutBroker, AReloadedFileOverridesGrantsTheCacheHeld) {
   for (int i = 0; i < 2; ++i) ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
   ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
   ASSERT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache", 5s));
-  qmtest::write_file(env.credentials_path(), CalloutEnv::credentials_text({{"bob", "rebuilt"}, {"dave", "new"}}));
+  write_file(env.credentials_path(), CalloutEnv::credentials_text({{"bob", "rebuilt"}, {"dave", "new"}}));
   env.broker().signal(SIGHUP);
   ASSERT_TRUE(env.broker().wait_for_err("SIGHUP: dropped 2 cached auth verdict(s)", 10s)) << env.broker().err();
   EXPECT_NE(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
   EXPECT_NE(nats_login(env.url(), "bob", "builder").status, NATS_OK);
   EXPECT_EQ(nats_login(env.url(), "bob", "rebuilt").status, NATS_OK);
   EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=alice backend=none reason=invalid-credentials", 5s));
-  EXPECT_NE(env.broker().err().find("SIGHUP: reloading credential store + forwarding to nats-server"),
-            std::string::npos);
+  EXPECT_LOGGED(env.broker().err(), "SIGHUP: reloading credential store + forwarding to nats-server");
 
   // Without the file the broker keeps the table it has: dave's first login is checked live.
   std::filesystem::remove(env.credentials_path());
@@ -560,7 +529,7 @@ TEST_P(CalloutShutdown, SigtermDuringALoginStormDrainsAndExitsWithinAFewSeconds)
       }
     });
   }
-  EXPECT_TRUE(qmtest::wait_until([&] { return admitted >= 20; }, 10s));  // stop and join the clients regardless
+  EXPECT_TRUE(wait_until([&] { return admitted >= 20; }, 10s));  // stop and join the clients regardless
   const auto asked = std::chrono::steady_clock::now();
   env.broker().signal(SIGTERM);
   const std::optional<int> rc = env.broker().wait(30s);
@@ -570,9 +539,9 @@ TEST_P(CalloutShutdown, SigtermDuringALoginStormDrainsAndExitsWithinAFewSeconds)
   EXPECT_EQ(rc, 0) << env.broker().err();
   EXPECT_LT(took, 5s) << env.broker().err();
   const std::string log = env.broker().err();
-  EXPECT_NE(log.find("Stopping auth-callout thread"), std::string::npos);
-  EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
-  EXPECT_EQ(log.find("not reported complete"), std::string::npos) << log;
+  EXPECT_LOGGED(log, "Stopping auth-callout thread");
+  EXPECT_LOGGED(log, "qm-av-broker stopped (rc=0)");
+  EXPECT_NOT_LOGGED(log, "not reported complete");
 }
 
 INSTANTIATE_TEST_SUITE_P(ExternalAndManagedServer, CalloutShutdown, ::testing::Values(false, true));

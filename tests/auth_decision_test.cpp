@@ -2,11 +2,7 @@
 // for whom, and refreshes that end before the decider does.
 #include "auth_decision.hpp"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <sstream>
-#include <string>
+#include "test_prelude.hpp"
 
 #include "auth_ldap.hpp"
 #include "auth_lock.hpp"
@@ -15,8 +11,6 @@
 #include "callout_fixture.hpp"
 #include "gw_auth_cache.hpp"
 #include "gw_credential_store.hpp"
-#include "log_capture.hpp"
-#include "test_support.hpp"
 
 namespace {
 
@@ -49,7 +43,7 @@ class AuthDecision : public ::testing::Test {
     return decider_ptr(auth_decider_create(creds_.get(), ldap, profiles_.get(), cache_.get(), lock));
   }
 
-  qmtest::TempDir dir_;
+  TempDir dir_;
   creds_ptr creds_;
   profiles_ptr profiles_;
   cache_ptr cache_;
@@ -110,9 +104,9 @@ TEST_F(AuthDecision, ACalloutGetsTheUsersProfileWhateverPutTheGrantInTheCache) {
 // A refresh stuck in the directory holds up the decider's end: it must never outlive
 // the directory context, the profiles or the cache it uses.
 TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
-  auto directory = qmtest::start_directory();
+  auto directory = start_directory();
   const auth_ldap_timing timing{1000, 3000, {}};
-  ldap_ptr ldap(auth_ldap_init(directory->url().c_str(), "dc=qm,dc=test", qmtest::kReaderDn, "reader-secret", nullptr,
+  ldap_ptr ldap(auth_ldap_init(directory->url().c_str(), "dc=qm,dc=test", kReaderDn, "reader-secret", nullptr,
                                nullptr, nullptr, nullptr, nullptr, nullptr, 1, 300, "memberOf", nullptr,
                                &timing));
   ASSERT_NE(ldap, nullptr);
@@ -125,7 +119,7 @@ TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
   directory->pause();
   EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, lara, password}).source, AUTH_VERDICT_CACHED);
   // The refresh's search has reached the stopped directory: it is running, not queued.
-  ASSERT_TRUE(qmtest::wait_until([&] { return directory->connections_with_unread_requests() > 0; }, std::chrono::seconds(10)));
+  ASSERT_TRUE(wait_until([&] { return directory->connections_with_unread_requests() > 0; }, std::chrono::seconds(10)));
   EXPECT_EQ(auth_decider_drain_refreshes(d.get(), 100), -1);
   d.reset();
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(cache_.get(), 0), 0);

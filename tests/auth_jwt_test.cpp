@@ -1,21 +1,6 @@
 #include "auth_jwt.hpp"
 
-#include <gtest/gtest.h>
-#include <json-c/json.h>
-#include <openssl/evp.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <iterator>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "qm_handles.hpp"
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -290,7 +275,7 @@ class SigningKeyFile : public ::testing::Test {
   size_t files_in_dir() const {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir_.path()), {}));
   }
-  qmtest::TempDir dir_;
+  TempDir dir_;
   std::string path_ = dir_.file("issuer.seed");
 };
 
@@ -304,7 +289,7 @@ TEST_F(SigningKeyFile, AMissingOrShortFileGetsANewSeedRenamedIntoPlace) {
     std::filesystem::remove(path_);
     std::filesystem::remove(other_name);
     if (length >= 0) {
-      qmtest::write_file(path_, std::string(static_cast<size_t>(length), 'k'));
+      write_file(path_, std::string(static_cast<size_t>(length), 'k'));
       chmod(path_.c_str(), 0644);
       ASSERT_EQ(link(path_.c_str(), other_name.c_str()), 0);
     }
@@ -315,7 +300,7 @@ TEST_F(SigningKeyFile, AMissingOrShortFileGetsANewSeedRenamedIntoPlace) {
     EXPECT_EQ(st.st_size, 32);
     EXPECT_EQ(nkey_for(path_), nkey);
     if (length >= 0) {
-      EXPECT_EQ(qmtest::read_file(other_name), std::string(static_cast<size_t>(length), 'k'));
+      EXPECT_EQ(read_file(other_name), std::string(static_cast<size_t>(length), 'k'));
     }
     EXPECT_EQ(files_in_dir(), length >= 0 ? 2u : 1u);
   }
@@ -325,7 +310,7 @@ TEST_F(SigningKeyFile, AMissingOrShortFileGetsANewSeedRenamedIntoPlace) {
 // signed with exactly that seed.
 TEST_F(SigningKeyFile, TokensAreSignedWithTheFirst32BytesOnDisk) {
   const std::string seed(32, '\x42');
-  qmtest::write_file(path_, seed + "!");
+  write_file(path_, seed + "!");
   qm::evp_pkey_ptr reference(EVP_PKEY_new_raw_private_key(
       EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char*>(seed.data()), seed.size()));
   ASSERT_NE(reference, nullptr);
@@ -337,7 +322,7 @@ TEST_F(SigningKeyFile, TokensAreSignedWithTheFirst32BytesOnDisk) {
   ASSERT_NE(ctx, nullptr);
   const std::string issuer = auth_jwt_public_key(ctx.get());
   EXPECT_EQ(public_key_of(issuer), reference_public);
-  EXPECT_EQ(qmtest::read_file(path_), seed + "!");
+  EXPECT_EQ(read_file(path_), seed + "!");
   char* out = nullptr;
   ASSERT_EQ(auth_jwt_sign_deny(ctx.get(), "SRV1", "UNKEY", nullptr, &out), 0);
   const std::string token = out;

@@ -1,41 +1,15 @@
 // The LDAP backend against real slapd servers on loopback.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <atomic>
-#include <climits>
-#include <chrono>
-#include <filesystem>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "auth_ldap.hpp"
-#include "log.hpp"
-#include "log_capture.hpp"
-#include "qm_cpp.hpp"
-#include "qm_handles.hpp"
+
+#include "test_prelude.hpp"
+
 #include "slapd_fixture.hpp"
-#include "test_support.hpp"
 
 namespace {
 
-using namespace std::chrono_literals;
-using qmtest::Slapd;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
-
-using qmtest::kAdminsGroup;
-using qmtest::kReaderDn;
-using qmtest::kScannersGroup;
 
 constexpr const char* kBase = "dc=qm,dc=test";
 constexpr const char* kReaderPassword = "reader-secret";
@@ -79,38 +53,16 @@ std::vector<int> s_socket_fds() {
   return fds;
 }
 
-// A loopback port held by this process. Closed: bound but not listening, so a connect is
-// refused at once. Full: a listener whose accept queue is full, so the kernel drops
-// further SYNs and a connect hangs until the client gives up.
-class LoopbackPort {
- public:
-  enum kind { closed, full };
-  explicit LoopbackPort(kind k) : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (bind(listener_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-      throw std::runtime_error("port set-up failed");
-    url_ = "ldap://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
-    if (k == closed) return;
-    filler_ = qm::unique_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (listen(listener_.get(), 0) != 0 ||
-        connect(filler_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-      throw std::runtime_error("filler connect failed");
-  }
-  const std::string& url() const { return url_; }
-
- private:
-  qm::unique_fd listener_;
-  qm::unique_fd filler_;
-  std::string url_;
-};
+// Listening with a full accept queue: the kernel drops further SYNs, so a connect hangs
+// until the client gives up.
+qm::unique_fd fill_accept_queue(const ReservedPort& port) {
+  port.listen(0);
+  return qm::unique_fd(connect_loopback(port.port()));
+}
 
 class AuthLdapTest : public ::testing::Test {
  protected:
-  void SetUp() override { directory_ = qmtest::start_directory(); }
+  void SetUp() override { directory_ = start_directory(); }
   ldap_setup setup(int pool_size = 4) const {
     ldap_setup setup;
     setup.url = directory_->url();
@@ -123,10 +75,10 @@ class AuthLdapTest : public ::testing::Test {
     return s_init(with);
   }
   bool wait_for_connections(int n) const {
-    return qmtest::wait_until([&] { return directory_->established_connections() == n; }, 5s);
+    return wait_until([&] { return directory_->established_connections() == n; }, 5s);
   }
 
-  qmtest::LogCapture log_{QMLOG_TRACE};
+  LogCapture log_{QMLOG_TRACE};
   std::unique_ptr<Slapd> directory_;
 };
 
@@ -143,8 +95,7 @@ TEST_F(AuthLdapVerdicts, PasswordsFilterEscapingAndGroups) {
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "bob", "bob-pw"));
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", "wrong-pw"));
-    EXPECT_THAT(log_.text(), HasSubstr(std::string("auth_ldap: user bind as ") + kAliceDn +
-                                       " failed: Invalid credentials"));
+    EXPECT_LOGGED(log_, std::string("auth_ldap: user bind as ") + kAliceDn + " failed: Invalid credentials");
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "mallory", "whatever-pw"));
     EXPECT_THAT(log_.text(), Not(HasSubstr("user bind as uid=mallory")));
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", "alice-pw "));  // one byte more is another password
@@ -213,15 +164,15 @@ TEST_F(AuthLdapVerdicts, ConfigurationServiceBindAndFallbackInheritance) {
     const std::string log = log_.text();
     EXPECT_THAT(log, HasSubstr(std::string("auth_ldap: service bind as ") + kReaderDn + " on " + directory_->url() +
                                " failed: Invalid credentials"));
-    EXPECT_THAT(log, HasSubstr("auth_ldap: all 1 endpoint(s) failed; no service-bind connection available"));
+    EXPECT_LOGGED(log, "auth_ldap: all 1 endpoint(s) failed; no service-bind connection available");
     EXPECT_THAT(log, Not(HasSubstr("not-the-reader-secret")));
     EXPECT_THAT(log, Not(HasSubstr(kAlicePassword)));
   }
   {
     // A fallback given only as a URL searches with the primary's base, account and filter.
     SCOPED_TRACE("unset fallback fields inherit the primary's");
-    const LoopbackPort closed(LoopbackPort::closed);
-    const std::string primary = closed.url();
+    const ReservedPort closed;  // bound, never listening: refused at once
+    const std::string primary = closed.url("ldap") + "/";
     auto ctx = ctx_ptr(auth_ldap_init(primary.c_str(), kBase, kReaderDn, kReaderPassword,
                                       "(&(objectClass=posixAccount)(uid=%s))", directory_->url().c_str(), "", "",
                                       nullptr, "", 0, 300, "memberOf", nullptr));
@@ -241,8 +192,8 @@ TEST_F(AuthLdapVerdicts, ConfigurationServiceBindAndFallbackInheritance) {
 // check makes its own TLS handshake.
 
 TEST(AuthLdapTls, EachContextTrustsOnlyItsOwnUsableCaFile) {
-  qmtest::LogCapture log(QMLOG_TRACE);
-  auto directory = qmtest::start_directory(true);
+  LogCapture log(QMLOG_TRACE);
+  auto directory = start_directory(true);
   auto init = [&](const std::string& url, const std::string& ca_file) {
     ldap_setup setup;
     setup.url = url;
@@ -255,19 +206,18 @@ TEST(AuthLdapTls, EachContextTrustsOnlyItsOwnUsableCaFile) {
   auto other_cas = init(directory->ldaps_url(), "/etc/ssl/certs/ca-certificates.crt");
   EXPECT_TRUE(auth_ldap_validate(trusting.get(), "alice", kAlicePassword));
   EXPECT_FALSE(auth_ldap_validate(other_cas.get(), "alice", kAlicePassword));
-  EXPECT_THAT(log.text(), HasSubstr("auth_ldap: service bind as " + std::string(kReaderDn) + " on " +
-                                    directory->ldaps_url() + " failed: "));
+  EXPECT_LOGGED(log,
+      "auth_ldap: service bind as " + std::string(kReaderDn) + " on " + directory->ldaps_url() + " failed: ");
   // The refusal left nothing behind that changes the first context's handshakes.
   EXPECT_TRUE(auth_ldap_validate(trusting.get(), "alice", kAlicePassword));
 
   auto unusable = init(directory->ldaps_url(), "/nonexistent/ca.pem");
   EXPECT_FALSE(auth_ldap_validate(unusable.get(), "alice", kAlicePassword));
-  EXPECT_THAT(log.text(), HasSubstr("auth_ldap: LDAP_OPT_X_TLS_NEWCTX failed: "));
-  EXPECT_THAT(log.text(), HasSubstr("TLS options above may not have taken effect"));
+  EXPECT_LOGGED(log, "TLS options above may not have taken effect");
   // A plain ldap:// endpoint ignores the CA file altogether.
   auto plain = init(directory->url(), "/nonexistent/ca.pem");
   EXPECT_TRUE(auth_ldap_validate(plain.get(), "alice", kAlicePassword));
-  EXPECT_EQ(log.count("LDAP_OPT_X_TLS_NEWCTX failed"), 1u);
+  EXPECT_EQ(log.count("auth_ldap: LDAP_OPT_X_TLS_NEWCTX failed: "), 1u) << log.text();
 }
 
 // ---------------------------------------------------------------------------------------
@@ -277,7 +227,7 @@ class AuthLdapFailover : public AuthLdapTest {
  protected:
   void SetUp() override {
     AuthLdapTest::SetUp();
-    fallback_ = qmtest::start_directory();
+    fallback_ = start_directory();
   }
   ctx_ptr init_pair(int pool_size, const auth_ldap_timing& timing = {}) const {
     ldap_setup pair = setup(pool_size);
@@ -431,10 +381,10 @@ TEST_F(AuthLdapPool, SecondConcurrentCheckOnPoolOfOneUsesOneShotConnection) {
   directory_->pause();
   std::atomic<bool> first_ok{false};
   std::thread first([&] { first_ok = auth_ldap_validate(ctx.get(), "alice", kAlicePassword); });
-  ASSERT_TRUE(qmtest::wait_until([&] { return directory_->connections_with_unread_requests() > 0; }, 5s));
+  ASSERT_TRUE(wait_until([&] { return directory_->connections_with_unread_requests() > 0; }, 5s));
   std::atomic<bool> second_ok{false};
   std::thread second([&] { second_ok = auth_ldap_validate(ctx.get(), "carol", "carol-pw"); });
-  EXPECT_TRUE(qmtest::wait_until(
+  EXPECT_TRUE(wait_until(
       [&] { return log_.count("auth_ldap: pool exhausted (size=1); using one-shot connection") == 1u; }, 5s));
   directory_->resume();
   first.join();
@@ -481,7 +431,7 @@ TEST_F(AuthLdapPool, EightThreadsShareThePool) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(correct, 8 * row.checks_per_thread);
-    EXPECT_TRUE(qmtest::wait_until(
+    EXPECT_TRUE(wait_until(
         [&] { return directory_->established_connections() <= row.pool_size; }, 5s));
     if (!row.stale_clock) {
       const size_t pooled_opens = log_.count(kAnyOpened) - log_.count("using one-shot connection");
@@ -501,9 +451,10 @@ using AuthLdapTimeouts = AuthLdapTest;
 TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
   {
     SCOPED_TRACE("an unanswered connect ends after the network time-out");
-    LoopbackPort black_hole(LoopbackPort::full);
+    const ReservedPort black_hole;
+    const qm::unique_fd filler = fill_accept_queue(black_hole);
     ldap_setup setup;
-    setup.url = black_hole.url();
+    setup.url = black_hole.url("ldap") + "/";
     setup.fallback_url = directory_->url();
     setup.timing = {500, 5000, {}};
     auto ctx = s_init(setup);
@@ -511,7 +462,7 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     // Bounded by the network time-out, not by the longer operation time-out.
     EXPECT_LT(std::chrono::steady_clock::now() - started, 4s);
-    EXPECT_THAT(log_.text(), HasSubstr("on " + black_hole.url() + " failed: Can't contact LDAP server"));
+    EXPECT_LOGGED(log_, "on " + black_hole.url("ldap") + "/ failed: Can't contact LDAP server");
     EXPECT_EQ(log_.count("auth_ldap: primary endpoint unreachable; using fallback"), 1u);
   }
   {
@@ -535,8 +486,8 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
     const auto waited = std::chrono::steady_clock::now() - started;
     EXPECT_GE(waited, 9s);
     EXPECT_LT(waited, 40s);
-    EXPECT_THAT(log_.text(), HasSubstr("on " + directory_->url() + " failed: Timed out"));
-    EXPECT_THAT(log_.text(), HasSubstr("auth_ldap: all 1 endpoint(s) failed"));
+    EXPECT_LOGGED(log_, "on " + directory_->url() + " failed: Timed out");
+    EXPECT_LOGGED(log_, "auth_ldap: all 1 endpoint(s) failed");
   }
 }
 

@@ -1,13 +1,6 @@
 #include "auth_profile.hpp"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "log_capture.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -22,15 +15,15 @@ std::vector<std::string> list(const char* const* items) {
 class Permissions : public ::testing::Test {
  protected:
   StorePtr load(const std::string& json) {
-    qmtest::write_file(path_, json);
+    write_file(path_, json);
     return StorePtr(auth_profile_load(path_.c_str()));
   }
-  qmtest::TempDir dir_;
+  TempDir dir_;
   std::string path_ = dir_.file("permissions.json");
 };
 
 TEST_F(Permissions, LoadsProfilesListsAndMaps) {
-  qmtest::LogCapture log(QMLOG_TRACE);
+  LogCapture log(QMLOG_TRACE);
   StorePtr store = load(R"({
     "profiles": {
       "scanner": {"publish": {"allow": ["scan.>", "_INBOX.>"], "deny": ["admin.>"]},
@@ -92,14 +85,14 @@ TEST_F(Permissions, ResolutionOrder) {
 // Every fault makes the whole load fail, with its own line in the log.
 TEST_F(Permissions, EveryFaultFailsTheLoadWithItsMessage) {
   {
-    qmtest::LogCapture log(QMLOG_TRACE);
+    LogCapture log(QMLOG_TRACE);
     EXPECT_EQ(auth_profile_load(nullptr), nullptr);
     EXPECT_EQ(auth_profile_load(""), nullptr);
-    EXPECT_TRUE(log.contains(
-        "auth_profile: no permissions file configured \u2014 using compiled-in defaults for every callout user"));
+    EXPECT_LOGGED(log,
+        "auth_profile: no permissions file configured \u2014 using compiled-in defaults for every callout user");
     const std::string missing = dir_.file("missing.json");
     EXPECT_EQ(auth_profile_load(missing.c_str()), nullptr);
-    EXPECT_TRUE(log.contains("auth_profile: cannot open " + missing + ": No such file or directory"));
+    EXPECT_LOGGED(log, "auth_profile: cannot open " + missing + ": No such file or directory");
   }
   const std::string file = "auth_profile: " + path_;
   const std::string p = R"("profiles": {"p": {}}, )";
@@ -145,16 +138,16 @@ TEST_F(Permissions, EveryFaultFailsTheLoadWithItsMessage) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.json);
-    qmtest::LogCapture log(QMLOG_TRACE);
+    LogCapture log(QMLOG_TRACE);
     EXPECT_EQ(load(row.json), nullptr);
-    EXPECT_TRUE(log.contains(row.message)) << "expected: " << row.message << "\nlog:\n" << log.text();
+    EXPECT_LOGGED(log, row.message);
   }
 }
 
 // What the doors ask before relaying for a caller, against the shipped roles and the
 // built-in permissions: the denies every grant carries win over any allow entry.
 TEST_F(Permissions, PublishCheckOfShippedRolesAndBuiltinGrant) {
-  StorePtr store = load(qmtest::read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json"));
+  StorePtr store = load(read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-permissions.json"));
   ASSERT_NE(store, nullptr);
   const auth_profile_t* client = auth_profile_find(store.get(), "client");
   const auth_profile_t* worker = auth_profile_find(store.get(), "worker");

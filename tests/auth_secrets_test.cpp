@@ -1,23 +1,15 @@
 // A client's password passes through the auth service in a callout token and in a
 // verify request: once the request is answered, no copy of it is left in the process,
 // not even in freed memory.
-#include <gtest/gtest.h>
-#include <nats/nats.h>
+#include "test_prelude.hpp"
 #include <sodium.h>
-
-#include <initializer_list>
-#include <string>
-#include <string_view>
-#include <utility>
 
 #include "auth_callout.hpp"
 #include "auth_jwt.hpp"
 #include "auth_verify.hpp"
 #include "gw_credential_store.hpp"
 #include "memory_scan.hpp"
-#include "qm_handles.hpp"
 #include "qm_nats_conn.hpp"
-#include "test_support.hpp"
 
 namespace {
 
@@ -52,7 +44,7 @@ class PasswordWipe : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(qm_nats_library_open(), 0);
-    qmtest::write_file(dir_.file("users.conf"), "user: \"alice\"\npassword: \"wonder\"\n");
+    write_file(dir_.file("users.conf"), "user: \"alice\"\npassword: \"wonder\"\n");
     creds_.reset(gw_credential_store_load(dir_.file("users.conf").c_str()));
     decider_.reset(auth_decider_create(creds_.get(), nullptr, nullptr, nullptr));
     jwt_.reset(auth_jwt_init(nullptr));
@@ -66,7 +58,7 @@ class PasswordWipe : public ::testing::Test {
     return msg;
   }
 
-  qmtest::TempDir dir_;
+  TempDir dir_;
   creds_ptr creds_;
   decider_ptr decider_;
   jwt_ptr jwt_;
@@ -88,8 +80,8 @@ TEST_F(PasswordWipe, NothingOfACalloutTokenIsLeftOnceItIsAnswered) {
     EXPECT_EQ(req.password.str(), password.view());
     EXPECT_FALSE(auth_callout_answer(decider_.get(), auth_signer{jwt_.get()}, req).empty());
   }
-  EXPECT_EQ(qmtest::occurrences_in_own_memory(beyond_the_first_8(password.view())), 0u);
-  EXPECT_EQ(qmtest::occurrences_in_own_memory(beyond_the_first_8(payload_segment)), 0u);
+  EXPECT_EQ(occurrences_in_own_memory(beyond_the_first_8(password.view())), 0u);
+  EXPECT_EQ(occurrences_in_own_memory(beyond_the_first_8(payload_segment)), 0u);
 }
 
 TEST_F(PasswordWipe, NothingOfAVerifyRequestIsLeftOnceItIsAnswered) {
@@ -101,7 +93,7 @@ TEST_F(PasswordWipe, NothingOfAVerifyRequestIsLeftOnceItIsAnswered) {
     EXPECT_EQ(auth_verify_answer(decider_.get(), 0, req),
               R"j({"ok":false,"reason":"invalid credentials","backend":"none"})j");
   }
-  EXPECT_EQ(qmtest::occurrences_in_own_memory(beyond_the_first_8(password.view())), 0u);
+  EXPECT_EQ(occurrences_in_own_memory(beyond_the_first_8(password.view())), 0u);
 }
 
 }  // namespace

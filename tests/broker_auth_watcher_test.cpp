@@ -1,21 +1,7 @@
 // The credentials-file watcher against real file changes, with a real thread taking its SIGHUPs.
 #include "broker_auth_watcher.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-
-#include <chrono>
-#include <cstdio>
-#include <future>
-#include <string>
-
-#include "log_capture.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
-
-using namespace std::chrono_literals;
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -33,22 +19,22 @@ bool took_sighup() {
 // One watcher polling every second through a series of changes. "Nothing fired" is shown
 // over two further polls of the watcher itself, never over a wall-clock pause.
 TEST(AuthWatcher, EachChangeTriggersOneSighupAndAMissingFileNone) {
-  qmtest::TempDir dir;
+  TempDir dir;
   const std::string path = dir.file("auth.conf");
-  qmtest::write_file(path, "users = []\n");
-  const qmtest::BrokerSignalState sighup_blocked;
-  qmtest::LogCapture log(QMLOG_INFO);
+  write_file(path, "users = []\n");
+  const BrokerSignalState sighup_blocked;
+  LogCapture log(QMLOG_INFO);
   const std::string reload = "\u2014 triggering reload via SIGHUP";
   watcher_ptr w(broker_auth_watcher_create(path.c_str(), 1, pthread_self()));
   ASSERT_EQ(broker_auth_watcher_start(w.get()), 0);
   auto two_more_polls = [&] {
     const unsigned from = broker_auth_watcher_polls(w.get());
-    return qmtest::wait_until([&] { return broker_auth_watcher_polls(w.get()) >= from + 2; }, 20s);
+    return wait_until([&] { return broker_auth_watcher_polls(w.get()) >= from + 2; }, 20s);
   };
 
-  qmtest::write_file(dir.file("auth.conf.new"), "users = [ {user: \"bob\", password: \"x\"} ]\n");
+  write_file(dir.file("auth.conf.new"), "users = [ {user: \"bob\", password: \"x\"} ]\n");
   ASSERT_EQ(rename(dir.file("auth.conf.new").c_str(), path.c_str()), 0);
-  ASSERT_TRUE(qmtest::wait_until(took_sighup, 20s));
+  ASSERT_TRUE(wait_until(took_sighup, 20s));
   ASSERT_TRUE(two_more_polls());
   EXPECT_EQ(log.count(reload), 1u) << "the same file signalled again";
   EXPECT_FALSE(took_sighup());
@@ -58,7 +44,7 @@ TEST(AuthWatcher, EachChangeTriggersOneSighupAndAMissingFileNone) {
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   const timespec times[2] = {st.st_atim, {st.st_mtim.tv_sec + 10, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  ASSERT_TRUE(qmtest::wait_until(took_sighup, 20s));
+  ASSERT_TRUE(wait_until(took_sighup, 20s));
 
   // A missing file (a replace in progress) warns on every poll and keeps the baseline;
   // its return is one more change.
@@ -68,8 +54,8 @@ TEST(AuthWatcher, EachChangeTriggersOneSighupAndAMissingFileNone) {
   EXPECT_FALSE(took_sighup());
   EXPECT_GE(log.count("auth-watcher: stat(" + path + ") failed: No such file or directory \u2014 skipping this cycle"),
             2u);
-  qmtest::write_file(path, "users = [ {user: \"carol\", password: \"y\"} ]\n");
-  ASSERT_TRUE(qmtest::wait_until(took_sighup, 20s));
+  write_file(path, "users = [ {user: \"carol\", password: \"y\"} ]\n");
+  ASSERT_TRUE(wait_until(took_sighup, 20s));
   ASSERT_TRUE(two_more_polls());
   EXPECT_EQ(log.count(reload), 3u);
   EXPECT_FALSE(took_sighup());
@@ -78,18 +64,17 @@ TEST(AuthWatcher, EachChangeTriggersOneSighupAndAMissingFileNone) {
 
 // Bad arguments are refused; a stop returns at once even in the middle of a long interval.
 TEST(AuthWatcher, RefusesBadArgumentsAndStopsAtOnce) {
-  qmtest::TempDir dir;
-  qmtest::LogCapture log(QMLOG_ERROR);
+  TempDir dir;
+  LogCapture log(QMLOG_ERROR);
   EXPECT_EQ(broker_auth_watcher_create(nullptr, 1, pthread_self()), nullptr);
   EXPECT_EQ(broker_auth_watcher_create("", 1, pthread_self()), nullptr);
   const std::string missing = dir.file("missing.conf");
   EXPECT_EQ(broker_auth_watcher_create(missing.c_str(), 1, pthread_self()), nullptr);
-  EXPECT_TRUE(log.contains("auth-watcher: initial stat(" + missing +
-                           ") failed: No such file or directory \u2014 watcher not started"))
-      << log.text();
+  EXPECT_LOGGED(log,
+      "auth-watcher: initial stat(" + missing + ") failed: No such file or directory \u2014 watcher not started");
 
   EXPECT_EQ(broker_auth_watcher_start(nullptr), -1);
-  qmtest::write_file(dir.file("auth.conf"), "");
+  write_file(dir.file("auth.conf"), "");
   watcher_ptr w(broker_auth_watcher_create(dir.file("auth.conf").c_str(), 3600, pthread_self()));
   ASSERT_EQ(broker_auth_watcher_start(w.get()), 0);
   EXPECT_EQ(broker_auth_watcher_start(w.get()), -1);  // already running

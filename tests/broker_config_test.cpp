@@ -1,16 +1,8 @@
 // The command line: defaults, every option's field, parsing quirks, clamps, required
 // options, finalize and usage.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "broker_config.hpp"
-#include "log.hpp"
-#include "log_capture.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
+
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -201,7 +193,7 @@ TEST(ConfigOptions, UsageListsEveryOptionWithTheRecordsDefaults) {
     ++defaults;
   }
   // Every default the text states belongs to an option checked above.
-  EXPECT_EQ(defaults, qmtest::LogCapture::count_in(text, "(default "));
+  EXPECT_EQ(defaults, LogCapture::count_in(text, "(default "));
 }
 
 // Values that are clamped, floored, read leniently or not bounded at all, each given alone.

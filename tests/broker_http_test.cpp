@@ -1,21 +1,13 @@
 // The broker binary with its REST front door on: a scan by the curl command over TLS,
-// the door's place in the teardown, a half TLS configuration refused at start-up, and the
-// broker's memory while large bodies stream through the door.
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <cstdlib>
+// the door's place in the teardown, and a half TLS configuration refused at start-up.
+#include "test_prelude.hpp"
 #include <fstream>
-#include <future>
 
 #include "amqp_fixture.hpp"
 #include "http_fixture.hpp"
 #include "test_certificates.hpp"
 
 namespace {
-
-using namespace qmtest;
-using namespace std::chrono_literals;
 
 TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
   TempDir dir;
@@ -40,7 +32,7 @@ TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0);
   const std::string log = broker.err();
-  EXPECT_EQ(log.find("[MHD]"), std::string::npos) << log;
+  EXPECT_NOT_LOGGED(log, "[MHD]");
   const size_t door_stopped = log.find("http_frontend: stopped");
   ASSERT_NE(door_stopped, std::string::npos) << log;
   EXPECT_LT(door_stopped, log.find("Tearing down NATS relay"));
@@ -56,9 +48,9 @@ TEST(BrokerHttp, CertificateWithoutKeyIsFatal) {
                 "--http-tls-cert", dir.file("server.pem")});
   ASSERT_EQ(broker.wait(60s), 1) << broker.err();
   const std::string log = broker.err();
-  EXPECT_NE(log.find("HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start"), std::string::npos);
-  EXPECT_NE(log.find("Failed to start HTTP frontend on 0.0.0.0:"), std::string::npos) << log;
-  EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
+  EXPECT_LOGGED(log, "HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start");
+  EXPECT_LOGGED(log, "Failed to start HTTP frontend on 0.0.0.0:");
+  EXPECT_NOT_LOGGED(log, "qm-av-broker ready");
 }
 
 // A field of a process's /proc status in KiB ("VmRSS", "VmHWM").

@@ -2,26 +2,11 @@
 // gets, what an existing one keeps, and how an unready server is retried.
 #include "broker_kv_bootstrap.hpp"
 
-#include <gtest/gtest.h>
-#include <nats/nats.h>
+#include "test_prelude.hpp"
 
-#include <chrono>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <thread>
-
-#include "log_capture.hpp"
-#include "nats_server_fixture.hpp"
-#include "qm_cpp.hpp"
-#include "qm_handles.hpp"
 #include "scan_fixture.hpp"
-#include "test_support.hpp"
 
 namespace {
-
-using namespace std::chrono_literals;
-using qmtest::json_member;
 
 constexpr int64_t kSec = 1000000000;
 const char* const kBuckets[] = {"qm-av-scan-data", "qm-av-worker-registry", "qm-av-config",
@@ -44,15 +29,7 @@ class JsClient {
   jsCtx* js() { return js_.get(); }
 
   // The reply of a JetStream API request; "" on a time-out.
-  std::string api(const std::string& subject, const std::string& body = "") {
-    natsMsg* raw = nullptr;
-    if (natsConnection_Request(&raw, nc_.get(), subject.c_str(), body.data(), static_cast<int>(body.size()), 5000) !=
-        NATS_OK) {
-      return "";
-    }
-    const qm::nats_msg_ptr reply(raw);
-    return std::string(natsMsg_GetData(raw), static_cast<size_t>(natsMsg_GetDataLength(raw)));
-  }
+  std::string api(const std::string& subject, const std::string& body = "") { return request(nc_.get(), subject, body); }
   std::string stream(const std::string& name) { return json_member(api("$JS.API.STREAM.INFO." + name), "config"); }
   std::string consumer(const std::string& stream, const std::string& durable) {
     return json_member(api("$JS.API.CONSUMER.INFO." + stream + "." + durable), "config");
@@ -73,7 +50,7 @@ class JsClient {
 };
 
 // Warnings other than the one a server without per-message TTL earns on every run.
-size_t unexpected_warnings(const qmtest::LogCapture& log) {
+size_t unexpected_warnings(const LogCapture& log) {
   return log.count("WARN ") - log.count("— scan payloads will use the bucket TTL");
 }
 
@@ -101,22 +78,21 @@ broker_kv_bootstrap_timing timing(int budget_ms, int initial_delay_ms, int max_d
 // A broken attempt fails the test in seconds instead of retrying for five minutes.
 const broker_kv_bootstrap_timing kQuick = timing(3000, 200);
 
-int bootstrap(const qmtest::NatsServer& server, bool memory, const broker_workqueue_opts* wq,
+int bootstrap(const NatsServer& server, bool memory, const broker_workqueue_opts* wq,
               bool allow_direct = true, const broker_kv_bootstrap_timing& schedule = kQuick) {
   return broker_kv_bootstrap(server.url().c_str(), nullptr, nullptr, nullptr, 1, allow_direct, memory, wq, nullptr,
                              &schedule);
 }
 
-
 class KvBootstrap : public ::testing::Test {
  protected:
-  qmtest::NatsServer server_;
+  NatsServer server_;
 };
 
 // A fresh server, then the same run again (which binds and changes nothing), then a
 // work service with the server's own consumer limits.
 TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
-  qmtest::LogCapture log;
+  LogCapture log;
   broker_workqueue_opts wq = wq_opts(" svc.a ,\t,b\t, ,,c ", 64, 10);
   wq.stream_maxage_ns = 90 * kSec;
   ASSERT_EQ(bootstrap(server_, false, &wq), 0) << log.text();
@@ -141,7 +117,7 @@ TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
     EXPECT_EQ(json_member(cfg, "num_replicas"), "1");
     EXPECT_EQ(json_member(cfg, "max_msgs_per_subject"), "1");
     EXPECT_EQ(json_member(cfg, "allow_msg_ttl"), ttl);
-    EXPECT_TRUE(log.contains(std::string("KV bootstrap: created bucket '") + b.name + "' (replicas=1)"));
+    EXPECT_LOGGED(log, std::string("KV bootstrap: created bucket '") + b.name + "' (replicas=1)");
   }
   EXPECT_EQ(json_member(client.stream("KV_qm-av-scan-data"), "allow_direct"), "true");
   EXPECT_EQ(log.count(ttl == "true" ? "KV bootstrap: enabled AllowMsgTTL on stream 'KV_"
@@ -163,17 +139,15 @@ TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
     EXPECT_EQ(json_member(consumer, field), value) << field;
   }
   EXPECT_EQ(json_member(consumer, "ack_wait"), ns(35));
-  EXPECT_TRUE(log.contains("WQ bootstrap: created stream 'JOBS_svc_a' (subject 'jobs.svc.a', WorkQueue, file, "
-                           "replicas=1)"));
+  EXPECT_LOGGED(log, "WQ bootstrap: created stream 'JOBS_svc_a' (subject 'jobs.svc.a', WorkQueue, file, replicas=1)");
   EXPECT_TRUE(log.contains("WQ bootstrap: created durable pull consumer 'WORK_svc_a' on 'JOBS_svc_a' "
                            "(AckWait=35000ms, MaxDeliver=3, MaxWaiting=set)"));
 
   log.clear();
   ASSERT_EQ(bootstrap(server_, false, &wq), 0);
-  for (const char* b : kBuckets) {
-    EXPECT_TRUE(log.contains(std::string("KV bootstrap: bucket '") + b + "' already existed — bound to it"));
-  }
-  EXPECT_TRUE(log.contains("WQ bootstrap: stream 'JOBS_svc_a' already existed — bound to it"));
+  for (const char* b : kBuckets)
+    EXPECT_LOGGED(log, std::string("KV bootstrap: bucket '") + b + "' already existed — bound to it");
+  EXPECT_LOGGED(log, "WQ bootstrap: stream 'JOBS_svc_a' already existed — bound to it");
   EXPECT_TRUE(log.contains("WQ bootstrap: durable consumer 'WORK_svc_a' on 'JOBS_svc_a' already existed "
                            "(AckWait=35000ms, MaxDeliver=3, MaxAckPending=10, MaxWaiting=64)"));
   EXPECT_EQ(unexpected_warnings(log), 0u) << log.text();
@@ -188,7 +162,7 @@ TEST_F(KvBootstrap, ProvisionsAFreshServerOnceAndBindsAfterwards) {
   EXPECT_EQ(json_member(client.consumer("JOBS_plain", "WORK_plain"), "max_waiting"), "512");
   EXPECT_EQ(json_member(client.stream("JOBS_plain"), "max_age"), "0");
   EXPECT_EQ(json_member(client.stream("JOBS_plain"), "storage"), "memory");
-  EXPECT_TRUE(log.contains("(AckWait=30000ms, MaxDeliver=-1, MaxWaiting=server default (512))"));
+  EXPECT_LOGGED(log, "(AckWait=30000ms, MaxDeliver=-1, MaxWaiting=server default (512))");
 }
 
 // Existing objects with other settings are bound, never changed, and the operator is
@@ -211,7 +185,7 @@ TEST_F(KvBootstrap, MismatchedExistingWorkQueueAndBucketAreBoundWithWarnings) {
       R"("max_ack_pending":9,"max_waiting":100}})");
   ASSERT_EQ(json_member(consumer_made, "error"), "<absent>") << consumer_made;
 
-  qmtest::LogCapture log;
+  LogCapture log;
   broker_workqueue_opts wq = wq_opts("scan.proxy", 200, 5);
   ASSERT_EQ(bootstrap(server_, true, &wq), 0);
   for (const char* warning :
@@ -280,7 +254,7 @@ TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
     SCOPED_TRACE(testing::Message() << d.bucket << " " << d.ttl_sec);
     js_DeleteKeyValue(client.js(), d.bucket);
     ASSERT_EQ(create_bucket(client, d.bucket, d.ttl_sec * kSec), NATS_OK);
-    const qmtest::LogCapture log;
+    const LogCapture log;
     ASSERT_EQ(bootstrap(server_, true, nullptr, true), 0);
     EXPECT_EQ(json_member(client.stream(std::string("KV_") + d.bucket), "max_age"), ns(d.max_age_sec));
     EXPECT_EQ(log.count("KV bootstrap: set MaxAge=" + std::to_string(d.max_age_sec * 1000) + "ms on stream 'KV_" +
@@ -289,7 +263,7 @@ TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
     EXPECT_EQ(unexpected_warnings(log), 0u) << log.text();
   }
 
-  qmtest::LogCapture log;
+  LogCapture log;
   ASSERT_EQ(bootstrap(server_, true, nullptr, false), 0);
   EXPECT_EQ(log.count("KV bootstrap: set AllowDirect=false on stream 'KV_qm-av-scan-data' (leader-only reads for "
                       "cross-node read-after-write consistency)"),
@@ -306,8 +280,8 @@ TEST_F(KvBootstrap, AdjustsAllowDirectAndMaxAgeOfExistingBuckets) {
 // The order of the retry lines and their counts are checked, never how many attempts
 // fit into the budget: that depends on the machine's load.
 TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
-  qmtest::NatsServer server(qmtest::NatsServerOptions{false, "", 0});
-  qmtest::LogCapture log;
+  NatsServer server(NatsServerOptions{false, "", 0});
+  LogCapture log;
   const int64_t started = qm::monotonic_ms();
   EXPECT_EQ(bootstrap(server, true, nullptr, true, timing(2000, 100, 300, 700)), -1);
   const int64_t took_ms = qm::monotonic_ms() - started;
@@ -327,33 +301,33 @@ TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
 
 TEST(KvBootstrapRetry, ServerThatComesUpLateIsProvisioned) {
   const broker_kv_bootstrap_timing schedule = timing(300000, 100, 200);
-  qmtest::LogCapture log;
-  const qmtest::ReservedPort port;
+  LogCapture log;
+  const ReservedPort port;
   const std::string url = port.url();
   int result = -2;
   std::thread runner(
       [&] { result = broker_kv_bootstrap(url.c_str(), nullptr, nullptr, nullptr, 1, true, true, nullptr, nullptr, &schedule); });
   const bool failed_once = log.wait_for("KV bootstrap: connect failed: ", 30s);
-  std::unique_ptr<qmtest::NatsServer> server;
-  if (failed_once) server = std::make_unique<qmtest::NatsServer>(qmtest::NatsServerOptions{true, "", port.port()});
+  std::unique_ptr<NatsServer> server;
+  if (failed_once) server = std::make_unique<NatsServer>(NatsServerOptions{true, "", port.port()});
   runner.join();
   ASSERT_TRUE(failed_once);
   EXPECT_EQ(result, 0);
-  EXPECT_TRUE(log.contains("KV bootstrap: succeeded on attempt "));
+  EXPECT_LOGGED(log, "KV bootstrap: succeeded on attempt ");
 }
 
 TEST(KvBootstrapInput, BadArgumentsFailAtOnceAndCredentialsAreUsed) {
-  qmtest::LogCapture log;
+  LogCapture log;
   EXPECT_EQ(broker_kv_bootstrap("tls://127.0.0.1:4", "u", nullptr, "/nonexistent/ca.pem", 1, true, true, nullptr), -1);
-  EXPECT_TRUE(log.contains("KV bootstrap: LoadCATrustedCertificates(/nonexistent/ca.pem) failed: "));
-  EXPECT_FALSE(log.contains("not ready yet"));
+  EXPECT_LOGGED(log, "KV bootstrap: LoadCATrustedCertificates(/nonexistent/ca.pem) failed: ");
+  EXPECT_NOT_LOGGED(log, "not ready yet");
 
-  qmtest::NatsServer server(
-      qmtest::NatsServerOptions{true, "authorization { users: [ { user: \"gw\", password: \"pw\" } ] }", 0});
+  NatsServer server(
+      NatsServerOptions{true, "authorization { users: [ { user: \"gw\", password: \"pw\" } ] }", 0});
   const broker_kv_bootstrap_timing schedule = timing(500, 100);
   EXPECT_EQ(broker_kv_bootstrap(server.url().c_str(), "gw", "wrong", nullptr, 1, true, true, nullptr, nullptr, &schedule),
             -1);
-  EXPECT_TRUE(log.contains("KV bootstrap: connect failed: "));
+  EXPECT_LOGGED(log, "KV bootstrap: connect failed: ");
   EXPECT_EQ(broker_kv_bootstrap(server.url().c_str(), "gw", "pw", nullptr, 1, true, true, nullptr), 0);
 }
 

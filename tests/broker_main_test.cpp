@@ -1,48 +1,32 @@
 // The real broker binary as a child process: command-line exits, one whole lifetime
 // (pid file, readiness notification, reloads, signals), and the problems that are
 // warnings only.
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "log_capture.hpp"
-#include "nats_server_fixture.hpp"
-#include "test_support.hpp"
-
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
+#include "test_prelude.hpp"
 
 namespace {
-
-using qmtest::LogCapture;
 
 class BrokerMain : public ::testing::Test {
  protected:
   void SetUp() override {
-    qmtest::write_file(dir_.file("auth.conf"), "users = [ {user: \"alice\", password: \"w\"} ]\n");
+    write_file(dir_.file("auth.conf"), "users = [ {user: \"alice\", password: \"w\"} ]\n");
   }
 
   // The least a broker needs to come up here: an external nats-server with JetStream and
   // the auth files.
   std::vector<std::string> args_with(std::vector<std::string> extra = {}) const {
-    std::vector<std::string> args{qmtest::broker_binary(), "--nats-url", nats_.url(), "--nats-server-managed",
+    std::vector<std::string> args{broker_binary(), "--nats-url", nats_.url(), "--nats-server-managed",
                                   "false", "--auth-signing-key", dir_.file("seed"), "--auth-file",
                                   dir_.file("auth.conf"), "--amqp-enabled", "false", "--update-binary", "false"};
     args.insert(args.end(), extra.begin(), extra.end());
     return args;
   }
 
-  qmtest::TempDir dir_;
-  qmtest::NatsServer nats_;
+  TempDir dir_;
+  NatsServer nats_;
 };
 
 TEST(BrokerCommandLine, HelpAndErrorsExitBeforeStarting) {
-  const std::string bin = qmtest::broker_binary();
+  const std::string bin = broker_binary();
   const struct {
     std::vector<std::string> args;
     int code;
@@ -55,7 +39,7 @@ TEST(BrokerCommandLine, HelpAndErrorsExitBeforeStarting) {
     SCOPED_TRACE(c.args[0]);
     std::vector<std::string> argv{bin};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
-    qmtest::Child broker(argv);
+    Child broker(argv);
     EXPECT_EQ(broker.wait(30s), c.code);
     EXPECT_EQ(broker.out(), "");
     EXPECT_TRUE(broker.err().starts_with(c.err)) << broker.err();
@@ -71,7 +55,7 @@ void expect_only_the_main_thread_takes_signals(pid_t pid) {
   int threads = 0;
   for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
     if (task.path().filename() == std::to_string(pid)) continue;
-    const std::string status = qmtest::read_file(task.path().string() + "/status");
+    const std::string status = read_file(task.path().string() + "/status");
     const size_t at = status.find("SigBlk:");
     if (at == std::string::npos) continue;  // a short-lived thread ended since the listing
     EXPECT_EQ(std::stoull(status.substr(at + 7), nullptr, 16) & wanted, wanted) << task.path();
@@ -82,13 +66,13 @@ void expect_only_the_main_thread_takes_signals(pid_t pid) {
 
 TEST_F(BrokerMain, OneLifetimeFromReadyToAnOrderlyStop) {
   const std::string pid_file = dir_.file("broker.pid");
-  const qmtest::NotifySocket notify(dir_.file("notify.sock"));
-  qmtest::Child broker(args_with({"--pid-file", pid_file, "--tracelevel", "5"}),
+  const NotifySocket notify(dir_.file("notify.sock"));
+  Child broker(args_with({"--pid-file", pid_file, "--tracelevel", "5"}),
                        {"NOTIFY_SOCKET=" + dir_.file("notify.sock")});
   EXPECT_EQ(notify.receive(), "READY=1");
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 30s)) << broker.err();
   const std::string pid = std::to_string(broker.pid());
-  EXPECT_EQ(qmtest::read_file(pid_file), pid + "\n");
+  EXPECT_EQ(read_file(pid_file), pid + "\n");
   for (const std::string& line : std::vector<std::string>
        {"qm-av-broker starting (pid=" + pid + ")", "pid file: " + pid_file,
         "config: nats_url=" + nats_.url() + " nats_server_managed=no auth_callout=yes amqp=no http=no",
@@ -96,20 +80,20 @@ TEST_F(BrokerMain, OneLifetimeFromReadyToAnOrderlyStop) {
         "nats-server: external (--nats-server-managed=false); probing readiness",
         "KV bootstrap: created bucket 'qm-av-scan-data'", "Connecting NATS relay (gateway leg) to " + nats_.url(),
         "nats_relay: connected to " + nats_.url() + " (JetStream+KV ready)", "NATS relay connected"}) {
-    EXPECT_NE(broker.err().find(line), std::string::npos) << line;
+    EXPECT_LOGGED(broker.err(), line);
   }
   expect_only_the_main_thread_takes_signals(broker.pid());
 
   const std::string reload = "SIGHUP: reloading credential store + forwarding to nats-server";
   const auto reloads = [&] { return LogCapture::count_in(broker.err(), reload); };
   for (int i = 0; i < 3; ++i) broker.signal(SIGHUP);
-  ASSERT_TRUE(qmtest::wait_until([&] { return reloads() >= 1; }, 30s));
+  ASSERT_TRUE(wait_until([&] { return reloads() >= 1; }, 30s));
   // A replaced credentials file is reloaded without operator action.
   const size_t by_hand = reloads();
-  qmtest::write_file(dir_.file("auth.new"), "user: \"bob\"\npassword: \"builder\"\n");
+  write_file(dir_.file("auth.new"), "user: \"bob\"\npassword: \"builder\"\n");
   ASSERT_EQ(rename(dir_.file("auth.new").c_str(), dir_.file("auth.conf").c_str()), 0);
   ASSERT_TRUE(broker.wait_for_err("triggering reload via SIGHUP", 30s)) << broker.err();
-  EXPECT_TRUE(qmtest::wait_until([&] { return reloads() > by_hand; }, 30s));
+  EXPECT_TRUE(wait_until([&] { return reloads() > by_hand; }, 30s));
   EXPECT_TRUE(broker.running());
 
   // A second SIGTERM during the shutdown does not abort it.
@@ -119,7 +103,7 @@ TEST_F(BrokerMain, OneLifetimeFromReadyToAnOrderlyStop) {
   EXPECT_EQ(broker.wait(30s), 0) << broker.err();
   EXPECT_FALSE(fs::exists(pid_file));
   EXPECT_FALSE(fs::exists(pid_file + ".tmp." + pid));
-  EXPECT_TRUE(qmtest::process_running(nats_.pid()));  // an external server is left alone
+  EXPECT_TRUE(process_running(nats_.pid()));  // an external server is left alone
   // The reverse of the start-up: the update thread, then the auth-callout thread, then the
   // relay that was connected before it.
   const std::string log = broker.err();
@@ -141,16 +125,16 @@ TEST_F(BrokerMain, PidFileNotifySocketAndScreenSettingsCostNoRun) {
   const std::string unwritable = dir_.file("no-such-dir/broker.pid");
   const std::string silent_pid_file = dir_.file("silent.pid");
   const std::string log_file = dir_.file("broker.log");
-  qmtest::Child warned(args_with({"--pid-file", unwritable}), {"NOTIFY_SOCKET=" + dir_.file("nobody")});
-  qmtest::Child silent(args_with({"--trace-to-screen", "0", "--pid-file", silent_pid_file}));
-  qmtest::Child logging(args_with({"--trace-to-screen", "0", "--tracefile", log_file, "--tracelevel", "6",
+  Child warned(args_with({"--pid-file", unwritable}), {"NOTIFY_SOCKET=" + dir_.file("nobody")});
+  Child silent(args_with({"--trace-to-screen", "0", "--pid-file", silent_pid_file}));
+  Child logging(args_with({"--trace-to-screen", "0", "--tracefile", log_file, "--tracelevel", "6",
                                    "--pid-file", overlong}),
                         {}, {"NOTIFY_SOCKET"});
   ASSERT_TRUE(warned.wait_for_err("qm-av-broker ready", 60s)) << warned.err();
-  ASSERT_TRUE(qmtest::wait_until(
-      [&] { return qmtest::read_file(log_file).find("qm-av-broker ready") != std::string::npos; }, 60s));
+  ASSERT_TRUE(wait_until(
+      [&] { return read_file(log_file).find("qm-av-broker ready") != std::string::npos; }, 60s));
   // The silent one says nothing: its pid file shows that its signal handlers are in place.
-  ASSERT_TRUE(qmtest::wait_until([&] { return !qmtest::read_file(silent_pid_file).empty(); }, 60s));
+  ASSERT_TRUE(wait_until([&] { return !read_file(silent_pid_file).empty(); }, 60s));
   warned.signal(SIGINT);
   silent.signal(SIGTERM);
   logging.signal(SIGTERM);
@@ -158,16 +142,16 @@ TEST_F(BrokerMain, PidFileNotifySocketAndScreenSettingsCostNoRun) {
   EXPECT_EQ(silent.wait(30s), 0);
   EXPECT_EQ(logging.wait(30s), 0);
 
-  EXPECT_NE(warned.err().find("--pid-file: cannot open " + unwritable + ".tmp."), std::string::npos);
-  EXPECT_NE(warned.err().find("sd_notify(READY=1) failed (running without systemd?)"), std::string::npos);
-  EXPECT_NE(warned.err().find("qm-av-broker stopped (rc=0)"), std::string::npos);
+  EXPECT_LOGGED(warned.err(), "--pid-file: cannot open " + unwritable + ".tmp.");
+  EXPECT_LOGGED(warned.err(), "sd_notify(READY=1) failed (running without systemd?)");
+  EXPECT_LOGGED(warned.err(), "qm-av-broker stopped (rc=0)");
   EXPECT_EQ(silent.err(), "");
   EXPECT_FALSE(fs::exists(silent_pid_file));
-  EXPECT_NE(logging.err().find("qm-av-broker ready"), std::string::npos);
-  const std::string log = qmtest::read_file(log_file);
-  EXPECT_NE(log.find("--pid-file path too long, skipping write: " + overlong), std::string::npos);
-  EXPECT_EQ(log.find("sd_notify(READY=1) failed"), std::string::npos);
-  EXPECT_NE(log.find("qm-av-broker stopped (rc=0)"), std::string::npos);
+  EXPECT_LOGGED(logging.err(), "qm-av-broker ready");
+  const std::string log = read_file(log_file);
+  EXPECT_LOGGED(log, "--pid-file path too long, skipping write: " + overlong);
+  EXPECT_NOT_LOGGED(log, "sd_notify(READY=1) failed");
+  EXPECT_LOGGED(log, "qm-av-broker stopped (rc=0)");
   EXPECT_NE(log.find("(main.cpp:"), std::string::npos);  // trace threshold: file lines carry the source
 }
 

@@ -1,28 +1,13 @@
 // The broker binary with its nats-server steps: a managed child that is provisioned,
 // restarted after a crash, reloaded on SIGHUP and stopped with the broker, and the
 // fatal start-up paths. An external server is used in broker_main_test.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
+#include "test_prelude.hpp"
 
 #include "admin_client.hpp"
+
 #include "callout_fixture.hpp"
-#include "nats_server_fixture.hpp"
-#include "qm_handles.hpp"
-#include "test_support.hpp"
 
 namespace {
-
-using namespace std::chrono_literals;
 
 // The targets of a process's descriptors above 2, less anonymous inodes, whose names do not
 // tell one from another.
@@ -41,8 +26,8 @@ std::set<std::string> fd_targets(pid_t pid) {
 class BrokerNats : public ::testing::Test {
  protected:
   std::vector<std::string> base_args(const std::string& url) {
-    qmtest::write_file(dir_.file("credentials.conf"), "");
-    return {qmtest::broker_binary(),
+    write_file(dir_.file("credentials.conf"), "");
+    return {broker_binary(),
             "--nats-url", url,
             "--auth-file", dir_.file("credentials.conf"),
             "--auth-signing-key", dir_.file("issuer.seed"),
@@ -54,7 +39,7 @@ class BrokerNats : public ::testing::Test {
   // A broker managing `binary` with a configuration for the reserved port.
   std::vector<std::string> managed_args(const std::string& binary, const std::string& server_log = "") {
     const std::string config = dir_.file("nats.conf");
-    qmtest::write_nats_server_config(config, port_.port(), dir_.file("js"), "", server_log);
+    write_nats_server_config(config, port_.port(), dir_.file("js"), "", server_log);
     std::vector<std::string> args = base_args(port_.url());
     args.insert(args.end(), {"--nats-server-binary", binary, "--nats-server-config", config, "--nats-server-pid-file",
                              dir_.file("nats.pid")});
@@ -62,31 +47,31 @@ class BrokerNats : public ::testing::Test {
   }
 
   pid_t server_pid() const {
-    const std::string text = qmtest::read_file(dir_.file("nats.pid"));
+    const std::string text = read_file(dir_.file("nats.pid"));
     return text.empty() ? -1 : std::stoi(text);
   }
 
-  qmtest::TempDir dir_;
+  TempDir dir_;
   // The managed server's port stays ours while the test runs, restarts included.
-  const qmtest::ReservedPort port_;
+  const ReservedPort port_;
 };
 
 TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   const std::string url = port_.url();
   const std::string server_log = dir_.file("nats.log");
-  std::vector<std::string> args = managed_args(qmtest::nats_server_binary(), server_log);
+  std::vector<std::string> args = managed_args(nats_server_binary(), server_log);
   args.insert(args.end(), {"--js-work-services", "scan.a"});
   // Open without close-on-exec, as a careless library would: the broker inherits it, its
   // nats-server must not.
   const std::string marker = dir_.file("inherited-marker");
-  qmtest::write_file(marker, "");
+  write_file(marker, "");
   const qm::unique_fd inherited(open(marker.c_str(), O_RDONLY));
-  const int admin_port = qmtest::free_port();
-  for (const std::string& arg : qmtest::admin_args(admin_port)) args.push_back(arg);
-  qmtest::Child broker(args);
+  const int admin_port = free_port();
+  for (const std::string& arg : admin_args(admin_port)) args.push_back(arg);
+  Child broker(args);
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
-  const auto readyz = [&] { return qmtest::admin_get(admin_port, "/readyz"); };
-  ASSERT_TRUE(qmtest::wait_until([&] { return readyz().status == 200; }, 10s)) << readyz().body;
+  const auto readyz = [&] { return admin_get(admin_port, "/readyz"); };
+  ASSERT_TRUE(wait_until([&] { return readyz().status == 200; }, 10s)) << readyz().body;
   const std::string started = broker.err();
   EXPECT_NE(started.find("nats-server: running (pid="), std::string::npos);
   EXPECT_NE(started.find("KV bootstrap: created bucket 'qm-av-wq-dedup' (replicas=1)"), std::string::npos);
@@ -97,16 +82,16 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   kill(first, SIGKILL);
   // Not ready from the moment the child is found dead, through the back-off, until the
   // new one is; alive all along.
-  qmtest::HttpResponse down;
-  EXPECT_TRUE(qmtest::wait_until([&] { return (down = readyz()).status == 503; }, 10s));
+  HttpResponse down;
+  EXPECT_TRUE(wait_until([&] { return (down = readyz()).status == 503; }, 10s));
   EXPECT_NE(down.body.find(R"("nats-server":{"ready":false,"state":"down"})"), std::string::npos) << down.body;
-  EXPECT_EQ(qmtest::admin_get(admin_port, "/healthz").status, 200);
+  EXPECT_EQ(admin_get(admin_port, "/healthz").status, 200);
   ASSERT_TRUE(broker.wait_for_err("nats-server: restarting in 500ms", 20s)) << broker.err();
   pid_t second = -1;
-  ASSERT_TRUE(qmtest::wait_until(
+  ASSERT_TRUE(wait_until(
       [&] {
         second = server_pid();
-        return second > 0 && second != first && qmtest::nats_accepts_connections(url);
+        return second > 0 && second != first && nats_accepts_connections(url);
       },
       20s));
 
@@ -130,13 +115,13 @@ TEST_F(BrokerNats, ManagedChildIsProvisionedRestartedReloadedAndStopped) {
   broker.signal(SIGHUP);
   EXPECT_TRUE(broker.wait_for_err("SIGHUP: reloading credential store + forwarding to nats-server", 10s));
   const std::string reloads = R"(qm_av_broker_credentials_reloads_total{result="ok"})";
-  EXPECT_TRUE(qmtest::wait_until([&] { return qmtest::metric_value(qmtest::scrape(admin_port), reloads) == 1; }, 10s));
-  EXPECT_TRUE(qmtest::wait_until(
-      [&] { return qmtest::read_file(server_log).find("Reloaded server configuration") != std::string::npos; }, 10s));
+  EXPECT_TRUE(wait_until([&] { return metric_value(scrape(admin_port), reloads) == 1; }, 10s));
+  EXPECT_TRUE(wait_until(
+      [&] { return read_file(server_log).find("Reloaded server configuration") != std::string::npos; }, 10s));
 
   broker.signal(SIGTERM);
   EXPECT_EQ(broker.wait(30s), 0) << broker.err();
-  EXPECT_FALSE(qmtest::process_running(second));
+  EXPECT_FALSE(process_running(second));
   const std::string all = broker.err();
   EXPECT_NE(all.find("during shutdown"), std::string::npos);
   EXPECT_EQ(all.find("crash #2"), std::string::npos);
@@ -153,10 +138,10 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
   const std::string masks = dir_.file("masks");
   const std::string record = "while read -r key value; do case $key in SigBlk:|SigIgn:) echo \"$key $value\";; esac; "
                              "done < /proc/$$/status >> " + masks + "\n";
-  qmtest::write_file(binary, "#!/bin/sh\n" + record + "[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " +
-                                 dir_.file("ran") + "\nexec " + qmtest::nats_server_binary() + " \"$@\"\n");
+  write_file(binary, "#!/bin/sh\n" + record + "[ -e " + dir_.file("ran") + " ] && exit 1\ntouch " +
+                                 dir_.file("ran") + "\nexec " + nats_server_binary() + " \"$@\"\n");
   chmod(binary.c_str(), 0755);
-  qmtest::Child broker(managed_args(binary));
+  Child broker(managed_args(binary));
   ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
   kill(server_pid(), SIGKILL);
   // Five restarts with back-off: 0.5 + 1 + 2 + 4 + 8 s.
@@ -166,11 +151,11 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
   ASSERT_NE(gave_up, std::string::npos) << log;
   EXPECT_LT(gave_up, log.find("nats-server: supervision gave up"));
   EXPECT_LT(gave_up, log.find("qm-av-broker shutting down"));
-  EXPECT_NE(log.find("qm-av-broker stopped (rc=1)"), std::string::npos);
+  EXPECT_LOGGED(log, "qm-av-broker stopped (rc=1)");
 
   // The broker blocks its process signals in every thread and ignores SIGPIPE: the
   // children, the first and those the supervisor's thread restarts, start with neither.
-  std::istringstream lines(qmtest::read_file(masks));
+  std::istringstream lines(read_file(masks));
   int runs = 0;
   for (std::string key, mask; lines >> key >> mask; runs += key == "SigBlk:") {
     const uint64_t forbidden = key == "SigBlk:" ? ~uint64_t{0} : uint64_t{1} << (SIGPIPE - 1);
@@ -184,11 +169,11 @@ TEST_F(BrokerNats, SpentRestartBudgetShutsTheBrokerDownWithExitCodeOne) {
 // never answers ends it with exit code 1, named in the log, and a managed child that is
 // gone ends the wait for it at once. A managed child that never answered is not left behind.
 TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
-  qmtest::NatsServer without_jetstream(qmtest::NatsServerOptions{false, "", 0});
+  NatsServer without_jetstream(NatsServerOptions{false, "", 0});
   const std::string nowhere = port_.url();
   const std::string sleeper = dir_.file("sleeper");
   const std::string sleeper_pid = dir_.file("sleeper.pid");
-  qmtest::write_file(sleeper, "#!/bin/sh\necho $$ > " + sleeper_pid + "\nexec sleep 600\n");
+  write_file(sleeper, "#!/bin/sh\necho $$ > " + sleeper_pid + "\nexec sleep 600\n");
   chmod(sleeper.c_str(), 0755);
   const std::string missing = dir_.file("missing-nats-server");
   const std::vector<std::string> external = {"--nats-server-managed", "false"};
@@ -226,14 +211,14 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
     std::vector<std::string> args = base_args(c.url);
     args.insert(args.end(), {"--nats-server-ready-timeout-seconds", "600", "--tracelevel", "5"});
     args.insert(args.end(), c.extra.begin(), c.extra.end());
-    const int admin_port = qmtest::free_port();
-    for (const std::string& arg : qmtest::admin_args(admin_port)) args.push_back(arg);
-    qmtest::Child broker(args);
+    const int admin_port = free_port();
+    for (const std::string& arg : admin_args(admin_port)) args.push_back(arg);
+    Child broker(args);
     if (c.waiting != nullptr) {
       ASSERT_TRUE(broker.wait_for_err(c.waiting, 30s)) << broker.err();
       // Alive from the start, not ready until the start-up is through.
-      EXPECT_EQ(qmtest::admin_get(admin_port, "/healthz").status, 200);
-      const qmtest::HttpResponse ready = qmtest::admin_get(admin_port, "/readyz");
+      EXPECT_EQ(admin_get(admin_port, "/healthz").status, 200);
+      const HttpResponse ready = admin_get(admin_port, "/readyz");
       EXPECT_EQ(ready.status, 503);
       EXPECT_NE(ready.body.find(R"("relay":{"ready":false,"state":"starting"})"), std::string::npos) << ready.body;
       broker.signal(c.sig);
@@ -241,10 +226,10 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
     EXPECT_EQ(broker.wait(30s), c.code) << broker.err();
     const std::string log = broker.err();
     for (const auto& line : c.logged) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
-    EXPECT_EQ(log.find("qm-av-broker ready"), std::string::npos);
+    EXPECT_NOT_LOGGED(log, "qm-av-broker ready");
     EXPECT_TRUE(c.code != 0 || log.find("FATAL") == std::string::npos);
-    const std::string child = qmtest::read_file(sleeper_pid);
-    EXPECT_TRUE(child.empty() || !qmtest::process_running(std::stoi(child))) << child;
+    const std::string child = read_file(sleeper_pid);
+    EXPECT_TRUE(child.empty() || !process_running(std::stoi(child))) << child;
   }
 }
 
@@ -253,15 +238,15 @@ TEST_F(BrokerNats, StartUpsThatCannotFinishEndTheBroker) {
 TEST_F(BrokerNats, AKilledBrokersServerGoesWithItsFixture) {
   pid_t server = -1;
   {
-    qmtest::Child broker(managed_args(qmtest::nats_server_binary()));
+    Child broker(managed_args(nats_server_binary()));
     ASSERT_TRUE(broker.wait_for_err("qm-av-broker ready", 60s)) << broker.err();
     server = server_pid();
-    ASSERT_TRUE(qmtest::process_running(server));
+    ASSERT_TRUE(process_running(server));
     broker.signal(SIGKILL);
     ASSERT_EQ(broker.wait(30s), 128 + SIGKILL);
-    EXPECT_TRUE(qmtest::process_running(server));  // orphaned, not ended
+    EXPECT_TRUE(process_running(server));  // orphaned, not ended
   }
-  EXPECT_TRUE(qmtest::wait_until([&] { return !qmtest::process_running(server); }, 30s));
+  EXPECT_TRUE(wait_until([&] { return !process_running(server); }, 30s));
 }
 
 }  // namespace

@@ -4,28 +4,14 @@
 // (broker_nats_startup_test).
 #include "broker_natsd.hpp"
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-
-#include <atomic>
-#include <chrono>
-#include <string>
-#include <vector>
-
-#include "log_capture.hpp"
-#include "nats_server_fixture.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
-
-using namespace std::chrono_literals;
 
 using NatsdPtr = qm::c_ptr<broker_natsd_t, broker_natsd_destroy>;
 
 // True once the shell script a child ran has exec'd `sleep`.
-bool sleeping(pid_t pid) { return qmtest::read_file("/proc/" + std::to_string(pid) + "/comm") == "sleep\n"; }
+bool sleeping(pid_t pid) { return read_file("/proc/" + std::to_string(pid) + "/comm") == "sleep\n"; }
 
 class NatsdTest : public ::testing::Test {
  protected:
@@ -33,7 +19,7 @@ class NatsdTest : public ::testing::Test {
   // server, so the child's own behaviour can be scripted.
   broker_natsd_options_t scripted(const std::string& body) {
     binary_ = dir_.file("child-" + std::to_string(++scripts_));
-    qmtest::write_file(binary_, "#!/bin/sh\n" + body + "\n");
+    write_file(binary_, "#!/bin/sh\n" + body + "\n");
     chmod(binary_.c_str(), 0755);
     broker_natsd_options_t o;
     o.binary_path = binary_.c_str();
@@ -48,12 +34,12 @@ class NatsdTest : public ::testing::Test {
   }
 
   std::atomic<int> gave_up_{0};
-  qmtest::TempDir dir_;
-  qmtest::NatsServer server_{qmtest::NatsServerOptions{false, "", 0}};
+  TempDir dir_;
+  NatsServer server_{NatsServerOptions{false, "", 0}};
   const std::string url_ = server_.url();
   std::string binary_;
   int scripts_ = 0;
-  qmtest::LogCapture log_;
+  LogCapture log_;
 };
 
 TEST(NatsdCreate, RequiresBinaryConfigAndUrl) {
@@ -87,7 +73,7 @@ TEST_F(NatsdTest, ExitStatusZeroIsACrashAndTheBudgetEndsSupervision) {
   }
   EXPECT_EQ(log_.count("nats-server: spawned child"), 5u);
   EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
-  EXPECT_TRUE(qmtest::wait_until([&] { return gave_up_ == 1; }, 30s));  // the broker shuts down from there
+  EXPECT_TRUE(wait_until([&] { return gave_up_ == 1; }, 30s));  // the broker shuts down from there
   broker_natsd_stop(natsd.get());  // nothing left to stop, the thread is joined
   EXPECT_EQ(gave_up_, 1);
 }
@@ -100,11 +86,11 @@ TEST_F(NatsdTest, ACrashAfterTheWindowStartsTheCountAfresh) {
   o.restart_max = 2;
   NatsdPtr natsd(broker_natsd_create(&o));
   ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
-  ASSERT_TRUE(qmtest::wait_until([&] { return log_.count("nats-server: spawned child") >= 5; }, 60s));
+  ASSERT_TRUE(wait_until([&] { return log_.count("nats-server: spawned child") >= 5; }, 60s));
   broker_natsd_stop(natsd.get());
   EXPECT_GE(log_.count("nats-server: child ran 0s; crash count and restart back-off start afresh"), 3u);
-  EXPECT_FALSE(log_.contains("crash #2/2")) << log_.text();
-  EXPECT_FALSE(log_.contains("restarting in 100ms"));
+  EXPECT_NOT_LOGGED(log_, "crash #2/2");
+  EXPECT_NOT_LOGGED(log_, "restarting in 100ms");
   EXPECT_EQ(gave_up_, 0);
 }
 
@@ -130,7 +116,7 @@ TEST_F(NatsdTest, AStopWhileRestartingSpawnsNothing) {
     ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
     kill(broker_natsd_pid(natsd.get()), SIGKILL);
     if (just_before_the_spawn) {
-      ASSERT_TRUE(qmtest::wait_until([] { return hooked.load(); }, 30s));
+      ASSERT_TRUE(wait_until([] { return hooked.load(); }, 30s));
     } else {
       ASSERT_TRUE(log_.wait_for("nats-server: restarting in 600000ms", 30s));
     }
@@ -148,17 +134,17 @@ TEST_F(NatsdTest, ChildIgnoringSigtermIsKilledAfterTheGrace) {
   ASSERT_EQ(broker_natsd_start(natsd.get()), 0);
   const pid_t child = broker_natsd_pid(natsd.get());
   // The trap must be in place before stop sends SIGTERM: wait for the exec.
-  ASSERT_TRUE(qmtest::wait_until([&] { return sleeping(child); }, 30s));
+  ASSERT_TRUE(wait_until([&] { return sleeping(child); }, 30s));
   broker_natsd_stop(natsd.get());
-  EXPECT_TRUE(log_.contains("nats-server: did not exit within 300ms \u2014 sending SIGKILL"));
-  EXPECT_TRUE(log_.contains("nats-server: child exited via signal 9 during shutdown"));
-  EXPECT_FALSE(qmtest::process_running(child));
+  EXPECT_LOGGED(log_, "nats-server: did not exit within 300ms \u2014 sending SIGKILL");
+  EXPECT_LOGGED(log_, "nats-server: child exited via signal 9 during shutdown");
+  EXPECT_FALSE(process_running(child));
 }
 
 TEST(NatsdProbe, AnswersFailuresAndDeadlines) {
-  const qmtest::NatsServer server(qmtest::NatsServerOptions{
+  const NatsServer server(NatsServerOptions{
       false, "authorization { users: [ { user: \"probe\", password: \"s3cret\" } ] }", 0});
-  const qmtest::ReservedPort nobody;
+  const ReservedPort nobody;
   const std::string server_url = server.url();
   const std::string closed = nobody.url();
   const std::string closed_tls = nobody.url("tls");
@@ -191,10 +177,10 @@ TEST(NatsdProbe, AnswersFailuresAndDeadlines) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.url ? c.url : "NULL") << " " << (c.ca ? c.ca : "no CA"));
-    qmtest::LogCapture log;
+    LogCapture log;
     EXPECT_EQ(broker_natsd_wait_ready(c.url, c.user, c.password, c.ca, c.timeout_sec), c.rc);
     for (const auto& line : c.logged) EXPECT_TRUE(log.contains(line)) << line << "\n" << log.text();
-    EXPECT_FALSE(log.contains(c.not_logged));
+    EXPECT_NOT_LOGGED(log, c.not_logged);
     // Without a CA, a tls:// probe warns on every attempt.
     if (c.ca && c.ca[0] == '\0') {
       EXPECT_EQ(log.count(tls_warning), log.count("not ready yet") + 1);

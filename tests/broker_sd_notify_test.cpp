@@ -2,22 +2,14 @@
 // size. The broker's own READY=1 and STOPPING=1 are checked end to end (broker_main_test).
 #include "broker_sd_notify.hpp"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <optional>
-#include <string>
-
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
 
 // 107 bytes is the most a name can have, for a path and for an abstract name (after '@');
 // failures keep their errno, and without a socket there is nothing to do.
 TEST(SdNotify, ReachesNamesOf107BytesAndFailuresKeepTheirErrno) {
-  qmtest::TempDir dir;
+  TempDir dir;
   const std::string base = dir.path().string() + "/";
   std::string abstract = "@qm" + std::to_string(getpid());
   abstract += std::string(108 - abstract.size(), 'z');
@@ -36,7 +28,7 @@ TEST(SdNotify, ReachesNamesOf107BytesAndFailuresKeepTheirErrno) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    std::optional<qmtest::NotifySocket> listener;
+    std::optional<NotifySocket> listener;
     if (c.listening) listener.emplace(c.name);
     setenv("NOTIFY_SOCKET", c.name.c_str(), 1);
     errno = 0;

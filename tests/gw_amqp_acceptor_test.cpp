@@ -1,6 +1,6 @@
 // The AMQP front door: the real broker binary with a nats-server that sends logins to its
 // auth callout and the demo scan worker, driven by Proton's C++ client.
-#include <gtest/gtest.h>
+#include "test_prelude.hpp"
 #include <proton/binary.hpp>
 #include <proton/codec/map.hpp>
 #include <proton/codec/vector.hpp>
@@ -8,29 +8,13 @@
 #include <proton/types.hpp>
 #include <proton/uuid.hpp>
 
-#include <atomic>
-#include <cerrno>
-#include <functional>
-#include <filesystem>
-#include <thread>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include "admin_client.hpp"
 #include "amqp_fixture.hpp"
 #include "gw_inflight_budget.hpp"
-#include "log_capture.hpp"
 #include "qmhlp_network.hpp"
 
 namespace qmtest {
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr auto kWait = 60s;
 
@@ -602,7 +586,7 @@ TEST(AmqpTls, AmqpsWithTheTestCa) {
   EXPECT_EQ(json_member(scanned->out(), "sha256"), sha256_hex("hello scanner\n"));
   auto refused_tool = tool("wrong");
   EXPECT_EQ(refused_tool->wait(0ms), 1);
-  EXPECT_NE(refused_tool->err().find("amqp:unauthorized-access"), std::string::npos) << refused_tool->err();
+  EXPECT_LOGGED(refused_tool->err(), "amqp:unauthorized-access");
 }
 
 }  // namespace

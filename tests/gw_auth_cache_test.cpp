@@ -1,22 +1,8 @@
 #include "gw_auth_cache.hpp"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "log_capture.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
-
-using namespace std::chrono_literals;
 
 std::atomic<int64_t> g_now_ms{1'000'000};
 int64_t fake_clock() { return g_now_ms.load(); }
@@ -25,7 +11,7 @@ using CachePtr = qm::c_ptr<gw_auth_cache_t, gw_auth_cache_destroy>;
 
 // True while thread `tid` of this process is blocked (state S in its stat line).
 bool s_thread_blocked(pid_t tid) {
-  const std::string stat = qmtest::read_file("/proc/self/task/" + std::to_string(tid) + "/stat");
+  const std::string stat = read_file("/proc/self/task/" + std::to_string(tid) + "/stat");
   const size_t after_name = stat.rfind(')');
   return after_name != std::string::npos && after_name + 2 < stat.size() && stat[after_name + 2] == 'S';
 }
@@ -48,7 +34,7 @@ class AuthCache : public ::testing::Test {
 };
 
 TEST_F(AuthCache, CreationRulesClampingAndBadArguments) {
-  qmtest::LogCapture log(QMLOG_TRACE);
+  LogCapture log(QMLOG_TRACE);
   EXPECT_EQ(make(16, 0, 0, 50), nullptr);
   EXPECT_EQ(make(16, -5, 0, 50), nullptr);
   EXPECT_EQ(make(0, 10, 10, 50), nullptr);
@@ -265,18 +251,18 @@ TEST_F(AuthCache, FullTableEvictsTheLeastRecentlyUsed) {
 }
 
 TEST_F(AuthCache, DrainWaitsForTheLastRefreshOrTimesOut) {
-  qmtest::LogCapture log(QMLOG_TRACE);
+  LogCapture log(QMLOG_TRACE);
   CachePtr c = make(64, 120, 10, 50);
   gw_auth_cache_insert_grant(c.get(), "u", "p");
   ASSERT_TRUE(claim(c.get(), "u", "p"));
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 50), -1);
-  EXPECT_TRUE(log.contains(
-      "auth_cache: 1 refresh(es) still in flight at shutdown drain deadline; cache will not be destroyed to avoid UAF"));
+  EXPECT_LOGGED(log,
+      "auth_cache: 1 refresh(es) still in flight at shutdown drain deadline; cache will not be destroyed to avoid UAF");
   // The refresh completes only once the drain below is blocked waiting for it: the drain
   // must be woken, not time out.
   const pid_t drainer = gettid();
   std::thread refresher([&] {
-    qmtest::wait_until([&] { return s_thread_blocked(drainer); }, 30s);
+    wait_until([&] { return s_thread_blocked(drainer); }, 30s);
     gw_auth_cache_complete_refresh(c.get(), hash_, gen_, GW_REFRESH_GRANTED);
   });
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(c.get(), 120'000), 0);
@@ -298,7 +284,7 @@ TEST_F(Coalescing, OneLeaderManyJoinersAllGetItsResult) {
         results[i] = gw_auth_cache_wait_for_result(c.get(), "u", "p", 60'000);
       });
     }
-    EXPECT_TRUE(qmtest::wait_until(
+    EXPECT_TRUE(wait_until(
         [&] { return gw_auth_cache_verify_waiters(c.get(), "u", "p") == kJoiners; }, 30s));
     // Another pair is not held up by this one.
     EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "other"), GW_VERIFY_LEAD);
@@ -343,7 +329,7 @@ TEST_F(Coalescing, AJoinerWhoseLeaderNeverAnswersTimesOut) {
 
   std::thread joiner([&] { EXPECT_EQ(gw_auth_cache_wait_for_result(c.get(), "u", "p", 60'000), GW_AUTH_CACHE_MISS); });
   EXPECT_TRUE(
-      qmtest::wait_until([&] { return gw_auth_cache_verify_waiters(c.get(), "u", "p") == 1; }, 30s));
+      wait_until([&] { return gw_auth_cache_verify_waiters(c.get(), "u", "p") == 1; }, 30s));
   gw_auth_cache_abort_verify(c.get(), "u", "p");  // aborted counts as a miss
   joiner.join();
   EXPECT_EQ(gw_auth_cache_begin_verify(c.get(), "u", "p"), GW_VERIFY_LEAD);

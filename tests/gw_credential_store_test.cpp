@@ -1,17 +1,6 @@
 #include "gw_credential_store.hpp"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <filesystem>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "log_capture.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -34,10 +23,10 @@ Entries entries_of(gw_credential_store_t* store) {
 class CredentialFile : public ::testing::Test {
  protected:
   StorePtr load(const std::string& content) {
-    qmtest::write_file(path_, content);
+    write_file(path_, content);
     return StorePtr(gw_credential_store_load(path_.c_str()));
   }
-  qmtest::TempDir dir_;
+  TempDir dir_;
   std::string path_ = dir_.file("users.conf");
 };
 
@@ -137,17 +126,17 @@ TEST_F(CredentialFile, ValidateComparesExactlyAndHoldsAt128Entries) {
 }
 
 TEST_F(CredentialFile, LoadAndReloadLogAndKeepTheTableWhenTheFileCannotBeRead) {
-  qmtest::LogCapture log(QMLOG_TRACE);
+  LogCapture log(QMLOG_TRACE);
   StorePtr store = load("user: \"old\"\npassword: \"1\"\n");
   ASSERT_NE(store, nullptr);
-  EXPECT_TRUE(log.contains("credential_store: loaded 1 credentials from " + path_));
+  EXPECT_LOGGED(log, "credential_store: loaded 1 credentials from " + path_);
   const std::string missing = dir_.file("missing.conf");
   EXPECT_EQ(gw_credential_store_load(missing.c_str()), nullptr);
-  EXPECT_TRUE(log.contains("credential_store: cannot open " + missing + ": No such file or directory"));
+  EXPECT_LOGGED(log, "credential_store: cannot open " + missing + ": No such file or directory");
 
-  qmtest::write_file(path_, "user: \"new\"\npassword: \"2\"\nuser: \"new2\"\npassword: \"3\"\n");
+  write_file(path_, "user: \"new\"\npassword: \"2\"\nuser: \"new2\"\npassword: \"3\"\n");
   ASSERT_EQ(gw_credential_store_reload(store.get()), 0);
-  EXPECT_TRUE(log.contains("credential_store: reloaded 2 credentials"));
+  EXPECT_LOGGED(log, "credential_store: reloaded 2 credentials");
   EXPECT_FALSE(gw_credential_store_validate(store.get(), "old", "1"));
   EXPECT_TRUE(gw_credential_store_validate(store.get(), "new", "2"));
 
@@ -156,15 +145,15 @@ TEST_F(CredentialFile, LoadAndReloadLogAndKeepTheTableWhenTheFileCannotBeRead) {
   std::filesystem::remove(path_);
   std::filesystem::create_directory(path_);
   EXPECT_EQ(gw_credential_store_reload(store.get()), -1);
-  EXPECT_TRUE(log.contains("credential_store: cannot open " + path_ + ": Is a directory"));
+  EXPECT_LOGGED(log, "credential_store: cannot open " + path_ + ": Is a directory");
   EXPECT_TRUE(gw_credential_store_validate(store.get(), "new2", "3"));
   EXPECT_EQ(gw_credential_store_load(path_.c_str()), nullptr);
   std::filesystem::remove(path_);
 
-  qmtest::write_file(path_, "# nobody left\n");
+  write_file(path_, "# nobody left\n");
   ASSERT_EQ(gw_credential_store_reload(store.get()), 0);
   EXPECT_TRUE(entries_of(store.get()).empty());
-  EXPECT_TRUE(log.contains("credential_store: reloaded 0 credentials"));
+  EXPECT_LOGGED(log, "credential_store: reloaded 0 credentials");
 }
 
 // Readers must see either the whole old table or the whole new one, never a mix.
@@ -205,7 +194,7 @@ TEST_F(CredentialFile, ReloadWhileEightThreadsValidateSeesNoTornTable) {
     });
   }
   for (int round = 0; round < 200; ++round) {
-    qmtest::write_file(path_ + ".tmp", table(round % 2 == 0 ? "b" : "a"));
+    write_file(path_ + ".tmp", table(round % 2 == 0 ? "b" : "a"));
     std::filesystem::rename(path_ + ".tmp", path_);
     EXPECT_EQ(gw_credential_store_reload(store.get()), 0);
   }

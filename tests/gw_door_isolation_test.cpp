@@ -2,21 +2,13 @@
 // doors open, the shipped permissions (the test user a client, who may publish to
 // services but not to other subjects), and one row per way a logged-in client could get
 // past them.
-#include <gtest/gtest.h>
-#include <nats/nats.h>
-
-#include <functional>
-#include <string>
+#include "test_prelude.hpp"
 
 #include "amqp_fixture.hpp"
 #include "http_fixture.hpp"
-#include "log_capture.hpp"
-#include "qm_handles.hpp"
 
 namespace qmtest {
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr auto kWait = 60s;
 const std::string kAlicePassword = "alice-right";
@@ -130,7 +122,7 @@ void protocol_injection(Doors& doors) {
   int pending = -1;
   ASSERT_EQ(natsSubscription_GetPending(injected.get(), &pending, nullptr), NATS_OK);
   EXPECT_EQ(pending, 0);
-  EXPECT_EQ(doors.env().callout().server_log().find("Parse Error"), std::string::npos);
+  EXPECT_NOT_LOGGED(doors.env().callout().server_log(), "Parse Error");
 }
 
 // A refusal is remembered for that password only.

@@ -1,25 +1,17 @@
 // The REST front door in this process, against a real nats-server whose logins go to the
 // broker, a verify endpoint of the test's own and the demo scan worker; libcurl and raw
 // sockets are the clients.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <map>
-#include <thread>
+#include "test_prelude.hpp"
 
 #include "admin_client.hpp"
 #include "amqp_fixture.hpp"
 #include "broker_metrics.hpp"
 #include "gw_inflight_budget.hpp"
 #include "http_fixture.hpp"
-#include "log_capture.hpp"
 #include "test_certificates.hpp"
 
 namespace {
 
-using namespace qmtest;
-using namespace std::chrono_literals;
 using tweak_fn = std::function<void(gw_config_t&)>;
 
 constexpr const char* kLocal = "local-user";  // in the door's own credentials file
@@ -134,7 +126,7 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
     // Answered, whatever the answer: nothing is left for an update's drain to wait for.
     EXPECT_TRUE(wait_until([&] { return gw_http_frontend_inflight(door_->frontend()) == 0; }, 10s)) << row.what;
   }
-  EXPECT_TRUE(log_.contains("subject rewrite 'qm-av-quarantine_scan' -> 'qm-av-quarantine.scan'"));
+  EXPECT_LOGGED(log_, "subject rewrite 'qm-av-quarantine_scan' -> 'qm-av-quarantine.scan'");
   // One status count per response, one verdict per request that got as far as its
   // credentials (all but the method, path and content type rows): every 401 is a
   // refusal, the rest were granted.
@@ -164,8 +156,8 @@ TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
   EXPECT_EQ(seen[0], R"({"user":"verify-user","password":"verify-secret","method":"basic"})");
   EXPECT_EQ(cached(kLocal, kLocalPassword), GW_AUTH_CACHE_MISS);
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
-  EXPECT_TRUE(log_.contains("auth GRANT user=verify-user via=nats backend=test"));
-  EXPECT_TRUE(log_.contains("authenticate() called with empty credentials"));
+  EXPECT_LOGGED(log_, "auth GRANT user=verify-user via=nats backend=test");
+  EXPECT_LOGGED(log_, "authenticate() called with empty credentials");
 }
 
 TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
@@ -226,7 +218,7 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   for (const auto& row : rows) {
     EXPECT_EQ(status_of(row.user, row.password), row.status) << row.user;
     EXPECT_EQ(cached(row.user, row.password), row.cached) << row.user;
-    EXPECT_TRUE(log_.contains(row.log)) << row.user;
+    EXPECT_LOGGED(log_, row.log) << row.user;
   }
   verify_.script({});
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // the outage left no refusal behind
@@ -237,8 +229,8 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   for (const char* user : {"granted", "flaky"}) {
     EXPECT_EQ(status_of(user, "pw"), 200) << user;
     EXPECT_TRUE(wait_until([&] { return cached(user, "pw") == GW_AUTH_CACHE_MISS; }, 10s)) << user;
-    EXPECT_TRUE(log_.contains(std::string("refresh DENIED user=") + user +
-                              " — invalidating cache (password changed or account disabled?)"));
+    EXPECT_LOGGED(log_,
+        std::string("refresh DENIED user=") + user + " — invalidating cache (password changed or account disabled?)");
   }
   EXPECT_EQ(status_of("granted", "pw"), 401);
   EXPECT_EQ(cached("granted", "pw"), GW_AUTH_CACHE_DENY);
@@ -277,7 +269,7 @@ TEST_F(HttpDoorTest, StartRefusals) {
     qm::c_ptr<gw_http_frontend_t, gw_http_frontend_destroy> fe(
         gw_http_frontend_create(&cfg, creds.get(), relay.get(), nullptr, nullptr));
     EXPECT_EQ(gw_http_frontend_start(fe.get()), -1) << row.log;
-    EXPECT_TRUE(log_.contains(row.log)) << row.log;
+    EXPECT_LOGGED(log_, row.log);
   }
   EXPECT_EQ(gw_http_frontend_create(&relay_cfg, nullptr, relay.get(), nullptr, nullptr), nullptr);
 }
@@ -294,15 +286,15 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   EXPECT_EQ(gw_http_frontend_inflight(door_->frontend()), 1u);  // what an update's drain waits for
   EXPECT_EQ(in_flight.get().status, 200);
   EXPECT_TRUE(wait_until([&] { return gw_http_frontend_inflight(door_->frontend()) == 0; }, 10s));
-  EXPECT_TRUE(log_.contains("stopped accepting new connections — in-flight requests still draining"));
-  EXPECT_FALSE(log_.contains("[MHD]")) << log_.text();
+  EXPECT_LOGGED(log_, "stopped accepting new connections — in-flight requests still draining");
+  EXPECT_NOT_LOGGED(log_, "[MHD]");
 
   gw_http_frontend_stop(door_->frontend());
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);
   ASSERT_EQ(gw_http_frontend_start(door_->frontend()), 0);  // already running
   EXPECT_TRUE(gw_http_frontend_listening(door_->frontend()));
   EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
-  EXPECT_TRUE(log_.contains("http_frontend: stopped"));
+  EXPECT_LOGGED(log_, "http_frontend: stopped");
 }
 
 // A client that says nothing is closed when silent for the inactivity time-out; one that

@@ -1,41 +1,16 @@
 #include "gw_nats_relay.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
+#include "test_prelude.hpp"
 #include <array>
-#include <chrono>
-#include <climits>
-#include <csignal>
-#include <functional>
-#include <future>
-#include <mutex>
-#include <numeric>
-#include <regex>
-#include <set>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "admin_client.hpp"
 #include "broker_metrics.hpp"
 #include "gw_nats_relay_internal.hpp"
 #include "gw_subject_rewrite.hpp"
-#include "log_capture.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
 
-using namespace std::chrono_literals;
-using qmtest::LogCapture;
-using qmtest::metric_delta;
-using qmtest::relay_request;
-using qmtest::RelayReply;
-using qmtest::ScanEnv;
-using qmtest::ScanEnvOptions;
-using qmtest::test_payload;
 using steady = std::chrono::steady_clock;
 using ::testing::IsEmpty;
 
@@ -223,8 +198,8 @@ class Responder {
 // with payloads around a chunk and echoed replies of several chunks.
 TEST_F(RelayTest, PayloadsAndEchoedRepliesComeBackByteExactThroughTheWorkQueue) {
   ScanEnv& e = env({.work_services = "scanjs"});
-  qmtest::ScanWorker& worker = e.start_worker("scanjs", true);
-  qmtest::relay_ptr relay = e.make_relay();
+  ScanWorker& worker = e.start_worker("scanjs", true);
+  relay_ptr relay = e.make_relay();
   const size_t sizes[] = {0, 1, kChunk, kChunk + 1, 64u << 20};
   const std::string before = broker_metrics_render();
   for (size_t size : sizes) {
@@ -232,15 +207,15 @@ TEST_F(RelayTest, PayloadsAndEchoedRepliesComeBackByteExactThroughTheWorkQueue) 
     const std::string payload = test_payload(size);
     const RelayReply r = relay_request(relay.get(), "scanjs", R"({"echo":true})", payload, 120000);
     ASSERT_EQ(r.rc, 0);
-    EXPECT_EQ(qmtest::json_member(r.json, "ReturnCode"), "0");
-    EXPECT_EQ(qmtest::json_member(r.json, "size"), std::to_string(size));
-    EXPECT_EQ(qmtest::json_member(r.json, "sha256"), qmtest::sha256_hex(payload));
-    EXPECT_EQ(qmtest::json_member(r.json, "infected"), "false");
+    EXPECT_EQ(json_member(r.json, "ReturnCode"), "0");
+    EXPECT_EQ(json_member(r.json, "size"), std::to_string(size));
+    EXPECT_EQ(json_member(r.json, "sha256"), sha256_hex(payload));
+    EXPECT_EQ(json_member(r.json, "infected"), "false");
     EXPECT_EQ(r.has_data, size > 0);
     EXPECT_TRUE(r.data == payload) << "reply payload of " << r.data.size() << " bytes differs";
   }
   // Every request took the work queue, none fell back to a core request.
-  EXPECT_EQ(qmtest::LogCapture::count_in(worker.log(), "job received"), std::size(sizes)) << worker.log();
+  EXPECT_EQ(LogCapture::count_in(worker.log(), "job received"), std::size(sizes)) << worker.log();
   const std::string after = broker_metrics_render();
   EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_relay_requests_total{route="jetstream",result="ok"})"),
             std::size(sizes));
@@ -254,9 +229,9 @@ TEST_F(RelayTest, PayloadsAndEchoedRepliesComeBackByteExactThroughTheWorkQueue) 
 
 TEST_F(RelayTest, RequestsThatCannotBeSentFailWithoutReachingTheWorker) {
   ScanEnv& e = env({.work_services = "scanjs"});
-  qmtest::ScanWorker& worker = e.start_worker("scan");
-  qmtest::ScanWorker& queue_worker = e.start_worker("scanjs", true);
-  qmtest::relay_ptr relay = e.make_relay();
+  ScanWorker& worker = e.start_worker("scan");
+  ScanWorker& queue_worker = e.start_worker("scanjs", true);
+  relay_ptr relay = e.make_relay();
   LogCapture log(QMLOG_DEBUG);
   struct Case {
     const char* subject;
@@ -276,20 +251,20 @@ TEST_F(RelayTest, RequestsThatCannotBeSentFailWithoutReachingTheWorker) {
     EXPECT_FALSE(r.has_json);
     EXPECT_FALSE(r.has_data);
   }
-  EXPECT_TRUE(log.contains("nats_relay: failed to build JS envelope for scanjs"));
-  EXPECT_EQ(worker.log().find("received"), std::string::npos);
-  EXPECT_EQ(queue_worker.log().find("received"), std::string::npos);
+  EXPECT_LOGGED(log, "nats_relay: failed to build JS envelope for scanjs");
+  EXPECT_NOT_LOGGED(worker.log(), "received");
+  EXPECT_NOT_LOGGED(queue_worker.log(), "received");
 }
 
 TEST_F(RelayTest, ServiceWithoutAWorkQueueFallsBackToCore) {
   ScanEnv& e = env();
   e.start_worker("ghost");
-  qmtest::relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.js_services = "ghost"; });
+  relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.js_services = "ghost"; });
   LogCapture log(QMLOG_DEBUG);
   const RelayReply r = relay_request(relay.get(), "ghost", "{}", "xyz");
   ASSERT_EQ(r.rc, 0) << log.text();
-  EXPECT_EQ(qmtest::json_member(r.json, "size"), "3");
-  EXPECT_TRUE(log.contains("nats_relay: ghost -> JS work queue (jobs.ghost)"));
+  EXPECT_EQ(json_member(r.json, "size"), "3");
+  EXPECT_LOGGED(log, "nats_relay: ghost -> JS work queue (jobs.ghost)");
   EXPECT_TRUE(log.contains("nats_relay: JS work queue unusable for ghost (No responders available for request) and "
                            "the job never entered it \u2014 falling back to core request/reply"))
       << log.text();
@@ -298,7 +273,7 @@ TEST_F(RelayTest, ServiceWithoutAWorkQueueFallsBackToCore) {
 // A peer that comes up while the relay is backing off from "no responders".
 TEST_F(RelayTest, CoreRequestReachesAWorkerThatComesUpDuringTheBackOff) {
   ScanEnv& e = env();
-  qmtest::relay_ptr relay = e.make_relay();
+  relay_ptr relay = e.make_relay();
   LogCapture log(QMLOG_DEBUG);
   auto pending = std::async(std::launch::async, [&] { return relay_request(relay.get(), "late", "{}", "", 5000); });
   ASSERT_TRUE(log.wait_for("nats: no responders for late - backoff", 5s)) << log.text();
@@ -311,11 +286,11 @@ TEST_F(RelayTest, CoreRequestReachesAWorkerThatComesUpDuringTheBackOff) {
 // On the work queue the job was published: it is neither published again nor sent by core.
 TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
   ScanEnv& e = env({.work_services = "scanjs"});
-  qmtest::relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = 1500; });
+  relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = 1500; });
   for (const char* service : {"scan", "scanjs"}) {
     SCOPED_TRACE(service);
     const bool work_queue = std::string(service) == "scanjs";
-    qmtest::ScanWorker& worker = e.start_worker(service, work_queue);
+    ScanWorker& worker = e.start_worker(service, work_queue);
     LogCapture log(QMLOG_DEBUG);
     const std::string before = broker_metrics_render();
     const auto start = steady::now();
@@ -328,10 +303,10 @@ TEST_F(RelayTest, WorkerKilledMidScanFailsAtTheEndOfTheWaitAndLeavesNoChunks) {
     EXPECT_EQ(r.rc, -1);
     EXPECT_FALSE(r.has_json);
     EXPECT_GE(steady::now() - start, 1500ms);
-    EXPECT_TRUE(log.contains(std::string("nats_relay: request to ") + service + " failed: Timeout")) << log.text();
-    EXPECT_TRUE(log.contains("(waited 1500ms, SCANTIMEOUT=500ms, kv_key=gw-")) << log.text();
+    EXPECT_LOGGED(log, std::string("nats_relay: request to ") + service + " failed: Timeout");
+    EXPECT_LOGGED(log, "(waited 1500ms, SCANTIMEOUT=500ms, kv_key=gw-");
     EXPECT_EQ(log.count("JS work queue (jobs.scanjs)"), work_queue ? 1u : 0u);
-    EXPECT_FALSE(log.contains("falling back"));
+    EXPECT_NOT_LOGGED(log, "falling back");
     const std::string route = work_queue ? "jetstream" : "core";
     const std::string after = broker_metrics_render();
     for (const char* result : {"ok", "error", "timeout"}) {
@@ -379,24 +354,24 @@ TEST_F(RelayTest, WorkerKilledMidScanCostsABoundedRetryOnTheSurvivor) {
 // acknowledgements hold it, so it is answered once and never redelivered mid-scan.
 TEST_F(RelayTest, LiveJobOutlastingItsAckWaitIsAnsweredOnce) {
   ScanEnv& e = env({.work_services = "scanjs", .ackwait_ms = 1000});
-  qmtest::ScanWorker& worker = e.start_worker("scanjs", true);
-  qmtest::relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.js_ackwait_ms = 1000; });
+  ScanWorker& worker = e.start_worker("scanjs", true);
+  relay_ptr relay = e.make_relay([](gw_config_t& cfg) { cfg.js_ackwait_ms = 1000; });
   LogCapture log(QMLOG_WARN);
   const RelayReply first = relay_request(relay.get(), "scanjs", R"({"delay_ms":2500})", "abc", 20000);
   ASSERT_EQ(first.rc, 0) << log.text();
-  EXPECT_EQ(qmtest::json_member(first.json, "size"), "3");
+  EXPECT_EQ(json_member(first.json, "size"), "3");
   EXPECT_EQ(log.count("the JetStream work queue's AckWait is 1000ms"), 1u);
   EXPECT_EQ(worker.log().find("delivery 2"), std::string::npos) << worker.log();
   const RelayReply next = relay_request(relay.get(), "scanjs", "{}", "second", 20000);
   ASSERT_EQ(next.rc, 0);
-  EXPECT_EQ(qmtest::json_member(next.json, "size"), "6");
+  EXPECT_EQ(json_member(next.json, "size"), "6");
   EXPECT_EQ(log.count("AckWait is"), 1u);
   EXPECT_EQ(LogCapture::count_in(worker.log(), "job answered"), 2u) << worker.log();
 }
 
 TEST_F(RelayTest, RepliesTheDemoWorkerNeverGivesAreTakenAsTheyCome) {
   ScanEnv& e = env();
-  qmtest::relay_ptr relay = e.make_relay();
+  relay_ptr relay = e.make_relay();
   Responder mute(e.nc(), "mute", [] { return std::string(); });
   RelayReply r = relay_request(relay.get(), "mute", "{}", "payload");
   EXPECT_EQ(r.rc, 0);
@@ -413,8 +388,8 @@ TEST_F(RelayTest, RepliesTheDemoWorkerNeverGivesAreTakenAsTheyCome) {
   r = relay_request(relay.get(), "liar", "{}");
   EXPECT_EQ(r.rc, -1);
   EXPECT_FALSE(r.has_json);
-  EXPECT_TRUE(log.contains("nats_relay: payload 'lie' refused: manifest of 10 bytes in 2 chunks is not the chunk "
-                           "count of its size"));
+  EXPECT_LOGGED(log,
+      "nats_relay: payload 'lie' refused: manifest of 10 bytes in 2 chunks is not the chunk count of its size");
   EXPECT_EQ(e.bucket_keys(), std::vector<std::string>{"lie-0"});
   kvstore_delete_chunks(e.nc(), e.kv(), "lie", 1);
 }
@@ -423,26 +398,26 @@ TEST_F(RelayTest, ThreeFailedStagingTriesFailTheRequestAndLeaveNothing) {
   ScanEnv& e = env();
   // The first chunk is now too large for the stream; the second (100 bytes) still fits.
   ASSERT_TRUE(e.update_stream_field(std::string("KV_") + GW_SCAN_DATA_BUCKET, "max_msg_size", "1024"));
-  qmtest::relay_ptr relay = e.make_relay();
+  relay_ptr relay = e.make_relay();
   LogCapture log(QMLOG_DEBUG);
   const auto start = steady::now();
   const RelayReply r = relay_request(relay.get(), "scan", "{}", test_payload(kChunk + 100));
   const auto took = steady::now() - start;
   EXPECT_EQ(r.rc, -1);
   EXPECT_EQ(log.count("nats_relay: KV staging retry "), 2u);
-  EXPECT_TRUE(log.contains("nats_relay: KV staging retry 2/2 for scan (key gw-"));
-  EXPECT_TRUE(log.contains("nats_relay: KV staging of 524388 bytes for scan failed after 3 attempts"));
+  EXPECT_LOGGED(log, "nats_relay: KV staging retry 2/2 for scan (key gw-");
+  EXPECT_LOGGED(log, "nats_relay: KV staging of 524388 bytes for scan failed after 3 attempts");
   EXPECT_GE(took, 50ms);
 }
 
 TEST_F(RelayTest, CreateSettlesItsBoundsAndRefusesWhatItCannotUse) {
   ScanEnv& e = env();
   LogCapture log(QMLOG_INFO);
-  qmtest::relay_ptr defaults = e.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = cfg.relay_max_timeout_ms = 0; });
+  relay_ptr defaults = e.make_relay([](gw_config_t& cfg) { cfg.relay_timeout_ms = cfg.relay_max_timeout_ms = 0; });
   EXPECT_EQ(gw_nats_relay_default_timeout_ms(defaults.get()), 30000u);
-  EXPECT_TRUE(log.contains("bounded to [30000ms, 300000ms]"));
-  EXPECT_TRUE(log.contains("nats_relay: connected to " + e.url() + " (JetStream+KV ready)"));
-  qmtest::relay_ptr raised = e.make_relay([](gw_config_t& cfg) {
+  EXPECT_LOGGED(log, "bounded to [30000ms, 300000ms]");
+  EXPECT_LOGGED(log, "nats_relay: connected to " + e.url() + " (JetStream+KV ready)");
+  relay_ptr raised = e.make_relay([](gw_config_t& cfg) {
     cfg.relay_timeout_ms = 4000;
     cfg.relay_max_timeout_ms = 2000;
   });
@@ -453,11 +428,11 @@ TEST_F(RelayTest, CreateSettlesItsBoundsAndRefusesWhatItCannotUse) {
   gw_config_t cfg = e.relay_config();
   cfg.nats_url = "nats://127.0.0.1:1";  // nothing listens there
   EXPECT_EQ(gw_nats_relay_create(&cfg), nullptr);
-  EXPECT_TRUE(log.contains("nats_relay: connect to " + *cfg.nats_url + " failed"));
-  qmtest::NatsServer bare;  // JetStream, but nothing provisioned
+  EXPECT_LOGGED(log, "nats_relay: connect to " + *cfg.nats_url + " failed");
+  NatsServer bare;  // JetStream, but nothing provisioned
   cfg.nats_url = bare.url();
   EXPECT_EQ(gw_nats_relay_create(&cfg), nullptr);
-  EXPECT_TRUE(log.contains("nats_relay: KV bucket 'qm-av-scan-data' bind failed"));
+  EXPECT_LOGGED(log, "nats_relay: KV bucket 'qm-av-scan-data' bind failed");
 
   char poison = 'x';
   char* json = &poison;
@@ -558,7 +533,7 @@ TEST_F(RelayTest, PerMessageTtlRemovesWhatIsLeftBehind) {
   ASSERT_EQ(kvstore_put_chunked(e.nc(), e.kv(), "ephemeral", payload.data(), payload.size(), 1000), 0);
   EXPECT_EQ(e.bucket_keys().size(), 3u);
   EXPECT_FALSE(gw_nats_relay_msg_ttl_unsupported());
-  EXPECT_TRUE(qmtest::wait_until([&] { return e.bucket_keys().empty(); }, 20s));
+  EXPECT_TRUE(wait_until([&] { return e.bucket_keys().empty(); }, 20s));
 }
 
 TEST_F(RelayTest, ServerRefusingPerMessageTtlTurnsItOffForTheProcess) {

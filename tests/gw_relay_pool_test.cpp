@@ -2,29 +2,13 @@
 // loop's wake-up is a stand-in that records which connection was woken.
 #include "gw_relay_pool.hpp"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+#include "test_prelude.hpp"
 
 #include "gw_inflight_budget.hpp"
 #include "log_capture.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
-
-using namespace std::chrono_literals;
-using qmtest::ScanEnv;
 
 // What the pool's hand-off woke, per connection.
 struct WakeLog {
@@ -95,7 +79,7 @@ class RelayPool : public ::testing::Test {
     while (list != nullptr) {
       gw_relay_job_t* next = list->next;
       EXPECT_EQ(list->rc, 0);
-      sizes.push_back(qmtest::json_member(list->reply_json ? list->reply_json.get() : "", "size"));
+      sizes.push_back(json_member(list->reply_json ? list->reply_json.get() : "", "size"));
       gw_relay_job_free(list);
       list = next;
     }
@@ -108,8 +92,8 @@ class RelayPool : public ::testing::Test {
   }
 
   ScanEnv env_;
-  qmtest::ScanWorker* worker_ = nullptr;
-  qmtest::relay_ptr relay_;
+  ScanWorker* worker_ = nullptr;
+  relay_ptr relay_;
 };
 
 // One worker hands off in completion order, and the drain gives the newest first; a pool

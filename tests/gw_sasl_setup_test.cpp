@@ -1,23 +1,15 @@
 // The SASL set-up: the generated Cyrus configuration, the callbacks, and the password
 // check over "qm.auth.verify" against a real nats-server, with Cyrus's own server API
 // driving the PLAIN exchanges.
-#include <gtest/gtest.h>
-#include <sasl/sasl.h>
-#include <sys/stat.h>
+#include "gw_sasl_setup.hpp"
 
-#include <cstring>
-#include <filesystem>
-#include <string>
+#include "test_prelude.hpp"
+#include <sasl/sasl.h>
 
 #include "amqp_fixture.hpp"
-#include "gw_sasl_setup.hpp"
-#include "log_capture.hpp"
 
 namespace qmtest {
 namespace {
-
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 constexpr const char* kApp = GW_SASL_SERVICE_NAME;
 
@@ -102,7 +94,7 @@ TEST(SaslSetup, WritesTheFileInPrivateDirectoriesOnce) {
   struct stat before {};
   ASSERT_EQ(stat(conf.c_str(), &before), 0);
   EXPECT_EQ(gw_sasl_setup(kApp, "/elsewhere", env.relay.get()), config_dir);
-  EXPECT_TRUE(log.contains("sasl_setup: already initialized, returning existing config_dir=" + std::string(config_dir)));
+  EXPECT_LOGGED(log, "sasl_setup: already initialized, returning existing config_dir=" + std::string(config_dir));
   struct stat after {};
   ASSERT_EQ(stat(conf.c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
@@ -120,7 +112,7 @@ TEST(SaslSetup, WritesTheFileInPrivateDirectoriesOnce) {
   gw_sasl_teardown();
   fs::create_directory_symlink(env.dir.path(), env.runtime_dir());
   EXPECT_EQ(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_TRUE(log.contains("sasl_setup: mkdir(" + env.runtime_dir() + ") failed: "));
+  EXPECT_LOGGED(log, "sasl_setup: mkdir(" + env.runtime_dir() + ") failed: ");
   EXPECT_FALSE(fs::exists(env.dir.file("sasl")));
   fs::remove(env.runtime_dir());
   gw_sasl_teardown();
@@ -130,12 +122,12 @@ TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
   VerifyEnv env;
   LogCapture log(QMLOG_TRACE);
   EXPECT_EQ(gw_sasl_setup(nullptr, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_TRUE(log.contains("sasl_setup: invalid arguments (service_name=(null) runtime_dir=" + env.runtime_dir()));
+  EXPECT_LOGGED(log, "sasl_setup: invalid arguments (service_name=(null) runtime_dir=" + env.runtime_dir());
 
   // The parent is missing: nothing is made, and teardown has nothing to say.
   const std::string orphan = env.dir.file("missing/rt");
   EXPECT_EQ(gw_sasl_setup(kApp, orphan.c_str(), env.relay.get()), nullptr);
-  EXPECT_TRUE(log.contains("sasl_setup: mkdir(" + orphan + ") failed: No such file or directory"));
+  EXPECT_LOGGED(log, "sasl_setup: mkdir(" + orphan + ") failed: No such file or directory");
   log.clear();
   gw_sasl_teardown();
   EXPECT_EQ(log.text(), "");
@@ -143,7 +135,7 @@ TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
   // Both directories exist before the name proves too long; teardown removes them quietly.
   const std::string long_name(4100, 'n');
   EXPECT_EQ(gw_sasl_setup(long_name.c_str(), env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_TRUE(log.contains("sasl_setup: paths too long (config_dir=" + env.runtime_dir() + "/sasl service_name=nnn"));
+  EXPECT_LOGGED(log, "sasl_setup: paths too long (config_dir=" + env.runtime_dir() + "/sasl service_name=nnn");
   EXPECT_TRUE(fs::exists(env.runtime_dir() + "/sasl"));
   log.clear();
   gw_sasl_teardown();
@@ -205,7 +197,7 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   const size_t requests = env.verify.requests().size();
   const std::string too_long(256, 'p');
   EXPECT_EQ(checkpass("alice", too_long.data(), 256), SASL_BADAUTH);
-  EXPECT_TRUE(log.contains("sasl_checkpass: password length 256 exceeds limit \xE2\x80\x94 denying user='alice'"));
+  EXPECT_LOGGED(log, "sasl_checkpass: password length 256 exceeds limit \xE2\x80\x94 denying user='alice'");
   EXPECT_EQ(checkpass("", "pw", 2), SASL_BADAUTH);
   EXPECT_EQ(checkpass(nullptr, "pw", 2), SASL_BADAUTH);
   EXPECT_EQ(checkpass("alice", "pw", 0), SASL_BADAUTH);
@@ -215,7 +207,7 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   gw_sasl_teardown();
 
   EXPECT_EQ(checkpass("alice", "pw", 2), SASL_TRYAGAIN);
-  EXPECT_TRUE(log.contains("sasl_checkpass: no relay configured \xE2\x80\x94 denying user='alice'"));
+  EXPECT_LOGGED(log, "sasl_checkpass: no relay configured \xE2\x80\x94 denying user='alice'");
 }
 
 TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
@@ -241,7 +233,7 @@ TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {
     LogCapture log;
     env.verify.script({{"alice", c.reply}});
     EXPECT_EQ(checkpass("alice", "whatever", 8), c.verdict);
-    EXPECT_TRUE(log.contains(c.logged)) << log.text();
+    EXPECT_LOGGED(log, c.logged);
   }
   gw_sasl_teardown();
 }
@@ -254,15 +246,15 @@ TEST(SaslCallbacks, NamesPassThroughUnchangedOrAreRefusedWhole) {
   unsigned out_len = 0;
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "Alice@Realm", 11, SASL_CU_AUTHID, nullptr, out, sizeof out, &out_len),
             SASL_BUFOVER);
-  EXPECT_TRUE(log.contains("sasl_canon: authid of 11 bytes is longer than the 4 bytes SASL can carry"));
+  EXPECT_LOGGED(log, "sasl_canon: authid of 11 bytes is longer than the 4 bytes SASL can carry");
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "Alic", 4, SASL_CU_AUTHID, nullptr, out, sizeof out, &out_len), SASL_OK);
   EXPECT_EQ(std::string(out, out_len), "Alic");
   EXPECT_EQ(out[4], '\0');
-  EXPECT_TRUE(log.contains("sasl_canon: authid='Alice@Realm' realm_param='(null)' (passing through verbatim)"));
+  EXPECT_LOGGED(log, "sasl_canon: authid='Alice@Realm' realm_param='(null)' (passing through verbatim)");
   char wide[64];
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "bob", 3, SASL_CU_AUTHZID, "R", wide, sizeof wide, &out_len), SASL_OK);
   EXPECT_EQ(std::string(wide), "bob");
-  EXPECT_TRUE(log.contains("sasl_canon: authzid='bob' realm_param='R' (passing through verbatim)"));
+  EXPECT_LOGGED(log, "sasl_canon: authzid='bob' realm_param='R' (passing through verbatim)");
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, nullptr, 8, &out_len), SASL_BADPARAM);
   EXPECT_EQ(sasl_canon_user_cb(nullptr, nullptr, "eve", 3, 0, nullptr, wide, sizeof wide, nullptr), SASL_BADPARAM);
 }

@@ -1,18 +1,7 @@
 // Clean-up of runtime directories left behind by broker processes that are gone.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
+#include "test_prelude.hpp"
 
 #include "gw_sasl_setup.hpp"
-#include "log_capture.hpp"
-#include "test_support.hpp"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -32,13 +21,13 @@ class SaslSweep : public ::testing::Test {
   std::string runtime_dir(const std::string& suffix) {
     const std::string path = prefix_ + suffix;
     fs::create_directories(path + "/sasl");
-    qmtest::write_file(path + "/sasl/quillmere-av-scangateway.conf", "mech_list: PLAIN\n");
-    qmtest::write_file(path + "/sasl/other", "x");
+    write_file(path + "/sasl/quillmere-av-scangateway.conf", "mech_list: PLAIN\n");
+    write_file(path + "/sasl/other", "x");
     return path;
   }
   void sweep() { sweep_stale_sasl_runtime_dirs_at(prefix_.c_str()); }
 
-  qmtest::TempDir dir_;
+  TempDir dir_;
   const std::string prefix_ = dir_.file("qm-av-broker-");
 };
 
@@ -46,7 +35,7 @@ class SaslSweep : public ::testing::Test {
 // name, or a "sasl" link inside a stale directory, must not lead the sweep into emptying
 // what it points to.
 TEST_F(SaslSweep, RemovesWhatDeadPidsLeftAndNothingElse) {
-  qmtest::LogCapture log;
+  LogCapture log;
   const std::string dead = std::to_string(dead_pid());
   const std::string stale = runtime_dir(dead);
   const std::string other_name = dir_.file("qm-av-other-" + dead);
@@ -64,8 +53,8 @@ TEST_F(SaslSweep, RemovesWhatDeadPidsLeftAndNothingElse) {
   fs::create_directories(bare);
   const std::string victim = dir_.file("victim");
   fs::create_directories(victim + "/sasl");
-  qmtest::write_file(victim + "/sasl/precious", "keep");
-  qmtest::write_file(victim + "/precious", "keep");
+  write_file(victim + "/sasl/precious", "keep");
+  write_file(victim + "/precious", "keep");
   const std::string linked = prefix_ + std::to_string(dead_pid());
   fs::create_directory_symlink(victim, linked);
   const std::string holder = prefix_ + std::to_string(dead_pid());
@@ -81,14 +70,14 @@ TEST_F(SaslSweep, RemovesWhatDeadPidsLeftAndNothingElse) {
   }
   sweep();
   EXPECT_FALSE(fs::exists(stale));
-  EXPECT_TRUE(log.contains("sweep: removed stale SASL runtime dir " + stale + " (pid " + dead + " no longer exists)"));
+  EXPECT_LOGGED(log, "sweep: removed stale SASL runtime dir " + stale + " (pid " + dead + " no longer exists)");
   for (const auto& path : kept) EXPECT_TRUE(fs::exists(path + "/sasl/other")) << path;
   EXPECT_TRUE(fs::exists(other_name));
   EXPECT_TRUE(fs::exists(nested + "/sasl/nested"));
   EXPECT_FALSE(fs::exists(nested + "/sasl/other"));
   EXPECT_FALSE(fs::exists(bare));
-  EXPECT_EQ(qmtest::read_file(victim + "/sasl/precious"), "keep");
-  EXPECT_EQ(qmtest::read_file(victim + "/precious"), "keep");
+  EXPECT_EQ(read_file(victim + "/sasl/precious"), "keep");
+  EXPECT_EQ(read_file(victim + "/precious"), "keep");
   EXPECT_TRUE(fs::is_symlink(linked));
   EXPECT_TRUE(fs::is_symlink(holder + "/sasl"));
   EXPECT_FALSE(fs::exists(fs::symlink_status(with_link_inside)));  // the link went, not its target

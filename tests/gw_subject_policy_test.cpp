@@ -1,12 +1,8 @@
 #include "gw_subject_policy.hpp"
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include "test_prelude.hpp"
 
 #include "auth_profile.hpp"
-#include "qm_cpp.hpp"
-#include "test_support.hpp"
 
 namespace {
 
@@ -15,8 +11,8 @@ using StorePtr = qm::c_ptr<auth_profile_store_t, auth_profile_destroy>;
 // What a client may name as its target (ingress spelling) for a caller whose profile may
 // publish to "scan" and its own "user.<name>.>" only.
 TEST(SubjectPolicy, TargetsAreLiteralServiceSubjectsTheCallerMayReach) {
-  qmtest::TempDir dir;
-  qmtest::write_file(dir.file("p.json"), R"({"profiles": {"client": {"publish": {
+  TempDir dir;
+  write_file(dir.file("p.json"), R"({"profiles": {"client": {"publish": {
       "allow": ["scan", "scanjs", "qm-av-quarantine.>", "user.{user}.>", "$JS.API.>", "_INBOX.>"],
       "deny": ["scanjs"]}}}})");
   const StorePtr store(auth_profile_load(dir.file("p.json").c_str()));

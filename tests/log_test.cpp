@@ -1,19 +1,10 @@
 // The logger's line formats, thresholds, silent mode, rotation and error texts. The
 // screen lines are the subject here, so standard error itself is captured.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <regex>
-#include <string>
+#include "test_prelude.hpp"
 
 #include "log-rotate-min.hpp"
-#include "log.hpp"
-#include "test_support.hpp"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 class LogTest : public ::testing::Test {
  protected:
@@ -35,7 +26,7 @@ class LogTest : public ::testing::Test {
     return ::testing::internal::GetCapturedStderr();
   }
 
-  qmtest::TempDir dir_;
+  TempDir dir_;
   const std::string path_ = dir_.file("broker.log");
 };
 
@@ -51,14 +42,14 @@ TEST_F(LogTest, ScreenAndFileLinesHaveTheirFormats) {
   EXPECT_TRUE(std::regex_match(screen, std::regex(kStamp + " \x1b\\[33mWARN " + kPidTid +
                                                   R"(/opt/bin/broker:fn\(\): value=7 \x1b\[90m\(a\.cpp:42\)\x1b\[0m \n)")))
       << screen;
-  const std::string file = qmtest::read_file(path_);
+  const std::string file = read_file(path_);
   EXPECT_TRUE(std::regex_match(file, std::regex(kStamp + " WARN " + kPidTid + R"(/opt/bin/broker:fn\(\): value=7\n)")))
       << file;
 
   // The source suffix goes into the file only at the trace threshold.
   log_set_level(QMLOG_TRACE);
   screen_of(QMLOG_INFO, "at-trace", 10);
-  EXPECT_TRUE(qmtest::read_file(path_).ends_with("at-trace (a.cpp:10)\n"));
+  EXPECT_TRUE(read_file(path_).ends_with("at-trace (a.cpp:10)\n"));
 
   const char* names[] = {"OFF  ", "FATAL", "ERROR", "WARN ", "INFO ", "DEBUG", "TRACE"};
   const char* colours[] = {"\x1b[94m", "\x1b[36m", "\x1b[31m", "\x1b[33m", "\x1b[32m", "\x1b[35m", "\x1b[34m"};
@@ -69,9 +60,8 @@ TEST_F(LogTest, ScreenAndFileLinesHaveTheirFormats) {
   ::testing::internal::CaptureStderr();
   const int line = __LINE__ + 1;
   log_debug("hello %s", "world");
-  EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                "/opt/bin/broker:TestBody(): hello world \x1b[90m(log_test.cpp:" + std::to_string(line) + ")"),
-            std::string::npos);
+  EXPECT_LOGGED(::testing::internal::GetCapturedStderr(),
+      "/opt/bin/broker:TestBody(): hello world \x1b[90m(log_test.cpp:" + std::to_string(line) + ")");
 }
 
 // Where one line goes, by threshold, screen trace, quiet mode and file.
@@ -104,7 +94,7 @@ TEST_F(LogTest, ThresholdsScreenTraceQuietAndFileDecideWhereALineGoes) {
     log_set_filename(c.file ? path_.c_str() : nullptr);
     log_set_quiet(c.quiet);
     EXPECT_EQ(screen_of(c.level, "the-line").find("the-line") != std::string::npos, c.on_screen);
-    EXPECT_EQ(qmtest::read_file(path_).find("the-line") != std::string::npos, c.in_file);
+    EXPECT_EQ(read_file(path_).find("the-line") != std::string::npos, c.in_file);
   }
 }
 
@@ -119,7 +109,7 @@ TEST_F(LogTest, FileProblemsDropTheLine) {
   log_set_lock([](void*, int lock) { return lock ? -1 : 0; });
   EXPECT_EQ(screen_of(QMLOG_INFO),
             "quillmere Anti-Virus: Debug-trace semaphore timeout. Trace line was possibly lost!\r\n");
-  EXPECT_EQ(qmtest::read_file(path_), "");
+  EXPECT_EQ(read_file(path_), "");
 }
 
 // Rotation happens before the line is appended, once the file has reached the threshold.
@@ -129,22 +119,22 @@ TEST_F(LogTest, RotationRenamesAtExactlyTheThresholdAndKeepsOneGeneration) {
   log_set_quiet(1);
   log_set_maxsize(1);
   log_log(QMLOG_INFO, "f", "x.cpp", 1, "first");  // a missing file is created
-  EXPECT_NE(qmtest::read_file(path_).find("first"), std::string::npos);
+  EXPECT_NE(read_file(path_).find("first"), std::string::npos);
 
-  qmtest::write_file(path_, std::string(1048575, 'a'));
+  write_file(path_, std::string(1048575, 'a'));
   log_log(QMLOG_INFO, "f", "x.cpp", 1, "below");
   EXPECT_FALSE(fs::exists(path_ + ".1"));
 
-  qmtest::write_file(path_, std::string(1048576, 'b'));
+  write_file(path_, std::string(1048576, 'b'));
   log_log(QMLOG_INFO, "f", "x.cpp", 1, "after-rotation");
   EXPECT_EQ(fs::file_size(path_ + ".1"), 1048576u);
-  const std::string fresh = qmtest::read_file(path_);
+  const std::string fresh = read_file(path_);
   EXPECT_NE(fresh.find("after-rotation"), std::string::npos);
   EXPECT_LT(fresh.size(), 200u);
 
-  qmtest::write_file(path_, std::string(1048576, 'c'));
+  write_file(path_, std::string(1048576, 'c'));
   log_log(QMLOG_INFO, "f", "x.cpp", 1, "second");
-  EXPECT_EQ(qmtest::read_file(path_ + ".1"), std::string(1048576, 'c'));  // the older .1 is replaced
+  EXPECT_EQ(read_file(path_ + ".1"), std::string(1048576, 'c'));  // the older .1 is replaced
 
   EXPECT_EQ(QMLogCheckLogSwitch(nullptr, 1), 0);
   EXPECT_EQ(QMLogCheckLogSwitch(path_.c_str(), 0), 0);

@@ -1,15 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <filesystem>
-#include <regex>
-#include <string>
-#include <vector>
-
-#include "nats_server_fixture.hpp"
-#include "test_support.hpp"
-
-namespace fs = std::filesystem;
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -18,16 +7,16 @@ constexpr const char* kInstallBase = "/opt/qm-av";
 // systemd-analyze checks that ExecStart names an executable, so the unit is checked as
 // installed below a temporary base with the broker in place; no running systemd needed.
 TEST(ServiceUnit, PassesSystemdVerification) {
-  qmtest::TempDir tmp;
+  TempDir tmp;
   const std::string base = tmp.file("qm-av");
   fs::create_directories(base + "/qm-av-broker/latest/bin");
-  fs::create_symlink(qmtest::broker_binary(), base + "/qm-av-broker/latest/bin/qm-av-broker");
-  const std::string unit = qmtest::read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-broker.service");
+  fs::create_symlink(broker_binary(), base + "/qm-av-broker/latest/bin/qm-av-broker");
+  const std::string unit = read_file(std::string(QM_SOURCE_DIR) + "/packaging/qm-av-broker.service");
   ASSERT_NE(unit.find(std::string("ExecStart=") + kInstallBase + "/qm-av-broker/latest/bin/qm-av-broker"),
             std::string::npos);
-  qmtest::write_file(tmp.file("qm-av-broker.service"), std::regex_replace(unit, std::regex(kInstallBase), base));
+  write_file(tmp.file("qm-av-broker.service"), std::regex_replace(unit, std::regex(kInstallBase), base));
 
-  qmtest::Child verify({"/usr/bin/systemd-analyze", "verify", "--man=no", tmp.file("qm-av-broker.service")});
+  Child verify({"/usr/bin/systemd-analyze", "verify", "--man=no", tmp.file("qm-av-broker.service")});
   EXPECT_EQ(verify.wait(std::chrono::seconds(60)), 0);
   EXPECT_EQ(verify.err(), "");
 }
@@ -35,8 +24,8 @@ TEST(ServiceUnit, PassesSystemdVerification) {
 // The packaged nats-server configuration, its placeholders filled in as its header says,
 // is one nats-server accepts (the tests run its account layout; this checks the rest).
 TEST(ServiceUnit, PackagedNatsServerConfigurationIsValid) {
-  qmtest::TempDir tmp;
-  std::string conf = qmtest::read_file(std::string(QM_SOURCE_DIR) + "/packaging/nats-server.conf");
+  TempDir tmp;
+  std::string conf = read_file(std::string(QM_SOURCE_DIR) + "/packaging/nats-server.conf");
   const std::pair<const char*, std::string> fills[] = {
       {"@HOST@", "127.0.0.1"},
       {"@PORT@", "4222"},
@@ -49,19 +38,19 @@ TEST(ServiceUnit, PackagedNatsServerConfigurationIsValid) {
   for (const auto& [placeholder, value] : fills) conf = std::regex_replace(conf, std::regex(placeholder), value);
   const std::string body = conf.substr(conf.find("\nhost:"));  // the header comments name the placeholders
   EXPECT_EQ(body.find('@'), std::string::npos) << body;
-  qmtest::write_file(tmp.file("nats-server.conf"), conf);
-  qmtest::Child check({qmtest::nats_server_binary(), "-t", "-c", tmp.file("nats-server.conf")});
+  write_file(tmp.file("nats-server.conf"), conf);
+  Child check({nats_server_binary(), "-t", "-c", tmp.file("nats-server.conf")});
   EXPECT_EQ(check.wait(std::chrono::seconds(30)), 0) << check.err();
 }
 
 // The package it makes is installed and started by the end-to-end update test.
 TEST(PackageScript, RefusesBadArguments) {
-  qmtest::TempDir tmp;
+  TempDir tmp;
   for (const auto& args : std::vector<std::vector<std::string>>{
            {}, {tmp.file("out")}, {tmp.file("out"), "2025"}, {tmp.file("out"), "2025030100x"}}) {
     std::vector<std::string> argv = {"/bin/bash", std::string(QM_SOURCE_DIR) + "/scripts/package.sh"};
     argv.insert(argv.end(), args.begin(), args.end());
-    qmtest::Child script(argv, {"QM_BROKER_BINARY=" + qmtest::broker_binary()});
+    Child script(argv, {"QM_BROKER_BINARY=" + broker_binary()});
     EXPECT_NE(script.wait(std::chrono::seconds(60)), 0);
     EXPECT_NE(script.err(), "");
   }

@@ -2,9 +2,7 @@
 // the total sleep or the caller's budget would be exceeded.
 #include "qm_nats_nr_backoff.hpp"
 
-#include <gtest/gtest.h>
-
-#include "log_capture.hpp"
+#include "test_prelude.hpp"
 
 namespace {
 
@@ -17,7 +15,7 @@ qm_nats_nr_state_t fresh_state(uint32_t retries = 0, uint64_t waited_ms = 0) {
 }
 
 TEST(NatsRetryBackoff, PausesGrowWithinTheirJitterBoundsAndAreLogged) {
-  qmtest::LogCapture log;
+  LogCapture log;
   qm_nats_nr_state_t st = fresh_state();
   const struct {
     uint64_t min_ms, max_ms;
@@ -32,7 +30,7 @@ TEST(NatsRetryBackoff, PausesGrowWithinTheirJitterBoundsAndAreLogged) {
     ASSERT_EQ(qm_nats_nr_should_retry(&st, 60000, p.label), 1);
     EXPECT_GE(st.waited_ms - before, p.min_ms);
     EXPECT_LE(st.waited_ms - before, p.max_ms);
-    EXPECT_TRUE(log.contains(p.logged)) << log.text();
+    EXPECT_LOGGED(log, p.logged);
   }
   EXPECT_EQ(st.retries, 3u);
 }

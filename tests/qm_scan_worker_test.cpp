@@ -1,25 +1,17 @@
 // The demo scan worker's fixed interface, driven by plain NATS requests.
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <csignal>
-#include <string>
+#include "test_prelude.hpp"
 
 #include "gw_nats_relay_internal.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
 
-using namespace std::chrono_literals;
-using qmtest::json_member;
-using qmtest::sha256_hex;
-
 TEST(ScanWorker, AnswersWithSizeDigestAndVerdictAndStopsCleanly) {
-  qmtest::ScanEnv env;
-  qmtest::ScanWorker& worker = env.start_worker("scan");
+  ScanEnv env;
+  ScanWorker& worker = env.start_worker("scan");
   const std::string eicar = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$") + "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
   const std::string infected = "prefix " + eicar + " suffix";
-  const std::string clean = qmtest::test_payload(1000);
+  const std::string clean = test_payload(1000);
   ASSERT_EQ(kvstore_put_chunked(env.nc(), env.kv(), "infected", infected.data(), infected.size(), 0), 0);
   ASSERT_EQ(kvstore_put_chunked(env.nc(), env.kv(), "clean", clean.data(), clean.size(), 0), 0);
   const struct {
@@ -52,11 +44,11 @@ TEST(ScanWorker, RefusesAnIncompleteCommandLine) {
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"--nats-url", "nats://127.0.0.1:1"}, std::vector<std::string>{"--service", "scan"},
         std::vector<std::string>{"--nats-url", "nats://127.0.0.1:1", "--service", "scan", "--user", "u"}}) {
-    std::vector<std::string> argv = {qmtest::scan_worker_binary()};
+    std::vector<std::string> argv = {scan_worker_binary()};
     argv.insert(argv.end(), args.begin(), args.end());
-    qmtest::Child worker(argv);
+    Child worker(argv);
     EXPECT_EQ(worker.wait(10s), 1);
-    EXPECT_NE(worker.err().find("Usage:"), std::string::npos);
+    EXPECT_LOGGED(worker.err(), "Usage:");
   }
 }
 

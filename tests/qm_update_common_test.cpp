@@ -1,21 +1,8 @@
 #include "qm_update_common.hpp"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
+#include "test_prelude.hpp"
 
-#include <chrono>
-#include <filesystem>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "log_capture.hpp"
-#include "qm_handles.hpp"
-#include "test_support.hpp"
 #include "update_server_fixture.hpp"
-
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -65,7 +52,7 @@ std::vector<std::string> lock_holder(const std::string& path) {
 }
 
 bool other_can_lock(const std::string& path) {
-  return qmtest::Child({"/usr/bin/flock", "-n", path, "true"}).wait(30s) == 0;
+  return Child({"/usr/bin/flock", "-n", path, "true"}).wait(30s) == 0;
 }
 
 // The installed layout below a base directory, a private temporary directory, and a
@@ -76,8 +63,8 @@ class UpdateLayout : public ::testing::Test {
     fs::create_directories(work);
     fs::create_directories(tempdir);
     fs::create_directories(outside);
-    qmtest::write_file(outside + "/sentinel", "untouched");
-    qmtest::write_file(outside + "/evil.sh", "#!/bin/sh\ntouch " + outside + "/ran\n");
+    write_file(outside + "/sentinel", "untouched");
+    write_file(outside + "/evil.sh", "#!/bin/sh\ntouch " + outside + "/ran\n");
   }
   // Installs the package `work`/`filename` into a new version directory.
   int install(const std::string& filename) {
@@ -90,7 +77,7 @@ class UpdateLayout : public ::testing::Test {
                                   "broker", nullptr, nullptr, &limits);
   }
 
-  qmtest::TempDir tmp;
+  TempDir tmp;
   const std::string base = tmp.file("base");
   const std::string work = base + "/qm-av-broker";
   const std::string new_dir = work + "/1700000001";
@@ -138,20 +125,20 @@ TEST_F(UpdateLayout, BadPackagesFailCleanlyAndWriteNothingOutside) {
   };
   limits.max_extract_bytes = 16u << 20;
   limits.max_extract_entries = 100;
-  const auto before = qmtest::dir_entries(outside);
+  const auto before = dir_entries(outside);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const std::string pkg = work + "/" + c.filename;
     make_zip(pkg, c.entries, c.zero_bytes);
     if (c.cut != 0) fs::resize_file(pkg, c.cut < 0 ? fs::file_size(pkg) / 2 : fs::file_size(pkg) - c.cut);
-    qmtest::LogCapture log(QMLOG_TRACE);
+    LogCapture log(QMLOG_TRACE);
     EXPECT_EQ(install(c.filename), -1);
-    EXPECT_TRUE(log.contains(c.expected_log)) << log.text();
+    EXPECT_LOGGED(log, c.expected_log);
     EXPECT_FALSE(fs::exists(pkg));
     EXPECT_FALSE(fs::exists(extract_dir));
     EXPECT_FALSE(fs::exists(tempdir + "/escape"));
-    EXPECT_EQ(qmtest::dir_entries(outside), before);
-    EXPECT_EQ(qmtest::read_file(outside + "/sentinel"), "untouched");
+    EXPECT_EQ(dir_entries(outside), before);
+    EXPECT_EQ(read_file(outside + "/sentinel"), "untouched");
     fs::remove_all(new_dir);
   }
 }
@@ -162,7 +149,7 @@ TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
     fs::create_directories(work + "/" + d);
   fs::create_symlink(work + "/gone", work + "/1700000009");  // dangling links are no obstacle
   EXPECT_EQ(clean_old_versions(work.c_str(), (work + "/latest").c_str(), 0), -1);  // no link: nothing removed
-  EXPECT_EQ(qmtest::dir_entries(work).size(), 6u);
+  EXPECT_EQ(dir_entries(work).size(), 6u);
   EXPECT_EQ(get_curr_ver((work + "/latest").c_str(), "bin"), QM_UPDATE_FALLBACK_VERSION);
 
   fs::create_symlink(work + "/1700000001/", work + "/latest");
@@ -171,7 +158,7 @@ TEST_F(UpdateLayout, PruningKeepsTheNewestVersionDirectoriesAndTheActiveOne) {
   EXPECT_EQ(clean_old_versions("qm-av-broker", "qm-av-broker/latest", 1), 0);
   EXPECT_EQ(fs::current_path(), base);
   fs::current_path(cwd);
-  EXPECT_EQ(qmtest::dir_entries(work),
+  EXPECT_EQ(dir_entries(work),
             (std::set<std::string>{"1700000001", "1700000003", "abc", "17000000001", "latest", "1700000009"}));
 }
 
@@ -182,8 +169,8 @@ TEST_F(UpdateLayout, HostAndClusterLocks) {
   const std::string path = base + "/.update.lock";
   qm::c_ptr<qm_update_lockfile_t, qm_update_lockfile_destroy> lock(qm_update_lockfile_new(path.c_str()));
   {
-    qmtest::Child holder(lock_holder(path));
-    ASSERT_TRUE(qmtest::wait_until([&] { return holder.out() == "locked\n"; }, 30s));
+    Child holder(lock_holder(path));
+    ASSERT_TRUE(wait_until([&] { return holder.out() == "locked\n"; }, 30s));
     EXPECT_EQ(lock_check_create(lock.get()), 0);
   }
   ASSERT_EQ(lock_check_create(lock.get()), 1);
@@ -191,27 +178,27 @@ TEST_F(UpdateLayout, HostAndClusterLocks) {
   EXPECT_EQ(lock_release(lock.get()), 0);
   EXPECT_TRUE(other_can_lock(path));
   ASSERT_EQ(lock_check_create(lock.get()), 1);
-  qmtest::Child bystander({"/bin/sleep", "600"});
+  Child bystander({"/bin/sleep", "600"});
   const std::string cmdline = "/proc/" + std::to_string(bystander.pid()) + "/cmdline";
   // Exec'd: the fork's copy of the descriptors is gone, an inherited one would stay.
-  ASSERT_TRUE(qmtest::wait_until([&] { return qmtest::read_file(cmdline).starts_with("/bin/sleep"); }, 30s));
+  ASSERT_TRUE(wait_until([&] { return read_file(cmdline).starts_with("/bin/sleep"); }, 30s));
   lock.reset();
   EXPECT_TRUE(other_can_lock(path));
 
   lock.reset(qm_update_cluster_lock_new(base.c_str(), "qm-av-broker"));
   EXPECT_EQ(std::string(qm_update_lockfile_path(lock.get())), base + "/config/.qm-av-broker_update.lck");
-  qmtest::write_file(base + "/config", "not a directory");
-  qmtest::LogCapture log(QMLOG_INFO);
+  write_file(base + "/config", "not a directory");
+  LogCapture log(QMLOG_INFO);
   EXPECT_TRUE(qm_update_cluster_lock_acquire(lock.get(), "qm-av-broker"));
   EXPECT_FALSE(qm_update_cluster_lock_is_held(lock.get()));
-  EXPECT_TRUE(log.contains("proceeding without cluster-wide serialisation"));
+  EXPECT_LOGGED(log, "proceeding without cluster-wide serialisation");
   fs::remove(base + "/config");
   fs::create_directories(base + "/config");
   {
-    qmtest::Child other_node(lock_holder(qm_update_lockfile_path(lock.get())));
-    ASSERT_TRUE(qmtest::wait_until([&] { return other_node.out() == "locked\n"; }, 30s));
+    Child other_node(lock_holder(qm_update_lockfile_path(lock.get())));
+    ASSERT_TRUE(wait_until([&] { return other_node.out() == "locked\n"; }, 30s));
     EXPECT_FALSE(qm_update_cluster_lock_acquire(lock.get(), "qm-av-broker"));
-    EXPECT_TRUE(log.contains("Another cluster node is updating qm-av-broker \u2014 skipping this check cycle"));
+    EXPECT_LOGGED(log, "Another cluster node is updating qm-av-broker \u2014 skipping this check cycle");
   }
   ASSERT_TRUE(qm_update_cluster_lock_acquire(lock.get(), "qm-av-broker"));
   EXPECT_TRUE(qm_update_cluster_lock_is_held(lock.get()));
@@ -222,7 +209,7 @@ TEST_F(UpdateLayout, HostAndClusterLocks) {
 // ---- download against a local update server (the redirect to the package, a stop
 // during a stalled transfer: see the end-to-end update tests) ----------------------------
 
-int download(const qmtest::UpdateServer& server, qm_update_config_t cfg, const std::string& dir) {
+int download(const UpdateServer& server, qm_update_config_t cfg, const std::string& dir) {
   cfg.update_server = server.base_url();
   qm_upd_pkg_info_t info;
   pkg_info_init(&info);
@@ -238,27 +225,27 @@ TEST_F(UpdateLayout, DownloadAnswersThatAreNotAVerifiedPackageLeaveNothingBehind
       {R"({"body": "pkg", "md5": "omit"})", -1, "Digests don't match"},
       {R"({"body": "pkg", "length": "omit"})", -1, "Inconsistent file size. From header: 0 / Downloaded: 100007"},
   };
-  qmtest::UpdateServer server;
+  UpdateServer server;
   server.add_file("pkg", std::string(100000, 'p') + "package");
   for (const auto& [answer, result, expected_log] : cases) {
     SCOPED_TRACE(answer);
     server.plan(std::string(R"({"/v1/update": )") + answer + "}");
-    qmtest::LogCapture log(QMLOG_TRACE);
+    LogCapture log(QMLOG_TRACE);
     EXPECT_EQ(download(server, {}, work), result);
-    EXPECT_TRUE(log.contains(expected_log)) << log.text();
+    EXPECT_LOGGED(log, expected_log);
     EXPECT_TRUE(fs::is_empty(work));
   }
 }
 
 TEST_F(UpdateLayout, DownloadOverHttpsTrustsOnlyTheConfiguredAuthorityUnlessCheckingIsOff) {
-  qmtest::UpdateServer server(true);
+  UpdateServer server(true);
   server.add_file("pkg", "package");
   server.plan(R"({"/v1/update": {"body": "pkg"}})");
   qm_update_config_t cfg;
   {
-    qmtest::LogCapture log(QMLOG_ERROR);
+    LogCapture log(QMLOG_ERROR);
     EXPECT_EQ(download(server, cfg, work), -1);  // the test's CA is not among the system's
-    EXPECT_TRUE(log.contains("Error requesting update: "));
+    EXPECT_LOGGED(log, "Error requesting update: ");
   }
   cfg.update_ca_file = server.ca_file();
   EXPECT_EQ(download(server, cfg, work), 1);

@@ -1,41 +1,16 @@
 #include "qmhlp_network.hpp"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <string>
-#include <vector>
-
-#include "log.hpp"
-#include "log_capture.hpp"
-#include "qm_handles.hpp"
-#include "test_support.hpp"
+#include "test_prelude.hpp"
 
 namespace {
-
-// A connection attempt to 127.0.0.1:port that does not wait for its outcome.
-qm::unique_fd connect_without_waiting(int port) {
-  qm::unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  (void)connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  return fd;
-}
 
 // Every outcome but the time-out: the error text names the peer, and a failed connection
 // logs the port as given and the caller's previous text.
 TEST(CheckConnect, AnswersOpenRefusedAndUnusablePeers) {
-  const qmtest::ReservedPort listener;
+  const ReservedPort listener;
   listener.listen(8);
   const std::string open = std::to_string(listener.port());
-  const qmtest::ReservedPort nobody;  // bound, never listening: refused
+  const ReservedPort nobody;  // bound, never listening: refused
   const std::string refused = std::to_string(nobody.port());
   const struct {
     const char* host;
@@ -54,13 +29,12 @@ TEST(CheckConnect, AnswersOpenRefusedAndUnusablePeers) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.host ? c.host : "NULL") << ":" << (c.port ? c.port : "NULL"));
-    qmtest::LogCapture log(QMLOG_WARN);
+    LogCapture log(QMLOG_WARN);
     char error[QMHLP_ERROR_BUFFER_SIZE] = "caller-text";
     EXPECT_EQ(qmhlp_CheckConnect(c.host, c.port, error), c.rc);
     EXPECT_EQ(std::string(error), c.error);
     if (c.rc == -2) {
-      EXPECT_TRUE(log.contains(std::string("Failed to connect to ") + c.host + ":" + c.port + ": caller-text"))
-          << log.text();
+      EXPECT_LOGGED(log, std::string("Failed to connect to ") + c.host + ":" + c.port + ": caller-text");
     }
   }
   EXPECT_EQ(qmhlp_CheckConnect("127.0.0.1", nullptr, nullptr), -1);
@@ -69,13 +43,13 @@ TEST(CheckConnect, AnswersOpenRefusedAndUnusablePeers) {
 // A listener whose accept queue is full drops further SYNs, so a connect to it hangs:
 // the closest thing to a silent host on loopback.
 TEST(CheckConnect, SilentPeerTimesOutAfterThreeSeconds) {
-  const qmtest::ReservedPort listener;
+  const ReservedPort listener;
   listener.listen(0);
   const int port = listener.port();
   std::vector<qm::unique_fd> fillers;
-  for (int i = 0; i < 4; ++i) fillers.push_back(connect_without_waiting(port));
+  for (int i = 0; i < 4; ++i) fillers.emplace_back(connect_loopback(port, false));
   // Check that a further connect really hangs before asserting on the helper.
-  const qm::unique_fd probe = connect_without_waiting(port);
+  const qm::unique_fd probe(connect_loopback(port, false));
   pollfd writable{probe.get(), POLLOUT, 0};
   if (poll(&writable, 1, 300) != 0) {
     GTEST_SKIP() << "this kernel answers connects beyond a full accept queue; no silent peer on loopback";

@@ -1,16 +1,7 @@
-#include <gtest/gtest.h>
+#include "test_prelude.hpp"
 #include <stdlib.h>
-#include <sys/stat.h>
 
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "log_capture.hpp"
 #include "qmhlp-path-file-operations.hpp"
-#include "test_support.hpp"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -46,18 +37,18 @@ TEST(ExpandPath, VariablesAndLiterals) {
   for (const auto& [in, out] : cases) EXPECT_EQ(qmhlp_expand_path(in.c_str()), out) << in;
   EXPECT_EQ(qmhlp_expand_path(nullptr), std::nullopt);
 
-  qmtest::LogCapture log(QMLOG_ERROR);
+  LogCapture log(QMLOG_ERROR);
   qmhlp_expand_path("$QM_T_UNSET/x");
-  EXPECT_TRUE(log.contains("Cannot expand path \"$QM_T_UNSET/x\": environment variable \"QM_T_UNSET\" is not set"));
+  EXPECT_LOGGED(log, "Cannot expand path \"$QM_T_UNSET/x\": environment variable \"QM_T_UNSET\" is not set");
 }
 
 TEST(CopyDirRecursive, CreatesTheDestinationKeepsModesFollowsLinksAndRestoresTheDirectory) {
-  qmtest::TempDir tmp;
+  TempDir tmp;
   const std::string src = tmp.file("src");
   fs::create_directories(src + "/sub/deeper");
-  qmtest::write_file(src + "/run", "#!/bin/sh\n");
+  write_file(src + "/run", "#!/bin/sh\n");
   chmod((src + "/run").c_str(), 0750);
-  qmtest::write_file(src + "/sub/deeper/data", "data");
+  write_file(src + "/sub/deeper/data", "data");
   chmod((src + "/sub/deeper/data").c_str(), 0600);
   fs::create_symlink(src + "/run", src + "/sub/alias");
   const std::string cwd = fs::current_path();
@@ -71,16 +62,16 @@ TEST(CopyDirRecursive, CreatesTheDestinationKeepsModesFollowsLinksAndRestoresThe
   EXPECT_EQ(mode_of(dst + "/sub"), 0755u);
   EXPECT_EQ(mode_of(dst + "/run"), 0750u);
   EXPECT_EQ(mode_of(dst + "/sub/deeper/data"), 0600u);
-  EXPECT_EQ(qmtest::read_file(dst + "/sub/deeper/data"), "data");
+  EXPECT_EQ(read_file(dst + "/sub/deeper/data"), "data");
   EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dst + "/sub/alias")));
-  EXPECT_EQ(qmtest::read_file(dst + "/sub/alias"), "#!/bin/sh\n");
+  EXPECT_EQ(read_file(dst + "/sub/alias"), "#!/bin/sh\n");
 
   fs::create_directory_symlink(src, src + "/sub/loop");
-  qmtest::LogCapture log(QMLOG_ERROR);
+  LogCapture log(QMLOG_ERROR);
   EXPECT_EQ(copy_dir_recursive(src.c_str(), tmp.file("dst2").c_str()), -1);
-  EXPECT_TRUE(log.contains("lies inside itself"));
+  EXPECT_LOGGED(log, "lies inside itself");
   EXPECT_EQ(copy_dir_recursive(tmp.file("missing").c_str(), dst.c_str()), -1);
-  EXPECT_TRUE(log.contains("Failed to open source dir"));
+  EXPECT_LOGGED(log, "Failed to open source dir");
 }
 
 }  // namespace

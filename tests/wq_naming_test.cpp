@@ -1,8 +1,6 @@
 // Work-queue names derived from a service name, truncated to the caller's buffer. Plain
 // names reach a real server in broker_kv_bootstrap_test.
-#include <gtest/gtest.h>
-
-#include <string>
+#include "test_prelude.hpp"
 
 #include "broker_kv_bootstrap.hpp"
 

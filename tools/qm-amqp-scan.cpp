@@ -10,36 +10,17 @@
 #include <getopt.h>
 #include <unistd.h>
 
-#include <proton/connection.hpp>
-#include <proton/connection_options.hpp>
-#include <proton/container.hpp>
-#include <proton/delivery.hpp>
-#include <proton/error_condition.hpp>
-#include <proton/message.hpp>
-#include <proton/codec/vector.hpp>
-#include <proton/message_id.hpp>
-#include <proton/messaging_handler.hpp>
-#include <proton/receiver.hpp>
-#include <proton/receiver_options.hpp>
-#include <proton/sender.hpp>
-#include <proton/source.hpp>
-#include <proton/source_options.hpp>
-#include <proton/ssl.hpp>
-#include <proton/tracker.hpp>
-#include <proton/transport.hpp>
-
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <iterator>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "qm_amqp_client.hpp"
 
 namespace {
 
@@ -90,103 +71,6 @@ int s_parse(int argc, char** argv, scan_options& opts) {
   return opts.user.empty() || opts.service.empty() || optind != argc || opts.timeout_ms < 1 ? 2 : 0;
 }
 
-class scan_client : public proton::messaging_handler {
- public:
-  scan_client(const scan_options& opts, std::string payload) : opts_(opts), payload_(std::move(payload)) {}
-
-  int exit_code() const { return replied_ ? 0 : 1; }
-
-  void on_container_start(proton::container& c) override {
-    proton::connection_options conn;
-    conn.user(opts_.user).password(opts_.password).sasl_allowed_mechs("PLAIN").sasl_allow_insecure_mechs(true);
-    if (!opts_.ca_file.empty()) conn.ssl_client_options(proton::ssl_client_options(opts_.ca_file));
-    connection_ = c.connect(opts_.url, conn);
-  }
-
-  void on_connection_open(proton::connection& c) override {
-    proton::source_options dynamic;
-    dynamic.dynamic(true);
-    c.open_receiver("", proton::receiver_options().source(dynamic));
-  }
-
-  // The gateway has named the reply node: now the request can say where to answer.
-  void on_receiver_open(proton::receiver& r) override {
-    reply_to_ = r.source().address();
-    r.connection().open_sender(opts_.service);
-  }
-
-  void on_sendable(proton::sender& s) override {
-    if (sent_) return;
-    proton::message request;
-    request.id(proton::message_id("qm-amqp-scan-" + std::to_string(getpid())));
-    request.reply_to(reply_to_);
-    std::vector<proton::value> body{proton::value(opts_.request)};
-    if (opts_.file) body.emplace_back(proton::binary(payload_.begin(), payload_.end()));
-    request.body(body);
-    s.send(request);
-    sent_ = true;
-  }
-
-  void on_tracker_reject(proton::tracker&) override { fail("the gateway rejected the request"); }
-
-  void on_message(proton::delivery&, proton::message& reply) override {
-    std::vector<std::string> parts;
-    try {
-      proton::get(reply.body(), parts);
-    } catch (const proton::error&) {
-      parts.clear();
-    }
-    if (parts.empty()) {
-      fail("reply without a JSON body");
-      return;
-    }
-    std::cout << parts[0] << "\n";
-    if (parts.size() > 1) std::cerr << "qm-amqp-scan: the reply carries " << parts[1].size() << " bytes of data\n";
-    replied_ = true;
-    connection_.close();
-  }
-
-  void on_transport_error(proton::transport& t) override { report(t.error().what()); }
-  void on_transport_close(proton::transport&) override {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      ended_ = true;
-    }
-    cv_.notify_all();
-  }
-
-  // Waits until the connection has ended; false on time-out. (A timer of the container
-  // would keep it running until it fires, even after the connection is gone.)
-  bool wait_ended(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mu_);
-    return cv_.wait_for(lock, timeout, [this] { return ended_; });
-  }
-  void on_connection_error(proton::connection& c) override { report(c.error().what()); }
-
- private:
-  void report(const std::string& why) {
-    if (!replied_ && !failed_) std::cerr << "qm-amqp-scan: " << why << "\n";
-    failed_ = true;
-  }
-
-  void fail(const std::string& why) {
-    if (replied_) return;
-    report(why);
-    if (connection_.active()) connection_.close();
-  }
-
-  const scan_options& opts_;
-  std::string payload_;
-  proton::connection connection_;
-  std::string reply_to_;
-  bool sent_ = false;
-  bool replied_ = false;
-  bool failed_ = false;
-  std::mutex mu_;
-  std::condition_variable cv_;
-  bool ended_ = false;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -204,19 +88,34 @@ int main(int argc, char** argv) {
     }
     payload.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
-  scan_client client(opts, std::move(payload));
-  proton::container container(client);
-  std::thread runner([&] {
-    try {
-      container.run();
-    } catch (const std::exception& e) {
-      fprintf(stderr, "qm-amqp-scan: %s\n", e.what());
-    }
-  });
-  if (!client.wait_ended(std::chrono::milliseconds(opts.timeout_ms))) {
-    fprintf(stderr, "qm-amqp-scan: no reply within %d ms\n", opts.timeout_ms);
-    container.stop();
+  using namespace std::chrono;
+  const auto deadline = steady_clock::now() + milliseconds(opts.timeout_ms);
+  const auto left = [&] { return std::max(milliseconds(1), duration_cast<milliseconds>(deadline - steady_clock::now())); };
+  qm_amqp::AmqpClient client(opts.url, {opts.user, opts.password, "PLAIN", true, opts.ca_file}, left());
+  const std::string reply_to = client.is_open() ? client.open_receiver() : "";
+  const int sender = reply_to.empty() ? -1 : client.open_sender(opts.service);
+  if (sender < 0) {
+    fprintf(stderr, "qm-amqp-scan: %s\n", client.error().empty() ? "cannot open the links" : client.error().c_str());
+    return 1;
   }
-  runner.join();
-  return client.exit_code();
+  const std::string id = "qm-amqp-scan-" + std::to_string(getpid());
+  const int ticket = client.send(sender, qm_amqp::scan_request("", opts.request, opts.file ? &payload : nullptr,
+                                                                reply_to, proton::message_id(id)));
+  if (client.outcome(ticket, left()) == qm_amqp::Outcome::rejected) {
+    fprintf(stderr, "qm-amqp-scan: the gateway rejected the request\n");
+    return 1;
+  }
+  const auto reply = client.receive(left());
+  if (!reply) {
+    fprintf(stderr, "qm-amqp-scan: no reply within %d ms\n", opts.timeout_ms);
+    return 1;
+  }
+  const std::vector<std::string> parts = qm_amqp::reply_parts(*reply);
+  if (parts.empty()) {
+    fprintf(stderr, "qm-amqp-scan: reply without a JSON body\n");
+    return 1;
+  }
+  printf("%s\n", parts[0].c_str());
+  if (parts.size() > 1) fprintf(stderr, "qm-amqp-scan: the reply carries %zu bytes of data\n", parts[1].size());
+  return 0;
 }

@@ -243,14 +243,4 @@ std::string raw_login(const std::string& url, const std::string& connect_json, i
   return answer;
 }
 
-std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms) {
-  natsMsg* reply = nullptr;
-  if (natsConnection_Request(&reply, conn, subject.c_str(), body.data(), static_cast<int>(body.size()), timeout_ms) !=
-      NATS_OK)
-    return "";
-  std::string answer(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
-  natsMsg_Destroy(reply);
-  return answer;
-}
-
 }  // namespace qmtest

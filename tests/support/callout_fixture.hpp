@@ -123,8 +123,6 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
 // when nothing came within timeout_ms.
 std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms = 5000);
 
-// One request on subject through conn; the raw answer, "" on time-out.
-std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms = 5000);
 // One request on qm.auth.verify through conn; the raw JSON answer, "" on time-out.
 inline std::string verify_request(natsConnection* conn, const std::string& body, int timeout_ms = 5000) {
   return request(conn, "qm.auth.verify", body, timeout_ms);

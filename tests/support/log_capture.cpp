@@ -35,4 +35,17 @@ bool LogCapture::wait_for(const std::string& needle, std::chrono::milliseconds t
 
 void LogCapture::clear() { write_file(path_, ""); }
 
+::testing::AssertionResult assert_logged(const char* log_expr, const char*, const std::string& text,
+                                         const std::string& needle) {
+  if (text.find(needle) != std::string::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "not in " << log_expr << ": " << needle << "\n--- " << log_expr << ":\n"
+                                       << text;
+}
+
+::testing::AssertionResult assert_not_logged(const char* log_expr, const char*, const std::string& text,
+                                             const std::string& needle) {
+  if (text.find(needle) == std::string::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "unexpectedly in " << log_expr << ": " << needle;
+}
+
 }  // namespace qmtest

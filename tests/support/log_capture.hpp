@@ -2,6 +2,8 @@
 // a test can read exactly what a module logged. One at a time per process.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <string>
 
@@ -33,4 +35,20 @@ class LogCapture {
   std::string path_;
 };
 
+// The text a log assertion reads: a capture's, or a child's output as it is.
+inline std::string log_text(const LogCapture& capture) { return capture.text(); }
+inline const std::string& log_text(const std::string& text) { return text; }
+::testing::AssertionResult assert_logged(const char* log_expr, const char* needle_expr, const std::string& text,
+                                         const std::string& needle);
+::testing::AssertionResult assert_not_logged(const char* log_expr, const char* needle_expr, const std::string& text,
+                                             const std::string& needle);
+
 }  // namespace qmtest
+
+// A log line that is the behaviour under test: `needle` occurs in `log` (a LogCapture or
+// a string); on failure the whole log is shown.
+#define EXPECT_LOGGED(log, needle) EXPECT_PRED_FORMAT2(::qmtest::assert_logged, ::qmtest::log_text(log), needle)
+#define ASSERT_LOGGED(log, needle) ASSERT_PRED_FORMAT2(::qmtest::assert_logged, ::qmtest::log_text(log), needle)
+// A text that must never appear (a secret, a step that must not happen).
+#define EXPECT_NOT_LOGGED(log, needle) \
+  EXPECT_PRED_FORMAT2(::qmtest::assert_not_logged, ::qmtest::log_text(log), needle)

@@ -90,4 +90,13 @@ void NatsServer::stop() {
   child_.reset();  // reaps; kills what is left
 }
 
+std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms) {
+  natsMsg* reply = nullptr;
+  if (natsConnection_Request(&reply, conn, subject.c_str(), body.data(), static_cast<int>(body.size()), timeout_ms) !=
+      NATS_OK)
+    return "";
+  const qm::nats_msg_ptr owned(reply);
+  return std::string(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
+}
+
 }  // namespace qmtest

@@ -3,6 +3,7 @@
 // is always stopped (SIGTERM, then SIGKILL) when the object goes away.
 #pragma once
 
+#include <nats/nats.h>
 #include <sys/types.h>
 
 #include <memory>
@@ -58,6 +59,9 @@ class NatsServer {
   std::string log_path_;
   std::unique_ptr<Child> child_;
 };
+
+// One request on subject through conn; the raw answer, "" on time-out.
+std::string request(natsConnection* conn, const std::string& subject, const std::string& body, int timeout_ms = 5000);
 
 // True when a NATS client can connect to url within timeout_ms.
 bool nats_accepts_connections(const std::string& url, int timeout_ms = 250);

@@ -113,13 +113,7 @@ std::vector<std::string> scan_data_keys(natsConnection* nc) {
 }
 
 std::string ScanEnv::js_api(const std::string& subject, const std::string& body) {
-  natsMsg* raw = nullptr;
-  if (natsConnection_Request(&raw, nc_.get(), subject.c_str(), body.data(), static_cast<int>(body.size()), 5000) !=
-      NATS_OK) {
-    return "";
-  }
-  qm::nats_msg_ptr reply(raw);
-  return std::string(natsMsg_GetData(raw), static_cast<size_t>(natsMsg_GetDataLength(raw)));
+  return request(nc_.get(), subject, body);
 }
 
 namespace {

@@ -56,6 +56,19 @@ ReservedPort::ReservedPort() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0
 
 ReservedPort::~ReservedPort() { close(fd_); }
 
+int connect_loopback(int port, bool wait) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (wait ? 0 : SOCK_NONBLOCK), 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 && wait) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 void ReservedPort::listen(int backlog) const {
   if (::listen(fd_, backlog) != 0) throw std::runtime_error("cannot listen on port " + std::to_string(port_));
 }

@@ -35,6 +35,10 @@ class TempDir {
 // (port 0, nats-server's -1) and read the port back, or hold a ReservedPort instead.
 int free_port();
 
+// A TCP connection to 127.0.0.1:port (close-on-exec), or -1 when connect fails. With
+// `wait` false the attempt is started and the descriptor returned without its outcome.
+int connect_loopback(int port, bool wait = true);
+
 // A port on 127.0.0.1 held for the object's lifetime by a bound socket that does not
 // listen: connections to it are refused, and neither free_port() nor an outgoing
 // connection anywhere on the machine can be given it. A server that binds with

@@ -1,4 +1,4 @@
-#include "amqp_client.hpp"
+#include "qm_amqp_client.hpp"
 
 #include <proton/connection.hpp>
 #include <proton/connection_options.hpp>
@@ -28,13 +28,13 @@
 #include <mutex>
 #include <vector>
 
-namespace qmtest {
+namespace qm_amqp {
 
 // Lives on the container's thread; the public calls reach it through the container's
 // work queue and wait on its condition variable.
 class AmqpClient::Handler : public proton::messaging_handler {
  public:
-  Handler(int port, AmqpLogin login) : login_(std::move(login)), port_(port), container_(*this) {}
+  Handler(std::string url, AmqpLogin login) : login_(std::move(login)), url_(std::move(url)), container_(*this) {}
 
   proton::container& container() { return container_; }
 
@@ -65,9 +65,9 @@ class AmqpClient::Handler : public proton::messaging_handler {
     proton::connection_options opts;
     opts.sasl_enabled(login_.sasl).sasl_allow_insecure_mechs(true).sasl_allowed_mechs(login_.mechanisms);
     if (!login_.user.empty()) opts.user(login_.user).password(login_.password);
-    const bool tls = !login_.ca_file.empty();
-    if (tls) opts.ssl_client_options(proton::ssl_client_options(login_.ca_file, proton::ssl::VERIFY_PEER_NAME));
-    c.connect(std::string(tls ? "amqps" : "amqp") + "://127.0.0.1:" + std::to_string(port_), opts);
+    if (!login_.ca_file.empty())
+      opts.ssl_client_options(proton::ssl_client_options(login_.ca_file, proton::ssl::VERIFY_PEER_NAME));
+    c.connect(url_, opts);
   }
 
   void on_connection_open(proton::connection& c) override {
@@ -209,7 +209,7 @@ class AmqpClient::Handler : public proton::messaging_handler {
   }
 
   AmqpLogin login_;
-  int port_;
+  std::string url_;
   proton::container container_;
   proton::work_queue* work_ = nullptr;
   proton::connection connection_;
@@ -220,7 +220,11 @@ class AmqpClient::Handler : public proton::messaging_handler {
 };
 
 AmqpClient::AmqpClient(int port, AmqpLogin login, std::chrono::milliseconds timeout)
-    : handler_(std::make_unique<Handler>(port, std::move(login))) {
+    : AmqpClient(std::string(login.ca_file.empty() ? "amqp" : "amqps") + "://127.0.0.1:" + std::to_string(port),
+                 login, timeout) {}
+
+AmqpClient::AmqpClient(const std::string& url, AmqpLogin login, std::chrono::milliseconds timeout)
+    : handler_(std::make_unique<Handler>(url, std::move(login))) {
   thread_ = std::thread([this] { handler_->container().run(); });
   handler_->wait(timeout, [this] { return handler_->open_ || handler_->closed_; });
 }
@@ -326,14 +330,19 @@ proton::message scan_request(const std::string& to, const std::string& json, con
   return msg;
 }
 
-std::string reply_json(const proton::message& reply) {
+std::vector<std::string> reply_parts(const proton::message& reply) {
   std::vector<std::string> parts;
   try {
     proton::get(reply.body(), parts);
   } catch (const proton::error&) {
-    return "";
+    parts.clear();
   }
+  return parts;
+}
+
+std::string reply_json(const proton::message& reply) {
+  const std::vector<std::string> parts = reply_parts(reply);
   return parts.empty() ? "" : parts.front();
 }
 
-}  // namespace qmtest
+}  // namespace qm_amqp
