@@ -1317,6 +1317,25 @@ unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay) {
   return relay != nullptr ? static_cast<unsigned long>(relay->relay_timeout_ms) : 0;
 }
 
+namespace {
+
+// The outputs cleared, then whether a request may go out at all: its arguments present and
+// its subject one the relay may publish to (a refusal is logged).
+bool s_request_admissible(const gw_nats_relay_t* relay, const char* subject, const char* request_json,
+                          char** reply_json, char** reply_data, size_t* reply_data_len) {
+  if (reply_json != nullptr) *reply_json = nullptr;
+  if (reply_data != nullptr) *reply_data = nullptr;
+  if (reply_data_len != nullptr) *reply_data_len = 0;
+  if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return false;
+  if (!gw_subject_is_publishable(subject)) {
+    log_warn("nats_relay: refusing to publish to invalid subject '%s'", log_safe(subject).c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const char* request_json, const char* data,
                           size_t data_len, unsigned long timeout_ms, char** reply_json, char** reply_data,
                           size_t* reply_data_len) {
@@ -1327,14 +1346,7 @@ int gw_nats_relay_request(gw_nats_relay_t* relay, const char* subject, const cha
 int gw_nats_relay_request_ex(gw_nats_relay_t* relay, const char* caller, const char* subject,
                              const char* request_json, const char* data, size_t data_len, unsigned long timeout_ms,
                              char** reply_json, char** reply_data, size_t* reply_data_len) {
-  if (reply_json != nullptr) *reply_json = nullptr;
-  if (reply_data != nullptr) *reply_data = nullptr;
-  if (reply_data_len != nullptr) *reply_data_len = 0;
-  if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
-  if (!gw_subject_is_publishable(subject)) {
-    log_warn("nats_relay: refusing to publish to invalid subject '%s'", log_safe(subject).c_str());
-    return -1;
-  }
+  if (!s_request_admissible(relay, subject, request_json, reply_json, reply_data, reply_data_len)) return -1;
   const int64_t started = broker_metrics_now();
   int rc = -1;
   try {
@@ -1413,14 +1425,7 @@ int gw_nats_relay_request_upload(gw_nats_relay_t* relay, const char* subject, co
   if (upload == nullptr || upload->size == 0)
     return gw_nats_relay_request(relay, subject, request_json, nullptr, 0, timeout_ms, reply_json, reply_data,
                                  reply_data_len);
-  if (reply_json != nullptr) *reply_json = nullptr;
-  if (reply_data != nullptr) *reply_data = nullptr;
-  if (reply_data_len != nullptr) *reply_data_len = 0;
-  if (relay == nullptr || subject == nullptr || request_json == nullptr || reply_json == nullptr) return -1;
-  if (!gw_subject_is_publishable(subject)) {
-    log_warn("nats_relay: refusing to publish to invalid subject '%s'", log_safe(subject).c_str());
-    return -1;
-  }
+  if (!s_request_admissible(relay, subject, request_json, reply_json, reply_data, reply_data_len)) return -1;
   const int64_t started = broker_metrics_now();
   int rc = -1;
   try {
