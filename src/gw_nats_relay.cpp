@@ -159,6 +159,8 @@ constexpr uint64_t kWaitMarginMs = 250;
 constexpr int64_t kMinTtlMs = 1000;
 constexpr int kStagingAttempts = 3;
 constexpr int64_t kStagingRetryPauseMs = 25;
+// How long a streamed upload's first chunk is sent again while its stream has no leader.
+constexpr int64_t kStagingElectionWaitMs = 8000;
 constexpr size_t kWqSubjectSize = 256;
 constexpr size_t kMaxSubjectLength = 255;
 // Chunks in flight per put: enough to keep the connection busy, few enough that the
@@ -240,6 +242,13 @@ std::string s_manifest_text(size_t num_chunks, size_t data_len) {
   char text[64];
   snprintf(text, sizeof text, "{\"chunks\":%d,\"size\":%zu}", static_cast<int>(num_chunks), data_len);
   return text;
+}
+
+// Whether a publish failed only because its stream cannot take writes right now: no
+// leader to answer (a lost node's stream during the election), or a cluster that says it
+// is temporarily unavailable. Worth sending again; anything else is an answer.
+bool s_stream_unavailable(natsStatus s, jsErrCode jerr) {
+  return s == NATS_NO_RESPONDERS || s == NATS_TIMEOUT || jerr == JSClusterNotAvailErr;
 }
 
 // Messages published asynchronously on a JetStream context of their own and acknowledged
@@ -610,10 +619,26 @@ struct gw_relay_upload {
     return true;
   }
 
+  // A stream whose leader went with a lost node answers nobody until the survivors have
+  // elected a new one (seconds): the first chunk is sent again until
+  // kStagingElectionWaitMs has passed, so that a node's loss does not fail every upload
+  // begun meanwhile.
   natsStatus publish_first(const std::string& subject) {
-    jsErrCode jerr = static_cast<jsErrCode>(0);
+    const int64_t deadline_ms = qm::monotonic_ms() + kStagingElectionWaitMs;
+    for (int64_t pause_ms = 50;; pause_ms = std::min<int64_t>(pause_ms * 2, 1000)) {
+      jsErrCode jerr = static_cast<jsErrCode>(0);
+      const natsStatus s = publish_first_once(subject, &jerr);
+      if (s == NATS_OK || !s_stream_unavailable(s, jerr) || qm::monotonic_ms() + pause_ms > deadline_ms) return s;
+      log_debug("nats_relay: stream of key=%s unavailable (%s); first chunk sent again in %lld ms", key.c_str(),
+                natsStatus_GetText(s), static_cast<long long>(pause_ms));
+      qm::sleep_ms(pause_ms);
+    }
+  }
+
+  natsStatus publish_first_once(const std::string& subject, jsErrCode* out_jerr) {
+    jsErrCode& jerr = *out_jerr;
     natsStatus s = publish_sync(subject, &jerr);
-    if (s != NATS_OK && jerr != 0 && !ttl.empty()) {
+    if (s != NATS_OK && jerr != 0 && !s_stream_unavailable(s, jerr) && !ttl.empty()) {
       log_warn("nats_relay: per-message TTL write for key=%s failed; falling back to bucket TTL. Ensure the KV stream "
                "has AllowMsgTTL.",
                key.c_str());
