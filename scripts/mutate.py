@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """Breaks production lines one at a time and checks that the suite notices.
 
-    mutate.py BUILD_DIR [--list scripts/mutations.txt] [--check] [NAME_SUBSTRING ...]
+    mutate.py BUILD_DIR [--list scripts/mutations.txt] [--check] [--test EXE ...] [NAME_SUBSTRING ...]
 
 For every mutation (see scripts/mutations.txt) whose name contains one of the given
-substrings (all without any): replace the fragment in its file, build the named test
+substrings (all without any), and whose test executable is one of the --test ones: replace the fragment in its file, build the named test
 target in BUILD_DIR, run it with the gtest filter, expect it to fail, and restore the
 file with `git checkout -- FILE`. Prints one table row per mutation: caught, SURVIVED,
 or a problem (fragment missing or not unique, build failed). --check only verifies that
@@ -92,9 +92,12 @@ def main():
     parser.add_argument("build_dir")
     parser.add_argument("--list", default=os.path.join(ROOT, "scripts", "mutations.txt"))
     parser.add_argument("--check", action="store_true")
+    parser.add_argument("--test", action="append", default=[], help="only mutations caught by this executable")
     parser.add_argument("names", nargs="*")
     args = parser.parse_intermixed_args()
-    records = [r for r in parse(args.list) if not args.names or any(n in r["name"] for n in args.names)]
+    records = [r for r in parse(args.list)
+               if (not args.names or any(n in r["name"] for n in args.names))
+               and (not args.test or r["test"] in args.test)]
     build_dir = os.path.abspath(args.build_dir)
     width = max((len(r["name"]) for r in records), default=8)
     print(f"{'mutation':<{width}}  {'caught by':<60}  result")
