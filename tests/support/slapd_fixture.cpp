@@ -119,7 +119,7 @@ void Slapd::write_config() const {
          << "TLSCertificateKeyFile " << dir_.file("server.key") << "\n";
   // Like many directory servers, take a name with an empty password as an anonymous bind
   // that succeeds: a client that sends one must refuse it itself.
-  conf << "allow bind_anon_cred\n"
+  conf << "allow bind_anon_dn\n"
        << "pidfile " << dir_.file("slapd.pid") << "\n"
        << "argsfile " << dir_.file("slapd.args") << "\n"
        << "modulepath /usr/lib/ldap\n"
