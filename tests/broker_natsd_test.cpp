@@ -71,6 +71,7 @@ TEST_F(NatsdTest, ExitStatusZeroIsACrashAndTheBudgetEndsSupervision) {
     at = text.find(line, at);
     ASSERT_NE(at, std::string::npos) << "missing in order: " << line << "\n" << text;
   }
+  EXPECT_EQ(log_.count("nats-server: spawned child"), 5u);  // no restart after the budget's last crash
   EXPECT_EQ(broker_natsd_pid(natsd.get()), -1);
   EXPECT_TRUE(wait_until([&] { return gave_up_ == 1; }, 30s));  // the broker shuts down from there
   broker_natsd_stop(natsd.get());  // nothing left to stop, the thread is joined
