@@ -137,6 +137,7 @@ TEST_F(NatsdTest, ChildIgnoringSigtermIsKilledAfterTheGrace) {
   ASSERT_TRUE(wait_until([&] { return sleeping(child); }, 30s));
   broker_natsd_stop(natsd.get());
   EXPECT_LOGGED(log_, "nats-server: did not exit within 300ms \u2014 sending SIGKILL");
+  EXPECT_LOGGED(log_, "nats-server: child exited via signal 9 during shutdown");
   EXPECT_FALSE(process_running(child));
 }
 
