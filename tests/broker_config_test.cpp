@@ -205,12 +205,9 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
     const char* err = "";
   } cases[] = {
       // Booleans: true, yes and 1 only, whatever the case; no trimming.
-      {{"--kv-scandata-allow-direct", "false", "--kv-scandata-allow-direct", "True"}, FIELD(kv_scandata_allow_direct),
-       "true"},
-      {{"--kv-scandata-allow-direct", "false", "--kv-scandata-allow-direct", "YES"}, FIELD(kv_scandata_allow_direct),
-       "true"},
-      {{"--kv-scandata-allow-direct", "false", "--kv-scandata-allow-direct", "1"}, FIELD(kv_scandata_allow_direct),
-       "true"},
+      {{"--http-enabled", "True"}, FIELD(gw->http_enabled), "true"},
+      {{"--http-enabled", "YES"}, FIELD(gw->http_enabled), "true"},
+      {{"--http-enabled", "1"}, FIELD(gw->http_enabled), "true"},
       {{"--kv-scandata-allow-direct", "2"}, FIELD(kv_scandata_allow_direct), "false"},
       {{"--kv-scandata-allow-direct", "on"}, FIELD(kv_scandata_allow_direct), "false"},
       {{"--kv-scandata-allow-direct", " true"}, FIELD(kv_scandata_allow_direct), "false"},
@@ -234,6 +231,7 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
       {{"--amqp-max-inflight", "-3"}, FIELD(gw->amqp_max_inflight), "1"},
       {{"--update-check-interval", "-10"}, FIELD(update_config.update_check_interval), "0"},
       {{"--update-check-interval", "1"}, FIELD(update_config.update_check_interval), "1"},
+      {{"--update-check-interval", "30s"}, FIELD(update_config.update_check_interval_seconds), "30"},
       {{"--update-drain-timeout-seconds", "-1"}, FIELD(update_drain_timeout_seconds), "0"},
       {{"--update-max-backups", "-1"}, FIELD(update_config.update_max_backups), "0"},
       // No bounds here: nonsense passes through for the subsystems to judge.

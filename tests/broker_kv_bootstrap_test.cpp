@@ -283,17 +283,17 @@ TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
   NatsServer server(NatsServerOptions{false, "", 0});
   LogCapture log;
   const int64_t started = qm::monotonic_ms();
-  EXPECT_EQ(bootstrap(server, true, nullptr, true, timing(2000, 100, 300, 700)), -1);
+  EXPECT_EQ(bootstrap(server, true, nullptr, true, timing(1000, 100, 300, 400)), -1);
   const int64_t took_ms = qm::monotonic_ms() - started;
   const std::string text = log.text();
   const size_t attempts = log.count("KV bootstrap: js_CreateKeyValue('qm-av-scan-data') failed: ");
   const size_t notes = log.count("KV bootstrap: JetStream not ready yet");
   EXPECT_GE(attempts, 2u);
-  EXPECT_LE(notes, 1 + took_ms / 700);  // throttled to one per note interval
+  EXPECT_LE(notes, 1 + took_ms / 400);  // throttled to one per note interval
   const size_t first_note = text.find("KV bootstrap: JetStream not ready yet (attempt 1) — waiting for the cluster "
-                                      "meta-group to elect a leader; retrying for up to 2s");
+                                      "meta-group to elect a leader; retrying for up to 1s");
   const size_t gave_up = text.find("KV bootstrap: 'qm-av-scan-data' still not ready after " +
-                                   std::to_string(attempts) + " attempts over 2s — giving up");
+                                   std::to_string(attempts) + " attempts over 1s — giving up");
   ASSERT_NE(first_note, std::string::npos) << text;
   ASSERT_NE(gave_up, std::string::npos) << text;
   EXPECT_LT(first_note, gave_up);
