@@ -113,7 +113,11 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
                               "--http-listen-port", "0"});
   const int admin_port = free_port();
   for (const std::string& arg : admin_args(admin_port)) options.broker_args.push_back(arg);
+  // The test's own worker, so that it can hold a request in flight.
+  options.worker = false;
+  options.broker_args.insert(options.broker_args.end(), {"--relay-timeout-ms", "120000"});
   AmqpEnv env(options);
+  ScanWorker worker(env.nats_url(), AmqpEnv::kService, false, 4, AmqpEnv::kWorkerUser, AmqpEnv::kWorkerPassword);
   ASSERT_TRUE(wait_until([&] { return update_requests(server) > 0; }, 60s)) << env.broker_log();
   EXPECT_NE(server.requests().find(std::string("/v1/update?component=") + kComponent +
                                    "&version=latest&ssl=1&have=" + kVersionA + "\n"),
@@ -163,11 +167,11 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
   EXPECT_EQ(dir_entries(layout.workdir()), (std::set<std::string>{kStampA, "latest"}));
   EXPECT_TRUE(fs::is_empty(layout.tmpdir()));
 
-  // In flight when the doors close: the worker answers after 20 s.
+  // In flight when the doors close: the worker is stopped until the drain has been seen.
+  worker.child().signal(SIGSTOP);
   const std::string payload = "in flight during the drain";
-  const int ticket =
-      open_before.client.send(open_before.sender, scan_request(AmqpEnv::kService, R"({"delay_ms": 20000})", &payload,
-                                                               open_before.reply_address, "drain-1"));
+  const int ticket = open_before.client.send(
+      open_before.sender, scan_request(AmqpEnv::kService, "{}", &payload, open_before.reply_address, "drain-1"));
   EXPECT_EQ(open_before.client.outcome(ticket, 20s), Outcome::accepted);
   const std::string package_name = fs::path(package).filename().string();
   server.add_file(package_name, read_file(package));
@@ -185,6 +189,8 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
   AmqpClient late(env.port(), env.login(), 20s);
   EXPECT_FALSE(late.is_open());
   EXPECT_TRUE(env.wait_for_log("http_frontend: stopped accepting new connections"));
+  EXPECT_NOT_LOGGED(env.broker_log(), "nothing in flight at the front doors");
+  worker.child().signal(SIGCONT);
   const auto reply = open_before.client.receive(60s);
   ASSERT_TRUE(reply.has_value());
   EXPECT_NE(reply_json(*reply).find("\"ReturnCode\":0"), std::string::npos) << reply_json(*reply);
