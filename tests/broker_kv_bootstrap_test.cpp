@@ -4,6 +4,7 @@
 
 #include "test_prelude.hpp"
 
+#include "callout_fixture.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
@@ -18,18 +19,18 @@ std::string ns(int64_t seconds) { return std::to_string(seconds * kSec); }
 // Configurations are JSON text as the server reports them ("<absent>" when there is none).
 class JsClient {
  public:
-  explicit JsClient(const std::string& url) {
-    natsConnection* nc = nullptr;
-    if (natsConnection_ConnectTo(&nc, url.c_str()) != NATS_OK) throw std::runtime_error("connect " + url);
-    nc_.reset(nc);
+  explicit JsClient(const std::string& url) : login_(nats_login(url, "", "")) {
     jsCtx* js = nullptr;
-    if (natsConnection_JetStream(&js, nc, nullptr) != NATS_OK) throw std::runtime_error("jetstream");
+    if (login_.conn == nullptr || natsConnection_JetStream(&js, login_.conn, nullptr) != NATS_OK)
+      throw std::runtime_error("JetStream client for " + url + ": " + login_.error);
     js_.reset(js);
   }
   jsCtx* js() { return js_.get(); }
 
   // The reply of a JetStream API request; "" on a time-out.
-  std::string api(const std::string& subject, const std::string& body = "") { return request(nc_.get(), subject, body); }
+  std::string api(const std::string& subject, const std::string& body = "") {
+    return request(login_.conn, subject, body);
+  }
   std::string stream(const std::string& name) { return json_member(api("$JS.API.STREAM.INFO." + name), "config"); }
   std::string consumer(const std::string& stream, const std::string& durable) {
     return json_member(api("$JS.API.CONSUMER.INFO." + stream + "." + durable), "config");
@@ -45,7 +46,7 @@ class JsClient {
   }
 
  private:
-  qm::nats_connection_ptr nc_;
+  NatsLogin login_;
   qm::js_ctx_ptr js_;
 };
 

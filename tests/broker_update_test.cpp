@@ -71,14 +71,6 @@ std::string make_package(const TempDir& out, const std::string& version, const s
   return package;
 }
 
-std::string today_manual_name() {
-  const time_t now = time(nullptr);
-  struct tm local {};
-  char date[16];
-  strftime(date, sizeof date, "%Y%m%d", localtime_r(&now, &local));
-  return std::string(kComponent) + "_" + date + "001_manual.zip";
-}
-
 size_t update_requests(const UpdateServer& server) { return LogCapture::count_in(server.requests(), "/v1/update?"); }
 
 // Version A, trusting one update key and the https update server's CA, asks and is told
@@ -160,9 +152,9 @@ TEST(UpdateEndToEnd, OnlyPackagesSignedByTheUpdateKeyAreInstalledAndTheDrainEnds
   }
   EXPECT_EQ(LogCapture::count_in(plain_http.requests(), "/files/"), 0u);
   server.plan(R"({"/v1/update": {"status": 304}})");
-  const std::string manual = layout.workdir() + "/" + today_manual_name();
+  const std::string manual = layout.workdir() + "/" + manual_package_name(kComponent);
   write_file(manual, read_file(package));  // its .sig left behind
-  ASSERT_TRUE(env.wait_for_log("Update package " + today_manual_name() + " is not signed", 60s));
+  ASSERT_TRUE(env.wait_for_log("Update package " + manual_package_name(kComponent) + " is not signed", 60s));
   EXPECT_FALSE(fs::exists(manual));
   EXPECT_EQ(dir_entries(layout.workdir()), (std::set<std::string>{kStampA, "latest"}));
   EXPECT_TRUE(fs::is_empty(layout.tmpdir()));

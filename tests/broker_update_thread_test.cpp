@@ -42,15 +42,6 @@ bool process_gone(pid_t pid) {
   return stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z');
 }
 
-// A package an operator put down by hand, named for the day `offset_days` from today.
-std::string manual_name(int offset_days) {
-  const time_t t = time(nullptr) + offset_days * 86400;
-  char date[16];
-  struct tm local {};
-  strftime(date, sizeof date, "%Y%m%d", localtime_r(&t, &local));
-  return std::string(kComponent) + "_" + date + "001_manual.zip";
-}
-
 // An installed layout with version A active and the thread's parameters pointing at it;
 // the base directory's name has a blank (install.sh's arguments must stay whole). The
 // thread requires a relay but never uses one: a token stands in for it.
@@ -185,12 +176,12 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
 // three arguments and with the signal state of no thread of the broker (which blocks its
 // process signals everywhere and ignores SIGPIPE).
 TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
-  const std::string today = manual_name(0);
+  const std::string today = manual_package_name(kComponent);
   make_package(
       "printf '%s\\n' \"$@\" > \"$3/args\"\nwhile read -r key value; do\n  case $key in SigBlk:|SigIgn:) echo "
       "\"$key$value\";; esac\ndone < /proc/$$/status > \"$3/signals\"\n",
       workdir + "/" + today);
-  write_file(workdir + "/" + manual_name(-1), "not a package");
+  write_file(workdir + "/" + manual_package_name(kComponent, -1), "not a package");
   cfg.update_maintenance_window = "02:00-03:00";
   s_fake_now = today_at(12, 0);
   params.clock = s_fake_clock;
@@ -208,7 +199,7 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
     EXPECT_EQ(request_count(), 1u);
     ASSERT_TRUE(join_within(20s));
   }
-  if (manual_name(0) != today) GTEST_SKIP() << "the date changed during the test";
+  if (manual_package_name(kComponent) != today) GTEST_SKIP() << "the date changed during the test";
   ASSERT_TRUE(params.update_deployed_to);
   EXPECT_EQ(params.status, FILES_READY);
   const std::string content = workdir + "/" + *params.update_deployed_to + "/bin";
@@ -221,8 +212,8 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
   EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
   EXPECT_EQ(fs::current_path(), cwd);
-  EXPECT_EQ(dir_entries(workdir),
-            (std::set<std::string>{kActive, *params.update_deployed_to, "latest", manual_name(-1)}));
+  const std::set<std::string> left = {kActive, *params.update_deployed_to, "latest", manual_package_name(kComponent, -1)};
+  EXPECT_EQ(dir_entries(workdir), left);
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
 }
 
