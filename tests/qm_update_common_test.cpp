@@ -249,6 +249,14 @@ TEST_F(UpdateLayout, DownloadOverHttpsTrustsOnlyTheConfiguredAuthorityUnlessChec
   cfg.update_ca_file.reset();
   cfg.no_certificate_check = true;
   EXPECT_EQ(download(server, cfg, work), 1);
+
+  // A redirect from https to plain http is not followed.
+  UpdateServer plain_http;
+  plain_http.add_file("pkg", "package");
+  plain_http.plan_package("pkg");
+  server.plan_package("pkg", "", plain_http.base_url());
+  EXPECT_EQ(download(server, cfg, work), -1);
+  EXPECT_EQ(LogCapture::count_in(plain_http.requests(), "/files/"), 0u);
 }
 
 }  // namespace
