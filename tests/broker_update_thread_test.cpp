@@ -172,9 +172,9 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
 // Today's package put down by hand (not yesterday's) is staged while the window is
 // closed: the version is complete, "latest" stays, the thread looks again every minute
 // without asking the server, until it is stopped. Its first look comes an interval given
-// in seconds after the start. The install script starts with its
-// three arguments and with the signal state of no thread of the broker (which blocks its
-// process signals everywhere and ignores SIGPIPE).
+// in seconds after the start. The install script starts with its three arguments and with
+// the signal state of no thread of the broker (which blocks its process signals
+// everywhere and ignores SIGPIPE).
 TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   const std::string today = manual_package_name(kComponent);
   make_package(
@@ -212,8 +212,8 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
   EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
   EXPECT_EQ(fs::current_path(), cwd);
-  const std::set<std::string> left = {kActive, *params.update_deployed_to, "latest", manual_package_name(kComponent, -1)};
-  EXPECT_EQ(dir_entries(workdir), left);
+  const std::string yesterday = manual_package_name(kComponent, -1);
+  EXPECT_EQ(dir_entries(workdir), (std::set<std::string>{kActive, *params.update_deployed_to, "latest", yesterday}));
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
 }
 
