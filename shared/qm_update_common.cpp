@@ -72,7 +72,6 @@ constexpr uint64_t kExtractReserveBytes = 64ull * 1024 * 1024;
 
 // How often a running install script is looked at, and how long it gets to end on SIGTERM.
 constexpr int64_t kInstallPollMs = 50;
-constexpr int64_t kInstallKillGraceMs = 3000;
 
 
 std::string s_join(const std::string& dir, const std::string& name) { return dir + "/" + name; }
@@ -594,9 +593,9 @@ int s_reap(pid_t pid, int* status) {
 
 // Ends the process group that `pid` leads: SIGTERM to all of it, then SIGKILL for
 // whatever is still there after a grace period (the script's own children included).
-void s_end_process_group(pid_t pid, int* status) {
+void s_end_process_group(pid_t pid, int* status, int64_t grace_ms) {
   kill(-pid, SIGTERM);
-  const int64_t deadline = qm::monotonic_ms() + kInstallKillGraceMs;
+  const int64_t deadline = qm::monotonic_ms() + grace_ms;
   bool reaped = false;
   while (qm::monotonic_ms() < deadline) {
     if (!reaped) reaped = waitpid(pid, status, WNOHANG) != 0;
@@ -613,16 +612,16 @@ enum class s_script_end { finished, stop_requested, timed_out };
 
 // Waits for the script, ending it when a stop is requested or it overruns its time.
 // -1 (errno set) when it cannot be waited for.
-int s_wait_script(pid_t pid, int* status, const s_abort_check& abort_check, int64_t time_limit_ms,
+int s_wait_script(pid_t pid, int* status, const s_abort_check& abort_check, const qm_update_install_limits_t& limits,
                   s_script_end* end) {
-  const int64_t deadline = qm::monotonic_ms() + time_limit_ms;
+  const int64_t deadline = qm::monotonic_ms() + limits.install_time_limit_ms;
   for (;;) {
     const pid_t reaped = waitpid(pid, status, WNOHANG);
     if (reaped == pid) return 0;
     if (reaped < 0 && errno != EINTR) return -1;
     const bool stop = s_abort_requested(abort_check);
     if (stop || qm::monotonic_ms() >= deadline) {
-      s_end_process_group(pid, status);
+      s_end_process_group(pid, status, limits.install_kill_grace_ms);
       *end = stop ? s_script_end::stop_requested : s_script_end::timed_out;
       return 0;
     }
@@ -654,7 +653,7 @@ struct s_spawn_setup {
 // its own (so that the whole script can be ended) and no descriptor above 2, whatever a
 // library opened without close-on-exec. -1 when it could not be started.
 int s_run_shell(const std::string& command, const std::string& dir, int* status, const s_abort_check& abort_check,
-                int64_t time_limit_ms, s_script_end* end) {
+                const qm_update_install_limits_t& limits, s_script_end* end) {
   s_spawn_setup spawn;
   if (!spawn.ok) return -1;
   sigset_t none;
@@ -679,7 +678,7 @@ int s_run_shell(const std::string& command, const std::string& dir, int* status,
     errno = rc;
     return -1;
   }
-  return s_wait_script(pid, status, abort_check, time_limit_ms, end);
+  return s_wait_script(pid, status, abort_check, limits, end);
 }
 
 const char* s_describe_script_end(s_script_end end) {
@@ -688,13 +687,14 @@ const char* s_describe_script_end(s_script_end end) {
 }
 
 int s_run_install_script(const std::string& script, const std::string& extract_dir, const std::string& basedir,
-                         const std::string& content_dir, const s_abort_check& abort_check, int64_t time_limit_ms) {
+                         const std::string& content_dir, const s_abort_check& abort_check,
+                         const qm_update_install_limits_t& limits) {
   const std::string command = s_shell_quote(script) + " " + s_shell_quote(extract_dir) + " " + s_shell_quote(basedir) +
                               " " + s_shell_quote(content_dir);
   log_trace("Running install script %s", command.c_str());
   int status = 0;
   s_script_end end = s_script_end::finished;
-  if (s_run_shell(command, extract_dir, &status, abort_check, time_limit_ms, &end) != 0) {
+  if (s_run_shell(command, extract_dir, &status, abort_check, limits, &end) != 0) {
     log_error("Failed to run %s: %s", command.c_str(), QMstrerror(errno));
     return -1;
   }
@@ -793,8 +793,7 @@ int s_install_package(const s_install_paths& paths, const char* content_subdir, 
     log_error("Failed to create version file");
     return -1;
   }
-  return s_run_install_script(script, paths.extract_dir, paths.basedir, content_dir, abort_check,
-                              limits.install_time_limit_ms);
+  return s_run_install_script(script, paths.extract_dir, paths.basedir, content_dir, abort_check, limits);
 }
 
 // ---- pruning and locks -------------------------------------------------------------

@@ -90,11 +90,12 @@ using qm_upd_pkg_info_t = qm_upd_pkg_info;
 // binaries, small enough that a hostile or broken one cannot fill a disk or hang the
 // updater: the bytes of file data it may unpack (further bounded by the free space of
 // the extraction file system, less a reserve), its entries, and how long install.sh may
-// run.
+// run, and how long a script that is being ended gets between SIGTERM and SIGKILL.
 struct qm_update_install_limits {
   uint64_t max_extract_bytes = 512ull * 1024 * 1024;
   size_t max_extract_entries = 10000;
   int64_t install_time_limit_ms = 10 * 60 * 1000;
+  int64_t install_kill_grace_ms = 3000;
 };
 using qm_update_install_limits_t = qm_update_install_limits;
 

@@ -205,12 +205,9 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
     const char* err = "";
   } cases[] = {
       // Booleans: true, yes and 1 only, whatever the case; no trimming.
-      {{"--kv-scandata-allow-direct", "false", "--kv-scandata-allow-direct", "True"}, FIELD(kv_scandata_allow_direct),
-       "true"},
-      {{"--kv-scandata-allow-direct", "false", "--kv-scandata-allow-direct", "YES"}, FIELD(kv_scandata_allow_direct),
-       "true"},
-      {{"--kv-scandata-allow-direct", "false", "--kv-scandata-allow-direct", "1"}, FIELD(kv_scandata_allow_direct),
-       "true"},
+      {{"--http-enabled", "True"}, FIELD(gw->http_enabled), "true"},
+      {{"--http-enabled", "YES"}, FIELD(gw->http_enabled), "true"},
+      {{"--http-enabled", "1"}, FIELD(gw->http_enabled), "true"},
       {{"--kv-scandata-allow-direct", "2"}, FIELD(kv_scandata_allow_direct), "false"},
       {{"--kv-scandata-allow-direct", "on"}, FIELD(kv_scandata_allow_direct), "false"},
       {{"--kv-scandata-allow-direct", " true"}, FIELD(kv_scandata_allow_direct), "false"},
@@ -234,6 +231,7 @@ TEST(ConfigOptions, QuirksOfSingleValues) {
       {{"--amqp-max-inflight", "-3"}, FIELD(gw->amqp_max_inflight), "1"},
       {{"--update-check-interval", "-10"}, FIELD(update_config.update_check_interval), "0"},
       {{"--update-check-interval", "1"}, FIELD(update_config.update_check_interval), "1"},
+      {{"--update-check-interval", "30s"}, FIELD(update_config.update_check_interval_seconds), "30"},
       {{"--update-drain-timeout-seconds", "-1"}, FIELD(update_drain_timeout_seconds), "0"},
       {{"--update-max-backups", "-1"}, FIELD(update_config.update_max_backups), "0"},
       // No bounds here: nonsense passes through for the subsystems to judge.
@@ -277,14 +275,6 @@ TEST(ConfigOptions, OutcomeOfWholeCommandLines) {
     broker_parse_result_t result;
     const char* err;  // contained in standard error; "" for none at all
   } cases[] = {
-      {{}, false, BROKER_PARSE_EXIT_FAILURE, "/usr/bin/qm-av-broker: --nats-url is required\nUsage: "},
-      {{"--nats-url", "u"}, false, BROKER_PARSE_EXIT_FAILURE, ": --nats-server-binary is required\nUsage: "},
-      {{"--nats-url", "u", "--nats-server-binary", "b"}, false, BROKER_PARSE_EXIT_FAILURE,
-       ": --nats-server-config is required\nUsage: "},
-      {{"--nats-url", "u", "--nats-server-binary", "b", "--nats-server-config", "c"}, false, BROKER_PARSE_EXIT_FAILURE,
-       ": --auth-signing-key is required\nUsage: "},
-      {{"--nats-url", "u", "--nats-server-binary", "b", "--nats-server-config", "c", "--auth-signing-key", "k"}, false,
-       BROKER_PARSE_EXIT_FAILURE, ": --auth-file is required\nUsage: "},
       {{"--nats-url", "u", "--nats-server-managed", "false", "--auth-signing-key", "k", "--auth-file", "a"}, false,
        BROKER_PARSE_RUN, ""},
       {{"--nats-url", "u", "--nats-server-managed", "no", "--auth-callout-enabled", "0", "--auth-file", "a"}, false,
@@ -311,6 +301,12 @@ TEST(ConfigOptions, OutcomeOfWholeCommandLines) {
        "/usr/bin/qm-av-broker: unexpected argument 'stray'\nUsage: /usr/bin/qm-av-broker --nats-url <url>"},
       {{"--", "--nats-url"}, true, BROKER_PARSE_EXIT_FAILURE, "unexpected argument '--nats-url'"},
   };
+  // Each required option missing, those before it given.
+  for (auto given = kRequired.begin(); given != kRequired.end(); given += 2) {
+    const auto r = parse({kRequired.begin(), given}, false);
+    EXPECT_EQ(r.result, BROKER_PARSE_EXIT_FAILURE);
+    EXPECT_TRUE(r.err.starts_with("/usr/bin/qm-av-broker: " + *given + " is required\nUsage: ")) << r.err;
+  }
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
     const auto r = parse(c.args, c.with_required);

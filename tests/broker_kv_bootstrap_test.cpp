@@ -4,6 +4,7 @@
 
 #include "test_prelude.hpp"
 
+#include "callout_fixture.hpp"
 #include "scan_fixture.hpp"
 
 namespace {
@@ -18,18 +19,18 @@ std::string ns(int64_t seconds) { return std::to_string(seconds * kSec); }
 // Configurations are JSON text as the server reports them ("<absent>" when there is none).
 class JsClient {
  public:
-  explicit JsClient(const std::string& url) {
-    natsConnection* nc = nullptr;
-    if (natsConnection_ConnectTo(&nc, url.c_str()) != NATS_OK) throw std::runtime_error("connect " + url);
-    nc_.reset(nc);
+  explicit JsClient(const std::string& url) : login_(nats_login(url, "", "")) {
     jsCtx* js = nullptr;
-    if (natsConnection_JetStream(&js, nc, nullptr) != NATS_OK) throw std::runtime_error("jetstream");
+    if (login_.conn == nullptr || natsConnection_JetStream(&js, login_.conn, nullptr) != NATS_OK)
+      throw std::runtime_error("JetStream client for " + url + ": " + login_.error);
     js_.reset(js);
   }
   jsCtx* js() { return js_.get(); }
 
   // The reply of a JetStream API request; "" on a time-out.
-  std::string api(const std::string& subject, const std::string& body = "") { return request(nc_.get(), subject, body); }
+  std::string api(const std::string& subject, const std::string& body = "") {
+    return request(login_.conn, subject, body);
+  }
   std::string stream(const std::string& name) { return json_member(api("$JS.API.STREAM.INFO." + name), "config"); }
   std::string consumer(const std::string& stream, const std::string& durable) {
     return json_member(api("$JS.API.CONSUMER.INFO." + stream + "." + durable), "config");
@@ -45,7 +46,7 @@ class JsClient {
   }
 
  private:
-  qm::nats_connection_ptr nc_;
+  NatsLogin login_;
   qm::js_ctx_ptr js_;
 };
 
@@ -283,17 +284,17 @@ TEST(KvBootstrapRetry, ServerWithoutJetStreamIsRetriedThenGivenUp) {
   NatsServer server(NatsServerOptions{false, "", 0});
   LogCapture log;
   const int64_t started = qm::monotonic_ms();
-  EXPECT_EQ(bootstrap(server, true, nullptr, true, timing(2000, 100, 300, 700)), -1);
+  EXPECT_EQ(bootstrap(server, true, nullptr, true, timing(1000, 100, 300, 400)), -1);
   const int64_t took_ms = qm::monotonic_ms() - started;
   const std::string text = log.text();
   const size_t attempts = log.count("KV bootstrap: js_CreateKeyValue('qm-av-scan-data') failed: ");
   const size_t notes = log.count("KV bootstrap: JetStream not ready yet");
   EXPECT_GE(attempts, 2u);
-  EXPECT_LE(notes, 1 + took_ms / 700);  // throttled to one per note interval
+  EXPECT_LE(notes, 1 + took_ms / 400);  // throttled to one per note interval
   const size_t first_note = text.find("KV bootstrap: JetStream not ready yet (attempt 1) — waiting for the cluster "
-                                      "meta-group to elect a leader; retrying for up to 2s");
+                                      "meta-group to elect a leader; retrying for up to 1s");
   const size_t gave_up = text.find("KV bootstrap: 'qm-av-scan-data' still not ready after " +
-                                   std::to_string(attempts) + " attempts over 2s — giving up");
+                                   std::to_string(attempts) + " attempts over 1s — giving up");
   ASSERT_NE(first_note, std::string::npos) << text;
   ASSERT_NE(gave_up, std::string::npos) << text;
   EXPECT_LT(first_note, gave_up);

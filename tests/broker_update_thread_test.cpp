@@ -42,15 +42,6 @@ bool process_gone(pid_t pid) {
   return stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z');
 }
 
-// A package an operator put down by hand, named for the day `offset_days` from today.
-std::string manual_name(int offset_days) {
-  const time_t t = time(nullptr) + offset_days * 86400;
-  char date[16];
-  struct tm local {};
-  strftime(date, sizeof date, "%Y%m%d", localtime_r(&t, &local));
-  return std::string(kComponent) + "_" + date + "001_manual.zip";
-}
-
 // An installed layout with version A active and the thread's parameters pointing at it;
 // the base directory's name has a blank (install.sh's arguments must stay whole). The
 // thread requires a relay but never uses one: a token stands in for it.
@@ -162,6 +153,7 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
 
   const std::string pids = tmp.file("pids");
   params.install_limits.install_time_limit_ms = 1000;
+  params.install_limits.install_kill_grace_ms = 300;
   serve_package("exec >/dev/null 2>&1\ntrap '' TERM\nsleep 600 &\necho $! $$ >> '" + pids + "'\nwait\n", "20250301003");
   ASSERT_TRUE(log.wait_for("ended because it ran longer than allowed", 60s)) << log.text();
   ASSERT_TRUE(wait_until([&] { return pids_in(pids).size() >= 4; }, 60s));  // the next attempt runs
@@ -179,31 +171,35 @@ TEST_F(UpdateThread, FailedInstallationsAreRetriedAndHangingScriptsEndWithTheirC
 
 // Today's package put down by hand (not yesterday's) is staged while the window is
 // closed: the version is complete, "latest" stays, the thread looks again every minute
-// without asking the server, until it is stopped. The install script starts with its
-// three arguments and with the signal state of no thread of the broker (which blocks its
-// process signals everywhere and ignores SIGPIPE).
+// without asking the server, until it is stopped. Its first look comes an interval given
+// in seconds after the start. The install script starts with its three arguments and with
+// the signal state of no thread of the broker (which blocks its process signals
+// everywhere and ignores SIGPIPE).
 TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
-  const std::string today = manual_name(0);
+  const std::string today = manual_package_name(kComponent);
   make_package(
       "printf '%s\\n' \"$@\" > \"$3/args\"\nwhile read -r key value; do\n  case $key in SigBlk:|SigIgn:) echo "
       "\"$key$value\";; esac\ndone < /proc/$$/status > \"$3/signals\"\n",
       workdir + "/" + today);
-  write_file(workdir + "/" + manual_name(-1), "not a package");
+  write_file(workdir + "/" + manual_package_name(kComponent, -1), "not a package");
   cfg.update_maintenance_window = "02:00-03:00";
   s_fake_now = today_at(12, 0);
   params.clock = s_fake_clock;
+  cfg.update_config.update_check_interval_seconds = 1;
   const std::string cwd = fs::current_path();
   LogCapture log(QMLOG_DEBUG);
   {
     const BrokerSignalState as_in_the_broker;
+    const int64_t started_ms = qm::monotonic_ms();
     ASSERT_EQ(broker_update_thread_start(&params), 0);
     ASSERT_TRUE(log.wait_for("\"02:00-03:00\" not open \u2014 deferring activation", 30s, 3)) << log.text();
+    EXPECT_GE(qm::monotonic_ms() - started_ms, 1000);
     EXPECT_LOGGED(log, "broker_update: using manually-staged update package");
     EXPECT_LOGGED(log, "Released the cluster update lock (waiting for the maintenance window)");
     EXPECT_EQ(request_count(), 1u);
     ASSERT_TRUE(join_within(20s));
   }
-  if (manual_name(0) != today) GTEST_SKIP() << "the date changed during the test";
+  if (manual_package_name(kComponent) != today) GTEST_SKIP() << "the date changed during the test";
   ASSERT_TRUE(params.update_deployed_to);
   EXPECT_EQ(params.status, FILES_READY);
   const std::string content = workdir + "/" + *params.update_deployed_to + "/bin";
@@ -216,9 +212,23 @@ TEST_F(UpdateThread, ManualPackageIsStagedAndWaitsForTheMaintenanceWindow) {
   ASSERT_EQ(seen.rfind("SigBlk:0000000000000000\nSigIgn:", 0), 0u) << seen;
   EXPECT_EQ(std::stoull(seen.substr(seen.rfind(':') + 1), nullptr, 16) & (1u << (SIGPIPE - 1)), 0u) << seen;
   EXPECT_EQ(fs::current_path(), cwd);
-  EXPECT_EQ(dir_entries(workdir),
-            (std::set<std::string>{kActive, *params.update_deployed_to, "latest", manual_name(-1)}));
+  const std::string yesterday = manual_package_name(kComponent, -1);
+  EXPECT_EQ(dir_entries(workdir), (std::set<std::string>{kActive, *params.update_deployed_to, "latest", yesterday}));
   EXPECT_EQ(fs::read_symlink(workdir + "/latest"), workdir + "/" + kActive);
+}
+
+// A stop while the update server stalls mid-download ends the thread in seconds, far below
+// the transfer's 60 s low-speed limit, and leaves no partial download. Without an update
+// key the thread says once that packages are verified by MD5 alone.
+TEST_F(UpdateThread, StopDuringAStalledDownloadLeavesNothingBehind) {
+  server.add_file("pkg", std::string(100000, 'p'));
+  server.plan(R"({"/v1/update": {"body": "pkg", "stall": true}})");
+  LogCapture log(QMLOG_INFO);
+  ASSERT_EQ(broker_update_thread_start(&params), 0);
+  ASSERT_TRUE(wait_until([&] { return fs::exists(workdir + "/temp.dwnld"); }, 30s));
+  ASSERT_TRUE(join_within(10s));
+  EXPECT_FALSE(fs::exists(workdir + "/temp.dwnld"));
+  EXPECT_EQ(log.count("packages are verified by MD5 alone"), 1u);
 }
 
 // ---- activation ------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #include "update_server_fixture.hpp"
 
 #include <chrono>
+#include <ctime>
 #include <stdexcept>
 #include <vector>
 
@@ -45,5 +46,13 @@ void UpdateServer::plan_package(const std::string& name, const std::string& sign
 }
 
 std::string UpdateServer::requests() const { return read_file(dir_.file("requests.log")); }
+
+std::string manual_package_name(const std::string& component, int offset_days) {
+  const time_t t = time(nullptr) + offset_days * 86400;
+  char date[16];
+  struct tm local {};
+  strftime(date, sizeof date, "%Y%m%d", localtime_r(&t, &local));
+  return component + "_" + date + "001_manual.zip";
+}
 
 }  // namespace qmtest

@@ -43,4 +43,8 @@ class UpdateServer {
   std::string base_url_;
 };
 
+// The name of a package an operator put down by hand for `component`, dated `offset_days`
+// from today (local time): "<component>_<yyyymmdd>001_manual.zip".
+std::string manual_package_name(const std::string& component, int offset_days = 0);
+
 }  // namespace qmtest
