@@ -139,7 +139,7 @@ TEST(AmqpScan, AHostileClientCanNeitherSniffNorForgeNorTouchOthersData) {
   // error line, which proves the refusal, so the client need not wait long for an answer.
   jsOptions quick;
   jsOptions_Init(&quick);
-  quick.Wait = 500;
+  quick.Wait = 1000;
   jsCtx* js = nullptr;
   kvStore* kv = nullptr;
   natsConnection_JetStream(&js, nc, &quick);
@@ -185,7 +185,7 @@ TEST(AmqpLogin, AuthServiceDownAsksForARetryAndAWaitingCheckHoldsUpNoOne) {
   EXPECT_TRUE(late_open.load());
 }
 
-// What the door refuses, on a broker with a 1 MiB cap and a relay that waits 500 ms.
+// What the door refuses, on a broker with a 1 MiB cap and a relay that waits a second.
 // Clients without PLAIN never reach the password check; bad credentials are refused by it
 // with the SASL outcome "auth". Accepted deliveries give their credit back once answered;
 // rejected ones spend it.
@@ -193,7 +193,7 @@ TEST(AmqpLimits, BadLoginsBodiesWithoutJsonOversizeAndTooSlowRequests) {
   const int admin_port = free_port();
   AmqpEnvOptions options;
   options.broker_args = admin_args(admin_port);
-  options.broker_args.insert(options.broker_args.end(), {"--max-msg-size-mb", "1", "--relay-timeout-ms", "500"});
+  options.broker_args.insert(options.broker_args.end(), {"--max-msg-size-mb", "1", "--relay-timeout-ms", "1000"});
   AmqpEnv env(options);
   std::string before = scrape(admin_port);
   AmqpLogin anonymous = env.login("", "");
