@@ -79,7 +79,8 @@ TEST(AmqpScan, RepliesCarryTheVerdictAndTheRequestId) {
   EXPECT_TRUE(env.wait_for_log("nats_relay: kv put key=c.scanner.gw-"));
 
   // A bare string is the whole request; a message without id gets a reply without one.
-  const std::string reply = scan(c, request_with_body(proton::value(std::string("{\"SCANTIMEOUT\":5000}")), c.reply_address));
+  const proton::value bare(std::string("{\"SCANTIMEOUT\":5000}"));
+  const std::string reply = scan(c, request_with_body(bare, c.reply_address));
   EXPECT_EQ(json_member(reply, "size"), "0");
 
   SCOPED_TRACE("a reply waits for a receiver attached after the scan ended");
@@ -229,8 +230,10 @@ TEST(AmqpLimits, BadLoginsBodiesWithoutJsonOversizeAndTooSlowRequests) {
   ScanClient c(env);
   const std::string payload = "x";
   std::vector<int> tickets;
-  for (int i = 0; i < 10; ++i)
-    tickets.push_back(c.client.send(c.sender, scan_request("", "{}", &payload, c.reply_address, "ok-" + std::to_string(i))));
+  for (int i = 0; i < 10; ++i) {
+    const std::string id = "ok-" + std::to_string(i);
+    tickets.push_back(c.client.send(c.sender, scan_request("", "{}", &payload, c.reply_address, id)));
+  }
   for (int t : tickets) EXPECT_EQ(c.client.outcome(t, kWait), Outcome::accepted);
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(c.client.receive(kWait));  // each reply gives its credit back
   EXPECT_EQ(c.client.credit(c.sender), 10);
@@ -277,7 +280,8 @@ TEST(AmqpLimits, BadLoginsBodiesWithoutJsonOversizeAndTooSlowRequests) {
   const std::string reply = scan(c, scan_request("", "{\"delay_ms\":2000}", &slow, c.reply_address, "slow-1"));
   const char* host = qmhlp_GetMyFQDN();
   ASSERT_NE(host, nullptr);
-  EXPECT_EQ(reply, "{\"ReturnCode\":-1000,\"Error\":\"gateway " + std::string(host) + ": relay to scan failed (rc=-1)\"}");
+  EXPECT_EQ(reply,
+            "{\"ReturnCode\":-1000,\"Error\":\"gateway " + std::string(host) + ": relay to scan failed (rc=-1)\"}");
   ticket = c.client.send(c.sender, scan_request("", "{\"delay_ms\":2000}", &slow, "", "slow-2"));
   EXPECT_EQ(c.client.outcome(ticket, kWait), Outcome::accepted);
   EXPECT_TRUE(env.wait_for_log("amqp_acceptor: relay job failed user=scanner subject=scan (rc=-1, no reply_to)"));
@@ -298,7 +302,8 @@ TEST(AmqpConnections, AThousandConcurrentRequestsOverTwentyConnections) {
   for (int i = 0; i < kConnections; ++i) {
     for (int j = 0; j < kPerConnection; ++j) {
       const std::string id = "c" + std::to_string(i) + "-r" + std::to_string(j);
-      ASSERT_GT(clients[i]->client.send(clients[i]->sender, scan_request("", "{}", &id, clients[i]->reply_address, id)), 0);
+      ScanClient& c = *clients[i];
+      ASSERT_GT(c.client.send(c.sender, scan_request("", "{}", &id, c.reply_address, id)), 0);
     }
   }
   for (int i = 0; i < kConnections; ++i) {
@@ -349,7 +354,8 @@ TEST(AmqpConnections, LimitsHoldAndAStopDoesNotWaitForAFlood) {
 
   ScanClient flood(env);
   const std::string large = test_payload(3 * 1048576);
-  int ticket = flood.client.send(flood.sender, scan_request("", "{\"echo\":true}", &large, flood.reply_address, "echo"));
+  int ticket =
+      flood.client.send(flood.sender, scan_request("", "{\"echo\":true}", &large, flood.reply_address, "echo"));
   ASSERT_EQ(flood.client.outcome(ticket, kWait), Outcome::accepted);
   auto reply = flood.client.receive(kWait);
   ASSERT_TRUE(reply);
@@ -359,8 +365,9 @@ TEST(AmqpConnections, LimitsHoldAndAStopDoesNotWaitForAFlood) {
 
   std::vector<int> tickets;
   for (int i = 0; i < 40; ++i) {
-    tickets.push_back(flood.client.send(
-        flood.sender, scan_request("", "{\"delay_ms\":120000}", &payload, flood.reply_address, "f-" + std::to_string(i))));
+    const std::string id = "f-" + std::to_string(i);
+    const proton::message request = scan_request("", "{\"delay_ms\":120000}", &payload, flood.reply_address, id);
+    tickets.push_back(flood.client.send(flood.sender, request));
   }
   for (int i = 0; i < 4; ++i) EXPECT_EQ(flood.client.outcome(tickets[i], kWait), Outcome::accepted);
   EXPECT_EQ(flood.client.credit(flood.sender), 0);
