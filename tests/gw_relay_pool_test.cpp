@@ -152,8 +152,7 @@ TEST_F(RelayPool, RefusedJobsAndJobsOfClosedConnectionsAreFreed) {
 // The doors' shared byte budget: what fits is taken, what does not is refused without
 // taking anything, a waiter is woken by a release, and the release hook runs after it.
 TEST(InflightBudget, TakesWhatFitsAndWakesAWaiterOnRelease) {
-  std::unique_ptr<gw_inflight_budget, decltype(&gw_inflight_budget_destroy)> budget(gw_inflight_budget_create(100),
-                                                                                    gw_inflight_budget_destroy);
+  const qm::c_ptr<gw_inflight_budget, gw_inflight_budget_destroy> budget(gw_inflight_budget_create(100));
   ASSERT_NE(budget, nullptr);
   std::atomic<int> hooks{0};
   gw_inflight_budget_set_release_hook(budget.get(), [&] { hooks++; });
