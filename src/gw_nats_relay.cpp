@@ -42,6 +42,7 @@ class gw_reply_mux {
     std::mutex mu;
     std::condition_variable cv;
     std::deque<qm::nats_msg_ptr> msgs;
+    bool ended = false;  // the connection is closed: no reply will come
   };
 
   gw_reply_mux() = default;
@@ -75,6 +76,7 @@ class gw_reply_mux {
     const uint64_t token = next_.fetch_add(1) + 1;
     auto w = std::make_shared<waiter>();
     std::lock_guard<std::mutex> guard(mu_);
+    w->ended = ended_;
     waiters_[token] = w;
     return {prefix_ + "." + std::to_string(token), w};
   }
@@ -84,12 +86,27 @@ class gw_reply_mux {
     waiters_.erase(token);
   }
 
+  // Ends every wait under way and each one begun later: closing the connection does not
+  // wake them, and a worker that has not yet said it is busy would be waited for in full.
+  void end_all() {
+    std::lock_guard<std::mutex> guard(mu_);
+    ended_ = true;
+    for (const auto& [token, w] : waiters_) {
+      {
+        std::lock_guard<std::mutex> ended(w->mu);
+        w->ended = true;
+      }
+      w->cv.notify_all();
+    }
+  }
+
   // The next message for w, waiting up to timeout_ms.
   static natsStatus next(waiter& w, int64_t timeout_ms, qm::nats_msg_ptr& out) {
     std::unique_lock<std::mutex> lock(w.mu);
     if (!w.cv.wait_for(lock, std::chrono::milliseconds(std::max<int64_t>(timeout_ms, 0)),
-                       [&] { return !w.msgs.empty(); }))
+                       [&] { return !w.msgs.empty() || w.ended; }))
       return NATS_TIMEOUT;
+    if (w.msgs.empty()) return NATS_CONNECTION_CLOSED;
     out = std::move(w.msgs.front());
     w.msgs.pop_front();
     return NATS_OK;
@@ -129,6 +146,7 @@ class gw_reply_mux {
   std::mutex mu_;
   std::condition_variable cv_;
   bool completed_ = false;
+  bool ended_ = false;
   std::unordered_map<uint64_t, std::shared_ptr<waiter>> waiters_;
   std::atomic<uint64_t> next_{0};
   qm::nats_subscription_ptr sub_;
@@ -737,6 +755,7 @@ natsStatus s_await_reply(gw_reply_mux::waiter& w, int64_t deadline_ms, qm::nats_
       if (worker_lost) return s;
       continue;
     }
+    if (s != NATS_OK) return s;
     if (natsMsg_IsNoResponders(msg.get())) return NATS_NO_RESPONDERS;
     const char* progress = nullptr;
     if (natsMsgHeader_Get(msg.get(), kProgressHeader, &progress) == NATS_OK) {
@@ -1336,6 +1355,7 @@ void gw_nats_relay_abort(gw_nats_relay_t* relay) {
   if (relay == nullptr || !relay->conn) return;
   log_warn("nats_relay: closing the connection with requests still waiting \u2014 they fail now");
   natsConnection_Close(relay->conn.get());
+  relay->replies.end_all();
 }
 
 unsigned long gw_nats_relay_default_timeout_ms(const gw_nats_relay_t* relay) {

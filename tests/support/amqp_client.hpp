@@ -9,6 +9,7 @@ using qm_amqp::AmqpClient;
 using qm_amqp::AmqpLogin;
 using qm_amqp::Outcome;
 using qm_amqp::reply_json;
+using qm_amqp::reply_parts;
 using qm_amqp::scan_request;
 
 }  // namespace qmtest

@@ -25,28 +25,20 @@ bool s_port_open(int port) {
 }  // namespace
 
 AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
-  CalloutOptions callout;
-  callout.users = {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}};
-  callout.permissions_json = CalloutEnv::shipped_permissions();
-  callout.tracelevel = options.tracelevel;
-  callout.callout_service = options.callout_service;
-  callout.bin_dir = options.bin_dir;
-  callout.env = options.env;
-  callout.users.insert(callout.users.end(), options.users.begin(), options.users.end());
-  if (!options.permissions_json.empty()) callout.permissions_json = options.permissions_json;
+  CalloutOptions callout = options;
+  callout.users.insert(callout.users.begin(), {{kUser, kPassword}, {kWorkerUser, kWorkerPassword}});
+  if (callout.permissions_json.empty()) callout.permissions_json = CalloutEnv::shipped_permissions();
   if (tls_) make_test_certificates(certs_, "qmtest amqp CA");
   // The broker cannot be told to pick its own port: another process may take the free
   // one first, and then the broker starts again on the next.
   for (int attempt = 1; !start_listener(callout, options); ++attempt) {
     if (attempt == 3) throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
   }
-  if (options.worker) {
-    const bool via_callout = options.callout_service;
-    // Quiet below debug level: at 5 it logs every request.
-    worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, options.tracelevel >= 5 ? 5 : 4,
-                                           via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
-                                           via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
-  }
+  const bool via_callout = options.callout_service;
+  // Quiet below debug level: at 5 it logs every request.
+  worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, options.tracelevel >= 5 ? 5 : 4,
+                                         via_callout ? kWorkerUser : CalloutEnv::kGatewayUser,
+                                         via_callout ? kWorkerPassword : CalloutEnv::kGatewayPassword);
 }
 
 bool AmqpEnv::start_listener(CalloutOptions callout, const AmqpEnvOptions& options) {
@@ -86,10 +78,6 @@ gw_config_t AmqpEnv::relay_config() const {
   cfg.nats_user = CalloutEnv::kGatewayUser;
   cfg.nats_password = CalloutEnv::kGatewayPassword;
   return cfg;
-}
-
-bool AmqpEnv::wait_for_log(const std::string& text, std::chrono::milliseconds timeout, size_t times) {
-  return wait_until([&] { return LogCapture::count_in(broker_log(), text) >= times; }, timeout);
 }
 
 AmqpLogin AmqpEnv::login(const std::string& user, const std::string& password) const {

@@ -21,21 +21,11 @@
 
 namespace qmtest {
 
-struct AmqpEnvOptions {
-  // Extra broker options (--max-msg-size-mb, --relay-timeout-ms ...).
-  std::vector<std::string> broker_args;
-  // Users of the credentials file besides the test user and the worker.
-  user_list users;
-  // As in CalloutOptions: JSON permission profiles; empty: the fixture's default.
-  std::string permissions_json;
+// As CalloutOptions, but: `users` come besides the test user and the worker; an empty
+// `permissions_json` stands for the shipped roles; without the callout service the worker
+// logs in as the gateway user.
+struct AmqpEnvOptions : CalloutOptions {
   bool tls = false;
-  // false: no callout service in the broker; the worker logs in as the gateway user.
-  bool callout_service = true;
-  bool worker = true;
-  int tracelevel = 6;
-  // As in CalloutOptions: run from an installed version's bin directory, extra environment.
-  std::string bin_dir;
-  std::vector<std::string> env;
 };
 
 class AmqpEnv {
@@ -60,8 +50,9 @@ class AmqpEnv {
   CalloutEnv& callout() { return *callout_; }
   Child& broker() { return callout_->broker(); }
   std::string broker_log() { return broker().err(); }
-  bool wait_for_log(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(20),
-                    size_t times = 1);
+  bool wait_for_log(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    return broker().wait_for_err(text, timeout);
+  }
   // The login of the test's AMQP user (with the test CA under TLS).
   AmqpLogin login(const std::string& user = kUser, const std::string& password = kPassword) const;
 
