@@ -34,6 +34,7 @@ AmqpEnv::AmqpEnv(AmqpEnvOptions options) : tls_(options.tls) {
   for (int attempt = 1; !start_listener(callout, options); ++attempt) {
     if (attempt == 3) throw std::runtime_error("AMQP listener did not open:\n" + broker_log());
   }
+  if (!options.worker) return;
   const bool via_callout = options.callout_service;
   // Quiet below debug level: at 5 it logs every request.
   worker_ = std::make_unique<ScanWorker>(nats_url(), kService, false, options.tracelevel >= 5 ? 5 : 4,

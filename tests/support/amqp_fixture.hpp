@@ -26,6 +26,7 @@ namespace qmtest {
 // logs in as the gateway user.
 struct AmqpEnvOptions : CalloutOptions {
   bool tls = false;
+  bool worker = true;  // false: the test runs its own worker
 };
 
 class AmqpEnv {
