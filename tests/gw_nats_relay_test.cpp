@@ -188,10 +188,9 @@ TEST_F(RelayTest, PayloadsComeBackByteExactThroughTheWorkQueueAndUnsendableReque
     const std::string payload = test_payload(size);
     const RelayReply r = relay_request(relay.get(), "scanjs", R"({"echo":true})", payload, 120000);
     ASSERT_EQ(r.rc, 0);
-    EXPECT_EQ(json_member(r.json, "ReturnCode"), "0");
+    // What the worker saw (its verdicts are its own test's).
     EXPECT_EQ(json_member(r.json, "size"), std::to_string(size));
     EXPECT_EQ(json_member(r.json, "sha256"), sha256_hex(payload));
-    EXPECT_EQ(json_member(r.json, "infected"), "false");
     EXPECT_EQ(r.has_data, size > 0);
     EXPECT_TRUE(r.data == payload) << "reply payload of " << r.data.size() << " bytes differs";
   }
