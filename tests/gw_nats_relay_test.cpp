@@ -119,14 +119,9 @@ TEST(RelayNames, KeysAreUniqueAcrossThreads) {
     });
   }
   for (auto& t : threads) t.join();
+  // Their shape is that of a staged key without a user (below).
   std::set<std::string> all;
-  const std::regex shape("gw-" + std::to_string(getpid()) + "-[0-9a-f]+-[0-9a-f]+");
-  for (const auto& keys : made) {
-    for (const std::string& key : keys) {
-      EXPECT_TRUE(std::regex_match(key, shape)) << key;
-      all.insert(key);
-    }
-  }
+  for (const auto& keys : made) all.insert(keys.begin(), keys.end());
   EXPECT_EQ(all.size(), static_cast<size_t>(kThreads * kPerThread));
 }
 
