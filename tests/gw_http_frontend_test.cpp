@@ -187,9 +187,10 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
   gw_auth_cache_invalidate(door_->cache());  // the outage below finds nothing cached
 
-  verify_->script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
-                 {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
-                 {"flaky", R"({"ok":true})"}, {"unknown-profile", R"({"ok":true,"profile":"nope"})"}});
+  verify_->script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"},
+                  {"string-ok", R"({"ok":"true"})"}, {"garbage", "not json"},
+                  {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
+                  {"flaky", R"({"ok":true})"}, {"unknown-profile", R"({"ok":true,"profile":"nope"})"}});
   struct {
     const char *user, *password;
     long status;
