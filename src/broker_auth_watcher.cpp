@@ -40,6 +40,7 @@ bool s_take_signature(const std::string& path, file_signature_t& sig) {
 struct broker_auth_watcher {
   std::string path;
   int interval_sec = 5;
+  int interval_ms = 5000;
   pthread_t target_tid{};
   file_signature_t baseline;
   std::thread thread;
@@ -52,7 +53,7 @@ struct broker_auth_watcher {
   // Waits one interval; false when a stop was requested meanwhile.
   bool wait_interval() {
     std::unique_lock lock(mutex);
-    return !wake.wait_for(lock, std::chrono::seconds(interval_sec), [this] { return stop; });
+    return !wake.wait_for(lock, std::chrono::milliseconds(interval_ms), [this] { return stop; });
   }
 
   void check_once() {
@@ -90,6 +91,7 @@ broker_auth_watcher_t* broker_auth_watcher_create(const char* path, int interval
     auto w = std::make_unique<broker_auth_watcher>();
     w->path = path;
     w->interval_sec = interval_sec < 1 ? 5 : interval_sec;
+    w->interval_ms = w->interval_sec * 1000;
     w->target_tid = target_tid;
     if (!s_take_signature(w->path, w->baseline)) {
       log_error("auth-watcher: initial stat(%s) failed: %m \u2014 watcher not started", path);
@@ -130,6 +132,10 @@ void broker_auth_watcher_stop(broker_auth_watcher_t* w) {
 void broker_auth_watcher_destroy(broker_auth_watcher_t* w) {
   broker_auth_watcher_stop(w);
   std::unique_ptr<broker_auth_watcher> owned(w);
+}
+
+void broker_auth_watcher_set_interval_ms(broker_auth_watcher_t* w, int interval_ms) {
+  if (w != nullptr && interval_ms > 0) w->interval_ms = interval_ms;
 }
 
 unsigned broker_auth_watcher_polls(const broker_auth_watcher_t* w) { return w ? w->polls.load() : 0; }

@@ -17,5 +17,7 @@ int broker_auth_watcher_start(broker_auth_watcher_t* w);
 void broker_auth_watcher_stop(broker_auth_watcher_t* w);
 // Stops and frees; accepts NULL.
 void broker_auth_watcher_destroy(broker_auth_watcher_t* w);
+// Tests only: polls every interval_ms instead; call before broker_auth_watcher_start.
+void broker_auth_watcher_set_interval_ms(broker_auth_watcher_t* w, int interval_ms);
 // Tests only: how many polls the thread has completed so far (0 for NULL).
 unsigned broker_auth_watcher_polls(const broker_auth_watcher_t* w);

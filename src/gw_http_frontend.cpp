@@ -31,6 +31,7 @@
 #include "auth_profile.hpp"
 #include "broker_metrics.hpp"
 #include "gw_inflight_budget.hpp"
+#include "gw_multipart.hpp"
 #include "gw_subject_policy.hpp"
 #include "gw_verify_reply.hpp"
 #include "log.hpp"
@@ -44,7 +45,6 @@ constexpr const char* kVerifySubject = "qm.auth.verify";
 constexpr unsigned long kVerifyTimeoutMs = 5000;
 constexpr size_t kPostProcessorBufferBytes = 16384;
 constexpr size_t kRequestJsonCapBytes = 1048576;
-constexpr size_t kFirstBufferBytes = 4096;
 // Chunks of one upload awaiting the bucket's acknowledgement; with the chunk filling in
 // memory, what an upload holds of its payload at most.
 constexpr size_t kUploadWindowChunks = 4;
@@ -123,124 +123,45 @@ namespace {
 
 // ---- one request ----
 
-// A growable NUL-terminated field value.
-struct field_buffer {
-  qm::malloc_ptr<char> data;
-  size_t len = 0;
-  size_t cap = 0;  // bytes allocated
-};
-
 using upload_ptr = qm::c_ptr<gw_relay_upload, gw_relay_upload_destroy>;
-
-// Which field the post processor's last call was for: a value that starts again after
-// another field, or after bytes of its own, is a second part of that name.
-enum class s_field { none, request, payload, other };
+using multipart_ptr = qm::c_ptr<gw_multipart, gw_multipart_destroy>;
 
 // One admitted request: the caller and target were checked from the headers, the body
 // streams in. The payload goes to the bucket as it arrives; only the request field is
-// kept here.
+// kept (in parts).
 struct req_ctx_t {
   gw_http_frontend* fe = nullptr;
   qm::mhd_post_processor_ptr pp;
-  field_buffer request_json;
-  upload_ptr upload;                 // made at the payload's first byte
-  size_t payload_len = 0;            // payload bytes seen, staged or not
-  size_t payload_cap_bytes = 0;      // 0: uncapped
+  multipart_ptr parts;
+  upload_ptr upload;  // made at the payload's first byte
   std::string user;
-  std::string target;                // X-Target-Service as sent
-  std::string subject;               // what the policy made of it
-  qm::inflight_bytes held;           // this request's share of the in-flight budget
-  s_field last_field = s_field::none;
-  uint64_t last_field_end = 0;       // offset after the last call's bytes
-  bool overflow = false;
-  bool bad_field = false;
-  bool duplicate_request = false;
-  bool duplicate_payload = false;
-  bool staging_failed = false;
-  bool seen_request = false;
-  bool seen_payload = false;
-
-  bool refused() const { return overflow || bad_field || duplicate_request || duplicate_payload || staging_failed; }
+  std::string target;       // X-Target-Service as sent
+  std::string subject;      // what the policy made of it
+  qm::inflight_bytes held;  // this request's share of the in-flight budget
 };
-
-// Appends n bytes unless the total would pass max (0: no cap). The buffer doubles from
-// 4096 bytes and never grows beyond max + 1.
-bool buf_append(field_buffer& buf, const char* data, size_t n, size_t max) {
-  if (max != 0 && (n > max || buf.len > max - n)) return false;
-  if (n > SIZE_MAX - 1 - buf.len) return false;
-  const size_t needed = buf.len + n + 1;
-  if (needed > buf.cap) {
-    size_t size = buf.cap != 0 ? buf.cap : kFirstBufferBytes;
-    while (size < needed) size = size > SIZE_MAX / 2 ? needed : size * 2;
-    if (max != 0 && size > max + 1) size = max + 1;
-    char* grown = static_cast<char*>(realloc(buf.data.get(), size));
-    if (grown == nullptr) return false;
-    (void)buf.data.release();
-    buf.data.reset(grown);
-    buf.cap = size;
-  }
-  if (n > 0) memcpy(buf.data.get() + buf.len, data, n);
-  buf.len += n;
-  buf.data.get()[buf.len] = '\0';
-  return true;
-}
-
-// True when this call starts a second part of `field`.
-bool s_starts_another_part(req_ctx_t& ctx, s_field field, bool seen, uint64_t off, size_t size) {
-  const bool again = seen && off == 0 && (ctx.last_field != field || ctx.last_field_end > 0);
-  ctx.last_field = field;
-  ctx.last_field_end = off + size;
-  return again;
-}
 
 // Nothing more is staged once the request is bound to be refused: what is in the bucket
 // goes at once.
 void s_drop_upload(req_ctx_t& ctx) { ctx.upload.reset(); }
 
-void s_take_payload(req_ctx_t& ctx, const char* data, size_t size) {
-  if (ctx.payload_cap_bytes != 0 && (size > ctx.payload_cap_bytes || ctx.payload_len > ctx.payload_cap_bytes - size)) {
-    ctx.overflow = true;
-    return s_drop_upload(ctx);
-  }
-  ctx.payload_len += size;
-  if (size == 0 || ctx.refused()) return;
+void s_stage_payload(req_ctx_t& ctx, const char* data, size_t size) {
   if (!ctx.upload) {
     ctx.upload.reset(gw_nats_relay_upload_begin(ctx.fe->relay, ctx.user.c_str(), kUploadWindowChunks));
-    if (!ctx.upload) {
-      ctx.staging_failed = true;
-      return;
-    }
+    if (!ctx.upload) return gw_multipart_fail(ctx.parts.get(), GW_MULTIPART_STAGING_FAILED);
   }
-  if (gw_relay_upload_write(ctx.upload.get(), data, size) != 0) {
-    ctx.staging_failed = true;
-    s_drop_upload(ctx);
-  }
+  if (gw_relay_upload_write(ctx.upload.get(), data, size) != 0)
+    gw_multipart_fail(ctx.parts.get(), GW_MULTIPART_STAGING_FAILED);
 }
 
 MHD_Result on_post_field(void* cls, MHD_ValueKind, const char* key, const char*, const char*, const char*,
                          const char* data, uint64_t off, size_t size) noexcept {
   auto* ctx = static_cast<req_ctx_t*>(cls);
   try {
-    if (key == nullptr || *key == '\0') {
-      ctx->bad_field = true;
-    } else if (strcmp(key, "request") == 0) {
-      if (s_starts_another_part(*ctx, s_field::request, ctx->seen_request, off, size)) ctx->duplicate_request = true;
-      ctx->seen_request = true;
-      if (!buf_append(ctx->request_json, data, size, kRequestJsonCapBytes)) ctx->overflow = true;
-    } else if (strcmp(key, "payload") == 0) {
-      if (s_starts_another_part(*ctx, s_field::payload, ctx->seen_payload, off, size)) ctx->duplicate_payload = true;
-      ctx->seen_payload = true;
-      s_take_payload(*ctx, data, size);
-    } else {
-      ctx->last_field = s_field::other;
-      // Once per request: a body of thousands of stray parts must not flood the log.
-      if (!ctx->bad_field) log_debug("http_frontend: ignoring unexpected multipart field '%s'", log_safe(key).c_str());
-      ctx->bad_field = true;
-    }
+    if (gw_multipart_feed(ctx->parts.get(), key, off, data, size)) s_stage_payload(*ctx, data, size);
   } catch (...) {
-    ctx->staging_failed = true;  // out of memory: answered as a failed relay
+    gw_multipart_fail(ctx->parts.get(), GW_MULTIPART_STAGING_FAILED);  // out of memory: answered as a failed relay
   }
-  if (ctx->refused()) s_drop_upload(*ctx);
+  if (gw_multipart_refused(ctx->parts.get())) s_drop_upload(*ctx);
   // Always on to the end of the body: the verdict is given at the final call.
   return MHD_YES;
 }
@@ -800,7 +721,8 @@ MHD_Result s_begin_request(gw_http_frontend& fe, MHD_Connection* conn, const cha
   }
   auto ctx = std::make_unique<req_ctx_t>();
   ctx->fe = &fe;
-  ctx->payload_cap_bytes = fe.cfg->max_msg_size_bytes;
+  ctx->parts.reset(gw_multipart_create(kRequestJsonCapBytes, fe.cfg->max_msg_size_bytes));
+  if (!ctx->parts) return MHD_NO;  // out of memory: the daemon drops the connection
   bool admitted = false;
   MHD_Result result = s_admit_caller(fe, conn, *ctx, &admitted);
   if (!admitted) return result;
@@ -836,26 +758,17 @@ MHD_Result s_queue_reply(MHD_Connection* conn, const char* target, qm::malloc_pt
   return MHD_queue_response(conn, MHD_HTTP_OK, response.get());
 }
 
-// A whole text that is one JSON object.
-bool s_is_json_object(const char* text, size_t len) {
-  qm::json_tokener_ptr tok(json_tokener_new());
-  if (!tok || len > INT_MAX) return false;
-  qm::json_ptr doc(json_tokener_parse_ex(tok.get(), text, static_cast<int>(len)));
-  if (!doc || json_tokener_get_error(tok.get()) != json_tokener_success) return false;
-  for (size_t at = json_tokener_get_parse_end(tok.get()); at < len; ++at)
-    if (strchr(" \t\r\n", text[at]) == nullptr) return false;
-  return json_object_is_type(doc.get(), json_type_object);
-}
-
 // Complete body of an admitted caller: relay it to the subject admitted at the start.
 MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx) {
   const char* target = ctx.target.c_str();
+  size_t json_len = 0;
+  const char* request_json = gw_multipart_request(ctx.parts.get(), &json_len);
   log_trace("http_frontend: relay user=%s target=%s json_len=%zu payload_len=%zu", log_safe(ctx.user).c_str(),
-            log_safe(target).c_str(), ctx.request_json.len, ctx.payload_len);
+            log_safe(target).c_str(), json_len, gw_multipart_payload_len(ctx.parts.get()));
   char* reply_json = nullptr;
   char* reply_data = nullptr;
   size_t reply_data_len = 0;
-  const int rc = gw_nats_relay_request_upload(fe.relay, ctx.subject.c_str(), ctx.request_json.data.get(),
+  const int rc = gw_nats_relay_request_upload(fe.relay, ctx.subject.c_str(), request_json,
                                               ctx.upload.get(), gw_nats_relay_default_timeout_ms(fe.relay),
                                               &reply_json, &reply_data, &reply_data_len);
   ctx.upload.reset();
@@ -871,40 +784,40 @@ MHD_Result s_relay(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx) {
 // refused body is deleted.
 MHD_Result s_finish_request(gw_http_frontend& fe, MHD_Connection* conn, req_ctx_t& ctx) {
   // Only ending the post processor tells a body cut off inside a part from a complete one.
-  if (ctx.pp && MHD_destroy_post_processor(ctx.pp.release()) != MHD_YES) ctx.bad_field = true;
-  if (ctx.refused()) s_drop_upload(ctx);
-  if (ctx.overflow) {
-    log_warn("http_frontend: rejecting oversized multipart (request_json_len=%zu payload_len=%zu)",
-             ctx.request_json.len, ctx.payload_len);
-    return queue_simple(conn, MHD_HTTP_CONTENT_TOO_LARGE, "payload too large\n");
+  if (ctx.pp && MHD_destroy_post_processor(ctx.pp.release()) != MHD_YES)
+    gw_multipart_fail(ctx.parts.get(), GW_MULTIPART_MALFORMED);
+  const gw_multipart_verdict_t verdict = gw_multipart_verdict(ctx.parts.get());
+  if (verdict != GW_MULTIPART_OK) s_drop_upload(ctx);
+  switch (verdict) {
+    case GW_MULTIPART_OK:
+      return s_relay(fe, conn, ctx);
+    case GW_MULTIPART_TOO_LARGE: {
+      size_t json_len = 0;
+      (void)gw_multipart_request(ctx.parts.get(), &json_len);
+      log_warn("http_frontend: rejecting oversized multipart (request_json_len=%zu payload_len=%zu)", json_len,
+               gw_multipart_payload_len(ctx.parts.get()));
+      return queue_simple(conn, MHD_HTTP_CONTENT_TOO_LARGE, "payload too large\n");
+    }
+    case GW_MULTIPART_MALFORMED:
+      log_warn("http_frontend: rejecting request with bad/unknown multipart field");
+      return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "malformed multipart body\n");
+    case GW_MULTIPART_DUPLICATE_REQUEST:
+      log_warn("http_frontend: rejecting request with more than one 'request' field");
+      return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "duplicate 'request' multipart field\n");
+    case GW_MULTIPART_DUPLICATE_PAYLOAD:
+      log_warn("http_frontend: rejecting request with more than one 'payload' field");
+      return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "duplicate 'payload' multipart field\n");
+    case GW_MULTIPART_MISSING_REQUEST:
+      log_warn("http_frontend: rejecting request with empty 'request' field");
+      return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing 'request' multipart field\n");
+    case GW_MULTIPART_STAGING_FAILED:
+      log_warn("http_frontend: relay failed target=%s: the payload could not be staged", log_safe(ctx.target).c_str());
+      return queue_simple(conn, MHD_HTTP_BAD_GATEWAY, "upstream relay failed\n");
+    case GW_MULTIPART_REQUEST_NOT_OBJECT:
+      log_warn("http_frontend: rejecting request whose 'request' field is not a JSON object");
+      return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "'request' field is not a JSON object\n");
   }
-  if (ctx.bad_field) {
-    log_warn("http_frontend: rejecting request with bad/unknown multipart field");
-    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "malformed multipart body\n");
-  }
-  if (ctx.duplicate_request || ctx.duplicate_payload) {
-    const char* field = ctx.duplicate_request ? "request" : "payload";
-    log_warn("http_frontend: rejecting request with more than one '%s' field", field);
-    return queue_simple(conn, MHD_HTTP_BAD_REQUEST,
-                        ctx.duplicate_request ? "duplicate 'request' multipart field\n"
-                                              : "duplicate 'payload' multipart field\n");
-  }
-  if (ctx.request_json.len == 0) {
-    s_drop_upload(ctx);
-    log_warn("http_frontend: rejecting request with empty 'request' field");
-    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "missing 'request' multipart field\n");
-  }
-  if (ctx.staging_failed) {
-    log_warn("http_frontend: relay failed target=%s: the payload could not be staged", log_safe(ctx.target).c_str());
-    return queue_simple(conn, MHD_HTTP_BAD_GATEWAY, "upstream relay failed\n");
-  }
-  // The payload's key is added to the request, which must be an object for that.
-  if (ctx.payload_len > 0 && !s_is_json_object(ctx.request_json.data.get(), ctx.request_json.len)) {
-    s_drop_upload(ctx);
-    log_warn("http_frontend: rejecting request whose 'request' field is not a JSON object");
-    return queue_simple(conn, MHD_HTTP_BAD_REQUEST, "'request' field is not a JSON object\n");
-  }
-  return s_relay(fe, conn, ctx);
+  return MHD_NO;
 }
 
 MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const char* method, const char*,
@@ -917,7 +830,8 @@ MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const ch
     }
     auto& ctx = *static_cast<req_ctx_t*>(*con_cls);
     if (*upload_data_size != 0) {
-      if (ctx.pp && MHD_post_process(ctx.pp.get(), upload_data, *upload_data_size) != MHD_YES) ctx.bad_field = true;
+      if (ctx.pp && MHD_post_process(ctx.pp.get(), upload_data, *upload_data_size) != MHD_YES)
+        gw_multipart_fail(ctx.parts.get(), GW_MULTIPART_MALFORMED);
       *upload_data_size = 0;
       return MHD_YES;
     }

@@ -102,25 +102,31 @@ TEST_F(AuthDecision, ACalloutGetsTheUsersProfileWhateverPutTheGrantInTheCache) {
 }
 
 // A refresh stuck in the directory holds up the decider's end: it must never outlive
-// the directory context, the profiles or the cache it uses.
-TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDecider) {
+// the directory context, the profiles or the cache it uses. Refreshes still queued when
+// the decider stops are cancelled, never run: their grants may be claimed again.
+TEST_F(AuthDecision, ARefreshStuckInTheDirectoryEndsBeforeTheDeciderAndQueuedOnesAreCancelled) {
   auto directory = start_directory();
-  const auth_ldap_timing timing{1000, 3000, {}};
+  const auth_ldap_timing timing{1000, 1000, {}};
   ldap_ptr ldap(auth_ldap_init(directory->url().c_str(), "dc=qm,dc=test", kReaderDn, "reader-secret", nullptr,
                                nullptr, nullptr, nullptr, nullptr, nullptr, 1, 300, "memberOf", nullptr,
                                &timing));
   ASSERT_NE(ldap, nullptr);
   decider_ptr d = decider(ldap.get());
-  const std::string lara = "lara";
-  const qm::secret_string password("lara-pw");
-  ASSERT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, lara, password}).backend, std::string("ldap"));
+  // Two refresh threads: lara's and leo's refreshes run, carol's waits in the queue.
+  const std::pair<std::string, qm::secret_string> users[] = {
+      {"lara", qm::secret_string("lara-pw")}, {"leo", qm::secret_string("leo-pw")},
+      {"carol", qm::secret_string("carol-pw")}};
+  for (const auto& [user, password] : users)
+    ASSERT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, user, password}).backend, std::string("ldap")) << user;
 
   g_now_ms += 61'000;  // past the refresh threshold
   directory->pause();
-  EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, lara, password}).source, AUTH_VERDICT_CACHED);
-  // The refresh's search has reached the stopped directory: it is running, not queued.
-  ASSERT_TRUE(wait_until([&] { return directory->connections_with_unread_requests() > 0; }, std::chrono::seconds(10)));
+  for (const auto& [user, password] : users)
+    EXPECT_EQ(auth_decide(d.get(), {AUTH_ASKER_CALLOUT, user, password}).source, AUTH_VERDICT_CACHED) << user;
+  // Both running refreshes have reached the stopped directory.
+  ASSERT_TRUE(wait_until([&] { return directory->connections_with_unread_requests() >= 2; }, std::chrono::seconds(10)));
   EXPECT_EQ(auth_decider_drain_refreshes(d.get(), 100), -1);
+  EXPECT_EQ(gw_auth_cache_lookup(cache_.get(), "carol", "carol-pw"), GW_AUTH_CACHE_GRANT_STALE);
   d.reset();
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(cache_.get(), 0), 0);
   ldap.reset();

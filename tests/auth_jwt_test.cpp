@@ -105,9 +105,9 @@ class Jwt : public ::testing::Test {
     return token;
   }
   std::string grant(const char* const* pa, const char* const* pd, const char* const* sa, const char* const* sd,
-                    const char* server = "SRV1", const char* nkey = "UNKEY") {
+                    const char* server = "SRV1", const char* nkey = "UNKEY", const char* account = nullptr) {
     return signed_by(
-        [&](char** out) { return auth_jwt_sign_grant(ctx_.get(), server, nkey, "$G", pa, pd, sa, sd, out); });
+        [&](char** out) { return auth_jwt_sign_grant(ctx_.get(), server, nkey, account, pa, pd, sa, sd, out); });
   }
   std::string deny(const char* server, const char* nkey, const char* reason) {
     return signed_by([&](char** out) { return auth_jwt_sign_deny(ctx_.get(), server, nkey, reason, out); });
@@ -121,8 +121,9 @@ class Jwt : public ::testing::Test {
   std::string issuer_;
 };
 
-// A grant is an authorization response that carries the user JWT with the permissions;
-// a refusal carries the reason (json-c's own escaping, slash included) or the default one.
+// A grant is an authorization response that carries the user JWT with the permissions,
+// addressed to the account given ("$G" without one); a refusal carries the reason (json-c's
+// own escaping, slash included) or the default one.
 TEST_F(Jwt, GrantsAndRefusalsCarryExactlyTheirClaims) {
   const char* const pub_allow[] = {"scan.>", "_INBOX.>", nullptr};
   const char* const sub_deny[] = {"secret.*", nullptr};
@@ -135,8 +136,8 @@ TEST_F(Jwt, GrantsAndRefusalsCarryExactlyTheirClaims) {
     std::string nats;  // the outer token's; "<user jwt>" stands for the nested token
     std::string inner_name, inner_aud, permissions;
   } rows[] = {
-      {"grant", grant(pub_allow, nullptr, nullptr, sub_deny, "SRV1", "UABC"), "UABC", "SRV1",
-       R"({"type":"authorization_response","version":2,"user_nkey":"UABC","jwt":"<user jwt>"})", "UABC", "$G",
+      {"grant", grant(pub_allow, nullptr, nullptr, sub_deny, "SRV1", "UABC", "QM_CLIENTS"), "UABC", "SRV1",
+       R"({"type":"authorization_response","version":2,"user_nkey":"UABC","jwt":"<user jwt>"})", "UABC", "QM_CLIENTS",
        R"({"type":"user","version":2,"pub":{"allow":["scan.>","_INBOX.>"]},"sub":{"deny":["secret.*"]}})"},
       {"grant without lists", grant(nullptr, nullptr, nullptr, nullptr), "UNKEY", "SRV1",
        R"({"type":"authorization_response","version":2,"user_nkey":"UNKEY","jwt":"<user jwt>"})", "UNKEY", "$G",

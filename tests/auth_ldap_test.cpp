@@ -95,11 +95,10 @@ TEST_F(AuthLdapVerdicts, PasswordsFilterEscapingAndGroups) {
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "bob", "bob-pw"));
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", "wrong-pw"));
-    EXPECT_LOGGED(log_, std::string("auth_ldap: user bind as ") + kAliceDn + " failed: Invalid credentials");
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "mallory", "whatever-pw"));
     EXPECT_THAT(log_.text(), Not(HasSubstr("user bind as uid=mallory")));
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", "alice-pw "));  // one byte more is another password
-    // The server would accept an empty password as an anonymous bind.
+    // The directory takes a name with an empty password as an anonymous bind that succeeds.
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", ""));
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "", kAlicePassword));
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), nullptr, kAlicePassword));
@@ -275,8 +274,6 @@ TEST_F(AuthLdapFailover, RetriesWalksAndThePrimaryFirst) {
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "bob", "bob-pw"));
     EXPECT_EQ(log_.count(fallback_warning), 2u);
     EXPECT_EQ(log_.count(s_opened(fallback_->url())), 2u);
-    EXPECT_THAT(log_.text(), HasSubstr("auth_ldap: service bind as " + std::string(kReaderDn) + " on " +
-                                       directory_->url() + " failed: Can't contact LDAP server"));
     directory_->start();
     EXPECT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     EXPECT_EQ(log_.count(s_opened(directory_->url())), 1u);
@@ -372,28 +369,29 @@ TEST_F(AuthLdapPool, ConnectionsAreReusedReplacedAndClosed) {
       EXPECT_EQ(log_.count(kAnyOpened) - opened_before, 1u) << idle_timeout_seconds;
     }
   }
-}
-
-TEST_F(AuthLdapPool, SecondConcurrentCheckOnPoolOfOneUsesOneShotConnection) {
-  auto ctx = init(1);
-  ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
-  // With the server paused, the first check holds the pooled connection while its search waits.
-  directory_->pause();
-  std::atomic<bool> first_ok{false};
-  std::thread first([&] { first_ok = auth_ldap_validate(ctx.get(), "alice", kAlicePassword); });
-  ASSERT_TRUE(wait_until([&] { return directory_->connections_with_unread_requests() > 0; }, 5s));
-  std::atomic<bool> second_ok{false};
-  std::thread second([&] { second_ok = auth_ldap_validate(ctx.get(), "carol", "carol-pw"); });
-  EXPECT_TRUE(wait_until(
-      [&] { return log_.count("auth_ldap: pool exhausted (size=1); using one-shot connection") == 1u; }, 5s));
-  directory_->resume();
-  first.join();
-  second.join();
-  EXPECT_TRUE(first_ok);
-  EXPECT_TRUE(second_ok);
-  EXPECT_EQ(log_.count(kAnyOpened), 2u);
-  // The one-shot connection is closed, the pooled one kept.
-  EXPECT_TRUE(wait_for_connections(1));
+  {
+    SCOPED_TRACE("a second concurrent check on a pool of one uses a one-shot connection");
+    log_.clear();
+    auto ctx = init(1);
+    ASSERT_TRUE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
+    // With the server paused, the first check holds the pooled connection while its search waits.
+    directory_->pause();
+    std::atomic<bool> first_ok{false};
+    std::thread first([&] { first_ok = auth_ldap_validate(ctx.get(), "alice", kAlicePassword); });
+    ASSERT_TRUE(wait_until([&] { return directory_->connections_with_unread_requests() > 0; }, 5s));
+    std::atomic<bool> second_ok{false};
+    std::thread second([&] { second_ok = auth_ldap_validate(ctx.get(), "carol", "carol-pw"); });
+    EXPECT_TRUE(wait_until(
+        [&] { return log_.count("auth_ldap: pool exhausted (size=1); using one-shot connection") == 1u; }, 5s));
+    directory_->resume();
+    first.join();
+    second.join();
+    EXPECT_TRUE(first_ok);
+    EXPECT_TRUE(second_ok);
+    EXPECT_EQ(log_.count(kAnyOpened), 2u);
+    // The one-shot connection is closed, the pooled one kept.
+    EXPECT_TRUE(wait_for_connections(1));
+  }
 }
 
 // Eight threads of checks, right and wrong passwords mixed, each must get the verdict it
@@ -477,18 +475,21 @@ TEST_F(AuthLdapTimeouts, UnansweredConnectsSearchesAndBindsEndTheCheck) {
     EXPECT_EQ(log_.count(kAnyOpened), 2u);
   }
   {
-    SCOPED_TRACE("with the default timing a paused server ends the check after ten seconds");
+    SCOPED_TRACE("an unanswered service bind ends after the operation time-out, not the network one");
     log_.clear();
-    auto ctx = init(0);
+    auto ctx = init(0, {5000, 1000, {}});
     directory_->pause();
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(auth_ldap_validate(ctx.get(), "alice", kAlicePassword));
     const auto waited = std::chrono::steady_clock::now() - started;
-    EXPECT_GE(waited, 9s);
-    EXPECT_LT(waited, 40s);
+    EXPECT_GE(waited, 900ms);
+    EXPECT_LT(waited, 4s);
     EXPECT_LOGGED(log_, "on " + directory_->url() + " failed: Timed out");
     EXPECT_LOGGED(log_, "auth_ldap: all 1 endpoint(s) failed");
   }
+  // Without a timing the broker runs with these limits: the waits above, at full length.
+  EXPECT_EQ(auth_ldap_timing{}.network_ms, 10000);
+  EXPECT_EQ(auth_ldap_timing{}.operation_ms, 10000);
 }
 
 }  // namespace

@@ -37,8 +37,6 @@ TEST_F(CredentialFile, WhatTheLineScannerPairs) {
     Entries expected;
   };
   const char nul_values[] = "user: \"n\"\npassword: \"\0hidden\"\npassword: \"seen\"\nuser: \"x\0y\"\npassword: \"p\"\n";
-  std::string junk;
-  for (int i = 0; i < 8192; ++i) junk.push_back(static_cast<char>((i * 131 + 7) & 0xff));
   std::vector<row> rows = {
       {"the include format, everything else ignored",
        "# users for the scan fleet\nauthorization {\n  users = [\n    {\n      user: \"scanner1\"\n"
@@ -69,7 +67,6 @@ TEST_F(CredentialFile, WhatTheLineScannerPairs) {
       {"// comment", "// user: \"ghost\"\npassword: \"p\"\n", {}},
       {"indented // comment", "user: \"a\"\n  \t// password: \"commented\"\npassword: \"real\"\n", {{"a", "real"}}},
       {"a single slash starts no comment", "user: \"b\"\n/ password: \"p\"\n", {{"b", "p"}}},
-      {"binary junk", junk, {}},
       // No check can match a value that holds a NUL byte: such a key counts as absent.
       {"NUL bytes in values", std::string(nul_values, sizeof nul_values - 1), {{"n", "seen"}}},
   };
@@ -193,10 +190,13 @@ TEST_F(CredentialFile, ReloadWhileEightThreadsValidateSeesNoTornTable) {
       }
     });
   }
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < 50; ++round) {
     write_file(path_ + ".tmp", table(round % 2 == 0 ? "b" : "a"));
     std::filesystem::rename(path_ + ".tmp", path_);
     EXPECT_EQ(gw_credential_store_reload(store.get()), 0);
+    // The readers look at every table, not only at the last one a burst of reloads left.
+    const long seen = checks.load();
+    EXPECT_TRUE(wait_until([&] { return checks.load() >= seen + 8; }, 10s));
   }
   stop = true;
   for (auto& r : readers) r.join();

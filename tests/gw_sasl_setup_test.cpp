@@ -77,9 +77,9 @@ void reinit_with(const std::string& conf_path, const std::string& conf_text) {
   ASSERT_EQ(sasl_server_init(gw_sasl_callbacks(), kApp), SASL_OK);
 }
 
-TEST(SaslSetup, WritesTheFileInPrivateDirectoriesOnce) {
+TEST(SaslSetup, WritesTheFileInPrivateDirectoriesOnceAndTearsDownWhatAFailureLeft) {
   VerifyEnv env;
-  LogCapture log;
+  LogCapture log(QMLOG_TRACE);
   const char* config_dir = gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get());
   ASSERT_NE(config_dir, nullptr);
   const std::string conf = env.runtime_dir() + "/sasl/" + kApp + ".conf";
@@ -94,7 +94,6 @@ TEST(SaslSetup, WritesTheFileInPrivateDirectoriesOnce) {
   struct stat before {};
   ASSERT_EQ(stat(conf.c_str(), &before), 0);
   EXPECT_EQ(gw_sasl_setup(kApp, "/elsewhere", env.relay.get()), config_dir);
-  EXPECT_LOGGED(log, "sasl_setup: already initialized, returning existing config_dir=" + std::string(config_dir));
   struct stat after {};
   ASSERT_EQ(stat(conf.c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
@@ -112,22 +111,15 @@ TEST(SaslSetup, WritesTheFileInPrivateDirectoriesOnce) {
   gw_sasl_teardown();
   fs::create_directory_symlink(env.dir.path(), env.runtime_dir());
   EXPECT_EQ(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_LOGGED(log, "sasl_setup: mkdir(" + env.runtime_dir() + ") failed: ");
   EXPECT_FALSE(fs::exists(env.dir.file("sasl")));
   fs::remove(env.runtime_dir());
   gw_sasl_teardown();
-}
 
-TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
-  VerifyEnv env;
-  LogCapture log(QMLOG_TRACE);
+  // Teardown after a failed set-up removes, quietly, what was created.
   EXPECT_EQ(gw_sasl_setup(nullptr, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_LOGGED(log, "sasl_setup: invalid arguments (service_name=(null) runtime_dir=" + env.runtime_dir());
-
   // The parent is missing: nothing is made, and teardown has nothing to say.
   const std::string orphan = env.dir.file("missing/rt");
   EXPECT_EQ(gw_sasl_setup(kApp, orphan.c_str(), env.relay.get()), nullptr);
-  EXPECT_LOGGED(log, "sasl_setup: mkdir(" + orphan + ") failed: No such file or directory");
   log.clear();
   gw_sasl_teardown();
   EXPECT_EQ(log.text(), "");
@@ -135,7 +127,6 @@ TEST(SaslSetup, TeardownAfterAFailedSetUpRemovesWhatWasCreated) {
   // Both directories exist before the name proves too long; teardown removes them quietly.
   const std::string long_name(4100, 'n');
   EXPECT_EQ(gw_sasl_setup(long_name.c_str(), env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  EXPECT_LOGGED(log, "sasl_setup: paths too long (config_dir=" + env.runtime_dir() + "/sasl service_name=nnn");
   EXPECT_TRUE(fs::exists(env.runtime_dir() + "/sasl"));
   log.clear();
   gw_sasl_teardown();
@@ -184,7 +175,6 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   const std::string longest(255, 'p');
   VerifyEnv env(user_list{{"alice", longest}});
   ASSERT_NE(gw_sasl_setup(kApp, env.runtime_dir().c_str(), env.relay.get()), nullptr);
-  LogCapture log;
   EXPECT_EQ(checkpass("alice", longest.data(), 255), SASL_OK);
   EXPECT_EQ(json_member(env.verify.requests().back(), "password"), longest);
   EXPECT_EQ(gw_sasl_take_checkpass_verdict(), SASL_OK);
@@ -197,17 +187,14 @@ TEST(SaslCheckpass, PasswordBoundariesAndEmptyCredentials) {
   const size_t requests = env.verify.requests().size();
   const std::string too_long(256, 'p');
   EXPECT_EQ(checkpass("alice", too_long.data(), 256), SASL_BADAUTH);
-  EXPECT_LOGGED(log, "sasl_checkpass: password length 256 exceeds limit \xE2\x80\x94 denying user='alice'");
   EXPECT_EQ(checkpass("", "pw", 2), SASL_BADAUTH);
   EXPECT_EQ(checkpass(nullptr, "pw", 2), SASL_BADAUTH);
   EXPECT_EQ(checkpass("alice", "pw", 0), SASL_BADAUTH);
   EXPECT_EQ(checkpass("alice", nullptr, 2), SASL_BADAUTH);
-  EXPECT_EQ(log.count("sasl_checkpass: empty user or password \xE2\x80\x94 denying"), 4u);
   EXPECT_EQ(env.verify.requests().size(), requests);
   gw_sasl_teardown();
 
   EXPECT_EQ(checkpass("alice", "pw", 2), SASL_TRYAGAIN);
-  EXPECT_LOGGED(log, "sasl_checkpass: no relay configured \xE2\x80\x94 denying user='alice'");
 }
 
 TEST(SaslCheckpass, VerifyRepliesBecomeVerdicts) {

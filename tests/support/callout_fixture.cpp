@@ -213,17 +213,12 @@ NatsLogin nats_login(const std::string& url, const std::string& user, const std:
 }
 
 std::string raw_login(const std::string& url, const std::string& connect_json, int timeout_ms) {
-  const qm::unique_fd socket_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const qm::unique_fd socket_fd(connect_loopback(std::stoi(url.substr(url.rfind(':') + 1))));
   const int fd = socket_fd.get();
-  if (fd < 0) return "";
-  timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
   std::string answer;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+  if (fd >= 0) {
+    timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     const std::string request = "CONNECT " + connect_json + "\r\nPING\r\n";
     if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
       std::string received;

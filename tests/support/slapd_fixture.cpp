@@ -117,7 +117,10 @@ void Slapd::write_config() const {
   if (options_.tls)
     conf << "TLSCertificateFile " << dir_.file("server.pem") << "\n"
          << "TLSCertificateKeyFile " << dir_.file("server.key") << "\n";
-  conf << "pidfile " << dir_.file("slapd.pid") << "\n"
+  // Like many directory servers, take a name with an empty password as an anonymous bind
+  // that succeeds: a client that sends one must refuse it itself.
+  conf << "allow bind_anon_dn\n"
+       << "pidfile " << dir_.file("slapd.pid") << "\n"
        << "argsfile " << dir_.file("slapd.args") << "\n"
        << "modulepath /usr/lib/ldap\n"
        << "moduleload back_mdb\n"
