@@ -60,6 +60,8 @@ class HttpDoorTest : public ::testing::Test {
   std::unique_ptr<HttpDoor> door_;
 };
 
+// One row per answer the door gives; which verdict the part rules reach for a body (their
+// order, empty parts) is the multipart fuzz target's to show.
 TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
   open([](gw_config_t& cfg) {
     cfg.max_msg_size_bytes = kPayloadCap;
@@ -87,15 +89,12 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
       {"url-encoded", [&](HttpRequest& r) { r.raw_body = "request=%7B%7D"; r.content_type = urlencoded; }, 415,
        "expected multipart/form-data\n"},
       {"extra multipart field", [](HttpRequest& r) { r.fields.emplace_back("file", "x"); }, 400, malformed},
-      {"over a cap and unknown: cap first",
-       [](HttpRequest& r) { r.fields = {{"file", "x"}, {"payload", test_payload(kPayloadCap + 1)}}; }, 413, too_large},
       {"request of 1 MiB", [&](HttpRequest& r) { r.fields = {{"request", json_1mib}}; }, 200, s_scan_reply("")},
       {"request of 1 MiB + 1", [&](HttpRequest& r) { r.fields = {{"request", json_1mib + " "}}; }, 413, too_large},
       {"payload at the cap", [&](HttpRequest& r) { r.fields.emplace_back("payload", at_cap); }, 200, s_scan_reply(at_cap)},
       {"payload at the cap + 1", [&](HttpRequest& r) { r.fields.emplace_back("payload", at_cap + "x"); }, 413, too_large},
       {"empty payload", [](HttpRequest& r) { r.fields.emplace_back("payload", ""); }, 200, s_scan_reply("")},
       {"no request field", [](HttpRequest& r) { r.fields = {{"payload", "abc"}}; }, 400, missing},
-      {"empty request field", [](HttpRequest& r) { r.fields = {{"request", ""}}; }, 400, missing},
       {"no credentials", [](HttpRequest& r) { r.basic.reset(); }, 401, ""},
       {"request not JSON, with a payload", [](HttpRequest& r) { r.fields = {{"request", "scan it"}, {"payload", "x"}}; },
        400, "'request' field is not a JSON object\n"},
@@ -389,8 +388,6 @@ TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
   const std::string b70(70, 'b');
   // "local-user:local-secret\0junk": cut at the NUL, the password would be right.
   const std::string nul_in_password = "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQAanVuaw==";
-  std::string tiny_parts;
-  for (int i = 0; i < 10000; ++i) tiny_parts += part("QmB", "p", "x");
   struct {
     const char* what;
     std::string bytes;
@@ -398,7 +395,6 @@ TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
   } const rows[] = {
       {"body ends inside a part", raw(part("QmB", "request", "{}").substr(0, 60), "QmB"), "HTTP/1.1 400"},
       {"70-character boundary", raw(part(b70, "request", "{}") + "--" + b70 + "--\r\n", b70), "HTTP/1.1 200"},
-      {"10,000 tiny parts", raw(tiny_parts + "--QmB--\r\n", "QmB"), "HTTP/1.1 400"},
       {"binary garbage as multipart", raw(test_payload(100000), "QmB"), "HTTP/1.1 400"},
       {"64 KiB header block", "POST /vsi HTTP/1.1\r\nX-Big: " + std::string(65536, 'h') + "\r\n\r\n", "HTTP/1.1 4"},
       {"binary garbage instead of HTTP", test_payload(4096), ""},
