@@ -17,10 +17,7 @@ TEST(BrokerHttp, CurlScansOverTlsAndTheDoorStopsBeforeTheRelay) {
   options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0", "--http-tls-cert", certs.cert_file,
                          "--http-tls-key", certs.key_file};
   AmqpEnv env(options);
-  const std::string listening = "HTTP frontend started on 0.0.0.0:";
-  ASSERT_TRUE(env.wait_for_log(listening));
-  const std::string started = env.broker_log();
-  const std::string port = std::to_string(atoi(started.c_str() + started.find(listening) + listening.size()));
+  const std::string port = std::to_string(broker_http_port(env));
   Child& broker = env.broker();
   write_file(dir.file("hello.txt"), "hello scanner\n");
   Child curl({"/usr/bin/curl", "-sS", "--cacert", certs.ca_file, "-u", "scanner:scanner-secret", "-H",
@@ -48,49 +45,39 @@ TEST(BrokerHttp, CertificateWithoutKeyIsFatal) {
                 "--http-tls-cert", dir.file("server.pem")});
   ASSERT_EQ(broker.wait(60s), 1) << broker.err();
   const std::string log = broker.err();
-  EXPECT_LOGGED(log, "HTTP_TLS_CERT and HTTP_TLS_KEY must be set together; refusing to start");
   EXPECT_LOGGED(log, "Failed to start HTTP frontend on 0.0.0.0:");
   EXPECT_NOT_LOGGED(log, "qm-av-broker ready");
 }
 
-// A field of a process's /proc status in KiB ("VmRSS", "VmHWM").
-long s_status_kib(pid_t pid, const std::string& field) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.rfind(field + ":", 0) == 0) return atol(line.c_str() + field.size() + 1);
-  return -1;
-}
-
 // The door reads no body it would refuse, and stages an accepted one as it arrives: the
-// broker's peak memory stays far below what the clients send. (The broker's sanitizer
+// broker's peak memory stays near its in-flight budget (32 MiB, room for the 8 uploads at
+// once) and far below what the clients send, 8 times the budget. (The broker's sanitizer
 // quarantine is kept small, or freed chunks would count as held.)
 TEST(BrokerHttp, MemoryStaysBoundedWhateverTheBodies) {
   constexpr size_t kMiB = 1048576;
   constexpr const char* kScannerBasic = "c2Nhbm5lcjpzY2FubmVyLXNlY3JldA==";  // scanner:scanner-secret
   AmqpEnvOptions options;
-  options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0", "--relay-timeout-ms", "120000"};
+  options.broker_args = {"--http-enabled", "true", "--http-listen-port", "0", "--relay-timeout-ms", "120000",
+                         "--max-inflight-mb", "32"};
   options.env = {"ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=8"};
   options.tracelevel = 4;
   AmqpEnv env(options);
-  const std::string listening = "HTTP frontend started on 0.0.0.0:";
-  ASSERT_TRUE(env.wait_for_log(listening));
-  const std::string started = env.broker_log();
-  const int port = atoi(started.c_str() + started.find(listening) + listening.size());
+  const int port = broker_http_port(env);
   const pid_t broker = env.broker().pid();
-  const auto peak_growth_mib = [&](long before_kib) { return (s_status_kib(broker, "VmHWM") - before_kib) / 1024; };
+  const auto peak_growth_mib = [&](long before_kib) { return (proc_status_kib(broker, "VmHWM") - before_kib) / 1024; };
   const auto reset_peak = [&] {
     std::ofstream("/proc/" + std::to_string(broker) + "/clear_refs") << "5";  // VmHWM back to VmRSS
-    return s_status_kib(broker, "VmRSS");
+    return proc_status_kib(broker, "VmRSS");
   };
 
-  const std::string anonymous_body = test_payload(200 * kMiB);
+  const std::string anonymous_body = test_payload(64 * kMiB);
   long before = reset_peak();
   const RawPost refused = raw_multipart_post(port, "", anonymous_body);
   EXPECT_EQ(refused.text.substr(0, 12), "HTTP/1.1 401") << refused.text.substr(0, 200);
   EXPECT_TRUE(refused.closed);
   EXPECT_LT(peak_growth_mib(before), 16);
 
-  const std::string payload = test_payload(128 * kMiB);
+  const std::string payload = test_payload(32 * kMiB);
   const std::string digest = sha256_hex(payload);
   before = reset_peak();
   std::vector<std::future<RawPost>> uploads;
@@ -102,7 +89,7 @@ TEST(BrokerHttp, MemoryStaysBoundedWhateverTheBodies) {
     EXPECT_EQ(json_member(answer.body(), "sha256"), digest);
     EXPECT_EQ(json_member(answer.body(), "size"), std::to_string(payload.size()));
   }
-  EXPECT_LT(peak_growth_mib(before), 256);
+  EXPECT_LT(peak_growth_mib(before), 96);  // 39 MiB in a run under ASan; the bodies are 256 MiB
 }
 
 }  // namespace

@@ -21,12 +21,7 @@ const std::string kLongNobody = kLongA.substr(0, 1022) + std::string(78, 'z');
 
 class Doors {
  public:
-  Doors() : env_(options()) {
-    const std::string listening = "HTTP frontend started on 0.0.0.0:";
-    if (!env_.wait_for_log(listening)) throw std::runtime_error("no HTTP door:\n" + env_.broker_log());
-    const std::string log = env_.broker_log();
-    http_url_ = "http://127.0.0.1:" + std::to_string(atoi(log.c_str() + log.find(listening) + listening.size())) + "/vsi";
-  }
+  Doors() : env_(options()), http_url_("http://127.0.0.1:" + std::to_string(broker_http_port(env_)) + "/vsi") {}
 
   AmqpEnv& env() { return env_; }
 
@@ -85,18 +80,10 @@ class Doors {
   std::string http_url_;
 };
 
-long s_peak_rss_kib(pid_t pid) {
-  const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-  const size_t at = status.find("VmHWM:");
-  return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
-}
-
 // The doors relay with the gateway's own identity: a system subject or one the caller's
-// profile does not grant is refused before NATS sees it.
+// profile does not grant is refused before NATS sees it (the HTTP door's answer to a
+// system subject is a row of its own test).
 void confused_deputy(Doors& doors) {
-  const HttpResponse streams = doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "$JS.API.STREAM.NAMES");
-  EXPECT_EQ(streams.status, 400);
-  EXPECT_EQ(streams.body.find("KV_"), std::string::npos) << streams.body;
   EXPECT_EQ(doors.amqp_scan("$JS.API.STREAM.NAMES").first, Outcome::rejected);
   EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "not.a.service").status, 403);
   EXPECT_EQ(doors.amqp_scan("not.a.service").first, Outcome::rejected);
@@ -115,7 +102,6 @@ void protocol_injection(Doors& doors) {
   ASSERT_EQ(natsConnection_Flush(observer.conn), NATS_OK);
 
   EXPECT_EQ(doors.amqp_scan("scan\r\nPUB injected.by.scanner 2\r\nhi").first, Outcome::rejected);
-  EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "a b").status, 400);
   EXPECT_EQ(doors.http(AmqpEnv::kUser, AmqpEnv::kPassword, "scan").status, 200);
   EXPECT_EQ(json_member(doors.amqp_scan("scan").second, "size"), "0");
   ASSERT_EQ(natsConnection_Flush(observer.conn), NATS_OK);
@@ -148,9 +134,11 @@ void long_name_prefixes(Doors& doors) {
   doors.expect_admitted_everywhere(kLongB, "long-b-secret", true);
 }
 
-// A worker's reply naming a manifest of 2 GiB over 4 KiB of chunks is refused before
-// anything is allocated for it.
-void ballooning_manifest(Doors& doors) {
+// A worker's reply is trusted no further than the caller: one naming a manifest of 2 GiB
+// over 4 KiB of chunks is refused before anything is allocated for it, and one naming a
+// key that is no single key (a wildcard would read whatever entry came last) is refused
+// before anything is read.
+void untrusted_replies(Doors& doors) {
   NatsLogin worker = doors.admin();
   ASSERT_EQ(worker.status, NATS_OK) << worker.error;
   jsCtx* raw_js = nullptr;
@@ -163,23 +151,18 @@ void ballooning_manifest(Doors& doors) {
   for (int i = 0; i < 4096; ++i)
     ASSERT_EQ(kvStore_PutString(&revision, kv.get(), ("balloon-" + std::to_string(i)).c_str(), "x"), NATS_OK);
   ASSERT_EQ(kvStore_PutString(&revision, kv.get(), "balloon", R"({"chunks":4096,"size":2147483648})"), NATS_OK);
-  const auto answer = [](natsConnection* nc, natsSubscription*, natsMsg* msg, void*) {
-    natsConnection_PublishString(nc, natsMsg_GetReply(msg), R"({"ReturnCode":0,"_kv_key":"balloon"})");
-    natsMsg_Destroy(msg);
-  };
-  natsSubscription* raw_sub = nullptr;
-  ASSERT_EQ(natsConnection_Subscribe(&raw_sub, worker.conn, "balloon", answer, nullptr), NATS_OK);
-  const qm::nats_subscription_ptr sub(raw_sub);
-  ASSERT_EQ(natsConnection_Flush(worker.conn), NATS_OK);
+  const Responder balloon(worker.conn, "balloon", [] { return R"({"ReturnCode":0,"_kv_key":"balloon"})"; });
+  const Responder wildcard(worker.conn, "wildcard", [] { return R"({"ReturnCode":0,"_kv_key":">"})"; });
 
   const pid_t broker = doors.env().broker().pid();
   EXPECT_EQ(json_member(doors.amqp_scan("scan").second, "size"), "0");
-  const long before_kib = s_peak_rss_kib(broker);
+  const long before_kib = proc_status_kib(broker, "VmHWM");
   const std::string reply = doors.amqp_scan("balloon").second;
   EXPECT_EQ(json_member(reply, "ReturnCode"), "-1000") << reply;
   EXPECT_TRUE(doors.env().wait_for_log("nats_relay: payload 'balloon' refused: manifest of 2147483648 bytes in 4096 "
                                        "chunks is larger than --max-msg-size-mb"));
-  EXPECT_LT(s_peak_rss_kib(broker) - before_kib, 8 * 1024);
+  EXPECT_LT(proc_status_kib(broker, "VmHWM") - before_kib, 8 * 1024);
+  EXPECT_EQ(json_member(doors.amqp_scan("wildcard").second, "ReturnCode"), "-1000");
 }
 
 TEST(DoorIsolation, LoggedInClientsCannotUseTheDoorsAgainstTheFleet) {
@@ -193,7 +176,7 @@ TEST(DoorIsolation, LoggedInClientsCannotUseTheDoorsAgainstTheFleet) {
       {"one wrong password locks the user out", wrong_password_lockout},
       {"guessing a password goes on at another door", guessing_locks_the_user_everywhere},
       {"keys cut at 1,022 bytes", long_name_prefixes},
-      {"a reply manifest balloons the broker", ballooning_manifest},
+      {"a worker's reply names a payload beyond the caller", untrusted_replies},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.fault);

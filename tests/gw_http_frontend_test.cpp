@@ -56,14 +56,16 @@ class HttpDoorTest : public ::testing::Test {
   // "qm.auth.verify" is the test's: kRemote is the one user it knows, unless scripted.
   AmqpEnv env_{s_without_verify_service()};
   NatsLogin verifier_ = nats_login(env_.nats_url(), CalloutEnv::kAuthUser, CalloutEnv::kAuthPassword);
-  VerifyEndpoint verify_{verifier_.conn, {{kRemote, kRemotePassword}}};
+  std::optional<VerifyEndpoint> verify_{std::in_place, verifier_.conn, user_list{{kRemote, kRemotePassword}}};
   std::unique_ptr<HttpDoor> door_;
 };
 
+// One row per answer the door gives; which verdict the part rules reach for a body (their
+// order, empty parts) is the multipart fuzz target's to show.
 TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
   open([](gw_config_t& cfg) {
     cfg.max_msg_size_bytes = kPayloadCap;
-    cfg.relay_timeout_ms = 1500;
+    cfg.relay_timeout_ms = 600;
     cfg.services = "scan, qm-av-quarantine.scan";
   });
   const std::string malformed = "malformed multipart body\n", missing = "missing 'request' multipart field\n";
@@ -87,18 +89,13 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
       {"url-encoded", [&](HttpRequest& r) { r.raw_body = "request=%7B%7D"; r.content_type = urlencoded; }, 415,
        "expected multipart/form-data\n"},
       {"extra multipart field", [](HttpRequest& r) { r.fields.emplace_back("file", "x"); }, 400, malformed},
-      {"over a cap and unknown: cap first",
-       [](HttpRequest& r) { r.fields = {{"file", "x"}, {"payload", test_payload(kPayloadCap + 1)}}; }, 413, too_large},
       {"request of 1 MiB", [&](HttpRequest& r) { r.fields = {{"request", json_1mib}}; }, 200, s_scan_reply("")},
       {"request of 1 MiB + 1", [&](HttpRequest& r) { r.fields = {{"request", json_1mib + " "}}; }, 413, too_large},
       {"payload at the cap", [&](HttpRequest& r) { r.fields.emplace_back("payload", at_cap); }, 200, s_scan_reply(at_cap)},
       {"payload at the cap + 1", [&](HttpRequest& r) { r.fields.emplace_back("payload", at_cap + "x"); }, 413, too_large},
       {"empty payload", [](HttpRequest& r) { r.fields.emplace_back("payload", ""); }, 200, s_scan_reply("")},
       {"no request field", [](HttpRequest& r) { r.fields = {{"payload", "abc"}}; }, 400, missing},
-      {"empty request field", [](HttpRequest& r) { r.fields = {{"request", ""}}; }, 400, missing},
       {"no credentials", [](HttpRequest& r) { r.basic.reset(); }, 401, ""},
-      {"no credentials, over the cap: credentials first",
-       [](HttpRequest& r) { r.basic.reset(); r.fields.emplace_back("payload", test_payload(kPayloadCap + 1)); }, 401, ""},
       {"request not JSON, with a payload", [](HttpRequest& r) { r.fields = {{"request", "scan it"}, {"payload", "x"}}; },
        400, "'request' field is not a JSON object\n"},
       {"two request fields", [](HttpRequest& r) { r.fields.emplace_back("request", "{}"); }, 400,
@@ -107,11 +104,10 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
        400, "duplicate 'payload' multipart field\n"},
       {"wrong password", [](HttpRequest& r) { r.basic = {{kRemote, "wrong"}}; }, 401, ""},
       {"no X-Target-Service", [](HttpRequest& r) { r.target.clear(); }, 400, "missing X-Target-Service\n"},
-      {"worker too slow", [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":4000})"}}; }, 502, relay_failed},
+      {"worker too slow", [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":2000})"}}; }, 502, relay_failed},
       {"quarantine without worker", [](HttpRequest& r) { r.target = "qm-av-quarantine_scan"; }, 502, relay_failed},
       {"system subject", [](HttpRequest& r) { r.target = "$JS.API.STREAM.NAMES"; }, 400, "reserved target\n"},
       {"blank in the target", [](HttpRequest& r) { r.target = "a b"; }, 400, "malformed target\n"},
-      {"wildcard target", [](HttpRequest& r) { r.target = "scan.>"; }, 400, "malformed target\n"},
       {"service not offered", [](HttpRequest& r) { r.target = "scanjs"; }, 404, "service not offered\n"},
   };
   const std::string before = broker_metrics_render();
@@ -146,45 +142,30 @@ TEST_F(HttpDoorTest, EveryRowOfTheStatusTableAndTheFieldCaps) {
   EXPECT_EQ(metric_delta(before, after, R"(qm_av_broker_auth_request_duration_seconds_count{source="http"})"), checked);
 }
 
-TEST_F(HttpDoorTest, LocalUsersNeedNoNatsRemoteOnesAreCached) {
-  open();
-  EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
-  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
-  EXPECT_EQ(status_of("", kLocalPassword), 401);
-  const std::vector<std::string> seen = verify_.requests();
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0], R"({"user":"verify-user","password":"verify-secret","method":"basic"})");
-  EXPECT_EQ(cached(kLocal, kLocalPassword), GW_AUTH_CACHE_MISS);
-  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
-  EXPECT_LOGGED(log_, "auth GRANT user=verify-user via=nats backend=test");
-  EXPECT_LOGGED(log_, "authenticate() called with empty credentials");
-}
-
 TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
   open();
   ASSERT_EQ(status_of(kRemote, kRemotePassword), 200);
   s_now_ms += 61000;  // past half of the 120 s grant
-  verify_.hold();  // the refresh waits; the callers must not
+  verify_->hold();  // the refresh waits; the callers must not
   std::vector<std::future<long>> callers;
   for (int i = 0; i < 6; ++i) callers.push_back(std::async(std::launch::async, [&] { return status_of(kRemote, kRemotePassword); }));
   for (auto& caller : callers) EXPECT_EQ(caller.get(), 200);
-  ASSERT_TRUE(wait_until([&] { return verify_.requests().size() == 2; }, 10s));
-  EXPECT_EQ(json_member(verify_.requests().at(1), "revalidate"), "true");
-  verify_.release();
+  ASSERT_TRUE(wait_until([&] { return verify_->requests().size() == 2; }, 10s));
+  EXPECT_EQ(json_member(verify_->requests().at(1), "revalidate"), "true");
+  verify_->release();
   EXPECT_TRUE(log_.wait_for("refresh GRANTED user=verify-user", 10s)) << log_.text();
   EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
-  EXPECT_EQ(log_.count("refresh dispatched"), 1u);
-  EXPECT_EQ(verify_.requests().size(), 2u);
+  EXPECT_EQ(verify_->requests().size(), 2u);
 
   // A stop while a refresh waits for its verify returns only once the refresh has ended:
   // nothing it uses may go before it.
   s_now_ms += 61000;
-  verify_.hold();
+  verify_->hold();
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
-  ASSERT_TRUE(wait_until([&] { return verify_.requests().size() == 3; }, 10s));
+  ASSERT_TRUE(wait_until([&] { return verify_->requests().size() == 3; }, 10s));
   auto answer_late = std::async(std::launch::async, [&] {
     const bool stop_waited = log_.wait_for("http_frontend: stop waits for 1 background refresh(es)", 10s);
-    verify_.release();
+    verify_->release();
     return stop_waited;
   });
   gw_http_frontend_stop(door_->frontend());
@@ -193,11 +174,22 @@ TEST_F(HttpDoorTest, StaleGrantIsServedAtOnceWhileOneRefreshRuns) {
   EXPECT_EQ(gw_auth_cache_wait_inflight_drain(door_->cache(), 0), 0);
 }
 
+// Local users need no NATS; the others are verified there once and then cached.
 TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
   open();
-  verify_.script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"}, {"string-ok", R"({"ok":"true"})"},
-                 {"garbage", "not json"}, {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
-                 {"flaky", R"({"ok":true})"}, {"unknown-profile", R"({"ok":true,"profile":"nope"})"}});
+  EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);
+  EXPECT_EQ(status_of("", kLocalPassword), 401);
+  ASSERT_EQ(verify_->requests().size(), 1u);
+  EXPECT_EQ(verify_->requests()[0], R"({"user":"verify-user","password":"verify-secret","method":"basic"})");
+  EXPECT_EQ(cached(kLocal, kLocalPassword), GW_AUTH_CACHE_MISS);
+  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_GRANT);
+  gw_auth_cache_invalidate(door_->cache());  // the outage below finds nothing cached
+
+  verify_->script({{"granted", R"({"ok":true,"backend":"ldap"})"}, {"empty-object", "{}"},
+                  {"string-ok", R"({"ok":"true"})"}, {"garbage", "not json"},
+                  {"refused", R"({"ok":false,"reason":"locked"})"}, {"blank", R"({"ok":true})"},
+                  {"flaky", R"({"ok":true})"}, {"unknown-profile", R"({"ok":true,"profile":"nope"})"}});
   struct {
     const char *user, *password;
     long status;
@@ -212,19 +204,21 @@ TEST_F(HttpDoorTest, OutageDeniesUncachedAndOnlyDeliberateRepliesAreCached) {
       {"blank", "", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=blank via=nats backend=(unknown)"},
       {"flaky", "pw", 200, GW_AUTH_CACHE_GRANT, "auth GRANT user=flaky"},
       {"unknown-profile", "pw", 401, GW_AUTH_CACHE_MISS, "(grant names profile 'nope', which this broker does not know)"},
-      {kRemote, kRemotePassword, 401, GW_AUTH_CACHE_MISS,
-       "DENY user=verify-user via=nats (relay rc=-1, no reply — is authenticator running?)"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(status_of(row.user, row.password), row.status) << row.user;
     EXPECT_EQ(cached(row.user, row.password), row.cached) << row.user;
     EXPECT_LOGGED(log_, row.log) << row.user;
   }
-  verify_.script({});
+  verify_.reset();  // the authenticator is down: nobody answers at all
+  EXPECT_EQ(status_of(kRemote, kRemotePassword), 401);
+  EXPECT_EQ(cached(kRemote, kRemotePassword), GW_AUTH_CACHE_MISS);
+  EXPECT_LOGGED(log_, "DENY user=verify-user via=nats (relay rc=-1, no reply — is authenticator running?)");
+  verify_.emplace(verifier_.conn, user_list{{kRemote, kRemotePassword}});
   EXPECT_EQ(status_of(kRemote, kRemotePassword), 200);  // the outage left no refusal behind
   // In a refresh a refusal, and an unreadable reply too, revoke the grant; it is still
   // served once while the refresh learns the news.
-  verify_.script({{"granted", R"({"ok":false})"}, {"flaky", "<html>"}});
+  verify_->script({{"granted", R"({"ok":false})"}, {"flaky", "<html>"}});
   s_now_ms += 61000;
   for (const char* user : {"granted", "flaky"}) {
     EXPECT_EQ(status_of(user, "pw"), 200) << user;
@@ -276,7 +270,7 @@ TEST_F(HttpDoorTest, StartRefusals) {
 
 TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
   open();
-  auto slow = as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":1500})"}}; });
+  auto slow = as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":1000})"}}; });
   auto in_flight = std::async(std::launch::async, [&] { return http_send(slow); });
   ASSERT_TRUE(log_.wait_for("http_frontend: relay user=local-user", 10s));
   EXPECT_TRUE(gw_http_frontend_listening(door_->frontend()));
@@ -301,25 +295,28 @@ TEST_F(HttpDoorTest, QuiesceRefusesNewConnectionsAndAnswersTheOneInFlight) {
 // trickles its headers is never silent, and is closed at the header deadline instead.
 TEST_F(HttpDoorTest, SilenceAndSlowHeadersCloseAConnectionLongScansAreNotCut) {
   open([](gw_config_t& cfg) {
-    cfg.http_inactivity_timeout_seconds = 2;
-    cfg.http_header_timeout_ms = 3000;
+    cfg.http_inactivity_timeout_seconds = 1;
+    cfg.http_header_timeout_ms = 1200;
   });
   ASSERT_EQ(status_of(kLocal, kLocalPassword), 200);
   const int threads = thread_count();
   RawClient silent(door_->port());
   const auto started = std::chrono::steady_clock::now();  // before the door can have taken `slow`
   RawClient slow(door_->port());
-  const std::string head = "POST /vsi HTTP/1.1\r\nX-Pad: " + std::string(200, 'p');
+  // 32 bytes take 8 s at its pace: more than the deadline set here, less than the default.
+  const std::string head = "POST /vsi HTTP/1.1\r\nX-Pad: " + std::string(5, 'p');
   for (size_t i = 0; i < head.size() && !slow.closed() && slow.send(head.substr(i, 1)); ++i) {
     EXPECT_EQ(status_of(kLocal, kLocalPassword), 200);  // everyone else is served meanwhile
-    slow.read(500ms);  // the client's pace: a byte every half second, unless the door closes first
+    slow.read(250ms);  // the client's pace: a byte every quarter second, unless the door closes first
   }
   EXPECT_TRUE(slow.closed());
-  EXPECT_GE(std::chrono::steady_clock::now() - started, 3000ms);
-  EXPECT_TRUE(log_.contains("closing a connection whose request headers were not complete within 3000 ms"));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 1200ms);
+  EXPECT_TRUE(log_.contains("closing a connection whose request headers were not complete within 1200 ms"));
   silent.read(15s);
   EXPECT_TRUE(silent.closed());
-  EXPECT_EQ(http_send(as(kLocal, kLocalPassword, [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":3000})"}}; })).status, 200);
+  // A scan outlasting both limits is not cut.
+  const auto long_scan = [](HttpRequest& r) { r.fields = {{"request", R"({"delay_ms":2000})"}}; };
+  EXPECT_EQ(http_send(as(kLocal, kLocalPassword, long_scan)).status, 200);
   EXPECT_TRUE(wait_until([&] { return thread_count() <= threads; }, 10s)) << thread_count() << " > " << threads;
 }
 
@@ -356,7 +353,7 @@ TEST_F(HttpDoorTest, BudgetRefusesWith503WhileTheUploadsInFlightComplete) {
   open([&](gw_config_t& cfg) { cfg.inflight_budget = budget.get(); });
   const std::string payload = test_payload(1048576);
   const HttpRequest slow = as(kLocal, kLocalPassword, [&](HttpRequest& r) {
-    r.fields = {{"request", R"({"delay_ms":3000})"}, {"payload", payload}};
+    r.fields = {{"request", R"({"delay_ms":2500})"}, {"payload", payload}};
   });
   auto first = std::async(std::launch::async, [&] { return http_send(slow); });
   auto second = std::async(std::launch::async, [&] { return http_send(slow); });
@@ -365,7 +362,6 @@ TEST_F(HttpDoorTest, BudgetRefusesWith503WhileTheUploadsInFlightComplete) {
   EXPECT_EQ(refused.status, 503);
   EXPECT_EQ(refused.body, "busy, retry later\n");
   EXPECT_EQ(refused.retry_after, "1");
-  EXPECT_TRUE(log_.contains("in-flight payload budget spent"));
   for (auto* upload : {&first, &second}) {
     const HttpResponse done = upload->get();
     EXPECT_EQ(done.status, 200);
@@ -381,27 +377,17 @@ TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
   open([](gw_config_t& cfg) { cfg.max_msg_size_bytes = kCap; });
   ASSERT_EQ(status_of(kLocal, kLocalPassword), 200);
   const int threads = thread_count();
-  auto raw = [](const std::string& body, const std::string& boundary) {
-    return "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\nAuthorization: Basic "
-           "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQ=\r\nContent-Type: multipart/form-data; boundary=" + boundary +
-           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  const std::string basic = "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQ=";  // local-user:local-secret
+  auto raw = [&](const std::string& body, const std::string& boundary, const std::string& credentials = "") {
+    const std::string length = "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    return multipart_headers(credentials.empty() ? basic : credentials, boundary, length) + body;
   };
   auto part = [](const std::string& boundary, const char* name, const std::string& value) {
     return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
   };
   const std::string b70(70, 'b');
   // "local-user:local-secret\0junk": cut at the NUL, the password would be right.
-  std::string with_nul_in_password = raw(part("QmB", "request", "{}") + "--QmB--\r\n", "QmB");
-  with_nul_in_password.replace(with_nul_in_password.find("bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQ="), 32,
-                               "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQAanVuaw==");
-  // Headers of an authenticated multipart request with one more header, and no body.
-  auto with_header = [](const std::string& header) {
-    return "POST /vsi HTTP/1.1\r\nHost: x\r\nX-Target-Service: scan\r\nAuthorization: Basic "
-           "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQ=\r\nContent-Type: multipart/form-data; boundary=QmB\r\n" + header +
-           "\r\n\r\n";
-  };
-  std::string tiny_parts;
-  for (int i = 0; i < 10000; ++i) tiny_parts += part("QmB", "p", "x");
+  const std::string nul_in_password = "bG9jYWwtdXNlcjpsb2NhbC1zZWNyZXQAanVuaw==";
   struct {
     const char* what;
     std::string bytes;
@@ -409,18 +395,23 @@ TEST_F(HttpDoorTest, BadInputIsAnsweredOrClosedAndLeavesNothingBehind) {
   } const rows[] = {
       {"body ends inside a part", raw(part("QmB", "request", "{}").substr(0, 60), "QmB"), "HTTP/1.1 400"},
       {"70-character boundary", raw(part(b70, "request", "{}") + "--" + b70 + "--\r\n", b70), "HTTP/1.1 200"},
-      {"10,000 tiny parts", raw(tiny_parts + "--QmB--\r\n", "QmB"), "HTTP/1.1 400"},
       {"binary garbage as multipart", raw(test_payload(100000), "QmB"), "HTTP/1.1 400"},
       {"64 KiB header block", "POST /vsi HTTP/1.1\r\nX-Big: " + std::string(65536, 'h') + "\r\n\r\n", "HTTP/1.1 4"},
       {"binary garbage instead of HTTP", test_payload(4096), ""},
-      {"a NUL byte after the right password", with_nul_in_password, "HTTP/1.1 401"},
+      {"a NUL byte after the right password", raw(part("QmB", "request", "{}") + "--QmB--\r\n", "QmB", nul_in_password),
+       "HTTP/1.1 401"},
       // libmicrohttpd's parser finds no part behind a one-character boundary: said so.
       {"payload over the cap, two chunks staged by then",
        raw(part("QmB", "request", "{}") + part("QmB", "payload", test_payload(kCap + kCap / 2)) + "--QmB--\r\n", "QmB"),
        "HTTP/1.1 413"},
       {"one-character boundary", raw(part("Q", "request", "{}") + "--Q--\r\n", "Q"), "HTTP/1.1 400"},
-      {"Content-Length 2^63", with_header("Content-Length: 9223372036854775808"), "HTTP/1.1 413"},
-      {"Transfer-Encoding gzip, chunked", with_header("Transfer-Encoding: gzip, chunked"), "HTTP/1.1 501"},
+      // Headers alone
+      {"Content-Length 2^63", multipart_headers(basic, "QmB", "Content-Length: 9223372036854775808\r\n"),
+       "HTTP/1.1 413"},
+      {"Content-Length 2^63, no credentials: credentials first",
+       multipart_headers("", "QmB", "Content-Length: 9223372036854775808\r\n"), "HTTP/1.1 401"},
+      {"Transfer-Encoding gzip, chunked", multipart_headers(basic, "QmB", "Transfer-Encoding: gzip, chunked\r\n"),
+       "HTTP/1.1 501"},
   };
   RawClient(door_->port()).send(raw(part("QmB", "request", "{}"), "QmB").substr(0, 200));  // then gone
   {  // gone in the middle of the payload's second chunk, the first one staged

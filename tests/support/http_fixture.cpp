@@ -1,5 +1,7 @@
 #include "http_fixture.hpp"
 
+#include "amqp_fixture.hpp"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -8,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace qmtest {
@@ -125,16 +128,21 @@ std::string RawPost::body() const {
   return at == std::string::npos ? "" : text.substr(at + 4);
 }
 
+std::string multipart_headers(const std::string& basic, const std::string& boundary, const std::string& extra) {
+  std::string headers = "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\n"
+                        "Content-Type: multipart/form-data; boundary=" + boundary + "\r\n";
+  if (!basic.empty()) headers += "Authorization: Basic " + basic + "\r\n";
+  return headers + extra + "\r\n";
+}
+
 RawPost raw_multipart_post(int port, const std::string& basic, const std::string& payload) {
   const std::string head = "--QmB\r\nContent-Disposition: form-data; name=\"request\"\r\n\r\n{\"scan\":1}\r\n"
                            "--QmB\r\nContent-Disposition: form-data; name=\"payload\"; filename=\"f\"\r\n\r\n";
   const std::string tail = "\r\n--QmB--\r\n";
-  std::string headers = "POST /vsi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Target-Service: scan\r\n"
-                        "Content-Type: multipart/form-data; boundary=QmB\r\nContent-Length: " +
-                        std::to_string(head.size() + payload.size() + tail.size()) + "\r\n";
-  if (!basic.empty()) headers += "Authorization: Basic " + basic + "\r\n";
+  const size_t length = head.size() + payload.size() + tail.size();
   RawClient client(port);
-  if (client.send(headers + "\r\n" + head) && client.send(payload)) client.send(tail);
+  const std::string headers = multipart_headers(basic, "QmB", "Content-Length: " + std::to_string(length) + "\r\n");
+  if (client.send(headers + head) && client.send(payload)) client.send(tail);
   RawPost answer;
   answer.text = client.read(60s);
   answer.closed = client.closed();
@@ -173,10 +181,24 @@ HttpRequest HttpDoor::request(const std::string& user, const std::string& passwo
   return request;
 }
 
+int broker_http_port(AmqpEnv& env) {
+  const std::string listening = "HTTP frontend started on 0.0.0.0:";
+  if (!env.wait_for_log(listening)) throw std::runtime_error("no HTTP door:\n" + env.broker_log());
+  const std::string log = env.broker_log();
+  return atoi(log.c_str() + log.find(listening) + listening.size());
+}
+
 int thread_count() {
   int n = 0;
   for ([[maybe_unused]] const auto& task : std::filesystem::directory_iterator("/proc/self/task")) ++n;
   return n;
+}
+
+long proc_status_kib(pid_t pid, const std::string& field) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind(field + ":", 0) == 0) return atol(line.c_str() + field.size() + 1);
+  return -1;
 }
 
 }  // namespace qmtest

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
@@ -21,6 +22,8 @@
 #include "scan_fixture.hpp"
 
 namespace qmtest {
+
+class AmqpEnv;
 
 // ---- clients ----
 
@@ -84,6 +87,11 @@ struct RawPost {
   std::string body() const;
 };
 
+// The header block of a multipart POST to "scan" on /vsi that closes the connection after
+// its answer: Basic credentials (Base64 of "user:password") unless `basic` is empty, the
+// boundary, then the `extra` header lines (each ending in CRLF).
+std::string multipart_headers(const std::string& basic, const std::string& boundary, const std::string& extra);
+
 // A multipart scan ({"scan":1} and `payload`) to "scan" on 127.0.0.1:port/vsi, written
 // straight to the socket so that no copy of the payload is made, with Basic credentials
 // (Base64 of "user:password") unless `basic` is empty. A server that answers early and
@@ -121,7 +129,13 @@ class HttpDoor {
   qm::c_ptr<gw_http_frontend_t, gw_http_frontend_destroy> fe_;
 };
 
+// The port of the HTTP door that the broker of `env` (started with "--http-listen-port 0")
+// names in its start-up line; throws when the door does not open.
+int broker_http_port(AmqpEnv& env);
+
 // Threads of this process.
 int thread_count();
+// A field of a process's /proc status in KiB ("VmRSS", "VmHWM"); -1 when there is none.
+long proc_status_kib(pid_t pid, const std::string& field);
 
 }  // namespace qmtest

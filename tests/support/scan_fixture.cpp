@@ -19,10 +19,15 @@ using namespace std::chrono_literals;
 
 std::string scan_worker_binary() { return QM_SCAN_WORKER_BINARY; }
 
-std::string fleet_account_config() {
+namespace {
+
+// Every connection without credentials goes into the fleet account QM_FLEET as the gateway user.
+std::string s_fleet_account_config() {
   return "accounts {\n  QM_FLEET {\n    jetstream: enabled\n    users: [ { user: \"qm-gateway\", password: "
          "\"gateway-secret\" } ]\n  }\n}\nno_auth_user: \"qm-gateway\"\n";
 }
+
+}  // namespace
 
 ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool work_queue, int tracelevel,
                        const std::string& user, const std::string& password) {
@@ -36,7 +41,8 @@ ScanWorker::ScanWorker(const std::string& url, const std::string& service, bool 
   if (!up || !child_->running()) throw std::runtime_error("scan worker did not come up:\n" + log());
 }
 
-ScanEnv::ScanEnv(ScanEnvOptions options) : work_services_(options.work_services) {
+ScanEnv::ScanEnv(ScanEnvOptions options)
+    : work_services_(options.work_services), server_(NatsServerOptions{true, s_fleet_account_config(), 0}) {
   broker_workqueue_opts wq;
   wq.work_services = work_services_.c_str();
   wq.ackwait_ns = static_cast<int64_t>(options.ackwait_ms) * 1000000;
@@ -125,6 +131,8 @@ json_object* s_config_of(json_object* doc) {
 
 }  // namespace
 
+// Through the JetStream API as JSON: the client library's configuration would drop the
+// fields it does not know (such as the per-message TTL switch), and the update would fail.
 bool ScanEnv::update_stream_field(const std::string& stream, const std::string& field, const std::string& json_value) {
   qm::json_ptr info(json_tokener_parse(js_api("$JS.API.STREAM.INFO." + stream).c_str()));
   json_object* config = s_config_of(info.get());
@@ -132,6 +140,26 @@ bool ScanEnv::update_stream_field(const std::string& stream, const std::string& 
   json_object_object_add(config, field.c_str(), json_tokener_parse(json_value.c_str()));
   qm::json_ptr reply(json_tokener_parse(js_api("$JS.API.STREAM.UPDATE." + stream, json_object_to_json_string(config)).c_str()));
   return s_config_of(reply.get()) != nullptr;
+}
+
+Responder::Responder(natsConnection* nc, const char* subject, std::function<std::string()> answer)
+    : answer_(std::move(answer)) {
+  natsSubscription* raw = nullptr;
+  const natsStatus subscribed = natsConnection_Subscribe(&raw, nc, subject, s_on_request, this);
+  sub_.reset(raw);
+  if (subscribed != NATS_OK || natsConnection_Flush(nc) != NATS_OK)
+    throw std::runtime_error(std::string("cannot answer ") + subject);
+}
+
+// A handler still running would touch a destroyed responder: drain before going.
+Responder::~Responder() {
+  if (natsSubscription_Drain(sub_.get()) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub_.get(), 5000);
+}
+
+void Responder::s_on_request(natsConnection* nc, natsSubscription*, natsMsg* msg, void* self) {
+  qm::nats_msg_ptr owned(msg);
+  const std::string answer = static_cast<Responder*>(self)->answer_();
+  natsConnection_Publish(nc, natsMsg_GetReply(msg), answer.data(), static_cast<int>(answer.size()));
 }
 
 RelayReply relay_request(gw_nats_relay_t* relay, const std::string& subject, const std::string& request_json,

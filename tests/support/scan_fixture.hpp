@@ -22,10 +22,6 @@ namespace qmtest {
 // The demo worker binary built with the tests.
 std::string scan_worker_binary();
 
-// nats-server configuration that puts every connection without credentials into the
-// fleet account QM_FLEET as the gateway user.
-std::string fleet_account_config();
-
 struct ScanEnvOptions {
   // Provisioned as JetStream work queues, as --js-work-services would.
   std::string work_services;
@@ -86,7 +82,7 @@ class ScanEnv {
   std::string work_services_;
   // The fleet's side of the packaged account layout: every connection of the test is the
   // gateway user in the fleet account, where the buckets and work queues live.
-  NatsServer server_{NatsServerOptions{true, fleet_account_config(), 0}};
+  NatsServer server_;
   qm::nats_connection_ptr nc_;
   qm::js_ctx_ptr js_;
   qm::kv_store_ptr kv_;
@@ -97,6 +93,21 @@ class ScanEnv {
 // Keys in "qm-av-scan-data" (deleted ones excluded) seen through `nc`, sorted;
 // {"<no listing>"} when the server did not answer in time.
 std::vector<std::string> scan_data_keys(natsConnection* nc);
+
+// Answers every request on `subject` with what `answer` returns (an empty message for ""),
+// for replies the demo worker never gives. Stops answering with the object.
+class Responder {
+ public:
+  Responder(natsConnection* nc, const char* subject, std::function<std::string()> answer);
+  ~Responder();
+  Responder(const Responder&) = delete;
+  Responder& operator=(const Responder&) = delete;
+
+ private:
+  static void s_on_request(natsConnection* nc, natsSubscription* sub, natsMsg* msg, void* self);
+  std::function<std::string()> answer_;
+  qm::nats_subscription_ptr sub_;
+};
 
 // One gw_nats_relay_request and what it gave back.
 struct RelayReply {
