@@ -761,31 +761,27 @@ void s_accept(gw_amqp_acceptor& acc, pn_listener_t* listener) {
     s_close_transport(transport);
     return;
   }
-  auto* ctx = new (std::nothrow) conn_context_t;
-  gw_relay_conn_handle_t* handle = ctx != nullptr ? gw_relay_conn_handle_new(conn) : nullptr;
-  if (handle == nullptr) {
-    delete ctx;
-    log_error("amqp_acceptor: out of memory accepting connection");
-    s_close_transport(transport);
-    return;
-  }
-  ctx->acc = &acc;
-  ctx->relay_handle = handle;
-  ctx->serial = ++acc.next_serial;
-  ctx->handshake_deadline = steady_clock::now() + std::chrono::milliseconds(acc.handshake_timeout_ms);
+  std::unique_ptr<conn_context_t> ctx;
   try {
+    ctx = std::make_unique<conn_context_t>();
+    ctx->relay_handle = gw_relay_conn_handle_new(conn);
+    if (ctx->relay_handle == nullptr) throw std::bad_alloc();
+    ctx->acc = &acc;
+    ctx->serial = ++acc.next_serial;
+    ctx->handshake_deadline = steady_clock::now() + std::chrono::milliseconds(acc.handshake_timeout_ms);
     acc.live.emplace(ctx->serial, conn);
     acc.handshake_deadlines.emplace_back(ctx->handshake_deadline, ctx->serial);
   } catch (const std::bad_alloc&) {
-    acc.live.erase(ctx->serial);
-    gw_relay_conn_handle_release(handle);
-    delete ctx;
+    if (ctx) {
+      acc.live.erase(ctx->serial);
+      gw_relay_conn_handle_release(ctx->relay_handle);
+    }
     log_error("amqp_acceptor: out of memory accepting connection");
     s_close_transport(transport);
     return;
   }
   s_arm_handshake_timer(acc);
-  pn_connection_set_context(conn, ctx);
+  pn_connection_set_context(conn, ctx.release());
   log_trace("amqp_acceptor: new inbound connection accepted");
 }
 
@@ -918,7 +914,7 @@ void s_on_transport_closed(gw_amqp_acceptor& acc, pn_event_t* e) {
   gw_relay_conn_handle_release(ctx->relay_handle);
   acc.inflight -= ctx->inflight;  // no reply is owed to a closed connection
   pn_connection_set_context(conn, nullptr);
-  delete ctx;
+  std::unique_ptr<conn_context_t> owned(ctx);
 }
 
 void s_on_link_remote_open(conn_context_t* ctx, pn_link_t* link) {

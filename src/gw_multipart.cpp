@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "log.hpp"
@@ -93,14 +94,17 @@ bool s_is_json_object(const char* text, size_t len) {
 }  // namespace
 
 gw_multipart_t* gw_multipart_create(size_t request_cap_bytes, size_t payload_cap_bytes) {
-  auto* parts = new (std::nothrow) gw_multipart;
-  if (parts == nullptr) return nullptr;
-  parts->request_cap_bytes = request_cap_bytes;
-  parts->payload_cap_bytes = payload_cap_bytes;
-  return parts;
+  try {
+    auto parts = std::make_unique<gw_multipart>();
+    parts->request_cap_bytes = request_cap_bytes;
+    parts->payload_cap_bytes = payload_cap_bytes;
+    return parts.release();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
-void gw_multipart_destroy(gw_multipart_t* parts) { delete parts; }
+void gw_multipart_destroy(gw_multipart_t* parts) { std::unique_ptr<gw_multipart> owned(parts); }
 
 bool gw_multipart_feed(gw_multipart_t* parts, const char* name, uint64_t offset, const char* data, size_t size) {
   if (parts == nullptr) return false;
